@@ -1,0 +1,152 @@
+#include "framework/Allocation.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <new>
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define KIV_SYSTEM_ALLOCATOR 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define KIV_SYSTEM_ALLOCATOR 1
+#endif
+#endif
+#ifndef KIV_SYSTEM_ALLOCATOR
+#define KIV_SYSTEM_ALLOCATOR 0
+#endif
+
+namespace Kiv {
+
+bool enableThreadSafePointers = false;
+
+namespace {
+
+constexpr std::size_t kGranule = 16;
+constexpr std::size_t kLargest = 512;
+constexpr std::size_t kBlockSize = 256 * 1024;
+
+struct FreeCell {
+  FreeCell* next;
+};
+
+// The free lists by size class, and the block that is being cut up.
+struct Pool {
+  std::array<FreeCell*, kLargest / kGranule + 1> free{};
+  char* cut = nullptr;
+  char* end = nullptr;
+};
+
+constinit Pool pool;
+constinit std::atomic_flag poolBusy = ATOMIC_FLAG_INIT;
+constinit std::atomic<AllocTrackTypeInfo*> listedTypes{nullptr};
+
+// Holds the pool against other threads, where there are any.
+class PoolLock {
+ public:
+  PoolLock() : locked_(enableThreadSafePointers) {
+    if (!locked_) return;
+    while (poolBusy.test_and_set(std::memory_order_acquire)) {
+      while (poolBusy.test(std::memory_order_relaxed)) {
+      }
+    }
+  }
+  ~PoolLock() {
+    if (locked_) poolBusy.clear(std::memory_order_release);
+  }
+  PoolLock(const PoolLock&) = delete;
+  PoolLock& operator=(const PoolLock&) = delete;
+
+ private:
+  bool locked_;
+};
+
+constexpr std::size_t sizeClass(std::size_t size) {
+  return (size + kGranule - 1) / kGranule;
+}
+
+// Cuts a cell from the current block, or from a new one. The tail of a block that is too short for
+// this class serves as cells of its own class.
+void* cutCell(std::size_t index) {
+  const std::size_t bytes = index * kGranule;
+  if (static_cast<std::size_t>(pool.end - pool.cut) < bytes) {
+    char* block = static_cast<char*>(std::malloc(kBlockSize));
+    if (block == nullptr) return nullptr;
+    if (const std::size_t rest = static_cast<std::size_t>(pool.end - pool.cut); rest >= kGranule) {
+      auto* cell = reinterpret_cast<FreeCell*>(pool.cut);
+      cell->next = pool.free[rest / kGranule];
+      pool.free[rest / kGranule] = cell;
+    }
+    pool.cut = block;
+    pool.end = block + kBlockSize;
+  }
+  void* cell = pool.cut;
+  pool.cut += bytes;
+  return cell;
+}
+
+void add(std::atomic<U64>& counter, U64 amount) noexcept {
+  if (enableThreadSafePointers) {
+    counter.fetch_add(amount, std::memory_order_relaxed);
+  } else {
+    counter.store(counter.load(std::memory_order_relaxed) + amount, std::memory_order_relaxed);
+  }
+}
+
+}  // namespace
+
+void* kivMemAllocOrNull(std::size_t size) noexcept {
+  if (KIV_SYSTEM_ALLOCATOR || size > kLargest || size == 0) return std::malloc(size);
+  const std::size_t index = sizeClass(size);
+  const PoolLock lock;
+  if (FreeCell* cell = pool.free[index]) {
+    pool.free[index] = cell->next;
+    return cell;
+  }
+  return cutCell(index);
+}
+
+void* kivMemAlloc(std::size_t size) {
+  void* memory = kivMemAllocOrNull(size);
+  if (memory == nullptr) throw std::bad_alloc();
+  return memory;
+}
+
+void kivMemFree(void* memory, std::size_t size) noexcept {
+  if (KIV_SYSTEM_ALLOCATOR || size > kLargest || size == 0 || memory == nullptr) {
+    std::free(memory);
+    return;
+  }
+  const std::size_t index = sizeClass(size);
+  const PoolLock lock;
+  auto* cell = static_cast<FreeCell*>(memory);
+  cell->next = pool.free[index];
+  pool.free[index] = cell;
+}
+
+void AllocTrackTypeInfo::trackAllocation(AllocTrackTypeInfo& type, std::size_t size) noexcept {
+  add(type.liveCount_, 1);
+  add(type.liveBytes_, size);
+  if (type.listed_.load(std::memory_order_relaxed)) return;
+  if (type.listed_.exchange(true)) return;
+  type.next_ = listedTypes.load();
+  while (!listedTypes.compare_exchange_weak(type.next_, &type)) {
+  }
+}
+
+void AllocTrackTypeInfo::trackDeallocation(AllocTrackTypeInfo& type, std::size_t size) noexcept {
+  add(type.liveCount_, ~U64{0});
+  add(type.liveBytes_, ~static_cast<U64>(size) + 1);
+}
+
+std::vector<AllocTrackRecord> AllocTrackTypeInfo::report() {
+  std::vector<AllocTrackRecord> records;
+  for (const AllocTrackTypeInfo* type = listedTypes.load(); type != nullptr; type = type->next_) {
+    records.push_back({type->typeName(), type->liveCount(), type->liveBytes()});
+  }
+  std::sort(records.begin(), records.end(),
+            [](const auto& a, const auto& b) { return a.typeName < b.typeName; });
+  return records;
+}
+
+}  // namespace Kiv

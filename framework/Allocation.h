@@ -1,0 +1,67 @@
+// Memory of the framework's objects, and the tracker that says what is alive.
+//
+// kivMemAlloc() serves small sizes from free lists, one for each size class, that are fed by large
+// blocks; other sizes go to the system. In a sanitizer build everything goes to the system, so that
+// misuse is seen. Blocks are kept for the life of the process.
+//
+// Threads: any, once enableThreadSafePointers is set; else the activity thread only. The counters
+// of the tracker may be read on any thread at any time.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <string_view>
+#include <vector>
+
+#include "framework/Integers.h"
+
+namespace Kiv {
+
+// Whether reference counts, the allocator and its tracker are safe to use from several threads at
+// once. Process-wide; set it before a second thread touches an object, and leave it.
+extern bool enableThreadSafePointers;
+
+// Returns `size` bytes, aligned for any object. Throws std::bad_alloc when there is no memory.
+[[nodiscard]] void* kivMemAlloc(std::size_t size);
+
+// As kivMemAlloc(), but returns null when there is no memory.
+[[nodiscard]] void* kivMemAllocOrNull(std::size_t size) noexcept;
+
+// Gives back what kivMemAlloc(size) returned; `size` must be the same.
+void kivMemFree(void* memory, std::size_t size) noexcept;
+
+// What the tracker knows about one type of object.
+struct AllocTrackRecord {
+  std::string_view typeName;
+  U64 liveCount;  // objects alive now
+  U64 liveBytes;  // their own size, without what they hold elsewhere
+};
+
+// The live count and bytes of one type. One for each type, of static storage; a type is listed from
+// its first allocation on.
+class AllocTrackTypeInfo {
+ public:
+  constexpr explicit AllocTrackTypeInfo(std::string_view typeName) : typeName_(typeName) {}
+  AllocTrackTypeInfo(const AllocTrackTypeInfo&) = delete;
+  AllocTrackTypeInfo& operator=(const AllocTrackTypeInfo&) = delete;
+
+  // Accounts for one object of this type that came, or went, with its size in bytes.
+  static void trackAllocation(AllocTrackTypeInfo& type, std::size_t size) noexcept;
+  static void trackDeallocation(AllocTrackTypeInfo& type, std::size_t size) noexcept;
+
+  // Every type that was ever allocated, sorted by name.
+  static std::vector<AllocTrackRecord> report();
+
+  std::string_view typeName() const { return typeName_; }
+  U64 liveCount() const { return liveCount_.load(std::memory_order_relaxed); }
+  U64 liveBytes() const { return liveBytes_.load(std::memory_order_relaxed); }
+
+ private:
+  std::string_view typeName_;
+  std::atomic<U64> liveCount_{0};
+  std::atomic<U64> liveBytes_{0};
+  std::atomic<bool> listed_{false};
+  AllocTrackTypeInfo* next_ = nullptr;
+};
+
+}  // namespace Kiv

@@ -1,0 +1,14 @@
+// Assertions: broken invariants that stop the process, in every build type.
+#pragma once
+
+namespace Kiv {
+
+// Prints the assertion's text, the source unit and the function to standard error, and aborts.
+[[noreturn]] void assertionFailed(const char* text, const char* file,
+                                  const char* function) noexcept;
+
+}  // namespace Kiv
+
+// Stops the process unless `condition` holds. `file` and `function` say where, as text.
+#define KIV_ASSERT(condition, file, function) \
+  (static_cast<bool>(condition) ? void() : ::Kiv::assertionFailed(#condition, file, function))

@@ -1,0 +1,29 @@
+#include "framework/Exceptions.h"
+
+#include <sstream>
+
+#include "framework/Type.h"
+
+namespace Kiv {
+
+void throwRangeException(const std::string& text) {
+  throw RangeException(text);
+}
+
+void throwNameInUseException(const std::string& text) {
+  throw NameInUseException(text);
+}
+
+std::string valueToStrepOfRawPtr(const void* pointer, const Type& type) {
+  std::ostringstream text;
+  text << type.name() << '(';
+  if (pointer == nullptr) {
+    text << "null";
+  } else {
+    text << pointer;
+  }
+  text << ')';
+  return std::move(text).str();
+}
+
+}  // namespace Kiv

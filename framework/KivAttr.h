@@ -1,0 +1,47 @@
+// Attribute descriptors: one table for each machine type says what its attributes are. Traces, the
+// fixed exception texts and tools are all fed from it.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <string_view>
+
+#include "framework/Integers.h"
+#include "framework/Trace.h"
+
+namespace Kiv {
+
+// One attribute of a machine.
+struct KivAttr {
+  U16 index;                   // as tools number it; 0 for the handler of a nested reactor
+  std::string_view name;       // "regionConfigSm"
+  std::string_view key;        // of a collection: the name of its key; else empty
+  std::string_view signature;  // of a handler: its full signature, as traces print it; else empty
+};
+
+// The attributes of one machine type, in the order of their declaration.
+template <std::size_t Count>
+struct KivAttrTable {
+  std::string_view machine;  // the machine's type name
+  std::string_view file;     // the source unit that its trace lines name
+  std::array<KivAttr, Count> attributes;
+
+  // The attribute with this name, or for a nested reactor's handler, this signature. A name that is
+  // not in the table does not compile.
+  consteval const KivAttr& operator[](std::string_view name) const {
+    for (const KivAttr& attribute : attributes) {
+      if (attribute.index != 0 ? attribute.name == name : attribute.signature == name) {
+        return attribute;
+      }
+    }
+    throw "no such attribute";
+  }
+
+  // Where the trace lines of a handler come from.
+  consteval TraceSource handler(std::string_view name) const {
+    const KivAttr& attribute = (*this)[name];
+    return {file, attribute.name, attribute.signature};
+  }
+};
+
+}  // namespace Kiv

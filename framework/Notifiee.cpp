@@ -1,0 +1,94 @@
+#include "framework/Notifiee.h"
+
+#include <string>
+
+#include "framework/Entity.h"
+
+namespace Kiv {
+namespace {
+
+// The innermost of the rounds under way, across all lists.
+constinit void* innermostRound = nullptr;
+
+}  // namespace
+
+NotifieeBase::NotifieeBase() = default;
+
+NotifieeBase::~NotifieeBase() {
+  isRegisteredNotifieeIs(false);
+}
+
+void NotifieeBase::notifierIs(const Ptr<const PtrInterface>& entity) {
+  if (entity && !(entity->fwkType() == kivNotifierType())) {
+    throwRangeException("a notifiee of " + std::string(kivNotifierType().name()) +
+                        " cannot observe a " + std::string(entity->fwkType().name()));
+  }
+  isRegisteredNotifieeIs(false);
+  notifier_ = Ptr<const EntityBase>(static_cast<const EntityBase*>(entity.get()));
+}
+
+void NotifieeBase::isRegisteredNotifieeIs(bool registered) {
+  if (registered == this->registered() || !notifier_) return;
+  NotifieeList& list = *notifier_->notifieeList();
+  if (registered) {
+    list.join(*this);
+  } else {
+    list.leave(*this);
+  }
+  registeredIs(registered);
+}
+
+void NotifieeList::join(NotifieeBase& notifiee) {
+  if (first_ == nullptr) {
+    first_ = notifiee.previous_ = notifiee.next_ = &notifiee;
+    return;
+  }
+  notifiee.next_ = first_;
+  notifiee.previous_ = first_->previous_;
+  notifiee.previous_->next_ = &notifiee;
+  first_->previous_ = &notifiee;
+}
+
+void NotifieeList::leave(NotifieeBase& notifiee) {
+  for (auto* round = static_cast<Round*>(innermostRound); round != nullptr;
+       round = round->outer()) {
+    round->leaves(*this, notifiee);
+  }
+  if (notifiee.next_ == &notifiee) {
+    first_ = nullptr;
+  } else {
+    notifiee.previous_->next_ = notifiee.next_;
+    notifiee.next_->previous_ = notifiee.previous_;
+    if (first_ == &notifiee) first_ = notifiee.next_;
+  }
+  notifiee.previous_ = notifiee.next_ = nullptr;
+}
+
+NotifieeList::Round::Round(NotifieeList& list)
+    : list_(list),
+      next_(list.first_),
+      last_(list.first_ == nullptr ? nullptr : list.first_->previous_),
+      outer_(static_cast<Round*>(innermostRound)) {
+  innermostRound = this;
+}
+
+NotifieeList::Round::~Round() {
+  innermostRound = outer_;
+}
+
+NotifieeBase* NotifieeList::Round::take() {
+  NotifieeBase* taken = next_;
+  if (taken != nullptr) next_ = taken == last_ ? nullptr : taken->next_;
+  return taken;
+}
+
+void NotifieeList::Round::leaves(const NotifieeList& list, const NotifieeBase& notifiee) {
+  if (&list != &list_ || next_ == nullptr) return;
+  if (next_ == &notifiee) {
+    next_ = next_ == last_ ? nullptr : notifiee.next_;
+  } else if (last_ == &notifiee) {
+    last_ = notifiee.previous_;
+  }
+}
+
+}  // namespace Kiv

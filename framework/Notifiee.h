@@ -1,0 +1,130 @@
+// Notifiees: the observers of entities, and the lists in which they stand.
+//
+// An entity's class declares a nested NotifieeConst with an empty virtual handler for each of its
+// notifications. An observer derives from it, overrides what it needs, connects to one entity with
+// notifierIs() and registers with isRegisteredNotifieeIs(true):
+//
+//   class Watcher final : public OpenStack::Region::NotifieeConst {
+//     void onSyncStatus() override { ... }
+//   };
+//   auto watcher = Kiv::make<Watcher>();
+//   watcher->notifierIs(region);
+//   watcher->isRegisteredNotifieeIs(true);
+//   watcher->hasNotificationActiveIs(true);
+//
+// A notifiee holds its entity; the entity does not hold its notifiees. Handlers named
+// on...kivImmediate run at once, inside the mutator; all others from the activity loop. A notifiee
+// that is not active, is a zombie or has gone is not called. Activity thread only.
+#pragma once
+
+#include "framework/HashMap.h"
+
+namespace Kiv {
+
+class EntityBase;
+
+// The base of every notifiee.
+class NotifieeBase : public Member {
+ public:
+  static constexpr std::string_view kTypeName = "Kiv::Notifiee";
+
+  // Connects to an entity of the observed type; null disconnects. Leaves the old entity's list;
+  // registering with the new one is a step of its own. Throws a range exception for an entity of
+  // another type.
+  virtual void notifierIs(const Ptr<const PtrInterface>& entity);
+
+  // Whether this notifiee stands in its entity's list. Without an entity it never does.
+  void isRegisteredNotifieeIs(bool registered);
+  bool isRegisteredNotifiee() const { return registered(); }
+
+  // Whether a change is to be told to this notifiee.
+  bool listens() const { return registered() && hasNotificationActive() && !markedForDeletion(); }
+
+  // The reactor that this notifiee is.
+  NotifieeBase* kivReactor() { return this; }
+
+  // A class of notifiee that wants a record of its own overrides this.
+  const Type& fwkType() const override { return typeRecord<NotifieeBase>; }
+
+ protected:
+  NotifieeBase();
+  ~NotifieeBase() override;
+
+  const EntityBase* notifierBase() const { return notifier_.get(); }
+
+ private:
+  friend class NotifieeList;
+
+  // The record of the entity type that this class of notifiee observes.
+  virtual const Type& kivNotifierType() const = 0;
+
+  Ptr<const EntityBase> notifier_;
+  NotifieeBase* previous_ = nullptr;  // in a ring with the other notifiees of the entity
+  NotifieeBase* next_ = nullptr;
+};
+
+// The notifiees of one entity. Tolerates, in the middle of a round, that a notifiee leaves (it is
+// not called any more) or joins (it is not called in this round).
+class NotifieeList {
+ public:
+  NotifieeList() = default;
+  NotifieeList(const NotifieeList&) = delete;
+  NotifieeList& operator=(const NotifieeList&) = delete;
+
+  bool empty() const { return first_ == nullptr; }
+
+  // Calls `call(notifiee)` for each that listens, in the order of their registration.
+  template <class Call>
+  void forEach(Call&& call) {
+    Round round(*this);
+    while (NotifieeBase* notifiee = round.take()) {
+      const Ptr<NotifieeBase> hold(notifiee);
+      if (notifiee->listens()) call(*notifiee);
+    }
+  }
+
+ private:
+  friend class NotifieeBase;
+
+  // One walk over a list. Those under way are known, so that leaving can correct them.
+  class Round {
+   public:
+    explicit Round(NotifieeList& list);
+    ~Round();
+    Round(const Round&) = delete;
+    Round& operator=(const Round&) = delete;
+    NotifieeBase* take();
+    void leaves(const NotifieeList& list, const NotifieeBase& notifiee);
+    Round* outer() const { return outer_; }
+
+   private:
+    NotifieeList& list_;
+    NotifieeBase* next_;  // to be called next; null at the end
+    NotifieeBase* last_;  // the last that was there when the round began
+    Round* outer_;
+  };
+
+  void join(NotifieeBase& notifiee);
+  void leave(NotifieeBase& notifiee);
+
+  NotifieeBase* first_ = nullptr;
+};
+
+// The typed part of a notifiee class: `class NotifieeConst : public Kiv::Notifiee<Region>`. Base is
+// the NotifieeConst of the entity's base class, where that has notifications of its own.
+template <class E, class Base = NotifieeBase>
+class Notifiee : public Base {
+ public:
+  using Notifier = E;
+
+  // The observed entity; null when not connected.
+  const E* notifier() const { return static_cast<const E*>(this->notifierBase()); }
+
+ protected:
+  Notifiee() = default;
+
+ private:
+  const Type& kivNotifierType() const override { return typeRecord<E>; }
+};
+
+}  // namespace Kiv

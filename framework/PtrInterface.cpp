@@ -1,0 +1,14 @@
+#include "framework/PtrInterface.h"
+
+namespace Kiv {
+
+void PtrInterface::free() const noexcept {
+  // A destructor may take and drop a Ptr to its own object; the bias keeps that from freeing twice.
+  constexpr U32 kDying = (kCountMask + 1) / 2;
+  word_.fetch_add(kDying, std::memory_order_relaxed);
+  const Type& type = fwkType();
+  delete this;
+  AllocTrackTypeInfo::trackDeallocation(type.allocations(), type.size());
+}
+
+}  // namespace Kiv

@@ -1,0 +1,96 @@
+// The base of every entity, machine and reactor: one word that holds the reference count and the
+// object's flags.
+//
+// Objects are made with Kiv::make<T>() and held by Kiv::Ptr<T>; the last Ptr that goes frees the
+// object. Counts may be raised and dropped on any thread while enableThreadSafePointers is set;
+// everything else belongs to the activity thread.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+
+#include "framework/Type.h"
+
+namespace Kiv {
+
+class NotifieeList;
+
+class PtrInterface {
+ public:
+  PtrInterface(const PtrInterface&) = delete;
+  PtrInterface& operator=(const PtrInterface&) = delete;
+
+  // Counting. The count starts at one, owned by whoever constructed the object.
+  void referencesInc() const noexcept {
+    if (enableThreadSafePointers) {
+      word_.fetch_add(1, std::memory_order_relaxed);
+    } else {
+      word_.store(word_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    }
+  }
+  // Drops one reference; frees the object when it was the last.
+  void referencesDec() const noexcept {
+    U32 before;
+    if (enableThreadSafePointers) {
+      before = word_.fetch_sub(1, std::memory_order_acq_rel);
+    } else {
+      before = word_.load(std::memory_order_relaxed);
+      word_.store(before - 1, std::memory_order_relaxed);
+    }
+    if ((before & kCountMask) == 1) free();
+  }
+  U32 references() const { return word_.load(std::memory_order_relaxed) & kCountMask; }
+
+  // Marked for deletion: a zombie. A zombie ignores every notification.
+  bool markedForDeletion() const { return flag(kMarkedForDeletion); }
+  void kivMarkedForDeletionIs(bool marked) { flagIs(kMarkedForDeletion, marked); }
+
+  // Whether notifications are delivered to this object, and to what it owns.
+  bool hasNotificationActive() const { return flag(kNotificationActive); }
+  virtual void hasNotificationActiveIs(bool active) { flagIs(kNotificationActive, active); }
+
+  // The record of the object's class.
+  virtual const Type& fwkType() const = 0;
+
+  // Who observes this object; null for what cannot be observed.
+  virtual NotifieeList* notifieeList() const { return nullptr; }
+
+  static void* operator new(std::size_t size) { return kivMemAlloc(size); }
+  static void operator delete(void* memory, std::size_t size) { kivMemFree(memory, size); }
+
+ protected:
+  PtrInterface() = default;
+  virtual ~PtrInterface() = default;
+
+  // Whether the object stands in its notifier's list; kept here because the word has room.
+  bool registered() const { return flag(kRegistered); }
+  void registeredIs(bool registered) { flagIs(kRegistered, registered); }
+
+  // Whether the object is a member of a keyed collection.
+  bool collected() const { return flag(kCollected); }
+  void collectedIs(bool collected) { flagIs(kCollected, collected); }
+
+ private:
+  static constexpr U32 kMarkedForDeletion = U32{1} << 31;
+  static constexpr U32 kRegistered = U32{1} << 30;
+  static constexpr U32 kNotificationActive = U32{1} << 29;
+  static constexpr U32 kCollected = U32{1} << 28;
+  static constexpr U32 kCountMask = kCollected - 1;
+
+  bool flag(U32 bit) const { return (word_.load(std::memory_order_relaxed) & bit) != 0; }
+  void flagIs(U32 bit, bool on) const {
+    if (!enableThreadSafePointers) {
+      const U32 word = word_.load(std::memory_order_relaxed);
+      word_.store(on ? word | bit : word & ~bit, std::memory_order_relaxed);
+    } else if (on) {
+      word_.fetch_or(bit, std::memory_order_relaxed);
+    } else {
+      word_.fetch_and(~bit, std::memory_order_relaxed);
+    }
+  }
+  void free() const noexcept;
+
+  mutable std::atomic<U32> word_{1};
+};
+
+}  // namespace Kiv

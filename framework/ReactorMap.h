@@ -1,0 +1,145 @@
+// Kiv::ReactorMap: a machine's collection of reactors that mirrors a collection of its input.
+//
+// The machine forwards to it by name (`segmentIs`, `segmentDel`, `segmentDelAll`) and passes
+// itself. Activity thread only.
+#pragma once
+
+#include <string>
+
+#include "framework/Attribute.h"
+#include "framework/Reactor.h"
+
+namespace Kiv {
+
+// The fixed text of the exception for a null argument to a collection's mutator. It closes with a
+// double-quote character, which readers of old logs search for.
+inline std::string nullArgumentText(std::string_view collection, std::string_view machine) {
+  return std::string("null _")
+      .append(collection)
+      .append(" parameter to mutator for ")
+      .append(machine)
+      .append("::")
+      .append(collection)
+      .append(" not allowed\"");
+}
+
+// R: the reactor. K: its key. A machine that has work to do for a key after each change of the
+// collection passes a hook; it runs after the member has come, and after it has gone.
+template <class R, class K>
+class ReactorMap : public HashMap<R, K, typename R::Entity> {
+  using Map = HashMap<R, K, typename R::Entity>;
+  using Machine = typename R::Machine;
+  using Entity = typename R::Entity;
+
+  struct NoHook {
+    void operator()(const K&) const {}
+  };
+
+ public:
+  ReactorMap() = default;
+  // Reactors may outlive the machine in the activity loop; they must not find it any more.
+  ~ReactorMap() { machineDel(); }
+
+  // Makes the reactor for this entity, or re-points the one with its key; returns it. `name` is the
+  // collection's. Does nothing when the reactor observes the entity already. Throws the range
+  // exception of nullArgumentText() for a null entity.
+  template <class Hook = NoHook>
+  Ptr<R> is(Machine& machine, std::string_view name, const Ptr<const Entity>& entity,
+            Hook hook = {}) {
+    if (!entity) throwRangeException(nullArgumentText(name, machine.fwkType().name()));
+    Ptr<R> reactor((*this)[entity->fwkKey()]);
+    if (!reactor) {
+      reactor = make<R>(entity, &machine);
+      reactor->hasNotificationActiveIs(true);
+      Map::newMember(reactor);
+    } else if (reactor->notifier() != entity.get()) {
+      reactor->notifierIs(entity);
+    } else {
+      return reactor;
+    }
+    inLineAt_ = kOutOfLine;
+    reactor->kivDoZombieReactors(machine.markedForDeletion());
+    hook(reactor->fwkKey());
+    return reactor;
+  }
+
+  // Puts in a reactor that was made by the caller, under a key that is free.
+  void insert(Machine& machine, const Ptr<R>& reactor) {
+    reactor->hasNotificationActiveIs(true);
+    Map::newMember(reactor);
+    reactor->kivDoZombieReactors(machine.markedForDeletion());
+  }
+
+  // Deletes the reactor with this key, and returns the entity that it observed; null when absent. A
+  // reactor with a cleanup runs it while it is still a member.
+  template <class Hook = NoHook>
+  Ptr<const Entity> del(const K& key, Hook hook = {}) {
+    const Ptr<R> reactor((*this)[key]);
+    if (!reactor) return nullptr;
+    const K gone = key;
+    inLineAt_ = kOutOfLine;
+    reactor->kivDoZombieReactors(true);
+    Map::deleteMember(gone);
+    hook(gone);
+    reactor->machineDel();
+    reactor->hasNotificationActiveIs(false);
+    return reactor->entity();
+  }
+
+  template <class Hook = NoHook>
+  void delAll(Hook hook = {}) {
+    for (const auto& reactor : std::as_const(*this)) del(K(reactor->fwkKey()), hook);
+  }
+
+  // Brings the collection in line with the input's: is() for every member that is there, del() for
+  // every reactor whose member is not. Called from the notification of a single change, when the
+  // two were in line before it, it looks at that member only.
+  template <class Input, class Hook = NoHook>
+  void resynchronise(Machine& machine, std::string_view name, const Input& input, Hook hook = {}) {
+    const ChangeUnderWay* change = ChangeUnderWay::innermost();
+    if (change != nullptr && change->collection == &input && inLineAt_ == change->before) {
+      resynchroniseOne(machine, name, input, *static_cast<const K*>(change->key), hook);
+    } else {
+      for (const auto& member : input) is(machine, name, member, hook);
+      for (const auto& reactor : std::as_const(*this)) {
+        const K key = reactor->fwkKey();
+        if (!input.contains(key)) del(key, hook);
+      }
+    }
+    inLineAt_ = input.changes();
+  }
+  template <class Input, class Hook = NoHook>
+  void resynchroniseOne(Machine& machine, std::string_view name, const Input& input, const K& key,
+                        Hook hook = {}) {
+    if (const auto* member = input[key]) {
+      is(machine, name, Ptr<const Entity>(member), hook);
+    } else {
+      del(key, hook);
+    }
+  }
+
+  // What the machine passes on to all that it owns.
+  void hasNotificationActiveIs(bool active) {
+    for (const auto& reactor : *this) reactor->hasNotificationActiveIs(active);
+  }
+  void kivDoZombieReactors(bool zombie) {
+    for (const auto& reactor : *this) reactor->kivDoZombieReactors(zombie);
+  }
+  void machineDel() {
+    for (const auto& reactor : *this) {
+      reactor->machineDel();
+      reactor->hasNotificationActiveIs(false);
+    }
+  }
+
+ private:
+  using Map::deleteMember;
+  using Map::emptyAllBuckets;
+  using Map::newMember;
+
+  static constexpr U32 kOutOfLine = ~U32{0};
+
+  U32 inLineAt_ = kOutOfLine;  // the input's changes() when the two were last brought in line
+};
+
+}  // namespace Kiv

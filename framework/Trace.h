@@ -1,0 +1,120 @@
+// Tracing: lines with a level, given to a sink that the host installs.
+//
+// A trace that is off costs one load and a branch, and evaluates none of its message:
+//
+//   TraceHelper::Storage storage;
+//   if (auto* helper = TraceHelper::createIfEnabled(_defaultTraceHandle(), 9, storage)) {
+//     const EnsureTraceHelperIsDestroyed ended(helper);
+//     helper->stream() << "what happened";
+//     helper->trace("File", __LINE__, "function");
+//   }
+//
+// Levels rise with detail: 0 what must not be, 9 the entry of every handler. Activity thread only.
+#pragma once
+
+#include <functional>
+#include <sstream>
+#include <string_view>
+
+namespace Kiv {
+
+// One trace line, borrowed for the call of the sink.
+struct TraceLine {
+  int level;
+  std::string_view file;
+  int line;
+  std::string_view function;
+  std::string_view text;
+};
+
+// What decides which lines are written, and where they go.
+class TraceHandle {
+ public:
+  using Sink = std::function<void(const TraceLine&)>;
+
+  // The highest level that is written; below zero (the default) nothing is.
+  int level() const { return level_; }
+  void levelIs(int level) { level_ = level; }
+  bool enabled(int level) const { return level <= level_; }
+
+  // Who gets the lines; without a sink they are dropped. A sink may not throw.
+  void sinkIs(Sink sink) { sink_ = std::move(sink); }
+  void write(const TraceLine& line) const {
+    if (sink_) sink_(line);
+  }
+
+ private:
+  int level_ = -1;
+  Sink sink_;
+};
+
+// The trace handle of the library: one for each process, made on first use.
+TraceHandle& _defaultTraceHandle();
+
+// One line in the making.
+class TraceHelper {
+ public:
+  // Room for a helper on the caller's stack.
+  struct Storage {
+    alignas(std::ostringstream) std::byte bytes[sizeof(std::ostringstream) + 2 * sizeof(void*)];
+  };
+
+  // A helper for a line of this level, or null where the level is off.
+  static TraceHelper* createIfEnabled(const TraceHandle& handle, int level, Storage& storage) {
+    return handle.enabled(level) ? create(handle, level, storage) : nullptr;
+  }
+
+  // The stream on which the message is built.
+  std::ostream& stream() { return stream_; }
+  // Gives the finished line to the handle's sink.
+  void trace(std::string_view file, int line, std::string_view function);
+
+ private:
+  friend class EnsureTraceHelperIsDestroyed;
+  TraceHelper(const TraceHandle& handle, int level) : handle_(handle), level_(level) {}
+  static TraceHelper* create(const TraceHandle& handle, int level, Storage& storage);
+
+  const TraceHandle& handle_;
+  int level_;
+  std::ostringstream stream_;
+};
+
+// Ends a helper with the scope.
+class EnsureTraceHelperIsDestroyed {
+ public:
+  explicit EnsureTraceHelperIsDestroyed(TraceHelper* helper) : helper_(helper) {}
+  ~EnsureTraceHelperIsDestroyed() {
+    if (helper_ != nullptr) helper_->~TraceHelper();
+  }
+  EnsureTraceHelperIsDestroyed(const EnsureTraceHelperIsDestroyed&) = delete;
+  EnsureTraceHelperIsDestroyed& operator=(const EnsureTraceHelperIsDestroyed&) = delete;
+
+ private:
+  TraceHelper* helper_;
+};
+
+// Where a machine's line comes from: the source unit, the handler's short name and its signature.
+struct TraceSource {
+  std::string_view file;
+  std::string_view function;
+  std::string_view signature;
+};
+
+// Writes a machine's trace line: the subject's address, " [ ", the signature, " ] ", the message.
+// `message` is called with the stream, only where the level is on.
+template <class Message>
+void traceLine(int level, const TraceSource& source, const void* subject, int line,
+               Message&& message) {
+  const TraceHandle& handle = _defaultTraceHandle();
+  if (!handle.enabled(level)) [[likely]] {
+    return;
+  }
+  TraceHelper::Storage storage;
+  TraceHelper* helper = TraceHelper::createIfEnabled(handle, level, storage);
+  const EnsureTraceHelperIsDestroyed ended(helper);
+  helper->stream() << subject << " [ " << source.signature << " ] ";
+  message(helper->stream());
+  helper->trace(source.file, line, source.function);
+}
+
+}  // namespace Kiv
