@@ -20,7 +20,7 @@ from typing import Any, Callable
 sys.path.insert(0, str(Path(__file__).resolve().parent.parent / "simulation"))
 
 from program import Run, Seen, Stream, run_model, run_program  # noqa: E402
-from tracing import Line, as_bytes_text  # noqa: E402
+from tracing import Line  # noqa: E402
 
 ABSENT = "<absent>"
 MEMBERS = {"name", "about", "toggle", "timeout", "cloud", "events", "expect"}
@@ -74,14 +74,14 @@ def check_trace(entry: dict[str, Any], lines: list[Line]) -> list[str]:
     found = []
     times = Counter((line.level, line.handler, line.message) for line in lines)
     for level, handler, message, *count in entry.get("trace", []):
-        wanted = (level, handler, as_bytes_text(message))
+        wanted = (level, handler, message)
         if times[wanted] != count[0] if count else not times[wanted]:
             near = sorted({line.message for line in lines if line.handler == handler})
             found.append(f"{times[wanted]} times {[level, handler, message]}, expected "
                          f"{count[0] if count else 'some'}; of that handler: {near}")
     for level, handler, part in entry.get("no_trace", []):
         for line in lines:
-            if (line.level, line.handler) == (level, handler) and as_bytes_text(part) in line.message:
+            if (line.level, line.handler) == (level, handler) and part in line.message:
                 found.append(f"there is {line}")
     return found
 

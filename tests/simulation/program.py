@@ -56,8 +56,9 @@ def run_model(stream: Stream) -> Run:
     model = Model(stream.toggle_on, stream.timeout)
     results = [model.load(stream.cloud)]
     results += [model.event(event) for event in stream.events]
-    return Run([Seen(step.ok, step.places[0] if step.places else "", step.time, step.output,
-                     step.lines, places=step.places) for step in results])
+    return Run([Seen(step.ok, "" if step.ok else f"{(step.places or ['/'])[0]}: refused",
+                     step.time, step.output, step.lines, places=step.places)
+                for step in results])
 
 
 def event_line(event: Any) -> str:
