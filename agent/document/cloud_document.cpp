@@ -1,0 +1,21 @@
+#include "agent/document/cloud_document.h"
+
+#include <utility>
+
+#include "agent/document/merge.h"
+#include "agent/document/rules.h"
+
+namespace vnagent {
+
+Outcome CloudDocument::apply(const JsonValue& patch, std::vector<Fault> found) {
+  last_.settle(state_);
+  Faults faults(patch);
+  merge(patch, state_, last_, faults);
+  checkRules(state_, last_, faults);
+  if (found.empty() && faults.none()) return {{}, makePlan(state_, last_, settings_)};
+  last_.undo(state_);
+  for (Fault& fault : faults.take()) found.push_back(std::move(fault));
+  return {std::move(found), {}};
+}
+
+}  // namespace vnagent

@@ -1,0 +1,102 @@
+#include "agent/document/cloud_state.h"
+
+#include <algorithm>
+
+namespace vnagent {
+
+SegmentEntry* segmentAt(const Levels& levels, uint8_t level) {
+  const auto at = std::ranges::lower_bound(levels, level, {}, &Level::level);
+  return at != levels.end() && at->level == level ? at->segment : nullptr;
+}
+
+void Occupancy::add(std::string_view what, const Region& region) {
+  auto found = shares_.find(what);
+  if (found == shares_.end()) found = shares_.try_emplace(std::string(what)).first;
+  Shares& shares = found->second;
+  if (shares.first.count == 0) shares.first.region = &region;
+  if (shares.first.region == &region) {
+    ++shares.first.count;
+    return;
+  }
+  const auto other = std::ranges::find(shares.others, &region, &Share::region);
+  if (other == shares.others.end()) {
+    shares.others.push_back({&region, 1});
+  } else {
+    ++other->count;
+  }
+}
+
+void Occupancy::remove(std::string_view what, const Region& region) {
+  const auto found = shares_.find(what);
+  if (found == shares_.end()) return;
+  Shares& shares = found->second;
+  if (shares.first.region == &region) {
+    if (--shares.first.count > 0) return;
+    if (shares.others.empty()) {
+      shares_.erase(found);
+      return;
+    }
+    shares.first = shares.others.back();
+    shares.others.pop_back();
+    return;
+  }
+  const auto other = std::ranges::find(shares.others, &region, &Share::region);
+  if (other != shares.others.end() && --other->count == 0) shares.others.erase(other);
+}
+
+const Region* Occupancy::elsewhere(std::string_view what, const Region& region) const {
+  const auto found = shares_.find(what);
+  if (found == shares_.end()) return nullptr;
+  const Shares& shares = found->second;
+  if (shares.first.region != &region) return shares.first.region;
+  return shares.others.empty() ? nullptr : shares.others.front().region;
+}
+
+std::string_view CloudState::hostOf(AttachmentKind kind, const AttachmentEntry& attachment) {
+  return kind == AttachmentKind::kHost ? attachment.first.first : attachment.second.host;
+}
+
+void CloudState::enterUse(PortBinding& binding, SegmentEntry& segment) {
+  ++segment.second.users[&binding];
+}
+
+void CloudState::withdrawUse(PortBinding& binding, SegmentEntry& segment) {
+  const auto user = segment.second.users.find(&binding);
+  if (user != segment.second.users.end() && --user->second == 0) segment.second.users.erase(user);
+}
+
+void CloudState::enter(AttachmentKind kind, PortBinding& binding,
+                       const AttachmentEntry& attachment) {
+  hosts_[static_cast<size_t>(kind)].add(hostOf(kind, attachment), *binding.region);
+  for (const Level& level : attachment.second.levels) enterUse(binding, *level.segment);
+}
+
+void CloudState::withdraw(AttachmentKind kind, PortBinding& binding,
+                          const AttachmentEntry& attachment) {
+  hosts_[static_cast<size_t>(kind)].remove(hostOf(kind, attachment), *binding.region);
+  for (const Level& level : attachment.second.levels) withdrawUse(binding, *level.segment);
+}
+
+void CloudState::enter(PortBinding& binding) {
+  for (const auto kind : kAttachmentKinds) {
+    for (const auto& attachment : binding.of(kind)) enter(kind, binding, attachment);
+  }
+}
+
+void CloudState::withdraw(PortBinding& binding) {
+  for (const auto kind : kAttachmentKinds) {
+    for (const auto& attachment : binding.of(kind)) withdraw(kind, binding, attachment);
+  }
+}
+
+void CloudState::enter(Region& whole) {
+  for (const auto& [id, port] : whole.port) enterPort(whole, id);
+  for (auto& [id, binding] : whole.portBinding) enter(binding);
+}
+
+void CloudState::withdraw(Region& whole) {
+  for (const auto& [id, port] : whole.port) withdrawPort(whole, id);
+  for (auto& [id, binding] : whole.portBinding) withdraw(binding);
+}
+
+}  // namespace vnagent

@@ -1,0 +1,113 @@
+// What the tests of the document layer share: a document driven by lines of JSON.
+#pragma once
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "agent/document/cloud_document.h"
+#include "agent/document/input.h"
+
+namespace vnagent {
+
+using Lines = std::vector<std::string>;
+
+// A document and what it says to each patch. JSON is written with ' for ", which no text here has.
+class DocumentTest : public ::testing::Test {
+ protected:
+  explicit DocumentTest(PlanSettings settings = {true, 60}) : document_(settings) {}
+
+  // The operations of a patch that must be taken, all four steps in one list. "|" ends a step.
+  Lines take(std::string_view patch) {
+    const Outcome outcome = apply(patch);
+    for (const Fault& fault : outcome.faults) ADD_FAILURE() << fault.message();
+    Lines lines;
+    for (const auto& step : outcome.plan.steps) {
+      for (const Operation& operation : step) lines.push_back(describe(operation));
+      lines.emplace_back("|");
+    }
+    return lines;
+  }
+
+  // The operations of one step.
+  Lines take(Plan::Step step, std::string_view patch) {
+    const Outcome outcome = apply(patch);
+    for (const Fault& fault : outcome.faults) ADD_FAILURE() << fault.message();
+    Lines lines;
+    for (const Operation& operation : outcome.plan.steps.at(step)) {
+      lines.push_back(describe(operation));
+    }
+    return lines;
+  }
+
+  // The faults of a patch, which must be refused and leave the document as it was.
+  Lines refuse(std::string_view patch) {
+    const std::string before = dump();
+    const Outcome outcome = apply(patch);
+    EXPECT_FALSE(outcome.faults.empty()) << patch << " was taken";
+    EXPECT_EQ(dump(), before) << patch << " left something behind";
+    Lines lines;
+    for (const Fault& fault : outcome.faults) lines.push_back(fault.message());
+    return lines;
+  }
+
+  // All that the document holds, indexes included.
+  std::string dump() const;
+
+  Outcome apply(std::string_view patch) {
+    std::string text(patch);
+    for (char& c : text) c = c == '\'' ? '"' : c;
+    const JsonTree tree = JsonTree::parse(text);
+    if (tree.error()) return {faultsOfText(tree, nullptr), {}};
+    return document_.apply(tree.root(), faultsOfText(tree, &tree.root()));
+  }
+
+  CloudDocument document_;
+};
+
+inline std::string DocumentTest::dump() const {
+  std::string out;
+  const auto put = [&out](const auto&... parts) { ((out += parts, out += ' '), ...); };
+  const Config& config = document_.state().config;
+  for (const auto& scalar : config.scalars) put(std::to_string(scalar.has_value()));
+  for (const auto& set : config.sets) {
+    for (const auto& key : set) put("set", key);
+  }
+  for (const auto& [key, value] : config.serviceAclTypeVrfMap) put("vrf", key, value);
+  for (const auto& [name, vlans] : config.vlanAssignment) {
+    put("assignment", name);
+    for (const auto& [vlan, assigned] : vlans) put(std::to_string(vlan), std::to_string(assigned));
+  }
+  for (const auto& [name, region] : document_.state().region) {
+    put("region", name);
+    for (const auto& set : region.sets) {
+      for (const auto& key : set) put("set", key);
+    }
+    for (const auto& [id, segment] : region.segment) {
+      put("segment", id, std::to_string(segment.value.has_value()));
+      if (segment.value)
+        put(std::to_string(segment.value->type), std::to_string(segment.value->id));
+      uint64_t uses = 0;
+      for (const auto& [binding, count] : segment.users) uses += count;
+      put("used", std::to_string(segment.users.size()), std::to_string(uses));
+    }
+    for (const auto& [id, port] : region.port) put("port", id, std::to_string(port.vlanType));
+    for (const auto& [id, binding] : region.portBinding) {
+      put("binding", id);
+      for (const auto kind : kAttachmentKinds) {
+        for (const auto& [key, attachment] : binding.of(kind)) {
+          put("at", key.first, key.second, attachment.host);
+          for (const Level& level : attachment.levels) {
+            put(std::to_string(level.level), level.segment->first);
+          }
+        }
+      }
+    }
+  }
+  return out;
+}
+
+}  // namespace vnagent
