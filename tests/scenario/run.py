@@ -46,7 +46,8 @@ def check_outcome(entry: dict[str, Any], seen: Seen) -> list[str]:
         if seen.ok:
             return ["applied, expected a refusal"]
         start = entry.get("error", "")
-        if not any(error.startswith(start) for error in seen.places or [seen.error]):
+        errors = [place + ": refused" for place in seen.places] or [seen.error]
+        if not any(error.startswith(start) for error in errors):
             return [f"the error is {seen.error!r}, expected {start!r} at its start"]
         return []
     return [] if seen.ok else [f"refused: {seen.error}"]

@@ -243,7 +243,7 @@ class Checker:
                 inner = (*place, switch, interface)
                 attributes = self.known(bind, ("host", "segment"), *inner)
                 if not is_name(attributes.get("host")):
-                    self.bad("no host", pointer(*inner))
+                    self.bad("no host", pointer(*inner), pointer(*inner, "host"))
                 self.check_levels(attributes.get("segment", {}), region, name, *inner)
                 bound |= 2
         self.expect(bound != 3, "bound to hosts and to switch interfaces", *path)
