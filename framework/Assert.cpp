@@ -5,8 +5,11 @@
 
 namespace Kiv {
 
-void assertionFailed(const char* text, const char* file, const char* function) noexcept {
-  std::fprintf(stderr, "Assertion \"%s\" failed: %s: %s\n", text, file, function);
+void assertionFailed(std::string_view text, std::string_view file,
+                     std::string_view function) noexcept {
+  std::fprintf(stderr, "Assertion \"%.*s\" failed: %.*s: %.*s\n", static_cast<int>(text.size()),
+               text.data(), static_cast<int>(file.size()), file.data(),
+               static_cast<int>(function.size()), function.data());
   std::fflush(stderr);
   std::abort();
 }

@@ -1,11 +1,13 @@
 // Assertions: broken invariants that stop the process, in every build type.
 #pragma once
 
+#include <string_view>
+
 namespace Kiv {
 
 // Prints the assertion's text, the source unit and the function to standard error, and aborts.
-[[noreturn]] void assertionFailed(const char* text, const char* file,
-                                  const char* function) noexcept;
+[[noreturn]] void assertionFailed(std::string_view text, std::string_view file,
+                                  std::string_view function) noexcept;
 
 }  // namespace Kiv
 

@@ -14,7 +14,7 @@ namespace Kiv {
 // One attribute of a machine.
 struct KivAttr {
   U16 index;                   // as tools number it; 0 for the handler of a nested reactor
-  std::string_view name;       // "regionConfigSm"
+  std::string_view name;       // "regionConfigSm"; of a nested reactor's "KivSegment::doCleanup"
   std::string_view key;        // of a collection: the name of its key; else empty
   std::string_view signature;  // of a handler: its full signature, as traces print it; else empty
 };
@@ -26,13 +26,10 @@ struct KivAttrTable {
   std::string_view file;     // the source unit that its trace lines name
   std::array<KivAttr, Count> attributes;
 
-  // The attribute with this name, or for a nested reactor's handler, this signature. A name that is
-  // not in the table does not compile.
+  // The attribute with this name. A name that is not in the table does not compile.
   consteval const KivAttr& operator[](std::string_view name) const {
     for (const KivAttr& attribute : attributes) {
-      if (attribute.index != 0 ? attribute.name == name : attribute.signature == name) {
-        return attribute;
-      }
+      if (attribute.name == name) return attribute;
     }
     throw "no such attribute";
   }
@@ -40,7 +37,7 @@ struct KivAttrTable {
   // Where the trace lines of a handler come from.
   consteval TraceSource handler(std::string_view name) const {
     const KivAttr& attribute = (*this)[name];
-    return {file, attribute.name, attribute.signature};
+    return {file, attribute.name.substr(attribute.name.rfind(':') + 1), attribute.signature};
   }
 };
 

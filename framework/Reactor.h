@@ -6,7 +6,7 @@
 //    public:
 //     static constexpr std::string_view kTypeName = "OpenStack::RegionConfigSm::KivRegionConfig";
 //     using Reactor::Reactor;
-//     void onSyncStatus() override { if (live()) machine().handleSyncStatus(); }
+//     void onSyncStatus() override { if (live()) machine()->handleSyncStatus(); }
 //   };
 //
 // It holds its entity strongly and its machine plainly; the machine clears that pointer before it
@@ -68,7 +68,8 @@ class Reactor : public E::NotifieeConst {
   bool live() const { return !this->markedForDeletion() && machine_ != nullptr; }
   // Whether a handler that maintains a collection of the machine may run.
   bool mirrors() const { return this->notifier() != nullptr && machine_ != nullptr; }
-  M& machine() const { return *machine_; }
+  // The machine, held for as long as the handler runs. REQUIRES: live() or mirrors().
+  Ptr<M> machine() const { return Ptr<M>(machine_); }
 
  private:
   // Brings what the reactor mirrors in line with a new entity; a reactor that mirrors nothing

@@ -1,0 +1,107 @@
+#include "OpenStackSm/PortToHostBindingSm.h"
+
+namespace OpenStack {
+
+using detail::isVlan;
+using detail::isVxlan;
+using detail::trace;
+
+Kiv::Ptr<PortToHostBindingSm> portToHostBindingSmFactory(
+    const Kiv::Name& host, const Kiv::Ptr<const Port>& port,
+    const Kiv::Ptr<const PortToHostBinding>& portToHostBinding,
+    const Kiv::Ptr<VirtualNetwork::RequestedResourcesCollection>& requestedResourcesCollection) {
+  return PortToHostBindingSm::PortToHostBindingSmIs(host, port, portToHostBinding,
+                                                    requestedResourcesCollection);
+}
+
+PortToHostBindingSm::PortToHostBindingSm(
+    const Kiv::Name& host, const Kiv::Ptr<const Port>& port,
+    const Kiv::Ptr<const PortToHostBinding>& portToHostBinding,
+    const Kiv::Ptr<VirtualNetwork::RequestedResourcesCollection>& requestedResourcesCollection)
+    : PublicationSm(port, portToHostBinding, requestedResourcesCollection), host_(host) {
+  start();
+}
+
+PortToHostBindingSm::~PortToHostBindingSm() {
+  teardown();
+}
+
+void PortToHostBindingSm::handleSegment(Kiv::U8 level) {
+  static constexpr auto here = kAttributes.handler("handleSegment");
+  const auto bound = binding();
+  const auto hostName = bound ? bound->host() : host_;
+  const auto segment = at(level);
+  if (!segment) {
+    trace(2, here, this, [&](auto& text) {
+      text << "Port on " << hostName << " unbound at level " << static_cast<char>(level);
+    });
+    return;
+  }
+  const Kiv::U32 id = segment->segmentationId();
+  trace(2, here, this, [&](auto& text) {
+    text << "Port on " << hostName << " bound to segment " << segment->id() << " : "
+         << segment->segmentationType() << " : " << id
+         << " at level : " << static_cast<char>('0' + level);
+  });
+  const auto host = requestedResourcesCollection()->resourcesForHostnameIs(hostName);
+  if (isVlan(segment)) {
+    const auto vlan = host->vlanIs(id);
+    vlan->referrerIs(port()->id(), true);
+    if (const auto parent = above(level); level != 0 && isVxlan(parent)) {
+      trace(2, here, this, [&](auto& text) {
+        text << "Establishing a VLAN to VNI mapping from " << id << " to "
+             << parent->segmentationId();
+      });
+      mapVni(*vlan, parent->segmentationId());
+    }
+  } else if (isVxlan(segment)) {
+    if (const auto child = below(level); isVlan(child)) {
+      trace(2, here, this, [&](auto& text) {
+        text << "Establishing a VNI to VLAN mapping from " << id << " to "
+             << child->segmentationId();
+      });
+      mapVni(*host->vlanIs(child->segmentationId()), id);
+    }
+  }
+}
+
+void PortToHostBindingSm::withdrawSegment(const KivSegment& reactor) {
+  static constexpr auto here = kAttributes.handler("KivSegment::doCleanup");
+  const auto segment = reactor.entity();
+  const auto bound = binding();
+  const auto hostName = bound ? bound->host() : host_;
+  trace(9, here, &reactor, [&](auto& text) { text << port()->id() << " : " << segment->id(); });
+  const Kiv::Ptr<VirtualNetwork::ResourcesForHostname> host(
+      requestedResourcesCollection()->resourcesForHostname()[hostName]);
+  if (!host) return;
+  const Kiv::U8 level = levelOf(reactor, here);
+  if (!isVlan(segment)) return;
+  const Kiv::U32 id = segment->segmentationId();
+  const Kiv::Ptr<VirtualNetwork::VlanReferences> vlan(host->vlan()[id]);
+  if (!vlan) return;
+  if (const auto vni = unmapVni(*vlan, level)) {
+    trace(3, here, &reactor,
+          [&](auto& text) { text << "Removing VNI " << *vni << " from " << hostName; });
+    vlan->mappedVniDel(*vni);
+  }
+  vlan->referrerDel(port()->id());
+  trace(2, here, &reactor, [&](auto& text) {
+    text << "Removing a reference to VLAN " << id << " on host " << hostName << " which now has "
+         << vlan->referrer().size() << " references to it.";
+  });
+  if (!vlan->referrer().empty()) return;
+  trace(3, here, &reactor,
+        [&](auto& text) { text << "Removing vlan " << id << " from " << hostName; });
+  host->vlanDel(id);
+}
+
+void PortToHostBindingSm::doCleanup() {
+  static constexpr auto here = kAttributes.handler("doCleanup");
+  trace(9, here, this, [&](auto& text) {
+    const auto bound = binding();
+    text << "Removing port " << port()->id() << " from " << (bound ? bound->host() : host_);
+  });
+  doCleanupSegments(here);
+}
+
+}  // namespace OpenStack

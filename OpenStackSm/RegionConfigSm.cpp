@@ -1,0 +1,235 @@
+#include "OpenStackSm/RegionConfigSm.h"
+
+#include "OpenStackSm/detail/Trace.h"
+
+namespace OpenStack {
+
+using detail::trace;
+
+namespace {
+
+// The VLAN of a VLAN segment, as the pool keys it.
+Kiv::U16 poolVlan(const Segment& segment) {
+  return static_cast<Kiv::U16>(segment.segmentationId());
+}
+
+}  // namespace
+
+Kiv::Ptr<RegionConfigSm> regionConfigSmFactory(
+    const Kiv::Name& regionName, const Kiv::Ptr<const Region>& regionConfig,
+    const Kiv::Ptr<RegionStatus>& regionStatus,
+    const Kiv::Ptr<VirtualNetwork::RequestedResourcesCollection>& requestedResourcesCollection,
+    const Kiv::Seconds& regionSyncTimeout,
+    const Kiv::Ptr<VirtualNetwork::NetworkElementCollection>& networkElementCollection) {
+  return RegionConfigSm::RegionConfigSmIs(regionName, regionConfig, regionStatus,
+                                          requestedResourcesCollection, regionSyncTimeout,
+                                          networkElementCollection);
+}
+
+RegionConfigSm::RegionConfigSm(
+    const Kiv::Name& regionName, const Kiv::Ptr<const Region>& regionConfig,
+    const Kiv::Ptr<RegionStatus>& regionStatus,
+    const Kiv::Ptr<VirtualNetwork::RequestedResourcesCollection>& requestedResourcesCollection,
+    const Kiv::Seconds& regionSyncTimeout,
+    const Kiv::Ptr<VirtualNetwork::NetworkElementCollection>& networkElementCollection)
+    : regionName_(regionName),
+      regionConfig_(regionConfig, this),
+      regionStatus_(regionStatus),
+      requestedResourcesCollection_(requestedResourcesCollection),
+      regionSyncTimeout_(regionSyncTimeout),
+      networkElementCollection_(networkElementCollection) {
+  if (regionConfig) {
+    mirrorSegments(*regionConfig);
+    mirrorPortBindings(*regionConfig);
+  }
+  handleInitialized();
+}
+
+RegionConfigSm::~RegionConfigSm() {
+  teardown();
+}
+
+void RegionConfigSm::handleInitialized() {
+  static constexpr auto here = kRegionConfigSmAttributes.handler("handleInitialized");
+  trace(9, here, this, here.signature);
+  if (initialized()) {
+    trace(1, here, this, [&](auto& text) { text << regionName_ << " already initialized"; });
+    return;
+  }
+  syncHeartbeatClockIs(Kiv::ActivityManager::instance().clock());
+  syncHeartbeatClock()->timeMinIs(Kiv::Clock::kNever);
+  const auto region = regionConfig();
+  if (!region) {
+    trace(1, here, this, [&](auto& text) { text << regionName_ << " has no region"; });
+    initializedIs(true);
+    return;
+  }
+  trace(2, here, this, [&](auto& text) { text << "VMs: " << region->vmInstance().size(); });
+  trace(2, here, this, [&](auto& text) { text << "DHCPs: " << region->dhcpInstance().size(); });
+  trace(2, here, this,
+        [&](auto& text) { text << "Baremetals: " << region->baremetalInstance().size(); });
+  trace(2, here, this, [&](auto& text) { text << "Networks: " << region->network().size(); });
+  for (const auto& segment : region->segment()) {
+    trace(2, here, this, [&](auto& text) { text << "Segment id: " << segment->id(); });
+    handleSegment(segment->id());
+  }
+  for (const auto& binding : region->portBinding()) {
+    trace(2, here, this, [&](auto& text) { text << "Port: " << binding->portId(); });
+    handlePortBinding(binding->portId());
+  }
+  initializedIs(true);
+  handleSyncStatus();
+}
+
+void RegionConfigSm::handleSyncStatus() {
+  static constexpr auto here = kRegionConfigSmAttributes.handler("handleSyncStatus");
+  const auto region = regionConfig();
+  if (!region) {
+    trace(1, here, this, [&](auto& text) { text << regionName_ << " has no region"; });
+    return;
+  }
+  trace(9, here, this, [&](auto& text) {
+    text << " Sync region " << regionName_ << " changed to " << region->syncStatus();
+  });
+  const SyncStatus requested = region->syncStatus();
+  const SyncStatus current = regionStatus_->syncStatus();
+  if (requested == SyncStatus::syncComplete && current != SyncStatus::syncInProgress) {
+    trace(1, here, this, [&](auto& text) {
+      text << "Region " << regionName_ << " attempted to transition to syncComplete from "
+           << current << ". Not altering status.";
+    });
+    return;
+  }
+  regionStatus_->oldSyncStatusIs(current);
+  regionStatus_->syncStatusIs(requested);
+  if (requested == SyncStatus::syncComplete) {
+    syncHeartbeatClock()->timeMinIs(Kiv::Clock::kNever);
+    regionStatus_->ownerIs("");
+    regionStatus_->requestIdIs("");
+  } else if (requested == SyncStatus::syncInProgress) {
+    handleHeartbeat();
+  }
+}
+
+void RegionConfigSm::handleHeartbeat() {
+  static constexpr auto here = kRegionConfigSmAttributes.handler("handleHeartbeat");
+  trace(9, here, this, "");
+  syncHeartbeatClock()->timeMinIs(Kiv::System::currentTime() + regionSyncTimeout_);
+}
+
+void RegionConfigSm::handleSyncHeartbeatTimeout() {
+  static constexpr auto here = kRegionConfigSmAttributes.handler("handleSyncHeartbeatTimeout");
+  trace(9, here, this, [&](auto& text) {
+    const auto region = regionConfig();
+    text << (region ? region->name() : regionName_);
+  });
+  if (!initialized()) {
+    trace(1, here, this, "Heartbeat timed out event though the region is not initialized!");
+    return;
+  }
+  trace(3, here, this,
+        [&](auto& text) { text << "Releasing the lock from " << regionStatus_->owner(); });
+  regionStatus_->ownerIs("");
+  regionStatus_->requestIdIs("");
+  regionStatus_->oldSyncStatusIs(regionStatus_->syncStatus());
+  regionStatus_->syncStatusIs(SyncStatus::syncTimedOut);
+}
+
+void RegionConfigSm::handleLockRequest() {
+  static constexpr auto here = kRegionConfigSmAttributes.handler("handleLockRequest");
+  const auto region = regionConfig();
+  if (!region) {
+    trace(1, here, this, [&](auto& text) { text << regionName_ << " has no region"; });
+    return;
+  }
+  const Kiv::String requester = region->requester();
+  const Kiv::String requestId = region->requestId();
+  trace(9, here, this, [&](auto& text) {
+    text << region->name() << " Received lock request from " << requester << " with id "
+         << requestId;
+  });
+  if (requestId.empty()) {
+    trace(3, here, this, "Request id not set. Ignoring the request.");
+    if (!requester.empty()) return;
+    trace(3, here, this, "Clearing the lock");
+    regionStatus_->requestIdIs("");
+    regionStatus_->ownerIs("");
+    return;
+  }
+  const Kiv::String& owner = regionStatus_->owner();
+  if (!regionStatus_->requestId().empty() || !(owner.empty() || owner == requester)) {
+    trace(3, here, this, "Did not grant a lock request");
+    return;
+  }
+  trace(3, here, this, [&](auto& text) { text << "Granted lock to " << requester; });
+  regionStatus_->ownerIs(requester);
+  regionStatus_->requestIdIs(requestId);
+}
+
+void RegionConfigSm::handleSegment(const Kiv::String& id) {
+  static constexpr auto here = kRegionConfigSmAttributes.handler("handleSegment");
+  trace(9, here, this, [&](auto& text) { text << id; });
+  const auto region = regionConfig();
+  const Kiv::Ptr<const Segment> segment(region ? region->segment()[id] : nullptr);
+  if (!segment) {
+    trace(2, here, this, [&](auto& text) { text << "Segment " << id << " deleted"; });
+    return;
+  }
+  trace(2, here, this, [&](auto& text) { text << "Segment " << id << " created"; });
+  if (segment->segmentationType() != SegmentationType::vlan) {
+    trace(2, here, this,
+          [&](auto& text) { text << "Ignoring " << segment->segmentationType() << " segment"; });
+    return;
+  }
+  const auto pool = regionStatus_->vlanPool();
+  if (!pool) {
+    trace(1, here, this, [&](auto& text) { text << "No VLAN pool in region " << regionName_; });
+    return;
+  }
+  const Kiv::U16 vlan = poolVlan(*segment);
+  if (pool->assignedVlan()[vlan]) pool->availableVlanDel(vlan);
+  pool->allocatedVlanIs(vlan, true);
+}
+
+void RegionConfigSm::KivSegment::handleCleanup() {
+  static constexpr auto here = kRegionConfigSmAttributes.handler("KivSegment::handleCleanup");
+  const Segment& segment = *notifier();
+  trace(9, here, this, [&](auto& text) { text << segment.id(); });
+  if (segment.segmentationType() != SegmentationType::vlan) return;
+  const auto pool = machine()->regionStatus()->vlanPool();
+  if (!pool) {
+    trace(1, here, this,
+          [&](auto& text) { text << "No VLAN pool in region " << machine()->regionName(); });
+    return;
+  }
+  const Kiv::U16 vlan = poolVlan(segment);
+  pool->allocatedVlanDel(vlan);
+  if (pool->assignedVlan()[vlan]) pool->availableVlanIs(vlan, true);
+}
+
+void RegionConfigSm::handlePortBinding(const Kiv::String& portId) {
+  static constexpr auto here = kRegionConfigSmAttributes.handler("handlePortBinding");
+  trace(9, here, this, [&](auto& text) { text << portId; });
+  const auto region = regionConfig();
+  const Kiv::Ptr<const PortBinding> binding(region ? region->portBinding()[portId] : nullptr);
+  if (binding) {
+    portBindingSmIs(regionName_, portId, binding->port(), binding, requestedResourcesCollection_,
+                    networkElementCollection_);
+  } else {
+    portBindingSmDel(portId);
+  }
+}
+
+void RegionConfigSm::KivPortBinding::handleCleanup() {
+  static constexpr auto here = kRegionConfigSmAttributes.handler("KivPortBinding::handleCleanup");
+  const Kiv::String portId = fwkKey();
+  trace(9, here, this, [&](auto& text) { text << portId; });
+  if (const Kiv::Ptr<PortBindingSm> child{machine()->portBindingSm()[portId]}) {
+    child->doCleanup();
+  } else {
+    trace(1, here, this, [&](auto& text) { text << "No port binding machine for " << portId; });
+  }
+  machine()->portBindingSmDel(portId);
+}
+
+}  // namespace OpenStack

@@ -1,0 +1,264 @@
+// The region machine: one for each configured region.
+//
+// Mirrors the driver's sync status, runs the sync heartbeat timer, arbitrates the sync lock, keeps
+// the VLAN pool accurate while segments come and go, and owns one port-binding machine for each
+// port binding. Made and deleted by the root machine. Activity thread only.
+#pragma once
+
+#include "OpenStackSm/Attributes.h"
+#include "OpenStackSm/PortBindingSm.h"
+#include "framework/Machine.h"
+#include "model/OpenStack/Region.h"
+#include "model/OpenStack/RegionStatus.h"
+
+namespace OpenStack {
+
+class RegionConfigSm final : public Kiv::Machine<RegionConfigSm> {
+ public:
+  static constexpr std::string_view kTypeName = kRegionConfigSmAttributes.machine;
+  // A region machine goes with all its region has published still there; only removals in the
+  // region withdraw.
+  static constexpr bool kTeardownRunsCleanup = false;
+
+  // Observes the region; mirrors its segments and port bindings.
+  class KivRegionConfig final : public Kiv::Reactor<KivRegionConfig, RegionConfigSm, Region> {
+   public:
+    static constexpr std::string_view kTypeName = "OpenStack::RegionConfigSm::KivRegionConfig";
+    using Reactor::Reactor;
+
+    void onSegment(const Kiv::String& id) override {
+      if (mirrors()) machine()->mirrorSegment(*notifier(), id);
+      if (live()) machine()->handleSegment(id);
+    }
+    void onSegmentkivImmediate() override {
+      if (mirrors()) machine()->mirrorSegments(*notifier());
+    }
+    void onPortBinding(const Kiv::String& portId) override {
+      if (mirrors()) machine()->mirrorPortBinding(*notifier(), portId);
+      if (live()) machine()->handlePortBinding(portId);
+    }
+    void onPortBindingkivImmediate() override {
+      if (mirrors()) machine()->mirrorPortBindings(*notifier());
+    }
+    void onSyncStatus() override {
+      if (live()) machine()->handleSyncStatus();
+    }
+    void onSyncHeartbeat() override {
+      if (live()) machine()->handleHeartbeat();
+    }
+    void onRequester() override {
+      if (live()) machine()->handleLockRequest();
+    }
+    void onRequestId() override { onRequester(); }
+
+   private:
+    void resynchronise() override {
+      onSegmentkivImmediate();
+      onPortBindingkivImmediate();
+      if (notifier() == nullptr) return;
+      onSyncStatus();
+      onSyncHeartbeat();
+      onRequester();
+    }
+  };
+
+  // The timer of the sync heartbeat.
+  class KivSyncHeartbeatClock final
+      : public Kiv::Reactor<KivSyncHeartbeatClock, RegionConfigSm, Kiv::Clock> {
+   public:
+    static constexpr std::string_view kTypeName =
+        "OpenStack::RegionConfigSm::KivSyncHeartbeatClock";
+    using Reactor::Reactor;
+
+    void onTime() override {
+      if (live()) machine()->handleSyncHeartbeatTimeout();
+    }
+  };
+
+  // Stands for one segment; its removal returns the segment's VLAN to the pool.
+  class KivSegment final : public Kiv::Reactor<KivSegment, RegionConfigSm, Segment> {
+   public:
+    static constexpr std::string_view kTypeName = "OpenStack::RegionConfigSm::KivSegment";
+    using Reactor::Reactor;
+
+    void handleCleanup();
+
+   private:
+    void kivHandle() override { machine()->kiv_handleSegment(Kiv::Ptr<KivSegment>(this)); }
+  };
+
+  // Stands for one port binding; its removal withdraws what the binding published.
+  class KivPortBinding final : public Kiv::Reactor<KivPortBinding, RegionConfigSm, PortBinding> {
+   public:
+    static constexpr std::string_view kTypeName = "OpenStack::RegionConfigSm::KivPortBinding";
+    using Reactor::Reactor;
+
+    void handleCleanup();
+
+   private:
+    void kivHandle() override { machine()->kiv_handlePortBinding(Kiv::Ptr<KivPortBinding>(this)); }
+  };
+
+  using PortBindingSmMap = Kiv::ChildMap<PortBindingSm, Kiv::String>;
+  using SegmentMap = Kiv::ReactorMap<KivSegment, Kiv::String>;
+  using PortBindingMap = Kiv::ReactorMap<KivPortBinding, Kiv::String>;
+
+  // Makes the machine of a region and brings it in line with it. A null region is not observed.
+  [[nodiscard]] static Kiv::Ptr<RegionConfigSm> RegionConfigSmIs(
+      const Kiv::Name& regionName, const Kiv::Ptr<const Region>& regionConfig,
+      const Kiv::Ptr<RegionStatus>& regionStatus,
+      const Kiv::Ptr<VirtualNetwork::RequestedResourcesCollection>& requestedResourcesCollection,
+      const Kiv::Seconds& regionSyncTimeout,
+      const Kiv::Ptr<VirtualNetwork::NetworkElementCollection>& networkElementCollection) {
+    return Kiv::makeMachine<RegionConfigSm>(regionName, regionConfig, regionStatus,
+                                            requestedResourcesCollection, regionSyncTimeout,
+                                            networkElementCollection);
+  }
+
+  // For RegionConfigSmIs(), whose arguments it takes.
+  RegionConfigSm(
+      const Kiv::Name& regionName, const Kiv::Ptr<const Region>& regionConfig,
+      const Kiv::Ptr<RegionStatus>& regionStatus,
+      const Kiv::Ptr<VirtualNetwork::RequestedResourcesCollection>& requestedResourcesCollection,
+      const Kiv::Seconds& regionSyncTimeout,
+      const Kiv::Ptr<VirtualNetwork::NetworkElementCollection>& networkElementCollection);
+  ~RegionConfigSm() override;
+
+  // Constructor arguments
+  const Kiv::Name& regionName() const { return regionName_; }
+  const Kiv::Name& fwkKey() const { return regionName_; }
+  Kiv::Ptr<const Region> regionConfig() const { return regionConfig_.entity(); }
+  void regionConfigIs(const Kiv::Ptr<const Region>& v) { regionConfig_.is(*this, v); }
+  void regionConfigDel() { regionConfig_.del(); }
+  const Kiv::Ptr<RegionStatus>& regionStatus() const { return regionStatus_; }
+  const Kiv::Ptr<VirtualNetwork::RequestedResourcesCollection>& requestedResourcesCollection()
+      const {
+    return requestedResourcesCollection_;
+  }
+  // The heartbeat timeout, in seconds. A new one counts from the next heartbeat on.
+  Kiv::Seconds regionSyncTimeout() const { return regionSyncTimeout_; }
+  void regionSyncTimeoutIs(const Kiv::Seconds& timeout) { regionSyncTimeout_ = timeout; }
+  const Kiv::Ptr<VirtualNetwork::NetworkElementCollection>& networkElementCollection() const {
+    return networkElementCollection_;
+  }
+
+  // The heartbeat timer's reactor; null until handleInitialized() has made it.
+  KivSyncHeartbeatClock* syncHeartbeatClock() const { return syncHeartbeatClock_.reactor(); }
+  void syncHeartbeatClockIs(const Kiv::Ptr<const Kiv::Clock>& v) {
+    syncHeartbeatClock_.is(*this, v);
+  }
+  void syncHeartbeatClockDel() { syncHeartbeatClock_.del(); }
+
+  // The port-binding machines, by port id. Throws a name-in-use exception when there is one that
+  // was made with other arguments. Deleting runs no cleanup.
+  const PortBindingSmMap& portBindingSm() const { return portBindingSm_; }
+  PortBindingSmMap& portBindingSm() { return portBindingSm_; }
+  Kiv::Ptr<PortBindingSm> portBindingSmIs(
+      const Kiv::Name& regionName, const Kiv::String& portId, const Kiv::Ptr<const Port>& port,
+      const Kiv::Ptr<const PortBinding>& portBinding,
+      const Kiv::Ptr<VirtualNetwork::RequestedResourcesCollection>& requestedResourcesCollection,
+      const Kiv::Ptr<VirtualNetwork::NetworkElementCollection>& networkElementCollection) {
+    return portBindingSm_.is(portId, regionName, portId, port, portBinding,
+                             requestedResourcesCollection, networkElementCollection);
+  }
+  Kiv::Ptr<PortBindingSm> portBindingSmDel(const Kiv::String& portId) {
+    return portBindingSm_.del(portId);
+  }
+  void portBindingSmDelAll() { portBindingSm_.delAll(); }
+  void portBindingSmNotify(const Kiv::String& /*portId*/) {}
+
+  // The reactors of the segments, by segment id. Throws a range exception for a null segment.
+  const SegmentMap& segment() const { return segment_; }
+  SegmentMap& segment() { return segment_; }
+  Kiv::Ptr<KivSegment> segmentIs(const Kiv::Ptr<const Segment>& v) {
+    return segment_.is(*this, "segment", v);
+  }
+  Kiv::Ptr<const Segment> segmentDel(const Kiv::String& id) { return segment_.del(id); }
+  Kiv::Ptr<const Segment> segmentDel(const SegmentMap::iterator& at) {
+    return segment_.del(at.key());
+  }
+  void segmentDelAll() { segment_.delAll(); }
+  void segmentNotify(const Kiv::String& /*id*/) {}
+  void kiv_handleSegment(const Kiv::Ptr<KivSegment>& reactor) { reactor->handleCleanup(); }
+
+  // The reactors of the port bindings, by port id. Throws a range exception for a null binding.
+  const PortBindingMap& portBinding() const { return portBinding_; }
+  PortBindingMap& portBinding() { return portBinding_; }
+  Kiv::Ptr<KivPortBinding> portBindingIs(const Kiv::Ptr<const PortBinding>& v) {
+    return portBinding_.is(*this, "portBinding", v);
+  }
+  Kiv::Ptr<const PortBinding> portBindingDel(const Kiv::String& portId) {
+    return portBinding_.del(portId);
+  }
+  Kiv::Ptr<const PortBinding> portBindingDel(const PortBindingMap::iterator& at) {
+    return portBinding_.del(at.key());
+  }
+  void portBindingDelAll() { portBinding_.delAll(); }
+  void portBindingNotify(const Kiv::String& /*portId*/) {}
+  void kiv_handlePortBinding(const Kiv::Ptr<KivPortBinding>& reactor) { reactor->handleCleanup(); }
+
+  // Handlers
+  // Makes the timer, tells the region's inventory, handles all that the region holds; once.
+  void handleInitialized();
+  // A segment came or went: allocates its VLAN in the pool.
+  void handleSegment(const Kiv::String& id);
+  // A port binding came or went: keeps its machine.
+  void handlePortBinding(const Kiv::String& portId);
+  // The driver asks for a sync status: applies it, or refuses a completion without a start.
+  void handleSyncStatus();
+  // The driver is alive: pushes the timer forward.
+  void handleHeartbeat();
+  // The driver was silent for too long: the sync timed out, and the lock is free.
+  void handleSyncHeartbeatTimeout();
+  // A driver asks for the sync lock, or gives it back.
+  void handleLockRequest();
+
+  static constexpr auto kConstructorArguments = std::tuple{
+      Kiv::keyArgument("regionName"),
+      Kiv::fixedArgument("regionConfig", &RegionConfigSm::regionConfig),
+      Kiv::fixedArgument("regionStatus", &RegionConfigSm::regionStatus),
+      Kiv::fixedArgument("requestedResourcesCollection",
+                         &RegionConfigSm::requestedResourcesCollection),
+      Kiv::changingArgument("regionSyncTimeout", &RegionConfigSm::regionSyncTimeoutIs),
+      Kiv::fixedArgument("networkElementCollection", &RegionConfigSm::networkElementCollection)};
+
+ private:
+  friend class Kiv::Machine<RegionConfigSm>;
+
+  auto reactors() { return std::tie(regionConfig_, syncHeartbeatClock_, segment_, portBinding_); }
+  auto children() { return std::tie(portBindingSm_); }
+
+  void mirrorSegment(const Region& region, const Kiv::String& id) {
+    segment_.resynchroniseOne(*this, "segment", region.segment(), id);
+  }
+  void mirrorSegments(const Region& region) {
+    segment_.resynchronise(*this, "segment", region.segment());
+  }
+  void mirrorPortBinding(const Region& region, const Kiv::String& portId) {
+    portBinding_.resynchroniseOne(*this, "portBinding", region.portBinding(), portId);
+  }
+  void mirrorPortBindings(const Region& region) {
+    portBinding_.resynchronise(*this, "portBinding", region.portBinding());
+  }
+
+  Kiv::Name regionName_;
+  Kiv::ReactorSlot<KivRegionConfig> regionConfig_;
+  Kiv::Ptr<RegionStatus> regionStatus_;
+  Kiv::Ptr<VirtualNetwork::RequestedResourcesCollection> requestedResourcesCollection_;
+  Kiv::Seconds regionSyncTimeout_;
+  Kiv::Ptr<VirtualNetwork::NetworkElementCollection> networkElementCollection_;
+  Kiv::ReactorSlot<KivSyncHeartbeatClock> syncHeartbeatClock_;
+  PortBindingSmMap portBindingSm_;
+  SegmentMap segment_;
+  PortBindingMap portBinding_;
+};
+
+// Makes the machine of a region; see RegionConfigSm::RegionConfigSmIs().
+[[nodiscard]] Kiv::Ptr<RegionConfigSm> regionConfigSmFactory(
+    const Kiv::Name& regionName, const Kiv::Ptr<const Region>& regionConfig,
+    const Kiv::Ptr<RegionStatus>& regionStatus,
+    const Kiv::Ptr<VirtualNetwork::RequestedResourcesCollection>& requestedResourcesCollection,
+    const Kiv::Seconds& regionSyncTimeout,
+    const Kiv::Ptr<VirtualNetwork::NetworkElementCollection>& networkElementCollection);
+
+}  // namespace OpenStack

@@ -1,0 +1,219 @@
+// What the two machines share that publish the segments of a binding.
+//
+// Each mirrors its binding's segments, one reactor a level, and publishes from handleSegment(); the
+// removal of a reactor withdraws. They differ in where they write and in what they withdraw, and
+// that is all that PortToHostBindingSm and PortToSwitchInterfaceBindingSm say themselves.
+//
+// Levels: the segment at level n + 1 lies right below the one at level n, and a VXLAN segment right
+// above a VLAN segment means that the VLAN carries that VNI. Levels wrap: 0 follows 255.
+#pragma once
+
+#include <optional>
+
+#include "OpenStackSm/Attributes.h"
+#include "OpenStackSm/detail/Trace.h"
+#include "framework/Assert.h"
+#include "framework/Machine.h"
+#include "model/OpenStack/Port.h"
+#include "model/OpenStack/Segment.h"
+#include "model/VirtualNetwork/RequestedResources.h"
+
+namespace OpenStack::detail {
+
+inline bool isVlan(const Kiv::Ptr<const Segment>& segment) {
+  return segment && segment->segmentationType() == SegmentationType::vlan;
+}
+inline bool isVxlan(const Kiv::Ptr<const Segment>& segment) {
+  return segment && segment->segmentationType() == SegmentationType::vxlan;
+}
+
+// M: the machine, which gives kAttributes, kReactorTypeNames, handleSegment() and
+// withdrawSegment(). B: the binding that it publishes.
+template <class M, class B>
+class PublicationSm : public Kiv::Machine<M> {
+ public:
+  // The machine's end runs the cleanup of each segment; what is withdrawn already stays so.
+  static constexpr bool kTeardownRunsCleanup = true;
+
+  // Observes the binding; mirrors its segments.
+  class KivBinding final : public Kiv::Reactor<KivBinding, M, B> {
+   public:
+    static constexpr std::string_view kTypeName = M::kBindingReactorTypeName;
+    using KivBinding::Reactor::Reactor;
+
+    void onSegment(Kiv::U8 level) override {
+      if (this->live() && this->machine()->initialized()) this->machine()->handleSegment(level);
+      if (this->mirrors()) this->machine()->mirrorSegment(*this->notifier(), level);
+    }
+    void onSegmentkivImmediate() override {
+      if (this->mirrors()) this->machine()->mirrorSegments(*this->notifier());
+    }
+
+   private:
+    void resynchronise() override { onSegmentkivImmediate(); }
+  };
+
+  // Stands for the segment at one level; its removal withdraws what the segment published.
+  class KivSegment final : public Kiv::Reactor<KivSegment, M, Segment> {
+   public:
+    static constexpr std::string_view kTypeName = M::kSegmentReactorTypeName;
+
+    KivSegment(Kiv::U8 level, const Kiv::Ptr<const Segment>& segment, M* machine)
+        : KivSegment::Reactor(segment, machine), level_(level) {}
+
+    Kiv::U8 level() const { return level_; }
+    const Kiv::U8& fwkKey() const { return level_; }
+
+    void doCleanup() { this->machine()->withdrawSegment(*this); }
+
+   private:
+    void kivHandle() override { this->machine()->kiv_handleSegment(Kiv::Ptr<KivSegment>(this)); }
+
+    Kiv::U8 level_;
+  };
+
+  using SegmentMap = Kiv::ReactorMap<KivSegment, Kiv::U8>;
+
+  // Constructor arguments
+  const Kiv::Ptr<const Port>& port() const { return port_; }
+  const Kiv::Ptr<VirtualNetwork::RequestedResourcesCollection>& requestedResourcesCollection()
+      const {
+    return requestedResourcesCollection_;
+  }
+
+  // The reactors of the binding's segments, by level. Another segment at a level that has one takes
+  // its place, after the old one's cleanup. Throws a range exception for a null segment.
+  const SegmentMap& segment() const { return segment_; }
+  SegmentMap& segment() { return segment_; }
+  Kiv::Ptr<KivSegment> segmentIs(Kiv::U8 level, const Kiv::Ptr<const Segment>& v) {
+    if (!v) Kiv::throwRangeException(Kiv::nullArgumentText("segment", M::kTypeName));
+    if (KivSegment* existing = segment_[level]; existing != nullptr) {
+      if (existing->notifier() == v.get()) return existing;
+      segmentDel(level);
+    }
+    const auto reactor = Kiv::make<KivSegment>(level, v, &self());
+    segment_.insert(self(), reactor);
+    segmentNotify(level);
+    return reactor;
+  }
+  Kiv::Ptr<const Segment> segmentDel(Kiv::U8 level) { return segment_.del(level); }
+  Kiv::Ptr<const Segment> segmentDel(const typename SegmentMap::iterator& at) {
+    return segment_.del(at.key());
+  }
+  void segmentDelAll() { segment_.delAll(); }
+  void segmentNotify(Kiv::U8 /*level*/) {}
+  void kiv_handleSegment(const Kiv::Ptr<KivSegment>& reactor) { reactor->doCleanup(); }
+
+  // Handles every segment that is mirrored.
+  void handleInitialized() {
+    static constexpr auto here = M::kAttributes.handler("handleInitialized");
+    trace(9, here, this, "");
+    for (const auto& reactor : segment_) self().handleSegment(reactor->level());
+    this->initializedIs(true);
+  }
+
+ protected:
+  PublicationSm(
+      const Kiv::Ptr<const Port>& port, const Kiv::Ptr<const B>& binding,
+      const Kiv::Ptr<VirtualNetwork::RequestedResourcesCollection>& requestedResourcesCollection)
+      : port_(port),
+        binding_(binding, &self()),
+        requestedResourcesCollection_(requestedResourcesCollection) {}
+
+  // The last step of the machine's construction.
+  void start() {
+    if (const auto b = binding()) mirrorSegments(*b);
+    handleInitialized();
+  }
+
+  // The binding; null when there is none.
+  Kiv::Ptr<const B> binding() const { return binding_.entity(); }
+  void bindingIs(const Kiv::Ptr<const B>& v) { binding_.is(self(), v); }
+  void bindingDel() { binding_.del(); }
+
+  // The binding's segment at a level, and those right above and below; null when there is none.
+  Kiv::Ptr<const Segment> at(Kiv::U8 level) const {
+    const B* b = binding_.notifier();
+    return b == nullptr ? nullptr : b->segment(level);
+  }
+  Kiv::Ptr<const Segment> above(Kiv::U8 level) const { return at(static_cast<Kiv::U8>(level - 1)); }
+  Kiv::Ptr<const Segment> below(Kiv::U8 level) const { return at(static_cast<Kiv::U8>(level + 1)); }
+
+  // Makes the VLAN carry the VNI, for this port.
+  void mapVni(VirtualNetwork::VlanReferences& vlan, Kiv::U32 vni) const {
+    vlan.mappedVniIs(vni)->referrerIs(port_->id(), true);
+  }
+
+  // Withdraws this port from the VNI that the segment right above a level gives its VLAN. Returns
+  // the VNI when nobody needs it any more, for the caller to delete.
+  std::optional<Kiv::U32> unmapVni(VirtualNetwork::VlanReferences& vlan, Kiv::U8 level) const {
+    const auto parent = above(level);
+    if (!isVxlan(parent)) return std::nullopt;
+    const Kiv::U32 vni = parent->segmentationId();
+    const Kiv::Ptr<VirtualNetwork::VniReferences> mapping(vlan.mappedVni()[vni]);
+    if (!mapping) return std::nullopt;
+    mapping->referrerDel(port_->id());
+    if (!mapping->referrer().empty()) return std::nullopt;
+    return vni;
+  }
+
+  // The level of a reactor, found by its segment. Stops the process when the reactor is not in the
+  // machine's collection.
+  Kiv::U8 levelOf(const KivSegment& reactor, const Kiv::TraceSource& here) const {
+    const KivSegment* found = nullptr;
+    for (const auto& member : segment_) {
+      if (member->notifier() != reactor.notifier()) continue;
+      found = member.get();
+      break;
+    }
+    KIV_ASSERT(found, here.file, here.function);
+    return found->level();
+  }
+
+  // Runs the cleanup of every segment of the binding; the reactors stay until the machine goes.
+  void doCleanupSegments(const Kiv::TraceSource& here) {
+    const auto b = binding();
+    if (!b) return;
+    for (const auto& entry : b->segment()) {
+      trace(9, here, this, [&](auto& text) {
+        text << "Port connected to segment : " << entry.value->segmentationType()
+             << entry.value->segmentationId();
+      });
+      if (const Kiv::Ptr<KivSegment> reactor{segment_[entry.key]}) {
+        reactor->doCleanup();
+      } else {
+        trace(1, here, this, [&](auto& text) {
+          text << "No reactor at level " << static_cast<unsigned>(entry.key);
+        });
+      }
+    }
+  }
+
+ private:
+  friend class Kiv::Machine<M>;
+
+  M& self() { return static_cast<M&>(*this); }
+  auto reactors() { return std::tie(binding_, segment_); }
+  auto children() { return std::tuple<>(); }
+
+  void mirrorSegment(const B& binding, Kiv::U8 level) {
+    if (const auto segment = binding.segment(level)) {
+      segmentIs(level, segment);
+    } else {
+      segmentDel(level);
+    }
+  }
+  void mirrorSegments(const B& binding) {
+    for (const auto& entry : binding.segment()) segmentIs(entry.key, entry.value);
+    for (const auto& reactor : segment_) {
+      if (!binding.segment().contains(reactor->level())) segmentDel(reactor->level());
+    }
+  }
+
+  Kiv::Ptr<const Port> port_;
+  Kiv::ReactorSlot<KivBinding> binding_;
+  Kiv::Ptr<VirtualNetwork::RequestedResourcesCollection> requestedResourcesCollection_;
+  SegmentMap segment_;
+};
+
+}  // namespace OpenStack::detail
