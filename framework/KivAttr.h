@@ -26,8 +26,9 @@ struct KivAttrTable {
   std::string_view file;     // the source unit that its trace lines name
   std::array<KivAttr, Count> attributes;
 
-  // The attribute with this name. A name that is not in the table does not compile.
-  consteval const KivAttr& operator[](std::string_view name) const {
+  // The attribute with this name. A name that is not in the table does not compile in a
+  // constant expression, which is where it is meant to be used.
+  constexpr const KivAttr& operator[](std::string_view name) const {
     for (const KivAttr& attribute : attributes) {
       if (attribute.name == name) return attribute;
     }
@@ -35,7 +36,7 @@ struct KivAttrTable {
   }
 
   // Where the trace lines of a handler come from.
-  consteval TraceSource handler(std::string_view name) const {
+  constexpr TraceSource handler(std::string_view name) const {
     const KivAttr& attribute = (*this)[name];
     return {file, attribute.name.substr(attribute.name.rfind(':') + 1), attribute.signature};
   }
