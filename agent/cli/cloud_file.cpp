@@ -1,0 +1,29 @@
+#include "agent/cli/cloud_file.h"
+
+#include <utility>
+
+#include "agent/cli/input_file.h"
+#include "agent/document/input.h"
+
+namespace vnagent {
+
+CloudFile applyCloudFile(const std::string& name, CloudDocument& document) {
+  const JsonTree tree = JsonTree::parse(readFile(name));
+  CloudFile result;
+  if (const auto& error = tree.error()) {
+    const bool json = error->kind == JsonError::Kind::kUnusable;
+    result.status = json ? ExitStatus::kRefused : ExitStatus::kUnreadable;
+    result.faults.push_back({error->line, faultsOfText(tree, nullptr).front()});
+    return result;
+  }
+  Outcome outcome = document.apply(tree.root(), faultsOfText(tree, nullptr));
+  for (Fault& fault : outcome.faults) {
+    const auto line = lineOf(tree.root(), fault.place);
+    result.faults.push_back({line, std::move(fault)});
+    result.status = ExitStatus::kRefused;
+  }
+  result.plan = std::move(outcome.plan);
+  return result;
+}
+
+}  // namespace vnagent

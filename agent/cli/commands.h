@@ -1,0 +1,41 @@
+// The commands of vnagent, each with what its command line chose.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "agent/cli/report.h"
+#include "agent/output/trace_lines.h"
+
+namespace vnagent {
+
+struct RunOptions {
+  std::string cloud;   // empty for none
+  std::string events;  // empty for none, "-" for standard input
+  double regionSyncTimeout = 60;
+  bool toggle = true;
+  std::optional<bool> tree;  // the form of the final document; by the terminal where unset
+  bool each = false;
+  bool keepGoing = false;
+  std::optional<int> traceLevel;
+  std::string traceFile;  // empty for standard error
+  bool traceText = false;
+};
+
+struct CheckOptions {
+  std::string cloud;
+  std::string events;  // empty for none
+};
+
+struct ImportOptions {
+  std::string region;
+  std::string directory;
+};
+
+// Each does its work and says what is wrong on standard error. Exceptions that pass through are
+// failures of the agent or a machine, except UnreadableFile.
+ExitStatus run(const RunOptions& options);
+ExitStatus check(const CheckOptions& options);
+ExitStatus importNeutron(const ImportOptions& options);
+
+}  // namespace vnagent

@@ -1,0 +1,84 @@
+#include "agent/cli/report.h"
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+
+#include <fmt/format.h>
+#include <spdlog/sinks/stdout_color_sinks.h>
+#include <spdlog/spdlog.h>
+#include <unistd.h>
+
+namespace vnagent {
+namespace {
+
+// Work that takes less is not worth a word.
+constexpr double kPatience = 1.0;
+constexpr double kInterval = 0.2;
+
+spdlog::logger& log() {
+  static const auto logger = [] {
+    const auto mode =
+        mayColour(STDERR_FILENO) ? spdlog::color_mode::automatic : spdlog::color_mode::never;
+    auto made = std::make_shared<spdlog::logger>(
+        "vnagent", std::make_shared<spdlog::sinks::stderr_color_sink_st>(mode));
+    made->set_pattern("%n: %^%l%$: %v");
+    return made;
+  }();
+  return *logger;
+}
+
+double now() {
+  const auto time = std::chrono::steady_clock::now().time_since_epoch();
+  return std::chrono::duration<double>(time).count();
+}
+
+}  // namespace
+
+std::string placeInFile(std::string_view file, uint64_t line) {
+  return line == 0 ? std::string(file) : fmt::format("{}:{}", file, line);
+}
+
+void reportError(std::string_view text) {
+  log().error("{}", text);
+}
+
+void reportNote(std::string_view text) {
+  log().warn("{}", text);
+}
+
+void reportFault(std::string_view file, uint64_t line, const Fault& fault) {
+  reportError(placeInFile(file, line) + ": " + fault.message());
+}
+
+bool mayColour(int descriptor) {
+  const char* refused = std::getenv("NO_COLOR");
+  if (refused != nullptr && *refused != '\0') return false;
+  const char* terminal = std::getenv("TERM");
+  const bool dumb = terminal == nullptr || std::string_view(terminal) == "dumb";
+  return !dumb && isatty(descriptor) == 1;
+}
+
+Progress::Progress() : terminal_(isatty(STDERR_FILENO) == 1), next_(now() + kPatience) {}
+
+Progress::~Progress() {
+  clear();
+}
+
+void Progress::doneIs(uint64_t events, double time) {
+  if (!terminal_ || now() < next_) return;
+  next_ = now() + kInterval;
+  fmt::print(stderr, "\r{} events, {} s of the clock\033[K", events, time);
+  std::fflush(stderr);
+  shown_ = true;
+}
+
+void Progress::clear() {
+  if (!shown_) return;
+  fmt::print(stderr, "\r\033[K");
+  std::fflush(stderr);
+  shown_ = false;
+}
+
+}  // namespace vnagent

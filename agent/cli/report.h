@@ -1,0 +1,51 @@
+// What the agent says about itself and its input, on standard error; and its exit status.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "agent/document/fault.h"
+
+namespace vnagent {
+
+enum class ExitStatus : int {
+  kOk = 0,
+  kInternal = 1,    // the agent or a machine failed
+  kUsage = 2,       // the command line is wrong
+  kRefused = 3,     // some input broke a rule
+  kUnreadable = 4,  // a file could not be read or is not JSON
+};
+
+// Names a place in a file: "cloud.json:12". A line of 0 is not known.
+std::string placeInFile(std::string_view file, uint64_t line);
+
+// Writes one line to the log.
+void reportError(std::string_view text);
+void reportNote(std::string_view text);
+void reportFault(std::string_view file, uint64_t line, const Fault& fault);
+
+// True where escape sequences for colour may be written to this file descriptor: a terminal whose
+// user has not asked for none.
+bool mayColour(int descriptor);
+
+// Shows on a terminal how far long work is; elsewhere nothing.
+class Progress {
+ public:
+  Progress();
+  ~Progress();
+  Progress(const Progress&) = delete;
+  Progress& operator=(const Progress&) = delete;
+
+  // Says that so many events are done.
+  void doneIs(uint64_t events, double time);
+  // Wipes the line, before something else is written to the terminal.
+  void clear();
+
+ private:
+  bool terminal_;
+  bool shown_ = false;
+  double next_;  // when to show again, in seconds of the steady clock
+};
+
+}  // namespace vnagent

@@ -1,0 +1,75 @@
+// Runs operations on the entities: one overload for each, for std::visit.
+//
+// A thing that machines watch for coming and going is filled before it is added, so that nobody
+// sees it half made. Operations of one thing follow each other, so the applier remembers the region
+// and the port binding that it was at last.
+#pragma once
+
+#include <string_view>
+
+#include "agent/document/operations.h"
+#include "framework/Ptr.h"
+#include "model/OpenStack/Config.h"
+#include "model/OpenStack/OpenStackConfig.h"
+
+namespace OpenStack {
+class OpenStackSm;
+}
+
+namespace vnagent {
+
+class Applier {
+ public:
+  // REQUIRES: all three outlive it.
+  Applier(OpenStack::Config& config, OpenStack::OpenStackConfig& cloud,
+          OpenStack::OpenStackSm& root)
+      : config_(config), cloud_(cloud), root_(root) {}
+
+  void operator()(const op::LevelDel& o);
+  void operator()(const op::AttachmentDel& o);
+  void operator()(const op::PortBindingDel& o);
+  void operator()(const op::SegmentDel& o);
+  void operator()(const op::PortDel& o);
+  void operator()(const op::RegionSetDel& o);
+  void operator()(const op::RegionDel& o);
+  void operator()(const op::VlanDel& o);
+  void operator()(const op::VlanAssignmentDel& o);
+  void operator()(const op::ConfigSetDel& o);
+  void operator()(const op::ServiceAclTypeVrfDel& o);
+
+  void operator()(const op::ConfigScalarIs& o);
+  void operator()(const op::RegionSyncTimeoutIs& o);
+  void operator()(const op::ConfigSetIs& o);
+  void operator()(const op::ServiceAclTypeVrfIs& o);
+  void operator()(const op::VlanAssignmentIs& o);
+  void operator()(const op::VlanIs& o);
+
+  void operator()(const op::RegionIs& o);
+  void operator()(const op::RegionSetIs& o);
+  void operator()(const op::SegmentIs& o);
+  void operator()(const op::PortIs& o);
+  void operator()(const op::PortBindingIs& o);
+  void operator()(const op::AttachmentIs& o);
+  void operator()(const op::LevelIs& o);
+
+  void operator()(const op::RegionScalarIs& o);
+
+  // Lets go of what it remembers, before the activity loop runs.
+  void forget();
+
+ private:
+  OpenStack::Region& region(std::string_view name);
+  OpenStack::PortBinding& binding(std::string_view region, std::string_view port);
+
+  // Gives `use` the host binding or switch-interface binding at this address.
+  template <class Use>
+  void withAttachment(const AttachmentAddress& at, Use use);
+
+  OpenStack::Config& config_;
+  OpenStack::OpenStackConfig& cloud_;
+  OpenStack::OpenStackSm& root_;
+  Kiv::Ptr<OpenStack::Region> region_;
+  Kiv::Ptr<OpenStack::PortBinding> binding_;
+};
+
+}  // namespace vnagent

@@ -1,0 +1,75 @@
+#include "agent/cloud/cloud.h"
+
+#include <algorithm>
+#include <utility>
+#include <variant>
+
+#include "OpenStackSm/OpenStackSm.h"
+#include "agent/cloud/applier.h"
+#include "framework/FeatureToggle.h"
+
+namespace vnagent {
+namespace {
+
+constexpr std::string_view kToggle = "VirtualNetworkAgentToggle";
+
+// Lets the library ask this program for the toggle. Must stand before the first machine.
+void installToggle(bool on) {
+  Kiv::toggleProviderIs([on](std::string_view name, bool byDefault) {
+    const bool answer = name == kToggle ? on : byDefault;
+    return Kiv::kToggleKnown | (answer ? Kiv::kToggleOn : 0U);
+  });
+}
+
+}  // namespace
+
+Cloud::Cloud(const CloudSettings& settings)
+    : config_(Kiv::make<OpenStack::Config>()),
+      openstackConfig_(Kiv::make<OpenStack::OpenStackConfig>()),
+      status_(Kiv::make<OpenStack::OpenStackStatus>()),
+      nameResolutionConfig_(Kiv::make<OpenStack::NameResolution::Config>()),
+      nameResolutionStatus_(Kiv::make<OpenStack::NameResolution::Status>()),
+      resources_(Kiv::make<VirtualNetwork::RequestedResourcesCollection>()),
+      elements_(Kiv::make<VirtualNetwork::NetworkElementCollection>()) {
+  Kiv::System::timeSourceIs(&time_);
+  installToggle(settings.toggle);
+  root_ = OpenStack::openStackSmFactory(openstackConfig_, status_, nameResolutionConfig_,
+                                        nameResolutionStatus_, resources_,
+                                        settings.regionSyncTimeout, config_, elements_);
+}
+
+Cloud::~Cloud() {
+  root_ = nullptr;
+  Kiv::toggleProviderIs({});
+  Kiv::System::timeSourceIs(nullptr);
+}
+
+void Cloud::apply(const Plan& plan) {
+  Applier applier(*config_, *openstackConfig_, *root_);
+  for (const auto& step : plan.steps) {
+    for (const Operation& operation : step) std::visit(applier, operation);
+    applier.forget();
+    loop_.run();
+  }
+}
+
+void Cloud::advance(double seconds) {
+  const double end = time_.now() + seconds;
+  while (loop_.nextTimer() <= end) {
+    time_.nowIs(std::max(time_.now(), loop_.nextTimer()));
+    loop_.fireNextTimer();
+    loop_.run();
+  }
+  time_.nowIs(end);
+}
+
+void Cloud::regionSyncTimeoutIs(double seconds) {
+  root_->regionSyncTimeoutIs(seconds);
+  loop_.run();
+}
+
+OutputDocument Cloud::output() const {
+  return readOutput(*status_, *resources_, *elements_);
+}
+
+}  // namespace vnagent

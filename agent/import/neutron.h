@@ -1,0 +1,79 @@
+// Reads the state of a Neutron server, as its REST API prints it, into a cloud document.
+//
+// Nothing is guessed: what has no place in a cloud document, or would break one of its rules, is
+// left out, and said. The result is one region that keeps all rules.
+//
+//   NeutronDump dump = parse(...);                       // four JSON values, the last may be
+//   absent NeutronImport result = importNeutron(dump);          // throws BadDump
+//   writeCloud(result, "RegionOne", json);
+//   for (const auto& line : result.leftOut) say(line);
+//
+// Any thread.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "agent/output/json_writer.h"
+
+namespace vnagent {
+
+// The server's answers: objects with a list under the collection's name, and the rows of the
+// binding-levels table as a bare list.
+struct NeutronDump {
+  nlohmann::json networks;
+  nlohmann::json segments;
+  nlohmann::json ports;
+  std::optional<nlohmann::json> bindingLevels;
+};
+
+// One of the answers is not what the API gives; what() starts with the file's name and the place.
+class BadDump : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+struct ImportedSegment {
+  uint8_t type = 0;
+  uint32_t id = 0;
+};
+
+struct ImportedBinding {
+  std::string host;                         // behind a switch interface; empty otherwise
+  std::map<uint8_t, std::string> segments;  // segment ids by level
+};
+
+struct ImportedPort {
+  uint8_t vlanType = 0;
+  bool bound = false;
+  std::map<std::string, ImportedBinding> hosts;  // by host
+  std::map<std::pair<std::string, std::string>, ImportedBinding>
+      interfaces;  // by switch, interface
+};
+
+struct NeutronImport {
+  std::map<std::string, ImportedSegment> segments;
+  std::map<std::string, ImportedPort> ports;
+  std::set<std::string> networks;
+  std::set<std::string> vmInstances;
+  std::set<std::string> dhcpInstances;
+  std::set<std::string> baremetalInstances;
+  std::set<std::string> routerInstances;
+  std::vector<std::string> leftOut;  // one line each: which object, and why
+};
+
+NeutronImport importNeutron(const NeutronDump& dump);
+
+// Writes the import as a whole cloud document.
+void writeCloud(const NeutronImport& import, std::string_view region, JsonWriter& json);
+
+}  // namespace vnagent
