@@ -1,0 +1,136 @@
+#!/usr/bin/env python3
+"""Holds the tree to its architecture: who may include whom, and what no file may contain.
+
+A file includes only from its own floor or a lower one, and never in a circle; what is private to a
+floor (its detail/ folder) is included from there alone. Each fault is printed as one line: the place,
+the rule, the remedy. The last line counts; the exit status is 1 when there is a fault.
+"""
+
+import argparse
+import re
+import sys
+from pathlib import Path
+
+# Folder -> the folders that its files may include from, besides itself.
+FRAMEWORK = ["framework"]
+MODEL = FRAMEWORK + ["model/VirtualNetwork"]
+LIBRARY = MODEL + ["model/OpenStack", "OpenStackSm"]
+FLOORS = {
+    "framework": [],
+    "model/VirtualNetwork": FRAMEWORK,
+    "model/OpenStack": MODEL,
+    "OpenStackSm": MODEL + ["model/OpenStack"],
+    "agent/document": [],
+    "agent/output": LIBRARY + ["agent/document"],
+    "agent/import": ["agent/document", "agent/output"],
+    "agent/cloud": LIBRARY + ["agent/document", "agent/output"],
+    "agent/cli": ["agent/document", "agent/import", "agent/output", "agent/cloud"],
+    "agent": ["agent/cli"],
+}
+SOURCES = ("*.h", "*.cpp")
+INCLUDE = re.compile(r'^\s*#\s*include\s+"([^"]+)"', re.M)
+LEFTOVER = re.compile(r"\b(TODO|FIXME|XXX|HACK)\b")
+LONGEST_LINE = 100
+
+
+def floor_of(path: str) -> str | None:
+    """The floor that a path lies on: the longest folder of FLOORS that holds it."""
+    folders = [f for f in FLOORS if path.startswith(f + "/")]
+    return max(folders, key=len, default=None)
+
+
+def private_to(path: str) -> str | None:
+    """The floor that a header is private to; None for a public one."""
+    return floor_of(path) if "/detail/" in path else None
+
+
+def include_faults(path: str, text: str) -> list[str]:
+    """Includes that go up, sideways, or into another floor's private part."""
+    floor = floor_of(path)
+    if floor is None:
+        return []
+    faults = []
+    for included in INCLUDE.findall(text):
+        target = floor_of(included)
+        if target is None:
+            faults.append(f"{path}: includes \"{included}\", which is in no floor; "
+                          "name the header from the project's root")
+        elif target != floor and target not in FLOORS[floor]:
+            faults.append(f"{path}: {floor} may not include from {target} (\"{included}\"); "
+                          "move what is shared to a lower floor")
+        elif private_to(included) not in (None, floor):
+            faults.append(f"{path}: \"{included}\" is private to {target}; "
+                          "use a public header of that floor")
+    return faults
+
+
+def circle_faults(includes: dict[str, list[str]]) -> list[str]:
+    """Headers that include each other in a circle."""
+    faults: list[str] = []
+    state: dict[str, int] = {}
+
+    def visit(path: str, way: list[str]) -> None:
+        state[path] = 1
+        for target in includes.get(path, []):
+            if state.get(target) == 1:
+                circle = " -> ".join(way[way.index(target):] + [target])
+                faults.append(f"{path}: includes in a circle: {circle}; break it")
+            elif target in includes and target not in state:
+                visit(target, way + [target])
+        state[path] = 2
+
+    for path in sorted(includes):
+        if path not in state:
+            visit(path, [path])
+    return faults
+
+
+def text_faults(path: str, text: str) -> list[str]:
+    """Leftover marks, overlong lines, headers without a guard or an opening comment."""
+    faults = []
+    for number, line in enumerate(text.splitlines(), 1):
+        if LEFTOVER.search(line):
+            faults.append(f"{path}:{number}: a leftover mark; do it or drop it")
+        if len(line) > LONGEST_LINE:
+            faults.append(f"{path}:{number}: {len(line)} columns; {LONGEST_LINE} at most")
+    if path.endswith(".h"):
+        if "#pragma once" not in text:
+            faults.append(f"{path}: no #pragma once; add it")
+        if not text.startswith("//"):
+            faults.append(f"{path}: opens without saying what it is for; begin with a comment")
+    return faults
+
+
+def dead_faults(includes: dict[str, list[str]]) -> list[str]:
+    """Headers that nothing includes."""
+    used = {target for targets in includes.values() for target in targets}
+    return [f"{path}: no file includes it; delete it"
+            for path in sorted(includes) if path.endswith(".h") and path not in used]
+
+
+def check(root: Path) -> list[str]:
+    """All faults of the tree."""
+    faults: list[str] = []
+    includes: dict[str, list[str]] = {}
+    for folder in ("framework", "model", "OpenStackSm", "agent", "tests", "examples"):
+        for pattern in SOURCES:
+            for file in sorted((root / folder).rglob(pattern)):
+                path = file.relative_to(root).as_posix()
+                text = file.read_text(encoding="utf-8")
+                includes[path] = INCLUDE.findall(text)
+                faults += include_faults(path, text) + text_faults(path, text)
+    return faults + circle_faults(includes) + dead_faults(includes)
+
+
+def main() -> int:
+    parser = argparse.ArgumentParser(description=__doc__,
+                                     formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("root", type=Path, help="the project's root folder")
+    faults = check(parser.parse_args().root)
+    print(*faults, sep="\n", end="\n" if faults else "")
+    print("the tree keeps its architecture" if not faults else f"{len(faults)} faults")
+    return 1 if faults else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
