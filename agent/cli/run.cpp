@@ -57,6 +57,7 @@ class Run {
     std::unique_ptr<LineReader> events;
     if (!options_.events.empty()) events = std::make_unique<LineReader>(options_.events);
     bool stopped = !loadCloud();
+    if (status_ == ExitStatus::kRefused) stopped = !options_.keepGoing;
     while (!stopped && events) {
       const auto line = events->next();
       if (!line) break;

@@ -56,30 +56,33 @@ std::string_view CloudState::hostOf(AttachmentKind kind, const AttachmentEntry& 
   return kind == AttachmentKind::kHost ? attachment.first.first : attachment.second.host;
 }
 
-void CloudState::enterUse(PortBinding& binding, SegmentEntry& segment) {
-  ++segment.second.users[&binding];
-}
-
-void CloudState::withdrawUse(PortBinding& binding, SegmentEntry& segment) {
-  const auto user = segment.second.users.find(&binding);
-  if (user != segment.second.users.end() && --user->second == 0) segment.second.users.erase(user);
-}
-
-void CloudState::enter(AttachmentKind kind, PortBinding& binding,
-                       const AttachmentEntry& attachment) {
+void CloudState::enter(AttachmentKind kind, PortBinding& binding, AttachmentEntry& attachment) {
   hosts_[static_cast<size_t>(kind)].add(hostOf(kind, attachment), *binding.region);
-  for (const Level& level : attachment.second.levels) enterUse(binding, *level.segment);
+  for (Level& level : attachment.second.levels) {
+    auto& users = level.segment->second.users;
+    level.position = users.size();
+    users.push_back({&binding, &attachment, level.level});
+  }
 }
 
 void CloudState::withdraw(AttachmentKind kind, PortBinding& binding,
                           const AttachmentEntry& attachment) {
   hosts_[static_cast<size_t>(kind)].remove(hostOf(kind, attachment), *binding.region);
-  for (const Level& level : attachment.second.levels) withdrawUse(binding, *level.segment);
+  for (const Level& level : attachment.second.levels) {
+    // The last use takes the place of this one, and its level learns of it.
+    auto& users = level.segment->second.users;
+    const SegmentUse last = users.back();
+    const auto moved =
+        std::ranges::lower_bound(last.attachment->second.levels, last.level, {}, &Level::level);
+    moved->position = level.position;
+    users[level.position] = last;
+    users.pop_back();
+  }
 }
 
 void CloudState::enter(PortBinding& binding) {
   for (const auto kind : kAttachmentKinds) {
-    for (const auto& attachment : binding.of(kind)) enter(kind, binding, attachment);
+    for (auto& attachment : binding.of(kind)) enter(kind, binding, attachment);
   }
 }
 

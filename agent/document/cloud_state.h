@@ -12,6 +12,7 @@
 
 #include <array>
 #include <cstdint>
+#include <iterator>
 #include <map>
 #include <optional>
 #include <set>
@@ -36,11 +37,22 @@ struct SegmentValue {
   friend bool operator==(const SegmentValue&, const SegmentValue&) = default;
 };
 
+struct Attachment;
+struct AttachmentKey;
+using AttachmentEntry = std::pair<const AttachmentKey, Attachment>;
+
+// One level that names a segment.
+struct SegmentUse {
+  PortBinding* binding;
+  AttachmentEntry* attachment;
+  uint8_t level;
+};
+
 // A segment. It has no value where a level names one that does not exist; that happens only while a
 // patch is being looked at.
 struct Segment {
   std::optional<SegmentValue> value;
-  std::unordered_map<PortBinding*, uint32_t> users;  // how many levels of each port binding
+  std::vector<SegmentUse> users;  // in no order
 };
 using SegmentMap = std::map<std::string, Segment, std::less<>>;
 using SegmentEntry = SegmentMap::value_type;
@@ -53,7 +65,11 @@ using PortMap = std::map<std::string, Port, std::less<>>;
 struct Level {
   uint8_t level = 0;
   SegmentEntry* segment = nullptr;
-  friend bool operator==(const Level&, const Level&) = default;
+  size_t position = 0;  // of this use among the segment's
+
+  friend bool operator==(const Level& a, const Level& b) {
+    return a.level == b.level && a.segment == b.segment;
+  }
 };
 
 // The levels of one attachment in ascending order; two are usual, 256 the most.
@@ -86,7 +102,6 @@ struct Attachment {
   Levels levels;
 };
 using AttachmentMap = std::map<AttachmentKey, Attachment, AttachmentKeyLess>;
-using AttachmentEntry = AttachmentMap::value_type;
 
 struct PortBinding {
   Region* region = nullptr;
@@ -122,6 +137,14 @@ struct Config {
   std::map<std::string, std::string, std::less<>> serviceAclTypeVrfMap;
   VlanAssignmentMap vlanAssignment;
 };
+
+// Where a key stands in a map, or where it belongs. Keys mostly come in ascending order, so that
+// the end is looked at first.
+template <class Map, class Key>
+typename Map::iterator placeFor(Map& map, const Key& key) {
+  const bool atEnd = map.empty() || map.key_comp()(std::prev(map.end())->first, key);
+  return atEnd ? map.end() : map.lower_bound(key);
+}
 
 // Which regions something is in, and how often in each; more than one only while a patch is being
 // looked at, or refused.
@@ -166,16 +189,12 @@ class CloudState {
   // Enter or withdraw one thing, or all that is in it. Nothing else changes.
   void enterPort(const Region& in, std::string_view id) { ports_.add(id, in); }
   void withdrawPort(const Region& in, std::string_view id) { ports_.remove(id, in); }
-  void enter(AttachmentKind kind, PortBinding& binding, const AttachmentEntry& attachment);
+  void enter(AttachmentKind kind, PortBinding& binding, AttachmentEntry& attachment);
   void withdraw(AttachmentKind kind, PortBinding& binding, const AttachmentEntry& attachment);
   void enter(PortBinding& binding);
   void withdraw(PortBinding& binding);
   void enter(Region& whole);
   void withdraw(Region& whole);
-
-  // Enter or withdraw the use of a segment by one level.
-  static void enterUse(PortBinding& binding, SegmentEntry& segment);
-  static void withdrawUse(PortBinding& binding, SegmentEntry& segment);
 
  private:
   Occupancy ports_;

@@ -12,7 +12,6 @@ void mergeNameSet(const JsonValue& patch, NameSet& set, SetTouch* touch, Faults&
   }
   if (!readObject(patch, "a collection by name", faults)) return;
   for (const JsonValue* member : patch.all()) {
-    if (!readName(*member, faults)) continue;
     if (member->isNull()) {
       const auto at = set.find(member->key);
       if (at == set.end()) continue;
@@ -20,6 +19,7 @@ void mergeNameSet(const JsonValue& patch, NameSet& set, SetTouch* touch, Faults&
       if (touch != nullptr) touch->removed.push_back(std::move(node));
       continue;
     }
+    if (!readName(*member, faults)) continue;
     if (!readObject(*member, "a member without attributes", faults)) continue;
     for (const JsonValue* inner : member->all()) refuseMember(*inner, "this member", faults);
     const auto at = set.lower_bound(member->key);

@@ -52,7 +52,7 @@ class BindingMerger {
     }
     if (!readObject(patch, "host bindings by host", faults_)) return;
     for (const JsonValue* member : patch.all()) {
-      if (!readName(*member, faults_)) continue;
+      if (!member->isNull() && !readName(*member, faults_)) continue;
       mergeAttachment(*member, AttachmentKind::kHost, {member->key, {}});
     }
   }
@@ -64,14 +64,14 @@ class BindingMerger {
     }
     if (!readObject(patch, "switch-interface bindings by switch", faults_)) return;
     for (const JsonValue* member : patch.all()) {
-      if (!readName(*member, faults_, true)) continue;
       if (member->isNull()) {
         removeSwitch(member->key);
         continue;
       }
+      if (!readName(*member, faults_, true)) continue;
       if (!readObject(*member, "switch-interface bindings by interface", faults_)) continue;
       for (const JsonValue* inner : member->all()) {
-        if (!readName(*inner, faults_, true)) continue;
+        if (!inner->isNull() && !readName(*inner, faults_, true)) continue;
         mergeAttachment(*inner, AttachmentKind::kSwitchInterface, {member->key, inner->key});
       }
     }
@@ -87,7 +87,7 @@ class BindingMerger {
 
   void mergeAttachment(const JsonValue& patch, AttachmentKind kind, const AttachmentKeyView& key) {
     AttachmentMap& map = binding_.of(kind);
-    auto at = map.lower_bound(key);
+    auto at = placeFor(map, key);
     const bool existed = at != map.end() && AttachmentKeyLess::view(at->first) == key;
     if (patch.isNull()) {
       if (existed) remove(kind, at);
@@ -146,6 +146,7 @@ class BindingMerger {
     if (!readObject(patch, "segment ids by level", faults_)) return;
     for (const JsonValue* member : patch.all()) {
       const auto number = plainDecimal(member->key, 0, 255);
+      if (!number && member->isNull()) continue;
       if (!number) {
         faults_.add(*member, shown(member->key) + " is not a level (\"0\" to \"255\")");
         continue;

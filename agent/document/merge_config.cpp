@@ -76,12 +76,12 @@ class ConfigMerger {
     }
     if (!readObject(patch, "a map from ACL type to VRF", faults_)) return;
     for (const JsonValue* member : patch.all()) {
-      if (!readName(*member, faults_)) continue;
       const auto at = map.find(member->key);
       if (member->isNull()) {
         if (at != map.end()) removeAclTypeVrf(at);
         continue;
       }
+      if (!readName(*member, faults_)) continue;
       const auto value = readScalar(*member, ScalarKind::kText, faults_);
       if (!value) continue;
       const auto& name = std::get<std::string>(*value);
@@ -109,11 +109,10 @@ class ConfigMerger {
     }
     if (!readObject(patch, "VLAN assignments by region", faults_)) return;
     for (const JsonValue* member : patch.all()) {
-      if (!readName(*member, faults_)) continue;
       const auto at = map.find(member->key);
       if (member->isNull()) {
         if (at != map.end()) removeAssignment(at);
-      } else if (readObject(*member, "a VLAN assignment", faults_)) {
+      } else if (readName(*member, faults_) && readObject(*member, "a VLAN assignment", faults_)) {
         mergeAssignment(*member, at);
       }
     }
@@ -151,6 +150,7 @@ class ConfigMerger {
     if (!readObject(patch, "a set of VLAN ids", faults_)) return;
     for (const JsonValue* member : patch.all()) {
       const auto id = plainDecimal(member->key, kMinVlan, kMaxVlan);
+      if (!id && member->isNull()) continue;
       if (!id) {
         faults_.add(*member, shown(member->key) + " is not a VLAN id (\"1\" to \"4094\")");
         continue;

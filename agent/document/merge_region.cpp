@@ -74,11 +74,10 @@ class RegionMerger {
     }
     if (!readObject(patch, "segments by id", faults_)) return;
     for (const JsonValue* member : patch.all()) {
-      if (!readName(*member, faults_)) continue;
       if (member->isNull()) {
         const auto at = region_.segment.find(member->key);
         if (at != region_.segment.end()) removeSegment(*at);
-      } else if (readObject(*member, "a segment", faults_)) {
+      } else if (readName(*member, faults_) && readObject(*member, "a segment", faults_)) {
         mergeSegment(*member);
       }
     }
@@ -97,7 +96,7 @@ class RegionMerger {
   }
 
   void mergeSegment(const JsonValue& patch) {
-    const auto at = region_.segment.lower_bound(patch.key);
+    const auto at = placeFor(region_.segment, patch.key);
     const bool known = at != region_.segment.end() && at->first == patch.key;
     SegmentEntry& entry =
         known ? *at : *region_.segment.emplace_hint(at, std::string(patch.key), Segment{});
@@ -168,11 +167,10 @@ class RegionMerger {
     }
     if (!readObject(patch, "ports by id", faults_)) return;
     for (const JsonValue* member : patch.all()) {
-      if (!readName(*member, faults_)) continue;
       if (member->isNull()) {
         const auto at = region_.port.find(member->key);
         if (at != region_.port.end()) removePort(at);
-      } else if (readObject(*member, "a port", faults_)) {
+      } else if (readName(*member, faults_) && readObject(*member, "a port", faults_)) {
         mergePort(*member);
       }
     }
@@ -196,7 +194,7 @@ class RegionMerger {
         vlanType = static_cast<uint8_t>(*value);
       }
     }
-    auto at = region_.port.lower_bound(patch.key);
+    auto at = placeFor(region_.port, patch.key);
     if (at == region_.port.end() || at->first != patch.key) {
       at = region_.port.emplace_hint(at, std::string(patch.key), Port{vlanType.value_or(0)});
       state_.enterPort(region_, at->first);
@@ -217,12 +215,11 @@ class RegionMerger {
     }
     if (!readObject(patch, "port bindings by port id", faults_)) return;
     for (const JsonValue* member : patch.all()) {
-      if (!readName(*member, faults_)) continue;
-      const auto at = map.lower_bound(member->key);
+      const auto at = placeFor(map, member->key);
       const bool existed = at != map.end() && at->first == member->key;
       if (member->isNull()) {
         if (existed) removePortBinding(at);
-      } else if (readObject(*member, "a port binding", faults_)) {
+      } else if (readName(*member, faults_) && readObject(*member, "a port binding", faults_)) {
         mergeMember(*member, at, existed);
       }
     }
@@ -271,14 +268,13 @@ void mergeRegions(const JsonValue& patch, CloudState& state, Change& change, Fau
   }
   if (!readObject(patch, "regions by name", faults)) return;
   for (const JsonValue* member : patch.all()) {
-    if (!readName(*member, faults)) continue;
     auto at = state.region.find(member->key);
     const bool existed = at != state.region.end();
     if (member->isNull()) {
       if (existed) removeRegion(state, change, at);
       continue;
     }
-    if (!readObject(*member, "a region", faults)) continue;
+    if (!readName(*member, faults) || !readObject(*member, "a region", faults)) continue;
     if (!existed) {
       at = state.region.try_emplace(std::string(member->key)).first;
       at->second.name = at->first;

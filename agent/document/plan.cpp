@@ -99,25 +99,21 @@ class RegionPlanner {
       }
     }
     for (const SegmentEntry* segment : changed_) {
-      for (const auto& [binding, uses] : segment->second.users) {
-        if (usesUntouched(*binding, *segment, uses)) replaced_.insert(binding);
+      for (const SegmentUse& use : segment->second.users) {
+        if (leftAlone(use)) replaced_.insert(use.binding);
       }
     }
   }
 
-  // True where a level that the patch left alone uses the segment, which it then did before, too.
-  bool usesUntouched(const PortBinding& binding, const SegmentEntry& segment, uint64_t uses) const {
-    const PortBindingTouch* touch = touchOf(binding);
+  // True where the patch did not touch what uses the segment, which so used it before, too.
+  bool leftAlone(const SegmentUse& use) const {
+    const PortBindingTouch* touch = touchOf(*use.binding);
     if (touch == nullptr) return true;
     if (touch->added()) return false;
-    for (const auto kind : kAttachmentKinds) {
-      for (const AttachmentTouch& attachment : touch->of(kind)) {
-        if (attachment.removed()) continue;
-        uses -= static_cast<uint64_t>(
-            std::ranges::count(attachment.attachment->second.levels, &segment, &Level::segment));
-      }
-    }
-    return uses > 0;
+    return std::ranges::none_of(touch->attachments, [&](const auto& attachments) {
+      return std::ranges::find(attachments, use.attachment, &AttachmentTouch::attachment) !=
+             attachments.end();
+    });
   }
 
   void collectBindings() {

@@ -163,15 +163,11 @@ class Checker {
   // A segment that went or changed may break the bindings that nobody touched.
   void checkUsers(const SegmentTouch& touch) {
     if (touch.added()) return;
-    for (const auto& [binding, count] : touch.segment->second.users) {
-      for (const auto kind : kAttachmentKinds) {
-        for (const auto& attachment : binding->of(kind)) {
-          const bool uses = std::ranges::any_of(attachment.second.levels, [&](const Level& level) {
-            return level.segment == touch.segment;
-          });
-          if (uses) checkLevels(*binding, kind, attachment);
-        }
-      }
+    for (const SegmentUse& use : touch.segment->second.users) {
+      const PortBinding& binding = *use.binding;
+      const bool onHosts = binding.of(AttachmentKind::kHost).contains(use.attachment->first);
+      checkLevels(binding, onHosts ? AttachmentKind::kHost : AttachmentKind::kSwitchInterface,
+                  *use.attachment);
     }
   }
 

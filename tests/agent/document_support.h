@@ -90,9 +90,7 @@ inline std::string DocumentTest::dump() const {
       put("segment", id, std::to_string(segment.value.has_value()));
       if (segment.value)
         put(std::to_string(segment.value->type), std::to_string(segment.value->id));
-      uint64_t uses = 0;
-      for (const auto& [binding, count] : segment.users) uses += count;
-      put("used", std::to_string(segment.users.size()), std::to_string(uses));
+      put("used", std::to_string(segment.users.size()));
     }
     for (const auto& [id, port] : region.port) put("port", id, std::to_string(port.vlanType));
     for (const auto& [id, binding] : region.portBinding) {
