@@ -48,7 +48,7 @@ void OpenStackSm::handleInitialized() {
   static constexpr auto here = kOpenStackSmAttributes.handler("handleInitialized");
   trace(9, here, this, here.signature);
   if (initialized()) {
-    trace(1, here, this, "OpenStackSm already initialized");
+    trace(1, here, this, "OpenStackSM already initialized");
     return;
   }
   if (const auto inputs = openstackConfig()) {
