@@ -1,0 +1,178 @@
+// The allocator, and the tracker that says what is alive.
+#include "framework/Allocation.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <optional>
+#include <random>
+#include <stdexcept>
+#include <vector>
+
+#include "framework/Ptr.h"
+#include "framework/Text.h"
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define TEST_SANITIZED true
+#elif defined(__has_feature)
+#define TEST_SANITIZED (__has_feature(address_sanitizer) || __has_feature(thread_sanitizer))
+#else
+#define TEST_SANITIZED false
+#endif
+
+namespace {
+
+constexpr bool kSanitized = TEST_SANITIZED;
+
+using Kiv::AllocTrackRecord;
+using Kiv::AllocTrackTypeInfo;
+
+// A type for each test that counts, so that none depends on another.
+template <int Number>
+class Counted final : public Kiv::PtrInterface {
+ public:
+  static constexpr std::string_view kTypeName =
+      Number == 0 ? "Test::Counted0" : (Number == 1 ? "Test::Counted1" : "Test::Counted2");
+  explicit Counted(bool fails = false) {
+    if (fails) throw std::runtime_error("no");
+  }
+  const Kiv::Type& fwkType() const override { return Kiv::typeRecord<Counted>; }
+
+ private:
+  char ballast_[100] = {};
+};
+
+std::optional<AllocTrackRecord> recordOf(std::string_view typeName) {
+  for (const AllocTrackRecord& record : AllocTrackTypeInfo::report()) {
+    if (record.typeName == typeName) return record;
+  }
+  return std::nullopt;
+}
+
+TEST(AllocationTest, MemoryIsAlignedForAnyObject) {
+  for (std::size_t size = 1; size <= 600; ++size) {
+    void* memory = Kiv::kivMemAlloc(size);
+    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(memory) % alignof(std::max_align_t), 0U) << size;
+    std::memset(memory, 0xa5, size);
+    Kiv::kivMemFree(memory, size);
+  }
+}
+
+TEST(AllocationTest, BlocksInUseDoNotOverlap) {
+  std::mt19937 random(20);
+  struct Block {
+    unsigned char* memory;
+    std::size_t size;
+    unsigned char mark;
+  };
+  std::vector<Block> blocks;
+  for (int i = 0; i < 20000; ++i) {
+    if (blocks.empty() || random() % 5 < 3) {
+      const std::size_t size = 1 + random() % 700;
+      const auto mark = static_cast<unsigned char>(random());
+      auto* memory = static_cast<unsigned char*>(Kiv::kivMemAlloc(size));
+      std::memset(memory, mark, size);
+      blocks.push_back({memory, size, mark});
+      continue;
+    }
+    std::swap(blocks[random() % blocks.size()], blocks.back());
+    const Block gone = blocks.back();
+    blocks.pop_back();
+    const bool intact = std::all_of(gone.memory, gone.memory + gone.size,
+                                    [&](unsigned char byte) { return byte == gone.mark; });
+    ASSERT_TRUE(intact) << "a block of " << gone.size << " bytes was written by another";
+    Kiv::kivMemFree(gone.memory, gone.size);
+  }
+  for (const Block& block : blocks) Kiv::kivMemFree(block.memory, block.size);
+}
+
+TEST(AllocationTest, WhatCannotBeHadThrowsOrIsNull) {
+  // Not a constant, or the compiler would object to the size.
+  volatile std::size_t tooMuch = PTRDIFF_MAX;
+  if (kSanitized) GTEST_SKIP() << "a sanitizer takes this as a fault of the program";
+  EXPECT_THROW((void)Kiv::kivMemAlloc(tooMuch), std::bad_alloc);
+  EXPECT_EQ(Kiv::kivMemAllocOrNull(tooMuch), nullptr);
+}
+
+TEST(AllocationTest, FreeingNothingDoesNothing) {
+  Kiv::kivMemFree(nullptr, 16);
+  Kiv::kivMemFree(nullptr, 4096);
+}
+
+TEST(TrackerTest, ATypeIsListedFromItsFirstAllocationOn) {
+  static const bool listedBefore = recordOf("Test::Counted0").has_value();
+  EXPECT_FALSE(listedBefore);
+  (void)Kiv::make<Counted<0>>();
+  ASSERT_TRUE(recordOf("Test::Counted0").has_value());
+  EXPECT_EQ(recordOf("Test::Counted0")->liveCount, 0U);
+  EXPECT_EQ(recordOf("Test::Counted0")->liveBytes, 0U);
+}
+
+TEST(TrackerTest, CountsAndBytesFollowTheLiveObjects) {
+  std::vector<Kiv::Ptr<Counted<1>>> live;
+  for (std::size_t i = 1; i <= 5; ++i) {
+    live.push_back(Kiv::make<Counted<1>>());
+    EXPECT_EQ(recordOf("Test::Counted1")->liveCount, i);
+    EXPECT_EQ(recordOf("Test::Counted1")->liveBytes, i * sizeof(Counted<1>));
+  }
+  const Kiv::Ptr<Counted<1>> copy = live.front();
+  EXPECT_EQ(recordOf("Test::Counted1")->liveCount, 5U);
+  live.clear();
+  EXPECT_EQ(recordOf("Test::Counted1")->liveCount, 1U);
+  EXPECT_EQ(recordOf("Test::Counted1")->liveBytes, sizeof(Counted<1>));
+}
+
+TEST(TrackerTest, AConstructorThatThrowsLeavesNothing) {
+  const Kiv::Ptr<Counted<2>> one = Kiv::make<Counted<2>>();
+  EXPECT_THROW((void)Kiv::make<Counted<2>>(true), std::runtime_error);
+  EXPECT_EQ(recordOf("Test::Counted2")->liveCount, 1U);
+  EXPECT_EQ(recordOf("Test::Counted2")->liveBytes, sizeof(Counted<2>));
+}
+
+TEST(TrackerTest, TheReportIsSortedAndListsEachTypeOnce) {
+  (void)Kiv::make<Counted<1>>();
+  (void)Kiv::make<Counted<2>>();
+  (void)Kiv::make<Counted<1>>();
+  std::vector<std::string_view> names;
+  for (const AllocTrackRecord& record : AllocTrackTypeInfo::report()) {
+    names.push_back(record.typeName);
+  }
+  EXPECT_TRUE(std::is_sorted(names.begin(), names.end()));
+  EXPECT_EQ(std::count(names.begin(), names.end(), "Test::Counted1"), 1);
+  EXPECT_THAT(names, testing::IsSupersetOf({"Test::Counted1", "Test::Counted2"}));
+}
+
+TEST(TrackerTest, StringsAreTrackedWithTheirTextAndOncePerRepresentation) {
+  (void)Kiv::String("so that the type is listed");
+  const AllocTrackRecord before = *recordOf("Kiv::Text");
+  {
+    const Kiv::String text(std::string(1000, 'x'));
+    const Kiv::String copy = text;
+    EXPECT_EQ(recordOf("Kiv::Text")->liveCount, before.liveCount + 1);
+    EXPECT_GE(recordOf("Kiv::Text")->liveBytes, before.liveBytes + 1000);
+    EXPECT_LE(recordOf("Kiv::Text")->liveBytes, before.liveBytes + 1000 + 32);
+  }
+  EXPECT_EQ(recordOf("Kiv::Text")->liveCount, before.liveCount);
+  EXPECT_EQ(recordOf("Kiv::Text")->liveBytes, before.liveBytes);
+}
+
+TEST(TypeTest, ARecordTellsTheNameAndTheSizeOfItsClass) {
+  const Kiv::Ptr<Counted<1>> object = Kiv::make<Counted<1>>();
+  EXPECT_EQ(object->fwkType().name(), "Test::Counted1");
+  EXPECT_EQ(object->fwkType().size(), sizeof(Counted<1>));
+  EXPECT_EQ(&object->fwkType(), &Kiv::make<Counted<1>>()->fwkType());
+}
+
+TEST(TypeTest, RecordsAreOneTypeWhenTheirNamesAreEqual) {
+  static constinit const Kiv::Type first("Test::Same", 8);
+  static constinit const Kiv::Type second("Test::Same", 16);
+  static constinit const Kiv::Type third("Test::Other", 8);
+  EXPECT_TRUE(first == second);
+  EXPECT_FALSE(first == third);
+}
+
+}  // namespace

@@ -1,0 +1,294 @@
+// Iterators of both families of keyed collections, while members come and go under them.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <iterator>
+#include <optional>
+#include <random>
+#include <set>
+#include <vector>
+
+#include "framework/HashMap.h"
+#include "framework/HashMap2018.h"
+#include "tests/framework/keys.h"
+#include "tests/support/live_objects.h"
+
+namespace {
+
+using Keys::keyOf;
+using Kiv::make;
+
+// The two families behind one face.
+template <class Key>
+class Objects {
+ public:
+  using K = Key;
+  using Item = Keys::Item<K>;
+  void add(const K& key) {
+    if (!map_.contains(key)) map_.newMember(make<Item>(key));
+  }
+  void remove(const K& key) { (void)map_.deleteMember(key); }
+  void removeAll() { map_.emptyAllBuckets(); }
+  bool contains(const K& key) const { return map_.contains(key); }
+  std::size_t size() const { return map_.size(); }
+  auto begin() { return map_.begin(); }
+  auto end() { return map_.end(); }
+  template <class Iterator>
+  static K keyAt(const Iterator& at) {
+    return (*at)->fwkKey();
+  }
+
+ private:
+  Kiv::HashMap<Item, K> map_;
+};
+
+template <class Key>
+class Values {
+ public:
+  using K = Key;
+  void add(const K& key) { set_.newMember(key, true); }
+  void remove(const K& key) { set_.deleteMember(key); }
+  void removeAll() { set_.emptyAllBuckets(); }
+  bool contains(const K& key) const { return set_.contains(key); }
+  std::size_t size() const { return set_.size(); }
+  auto begin() { return set_.begin(); }
+  auto end() { return set_.end(); }
+  template <class Iterator>
+  static K keyAt(const Iterator& at) {
+    return at.currNodeMaybeStale().key;
+  }
+
+ private:
+  Kiv::HashMap2018<K> set_;
+};
+
+template <class Collection>
+class IterationTest : public testing::Test {
+ protected:
+  using K = typename Collection::K;
+  using Sorted = std::set<K, Keys::InOrder<K>>;
+
+  void fill(int count) {
+    for (int n = 0; n < count; ++n) add(n);
+  }
+  void add(int n) { addKey(keyOf<K>(n)); }
+  void addKey(const K& key) {
+    collection_.add(key);
+    reference_.insert(key);
+  }
+  void removeKey(const K& key) {
+    collection_.remove(key);
+    reference_.erase(key);
+  }
+  // The key that stands after this one, by the reference.
+  std::optional<K> after(const K& key) const {
+    const auto next = reference_.upper_bound(key);
+    return next == reference_.end() ? std::nullopt : std::optional<K>(*next);
+  }
+  // Walks over all; calls `at(key)` for each, and holds each step against the reference.
+  void walk(const std::function<void(const K&)>& at) {
+    std::optional<K> expected =
+        reference_.empty() ? std::nullopt : std::optional<K>(*reference_.begin());
+    std::size_t steps = 0;
+    for (auto i = collection_.begin(); i != collection_.end(); ++i) {
+      ASSERT_TRUE(expected.has_value()) << "went on after the last";
+      const K key = Collection::keyAt(i);
+      ASSERT_EQ(key, *expected);
+      at(key);
+      ASSERT_EQ(Collection::keyAt(i), key) << "the current member changed under the iterator";
+      expected = after(key);
+      ++steps;
+      ASSERT_LT(steps, 10000U);
+    }
+    EXPECT_FALSE(expected.has_value()) << "ended before the last";
+  }
+
+ private:
+  Support::LiveObjects nothingIsLeft_;
+
+ protected:
+  Collection collection_;
+  Sorted reference_;
+};
+
+class FamilyNames {
+ public:
+  template <class C>
+  static std::string GetName(int) {
+    const bool objects = std::is_same_v<C, Objects<typename C::K>>;
+    return (objects ? "Objects" : "Values") + Keys::TypeNames::GetName<typename C::K>(0);
+  }
+};
+
+using Collections = testing::Types<Objects<Kiv::String>, Objects<Kiv::U8>, Objects<Keys::AllAlike>,
+                                   Objects<Keys::FewHashes>, Values<Kiv::U16>, Values<Kiv::Name>,
+                                   Values<Keys::AllAlike>, Values<Keys::FewHashes>>;
+TYPED_TEST_SUITE(IterationTest, Collections, FamilyNames);
+
+constexpr int kSizes[] = {0, 1, 2, 4, 5, 9, 60};
+
+TYPED_TEST(IterationTest, MeetsEachMemberOnce) {
+  for (const int size : kSizes) {
+    this->fill(size);
+    int met = 0;
+    this->walk([&](const auto&) { ++met; });
+    EXPECT_EQ(met, size);
+  }
+}
+
+TYPED_TEST(IterationTest, GoesOnAfterTheDeletionOfTheMemberUnderIt) {
+  for (const int size : kSizes) {
+    this->fill(size);
+    int met = 0;
+    this->walk([&](const auto& key) {
+      ++met;
+      this->removeKey(key);
+    });
+    EXPECT_EQ(met, size);
+    EXPECT_EQ(this->collection_.size(), 0U);
+  }
+}
+
+TYPED_TEST(IterationTest, DoesNotMeetTheNextMemberThatIsDeletedBeforeItsTurn) {
+  this->fill(60);
+  int met = 0;
+  this->walk([&](const auto& key) {
+    ++met;
+    if (const auto next = this->after(key)) this->removeKey(*next);
+  });
+  EXPECT_EQ(met, 30);
+}
+
+TYPED_TEST(IterationTest, DoesNotMindTheDeletionOfThoseItHasPassed) {
+  this->fill(60);
+  std::optional<typename TestFixture::K> previous;
+  int met = 0;
+  this->walk([&](const auto& key) {
+    ++met;
+    if (previous) this->removeKey(*previous);
+    previous = key;
+  });
+  EXPECT_EQ(met, 60);
+}
+
+TYPED_TEST(IterationTest, EndsWhenAllAreDeletedUnderIt) {
+  for (const int size : kSizes) {
+    this->fill(size);
+    int met = 0;
+    this->walk([&](const auto&) {
+      ++met;
+      this->collection_.removeAll();
+      this->reference_.clear();
+    });
+    EXPECT_EQ(met, size == 0 ? 0 : 1);
+  }
+}
+
+TYPED_TEST(IterationTest, MeetsWhatIsInsertedAfterItsPlaceAndNothingBefore) {
+  this->fill(3);
+  int added = 3;
+  this->walk([&](const auto&) {
+    for (int i = 0; i < 5 && added < 200; ++i) this->add(added++);
+  });
+  EXPECT_EQ(this->collection_.size(), this->reference_.size());
+}
+
+TYPED_TEST(IterationTest, DoesNotMeetAKeyAgainThatIsDeletedAndInsertedAnew) {
+  this->fill(40);
+  int met = 0;
+  this->walk([&](const auto& key) {
+    ++met;
+    this->removeKey(key);
+    this->addKey(key);
+  });
+  EXPECT_EQ(met, 40);
+}
+
+TYPED_TEST(IterationTest, FindsItsWayWhenAllWereExchangedUnderIt) {
+  this->fill(40);
+  int met = 0;
+  this->walk([&](const auto&) {
+    ++met;
+    const auto keys = this->reference_;
+    this->collection_.removeAll();
+    for (const auto& key : keys) this->addKey(key);
+  });
+  EXPECT_EQ(met, 40);
+}
+
+TYPED_TEST(IterationTest, TwoWalksAtOnceDoNotDisturbEachOther) {
+  this->fill(12);
+  int inner = 0;
+  this->walk([&](const auto& key) {
+    this->walk([&](const auto&) { ++inner; });
+    this->removeKey(key);
+  });
+  EXPECT_EQ(inner, 12 * 13 / 2);
+}
+
+TYPED_TEST(IterationTest, FollowsTheReferenceWhateverHappensUnderIt) {
+  for (unsigned seed = 1; seed <= 25; ++seed) {
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937 random(seed);
+    const int keys = 1 + static_cast<int>(random() % 120);
+    const auto anyKey = [&] {
+      return keyOf<typename TestFixture::K>(
+          static_cast<int>(random() % static_cast<unsigned>(keys)));
+    };
+    for (int n = 0; n < keys; ++n) {
+      if (random() % 2 == 0) this->add(n);
+    }
+    int budget = 60;  // of insertions, or the walk might never end
+    this->walk([&](const auto& key) {
+      for (auto times = random() % 4; times > 0; --times) {
+        const auto what = random() % 10;
+        if (what < 3) this->removeKey(key);
+        if (what == 3) this->removeKey(anyKey());
+        if (what > 3 && what < 9 && budget-- > 0) this->addKey(anyKey());
+        if (what == 9 && random() % 10 == 0) {
+          this->collection_.removeAll();
+          this->reference_.clear();
+        }
+      }
+    });
+    if (this->HasFatalFailure()) return;
+    this->collection_.removeAll();
+    this->reference_.clear();
+  }
+}
+
+TEST(IteratorTest, TheMemberUnderAnIteratorStaysUsableAfterItsDeletion) {
+  const Support::LiveObjects nothingIsLeft;
+  using Item = Keys::Item<Kiv::Name>;
+  Kiv::HashMap<Item, Kiv::Name> map;
+  map.newMember(make<Item>("a"));
+  auto at = map.begin();
+  map.emptyAllBuckets();
+  EXPECT_EQ((*at)->fwkKey(), "a");
+  EXPECT_EQ((*at)->references(), 1U);
+  ++at;
+  EXPECT_TRUE(at == map.end());
+}
+
+TEST(IteratorTest, SatisfiesTheConceptsOfTheStandardLibrary) {
+  using Item = Keys::Item<Kiv::Name>;
+  using Map = Kiv::HashMap<Item, Kiv::Name>;
+  static_assert(std::input_iterator<Map::iterator>);
+  static_assert(std::input_iterator<Map::const_iterator>);
+  static_assert(std::sentinel_for<std::default_sentinel_t, Map::iterator>);
+  static_assert(std::input_iterator<Kiv::HashMap2018<Kiv::U16>::Iterator>);
+}
+
+TEST(IteratorTest, AConstantCollectionShowsConstantMembers) {
+  const Support::LiveObjects nothingIsLeft;
+  using Item = Keys::Item<Kiv::Name>;
+  Kiv::HashMap<Item, Kiv::Name> map;
+  map.newMember(make<Item>("a"));
+  for (const auto& member : std::as_const(map)) {
+    static_assert(std::is_same_v<decltype(member), const Kiv::Ptr<const Item>&>);
+    EXPECT_EQ(member->fwkKey(), "a");
+  }
+}
+
+}  // namespace

@@ -1,0 +1,246 @@
+// Keyed collections of objects: look-up, order, growth, membership.
+#include "framework/HashMap.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tests/framework/keys.h"
+#include "tests/support/live_objects.h"
+
+namespace {
+
+using Keys::AllAlike;
+using Keys::FewHashes;
+using Keys::keyOf;
+using Kiv::make;
+using Kiv::Ptr;
+using testing::ElementsAreArray;
+
+template <class K>
+class HashMapTest : public testing::Test {
+ protected:
+  using Item = Keys::Item<K>;
+  using Map = Kiv::HashMap<Item, K>;
+
+  // Inserts members for these numbers, in this order.
+  static void insert(Map& map, const std::vector<int>& numbers) {
+    for (const int n : numbers) map.newMember(make<Item>(keyOf<K>(n)));
+  }
+  // The keys as the collection should hold them.
+  static std::vector<K> inOrder(const std::vector<int>& numbers) {
+    std::vector<K> keys;
+    for (const int n : numbers) keys.push_back(keyOf<K>(n));
+    std::sort(keys.begin(), keys.end(), Keys::InOrder<K>());
+    return keys;
+  }
+  static std::vector<K> keysOf(const Map& map) {
+    std::vector<K> keys;
+    for (const auto& member : map) keys.push_back(member->fwkKey());
+    return keys;
+  }
+  static std::vector<int> upTo(int count) {
+    std::vector<int> numbers(static_cast<std::size_t>(count));
+    for (int n = 0; n < count; ++n) numbers[static_cast<std::size_t>(n)] = n;
+    return numbers;
+  }
+
+ private:
+  Support::LiveObjects nothingIsLeft_;
+};
+
+using KeyTypes = testing::Types<Kiv::U8, Kiv::U32, Kiv::Name, Kiv::String, AllAlike, FewHashes>;
+TYPED_TEST_SUITE(HashMapTest, KeyTypes, Keys::TypeNames);
+
+TYPED_TEST(HashMapTest, IsEmptyAtFirst) {
+  using K = TypeParam;
+  typename TestFixture::Map map;
+  EXPECT_TRUE(map.empty());
+  EXPECT_EQ(map.size(), 0U);
+  EXPECT_EQ(map[keyOf<K>(0)], nullptr);
+  EXPECT_FALSE(map.contains(keyOf<K>(0)));
+  EXPECT_EQ(map.deleteMember(keyOf<K>(0)), nullptr);
+  EXPECT_TRUE(map.begin() == map.end());
+  EXPECT_TRUE(map.iteratorAt(keyOf<K>(0)) == map.end());
+  map.emptyAllBuckets();
+  EXPECT_EQ(map.changes(), 0U);
+}
+
+TYPED_TEST(HashMapTest, AMemberIsFoundByItsKeyAndHeld) {
+  using K = TypeParam;
+  typename TestFixture::Map map;
+  const auto item = make<typename TestFixture::Item>(keyOf<K>(7));
+  map.newMember(item);
+  EXPECT_EQ(item->references(), 2U);
+  EXPECT_EQ(map[keyOf<K>(7)], item.get());
+  EXPECT_EQ(std::as_const(map)[keyOf<K>(7)], item.get());
+  EXPECT_TRUE(map.contains(keyOf<K>(7)));
+  EXPECT_EQ(map[keyOf<K>(8)], nullptr);
+  EXPECT_EQ(map.size(), 1U);
+  EXPECT_FALSE(map.empty());
+}
+
+TYPED_TEST(HashMapTest, AMemberThatIsTakenOutIsHandedOver) {
+  using K = TypeParam;
+  typename TestFixture::Map map;
+  TestFixture::insert(map, {1, 2, 3});
+  const auto removed = map.deleteMember(keyOf<K>(2));
+  ASSERT_NE(removed, nullptr);
+  EXPECT_EQ(removed->references(), 1U);
+  EXPECT_EQ(removed->fwkKey(), keyOf<K>(2));
+  EXPECT_EQ(map[keyOf<K>(2)], nullptr);
+  EXPECT_EQ(map.deleteMember(keyOf<K>(2)), nullptr);
+  EXPECT_EQ(map.size(), 2U);
+  EXPECT_THAT(TestFixture::keysOf(map), ElementsAreArray(TestFixture::inOrder({1, 3})));
+}
+
+TYPED_TEST(HashMapTest, EveryMemberIsFoundAtEverySize) {
+  using K = TypeParam;
+  typename TestFixture::Map map;
+  for (int count = 1; count <= 200; ++count) {
+    TestFixture::insert(map, {count - 1});
+    ASSERT_EQ(map.size(), static_cast<std::size_t>(count));
+    for (int n = 0; n < 210; ++n) {
+      const auto* found = map[keyOf<K>(n)];
+      ASSERT_EQ(found != nullptr, n < count) << n << " of " << count;
+      if (found != nullptr) {
+        ASSERT_EQ(found->fwkKey(), keyOf<K>(n));
+      }
+    }
+  }
+  for (int count = 200; count-- > 0;) {
+    ASSERT_NE(map.deleteMember(keyOf<K>(count)), nullptr);
+    for (int n = 0; n < 210; ++n) ASSERT_EQ(map.contains(keyOf<K>(n)), n < count);
+  }
+}
+
+TYPED_TEST(HashMapTest, MembersStandInTheOrderOfTheirBitReversedHashes) {
+  for (const int count : {1, 4, 5, 8, 9, 100, 250}) {
+    typename TestFixture::Map map;
+    TestFixture::insert(map, TestFixture::upTo(count));
+    EXPECT_THAT(TestFixture::keysOf(map),
+                ElementsAreArray(TestFixture::inOrder(TestFixture::upTo(count))));
+  }
+}
+
+TYPED_TEST(HashMapTest, TheOrderDoesNotDependOnHowTheCollectionCameToBe) {
+  using K = TypeParam;
+  typename TestFixture::Map direct;
+  TestFixture::insert(direct, {3, 50, 120, 7, 11, 200});
+
+  typename TestFixture::Map grownAndShrunk;
+  std::vector<int> backwards = TestFixture::upTo(250);
+  std::reverse(backwards.begin(), backwards.end());
+  TestFixture::insert(grownAndShrunk, backwards);
+  for (const int n : backwards) {
+    if (!direct.contains(keyOf<K>(n))) {
+      EXPECT_TRUE(grownAndShrunk.deleteMember(keyOf<K>(n)));
+    }
+  }
+  EXPECT_EQ(TestFixture::keysOf(grownAndShrunk), TestFixture::keysOf(direct));
+}
+
+TYPED_TEST(HashMapTest, EmptyingTakesOutAllAndTheCollectionServesOn) {
+  using K = TypeParam;
+  typename TestFixture::Map map;
+  for (const int count : {1, 5, 100}) {
+    TestFixture::insert(map, TestFixture::upTo(count));
+    map.emptyAllBuckets();
+    EXPECT_TRUE(map.empty());
+    EXPECT_TRUE(map.begin() == map.end());
+    EXPECT_EQ(map[keyOf<K>(0)], nullptr);
+  }
+}
+
+TYPED_TEST(HashMapTest, TheEndOfTheCollectionLetsItsMembersGo) {
+  using K = TypeParam;
+  const auto kept = make<typename TestFixture::Item>(keyOf<K>(1));
+  {
+    typename TestFixture::Map map;
+    map.newMember(kept);
+    TestFixture::insert(map, {2, 3, 4, 5, 6, 7});
+  }
+  EXPECT_EQ(kept->references(), 1U);
+  typename TestFixture::Map another;
+  another.newMember(kept);
+  EXPECT_EQ(another.size(), 1U);
+}
+
+TYPED_TEST(HashMapTest, AnIteratorCanBeginAtAKey) {
+  using K = TypeParam;
+  typename TestFixture::Map map;
+  TestFixture::insert(map, TestFixture::upTo(20));
+  const std::vector<K> keys = TestFixture::keysOf(map);
+  auto at = map.iteratorAt(keys[10]);
+  EXPECT_EQ(at.key(), keys[10]);
+  EXPECT_EQ((*at)->fwkKey(), keys[10]);
+  EXPECT_EQ(at->fwkKey(), keys[10]);
+  ++at;
+  EXPECT_EQ(at.key(), keys[11]);
+}
+
+using Map = Kiv::HashMap<Keys::Item<Kiv::Name>, Kiv::Name>;
+using Item = Keys::Item<Kiv::Name>;
+
+TEST(HashMapMembershipTest, AnObjectIsAMemberOfOneCollectionAtATime) {
+  const Support::LiveObjects nothingIsLeft;
+  Map map;
+  Map other;
+  const auto item = make<Item>("a");
+  map.newMember(item);
+  EXPECT_THROW(other.newMember(item), Kiv::RangeException);
+  EXPECT_THROW(map.newMember(item), Kiv::RangeException);
+  EXPECT_TRUE(other.empty());
+  EXPECT_EQ(map.size(), 1U);
+  EXPECT_EQ(item->references(), 2U);
+
+  (void)map.deleteMember("a");
+  other.newMember(item);
+  EXPECT_EQ(other["a"], item.get());
+}
+
+TEST(HashMapMembershipTest, AReplacedMemberLeavesItsPlaceToTheNewOne) {
+  const Support::LiveObjects nothingIsLeft;
+  Map map;
+  for (const char* name : {"a", "b", "c", "d", "e", "f"}) map.newMember(make<Item>(name));
+  std::vector<std::string> before;
+  for (const auto& member : map) before.push_back(member->fwkKey().str());
+
+  const auto old = map.deleteMember("c");
+  const auto fresh = make<Item>("c");
+  map.newMember(fresh);
+  EXPECT_EQ(map["c"], fresh.get());
+  EXPECT_EQ(map.size(), 6U);
+  std::vector<std::string> after;
+  for (const auto& member : map) after.push_back(member->fwkKey().str());
+  EXPECT_EQ(after, before);
+}
+
+TEST(HashMapMembershipTest, EachChangeIsCounted) {
+  const Support::LiveObjects nothingIsLeft;
+  Map map;
+  const auto a = make<Item>("a");
+  map.newMember(a);
+  EXPECT_EQ(map.changes(), 1U);
+  map.newMember(make<Item>("b"));
+  EXPECT_EQ(map.changes(), 2U);
+  (void)map["a"];
+  (void)map.deleteMember("nobody");
+  EXPECT_EQ(map.changes(), 2U);
+  (void)map.deleteMember("a");
+  EXPECT_EQ(map.changes(), 3U);
+  map.newMember(a);
+  EXPECT_EQ(map.changes(), 4U);
+  map.emptyAllBuckets();
+  EXPECT_EQ(map.changes(), 6U);
+}
+
+TEST(HashMapMembershipTest, AnEmptyCollectionIsTwoWords) {
+  static_assert(sizeof(Map) == 2 * sizeof(void*));
+}
+
+}  // namespace
