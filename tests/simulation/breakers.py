@@ -120,7 +120,8 @@ def broken_between_regions(dice: random.Random, doc: Doc, name: str) -> Doc:
     choices: list[Doc] = [
         {name: {"port": {"new": {}}}, other + "2": {"port": {"new": {}}}},
         {name: {"port": {"n1": {}}, "portBinding": {"n1": {"portToHostBinding": {"nh": {}}}}},
-         other + "2": {"port": {"n2": {}}, "portBinding": {"n2": {"portToHostBinding": {"nh": {}}}}}},
+         other + "2": {"port": {"n2": {}},
+                       "portBinding": {"n2": {"portToHostBinding": {"nh": {}}}}}},
         {name: {"port": {"n1": {}}, "portBinding": {"n1": {"portToSwitchInterfaceBinding": {
             "s": {"i": {"host": "nh"}}}}}},
          other + "2": {"port": {"n2": {}}, "portBinding": {"n2": {"portToSwitchInterfaceBinding": {

@@ -27,9 +27,8 @@ VLANS = [1, 10, 10, 11, 12, 13, 4094]
 VNIS = [1, 5000, 5000, 5001, 16777215]
 FIRST_LEVELS = [0] * 12 + [1, 8, 9, 10, 11, 12, 254, 255]
 SINGLE_LEVELS = [0, 0, 1, 1, 2, 2, 3, 9, 10, 11, 12, 127, 254, 255]
-SHAPES = (["x", "v"],) * 6 + (["v"],) * 4 + (["x"], ["v", "x"], ["x", "v", "v"], ["v", "v"],
-                                            ["x", "x", "v"], ["o", "v"], ["x", "o"], ["x", "v", "x"],
-                                            ["v", "x", "v"], [])
+SHAPES = [*[["x", "v"]] * 6, *[["v"]] * 4, ["x"], ["v", "x"], ["x", "v", "v"], ["v", "v"],
+          ["x", "x", "v"], ["o", "v"], ["x", "o"], ["x", "v", "x"], ["v", "x", "v"], []]
 
 
 def copy(value: Any) -> Any:
@@ -142,8 +141,8 @@ class Generator:
         while isinstance(value, dict) and value and self.random.random() < 0.8:
             path.append(self.random.choice(list(value)))
             value = value[path[-1]]
-        if len(path) in (3, 5) and isinstance(value, dict) and self.random.random() < 0.5:
-            path.append("ghost")
+        if path[0] == "region" and len(path) in (3, 5) and isinstance(value, dict):
+            path += self.random.choice([[], ["ghost"]])  # In place of a key: nothing to take out.
         if path[0] in after:
             self.name(patch, after, tuple(path))
 
@@ -160,9 +159,11 @@ class Generator:
             (self.drop_segment, 2), (self.replace_segment, 2), (self.add_port, 8),
             (self.drop_port, 1), (self.change_vlan_type, 1), (self.bind_port, 4),
             (self.bind_host, 2 * hosts), (self.bind_switch, 2 * switches), (self.unbind_one, 3),
-            (self.drop_port_binding, 2), (self.rename_host, hosts), (self.change_remote_host, switches),
+            (self.drop_port_binding, 2), (self.rename_host, hosts),
+            (self.change_remote_host, switches),
             (self.add_level, 6), (self.drop_level, 4), (self.change_level, 3),
-            (self.swap_levels, 1), (self.disturb_vxlan, 3), (self.switch_kind, 1), (self.move_region, 1),
+            (self.swap_levels, 1), (self.disturb_vxlan, 3), (self.switch_kind, 1),
+            (self.move_region, 1),
             (self.set_vlan, 3 * pool), (self.add_assignment, 2 * pool),
             (self.drop_assignment, pool), (self.set_driver, pool), (self.set_timeout, 1),
             (self.write_lock, 3 * sync), (self.write_status, 3 * sync),
@@ -377,7 +378,7 @@ class Generator:
         found = self.some_levels(doc)
         if found:
             region, levels = found
-            free = [s for s in region["segment"] if s not in levels.values()]
+            free = [s for s in objects(region.get("segment")) if s not in levels.values()]
             if free:
                 levels[self.random.choice(list(levels))] = self.random.choice(free)
 
@@ -387,7 +388,7 @@ class Generator:
         if found:
             region, levels = found
             above = [n for n in levels if levels[n][0] == "x" and str((int(n) + 1) % 256) in levels]
-            free = [s for s in region["segment"] if s not in levels.values()]
+            free = [s for s in objects(region.get("segment")) if s not in levels.values()]
             if above:
                 level = self.random.choice(above)
                 del levels[level]

@@ -113,7 +113,7 @@ class Simulation:
             for seed in options.seeds:
                 stream = Generator(seed).stream(options.events)
                 for toggle in ("on", "off"):
-                    if options.toggle in (toggle, "both"):
+                    if options.toggle in (toggle, "both") and self.failed < options.most_failures:
                         stream.toggle_on = toggle == "on"
                         self.check(f"seed {seed} toggle {toggle}", stream)
         print(f"{self.passed} passed, {self.failed} failed")
@@ -132,6 +132,8 @@ def main() -> int:
                         help="the folder for streams that fail")
     parser.add_argument("--shrink-seconds", type=float, default=30.0,
                         help="how long to shrink a stream that fails; 0 for not at all")
+    parser.add_argument("--most-failures", type=int, default=10, metavar="N",
+                        help="stop after so many failures")
     parser.add_argument("--verbose", action="store_true", help="print the runs that pass, too")
     options = parser.parse_args()
     if options.model == (options.binary is not None):
