@@ -7,7 +7,7 @@
 
 #include "framework/KivAttr.h"
 
-namespace OpenStack {
+namespace [[gnu::visibility("default")]] OpenStack {
 
 inline constexpr std::string_view kSourceUnit = "OpenStackSm";
 

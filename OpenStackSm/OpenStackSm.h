@@ -13,7 +13,7 @@
 #include "model/OpenStack/OpenStackConfig.h"
 #include "model/OpenStack/OpenStackStatus.h"
 
-namespace OpenStack {
+namespace [[gnu::visibility("default")]] OpenStack {
 
 class OpenStackSm final : public Kiv::Machine<OpenStackSm> {
  public:

@@ -12,7 +12,7 @@
 #include "framework/Machine.h"
 #include "model/OpenStack/PortBinding.h"
 
-namespace OpenStack {
+namespace [[gnu::visibility("default")]] OpenStack {
 
 class PortBindingSm final : public Kiv::Machine<PortBindingSm> {
  public:

@@ -6,7 +6,7 @@
 #include "OpenStackSm/detail/PublicationSm.h"
 #include "model/OpenStack/PortToHostBinding.h"
 
-namespace OpenStack {
+namespace [[gnu::visibility("default")]] OpenStack {
 
 class PortToHostBindingSm final
     : public detail::PublicationSm<PortToHostBindingSm, PortToHostBinding> {

@@ -8,7 +8,7 @@
 #include "model/OpenStack/PortToSwitchInterfaceBinding.h"
 #include "model/VirtualNetwork/NetworkElement.h"
 
-namespace OpenStack {
+namespace [[gnu::visibility("default")]] OpenStack {
 
 class PortToSwitchInterfaceBindingSm final
     : public detail::PublicationSm<PortToSwitchInterfaceBindingSm, PortToSwitchInterfaceBinding> {

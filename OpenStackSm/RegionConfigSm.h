@@ -11,7 +11,7 @@
 #include "model/OpenStack/Region.h"
 #include "model/OpenStack/RegionStatus.h"
 
-namespace OpenStack {
+namespace [[gnu::visibility("default")]] OpenStack {
 
 class RegionConfigSm final : public Kiv::Machine<RegionConfigSm> {
  public:

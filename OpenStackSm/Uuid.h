@@ -3,7 +3,7 @@
 
 #include "framework/Text.h"
 
-namespace OpenStack {
+namespace [[gnu::visibility("default")]] OpenStack {
 
 // A new random version-4 UUID as 36 characters, lower case. Each call makes a generator of its own,
 // seeded from the system. Any thread.

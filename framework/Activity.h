@@ -21,7 +21,7 @@
 #include "framework/Clock.h"
 #include "framework/Time.h"
 
-namespace Kiv {
+namespace [[gnu::visibility("default")]] Kiv {
 
 // How a handler takes a key: integers by value, everything else by reference.
 template <class K>

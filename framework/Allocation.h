@@ -15,7 +15,7 @@
 
 #include "framework/Integers.h"
 
-namespace Kiv {
+namespace [[gnu::visibility("default")]] Kiv {
 
 // Whether reference counts, the allocator and its tracker are safe to use from several threads at
 // once. Process-wide; set it before a second thread touches an object, and leave it.

@@ -3,7 +3,7 @@
 
 #include <string_view>
 
-namespace Kiv {
+namespace [[gnu::visibility("default")]] Kiv {
 
 // Prints the assertion's text, the source unit and the function to standard error, and aborts.
 [[noreturn]] void assertionFailed(std::string_view text, std::string_view file,

@@ -24,7 +24,7 @@
 #include "framework/Activity.h"
 #include "framework/HashMap2018.h"
 
-namespace Kiv {
+namespace [[gnu::visibility("default")]] Kiv {
 
 // The three notifications of a keyed attribute, as members of its NotifieeConst class.
 template <class N, class K>

@@ -11,7 +11,7 @@
 #include "framework/Entity.h"
 #include "framework/Time.h"
 
-namespace Kiv {
+namespace [[gnu::visibility("default")]] Kiv {
 
 class Clock final : public Entity<Clock> {
  public:

@@ -7,7 +7,7 @@
 
 #include "framework/Notifiee.h"
 
-namespace Kiv {
+namespace [[gnu::visibility("default")]] Kiv {
 
 class EntityBase : public Member {
  public:

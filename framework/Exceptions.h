@@ -5,7 +5,7 @@
 #include <stdexcept>
 #include <string>
 
-namespace Kiv {
+namespace [[gnu::visibility("default")]] Kiv {
 
 class PtrInterface;
 class Type;

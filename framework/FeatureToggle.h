@@ -6,7 +6,7 @@
 
 #include "framework/Integers.h"
 
-namespace Kiv {
+namespace [[gnu::visibility("default")]] Kiv {
 
 // An answer of the service, as a word.
 inline constexpr U32 kToggleOn = 1;     // the toggle is on

@@ -7,7 +7,7 @@
 
 #include "framework/Integers.h"
 
-namespace Kiv {
+namespace [[gnu::visibility("default")]] Kiv {
 
 // The bits of `v` in the opposite order.
 constexpr U32 bitReverse(U32 v) {

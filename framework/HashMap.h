@@ -18,7 +18,7 @@
 #include "framework/Ptr.h"
 #include "framework/detail/OrderedTable.h"
 
-namespace Kiv {
+namespace [[gnu::visibility("default")]] Kiv {
 
 // An object that can be a member of a HashMap.
 class Member : public PtrInterface {

@@ -17,7 +17,7 @@
 #include "framework/Hash.h"
 #include "framework/detail/OrderedTable.h"
 
-namespace Kiv {
+namespace [[gnu::visibility("default")]] Kiv {
 
 template <class K, class V = bool>
 class HashMap2018 {

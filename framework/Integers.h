@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-namespace Kiv {
+namespace [[gnu::visibility("default")]] Kiv {
 
 using U8 = std::uint8_t;
 using U16 = std::uint16_t;

@@ -17,7 +17,7 @@
 #include "framework/ReactorMap.h"
 #include "framework/Text.h"
 
-namespace Kiv {
+namespace [[gnu::visibility("default")]] Kiv {
 
 template <class M>
 class Machine : public Member {

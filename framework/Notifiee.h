@@ -19,7 +19,7 @@
 
 #include "framework/HashMap.h"
 
-namespace Kiv {
+namespace [[gnu::visibility("default")]] Kiv {
 
 class EntityBase;
 

@@ -10,7 +10,7 @@
 #include "framework/Exceptions.h"
 #include "framework/PtrInterface.h"
 
-namespace Kiv {
+namespace [[gnu::visibility("default")]] Kiv {
 
 template <class T>
 class Ptr {

@@ -11,7 +11,7 @@
 
 #include "framework/Type.h"
 
-namespace Kiv {
+namespace [[gnu::visibility("default")]] Kiv {
 
 class NotifieeList;
 

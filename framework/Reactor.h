@@ -16,7 +16,7 @@
 
 #include "framework/Notifiee.h"
 
-namespace Kiv {
+namespace [[gnu::visibility("default")]] Kiv {
 
 template <class Self, class M, class E>
 class Reactor : public E::NotifieeConst {

@@ -9,7 +9,7 @@
 #include "framework/Attribute.h"
 #include "framework/Reactor.h"
 
-namespace Kiv {
+namespace [[gnu::visibility("default")]] Kiv {
 
 // The fixed text of the exception for a null argument to a collection's mutator. It closes with a
 // double-quote character, which readers of old logs search for.

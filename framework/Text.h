@@ -18,7 +18,7 @@
 #include "framework/Allocation.h"
 #include "framework/Hash.h"
 
-namespace Kiv {
+namespace [[gnu::visibility("default")]] Kiv {
 
 // What Name and String share. Not used by itself.
 class Text {

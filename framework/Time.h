@@ -4,7 +4,7 @@
 // moves only when told (VirtualTime). Activity thread only.
 #pragma once
 
-namespace Kiv {
+namespace [[gnu::visibility("default")]] Kiv {
 
 // A number of seconds: a point of the monotonic time, or a span of it.
 using Seconds = double;

@@ -16,7 +16,7 @@
 #include <sstream>
 #include <string_view>
 
-namespace Kiv {
+namespace [[gnu::visibility("default")]] Kiv {
 
 // One trace line, borrowed for the call of the sink.
 struct TraceLine {

@@ -3,7 +3,7 @@
 
 #include "framework/Allocation.h"
 
-namespace Kiv {
+namespace [[gnu::visibility("default")]] Kiv {
 
 // The record of one class of objects: its name as tools report it, and its allocation counters.
 // There is one for each class, of static storage; two records are the same type when their names

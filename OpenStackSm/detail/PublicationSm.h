@@ -18,7 +18,8 @@
 #include "model/OpenStack/Segment.h"
 #include "model/VirtualNetwork/RequestedResources.h"
 
-namespace OpenStack::detail {
+namespace [[gnu::visibility("default")]] OpenStack {
+namespace detail {
 
 inline bool isVlan(const Kiv::Ptr<const Segment>& segment) {
   return segment && segment->segmentationType() == SegmentationType::vlan;
@@ -216,4 +217,5 @@ class PublicationSm : public Kiv::Machine<M> {
   SegmentMap segment_;
 };
 
-}  // namespace OpenStack::detail
+}  // namespace detail
+}  // namespace OpenStack

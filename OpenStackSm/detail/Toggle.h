@@ -10,7 +10,7 @@ namespace OpenStack::detail {
 bool virtualNetworkAgentToggle();
 
 // Forgets the answer, as if the library had just been loaded. For tests, which need both answers in
-// one process.
-void virtualNetworkAgentToggleForget();
+// one process; exported for them, so that they run against the library as it is shipped.
+[[gnu::visibility("default")]] void virtualNetworkAgentToggleForget();
 
 }  // namespace OpenStack::detail

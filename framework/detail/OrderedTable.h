@@ -14,7 +14,8 @@
 #include "framework/Allocation.h"
 #include "framework/Integers.h"
 
-namespace Kiv::detail {
+namespace [[gnu::visibility("default")]] Kiv {
+namespace detail {
 
 // `Link` has the members `Link* kivNext` and `U32 kivOrder`. The table owns no link; whoever
 // inserts does.
@@ -144,4 +145,5 @@ class OrderedTable {
   U32 removals_ : 27 = 0;
 };
 
-}  // namespace Kiv::detail
+}  // namespace detail
+}  // namespace Kiv

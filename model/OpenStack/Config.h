@@ -8,7 +8,7 @@
 #include "model/OpenStack/MirroredObject.h"
 #include "model/OpenStack/VlanAssignment.h"
 
-namespace OpenStack {
+namespace [[gnu::visibility("default")]] OpenStack {
 
 // VRF name by type of service ACL.
 using ServiceAclTypeVrfMap = std::map<Kiv::String, Kiv::String>;

@@ -5,7 +5,7 @@
 
 #include "framework/Integers.h"
 
-namespace OpenStack {
+namespace [[gnu::visibility("default")]] OpenStack {
 
 // A region's sync state.
 enum class SyncStatus : Kiv::U32 {

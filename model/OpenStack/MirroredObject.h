@@ -5,7 +5,7 @@
 #include "framework/Attribute.h"
 #include "framework/Text.h"
 
-namespace OpenStack {
+namespace [[gnu::visibility("default")]] OpenStack {
 
 // An object with a key and nothing else. K is Kiv::Name or Kiv::String.
 template <class K>

@@ -3,7 +3,8 @@
 
 #include "framework/Attribute.h"
 
-namespace OpenStack::NameResolution {
+namespace [[gnu::visibility("default")]] OpenStack {
+namespace NameResolution {
 
 // How names are resolved. No machine reads it.
 class Config final : public Kiv::Entity<Config> {
@@ -19,4 +20,5 @@ class Status final : public Kiv::Entity<Status> {
   class NotifieeConst : public Kiv::Notifiee<Status> {};
 };
 
-}  // namespace OpenStack::NameResolution
+}  // namespace NameResolution
+}  // namespace OpenStack

@@ -3,7 +3,7 @@
 
 #include "model/OpenStack/Region.h"
 
-namespace OpenStack {
+namespace [[gnu::visibility("default")]] OpenStack {
 
 // The regions of the cloud that the agent serves.
 class OpenStackConfig final : public Kiv::Entity<OpenStackConfig> {

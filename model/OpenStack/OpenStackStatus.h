@@ -3,7 +3,7 @@
 
 #include "model/OpenStack/RegionStatus.h"
 
-namespace OpenStack {
+namespace [[gnu::visibility("default")]] OpenStack {
 
 // What the machines say of the cloud; one for each agent.
 class OpenStackStatus final : public Kiv::Entity<OpenStackStatus> {

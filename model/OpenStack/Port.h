@@ -5,7 +5,7 @@
 #include "framework/Text.h"
 #include "model/OpenStack/Enumerations.h"
 
-namespace OpenStack {
+namespace [[gnu::visibility("default")]] OpenStack {
 
 // A port of a network.
 class Port final : public Kiv::Entity<Port> {

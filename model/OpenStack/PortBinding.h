@@ -5,7 +5,7 @@
 #include "model/OpenStack/PortToHostBinding.h"
 #include "model/OpenStack/PortToSwitchInterfaceBinding.h"
 
-namespace OpenStack {
+namespace [[gnu::visibility("default")]] OpenStack {
 
 // One bound port. It is bound to hosts or to switch interfaces, never to both at once.
 class PortBinding final : public Kiv::Entity<PortBinding> {

@@ -3,7 +3,7 @@
 
 #include "model/OpenStack/Segment.h"
 
-namespace OpenStack {
+namespace [[gnu::visibility("default")]] OpenStack {
 
 // A port bound to a host.
 class PortToHostBinding final : public Kiv::Entity<PortToHostBinding> {

@@ -4,7 +4,7 @@
 #include "model/OpenStack/Segment.h"
 #include "model/VirtualNetwork/SwitchInterface.h"
 
-namespace OpenStack {
+namespace [[gnu::visibility("default")]] OpenStack {
 
 // A port that is reached through one interface of one switch.
 class PortToSwitchInterfaceBinding final : public Kiv::Entity<PortToSwitchInterfaceBinding> {

@@ -4,7 +4,7 @@
 #include "model/OpenStack/MirroredObject.h"
 #include "model/OpenStack/PortBinding.h"
 
-namespace OpenStack {
+namespace [[gnu::visibility("default")]] OpenStack {
 
 // One region of the cloud, as its driver last described it.
 class Region final : public Kiv::Entity<Region> {

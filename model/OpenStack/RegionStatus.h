@@ -4,7 +4,7 @@
 #include "model/OpenStack/Enumerations.h"
 #include "model/OpenStack/VlanPool.h"
 
-namespace OpenStack {
+namespace [[gnu::visibility("default")]] OpenStack {
 
 // What the machines say of one region.
 class RegionStatus final : public Kiv::Entity<RegionStatus> {

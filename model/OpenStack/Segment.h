@@ -5,7 +5,7 @@
 #include "framework/Text.h"
 #include "model/OpenStack/Enumerations.h"
 
-namespace OpenStack {
+namespace [[gnu::visibility("default")]] OpenStack {
 
 // A segment of a network: a VLAN, a VXLAN tunnel, or another kind.
 class Segment final : public Kiv::Entity<Segment> {

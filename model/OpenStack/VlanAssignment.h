@@ -4,7 +4,7 @@
 #include "framework/Attribute.h"
 #include "framework/Text.h"
 
-namespace OpenStack {
+namespace [[gnu::visibility("default")]] OpenStack {
 
 // The VLANs configured for one region.
 class VlanAssignment final : public Kiv::Entity<VlanAssignment> {

@@ -4,7 +4,7 @@
 #include "framework/Attribute.h"
 #include "framework/Text.h"
 
-namespace OpenStack {
+namespace [[gnu::visibility("default")]] OpenStack {
 
 // The VLANs of one region: assigned, allocated, available.
 class VlanPool final : public Kiv::Entity<VlanPool> {

@@ -4,7 +4,7 @@
 
 #include "model/VirtualNetwork/References.h"
 
-namespace VirtualNetwork {
+namespace [[gnu::visibility("default")]] VirtualNetwork {
 
 // Made as ResourcesForHostname or as a NetworkElement.
 class HostResources : public Kiv::EntityBase {

@@ -3,7 +3,7 @@
 
 #include "model/VirtualNetwork/References.h"
 
-namespace VirtualNetwork {
+namespace [[gnu::visibility("default")]] VirtualNetwork {
 
 class NetworkElement;
 

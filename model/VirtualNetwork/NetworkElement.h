@@ -4,7 +4,7 @@
 #include "model/VirtualNetwork/HostResources.h"
 #include "model/VirtualNetwork/Interface.h"
 
-namespace VirtualNetwork {
+namespace [[gnu::visibility("default")]] VirtualNetwork {
 
 // A switch, named by its switch identifier, or a host, named by its host name.
 class NetworkElement final : public Kiv::Entity<NetworkElement, HostResources> {

@@ -5,7 +5,7 @@
 #include "framework/Attribute.h"
 #include "framework/Text.h"
 
-namespace VirtualNetwork {
+namespace [[gnu::visibility("default")]] VirtualNetwork {
 
 // The ports that need a VLAN to carry a VNI.
 class VniReferences final : public Kiv::Entity<VniReferences> {

@@ -6,7 +6,7 @@
 #include "model/VirtualNetwork/Interface.h"
 #include "model/VirtualNetwork/SwitchInterface.h"
 
-namespace VirtualNetwork {
+namespace [[gnu::visibility("default")]] VirtualNetwork {
 
 // What one host needs. The machines make it and never delete it.
 class ResourcesForHostname final : public Kiv::Entity<ResourcesForHostname, HostResources> {

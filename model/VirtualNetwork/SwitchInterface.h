@@ -6,7 +6,7 @@
 
 #include "framework/Text.h"
 
-namespace VirtualNetwork {
+namespace [[gnu::visibility("default")]] VirtualNetwork {
 
 // A value of two strings; either may be empty, which the machines take as no switch interface.
 class SwitchInterface {
