@@ -1,3 +1,5 @@
 #include "agent/cli/command_line.h"
 
-int main(int argc, char** argv) { return vnagent::runCommandLine(argc, argv); }
+int main(int argc, char** argv) {
+  return vnagent::runCommandLine(argc, argv);
+}

@@ -1,0 +1,244 @@
+// The command line: options, files, exit status, what goes where.
+#include "agent/cli/command_line.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+
+namespace vnagent {
+namespace {
+
+using ::testing::AllOf;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Not;
+using ::testing::StartsWith;
+
+class Commands : public ::testing::Test {
+ protected:
+  struct Result {
+    int status;
+    std::string out;
+    std::string err;
+  };
+
+  Commands() {
+    std::string pattern = (std::filesystem::temp_directory_path() / "vnagent-XXXXXX").string();
+    folder_ = mkdtemp(pattern.data());
+  }
+  ~Commands() override { std::filesystem::remove_all(folder_); }
+
+  std::string file(std::string_view name, std::string_view content) const {
+    const auto path = folder_ / name;
+    std::ofstream(path, std::ios::binary) << content;
+    return path.string();
+  }
+
+  static Result vnagent(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), "vnagent");
+    std::vector<char*> argv;
+    for (auto& argument : arguments) argv.push_back(argument.data());
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    const int status = runCommandLine(static_cast<int>(argv.size()), argv.data());
+    return {status, testing::internal::GetCapturedStdout(), testing::internal::GetCapturedStderr()};
+  }
+
+  std::filesystem::path folder_;
+};
+
+constexpr std::string_view kCloud =
+    "{\n\"region\": {\n\"R\": {\n\"port\": {\"p\": {}},\n\"portBinding\": {\"p\": {}}}}}";
+constexpr std::string_view kBadCloud =
+    "{\n\"region\": {\n\"R\": {\n\"port\": {\"p\": {}},\n\"portBinding\": {\"q\": {}, \"r\": "
+    "{}}}}}";
+
+// run.
+
+TEST_F(Commands, RunWithoutAnythingPrintsTheEmptyOutput) {
+  const auto result = vnagent({"run"});
+  EXPECT_EQ(result.status, 0);
+  EXPECT_THAT(result.out, StartsWith("{\n  \"regionStatus\": {},\n"));
+  EXPECT_THAT(result.err, IsEmpty());
+}
+
+TEST_F(Commands, RunPrintsTheOutputAsJsonOrAsATree) {
+  const auto cloud = file("cloud.json", kCloud);
+  EXPECT_THAT(vnagent({"run", cloud, "--format", "json"}).out, HasSubstr("\"R\": {"));
+  EXPECT_THAT(vnagent({"run", cloud, "--format=tree"}).out, HasSubstr("Regions\n  R\n"));
+}
+
+TEST_F(Commands, EachStepIsALineAndNoFinalDocumentFollows) {
+  const auto events =
+      file("events.jsonl",
+           "# a comment\n\n{\"advance\": 1.5}\r\n{\"patch\": {\"region\": {\"S\": {}}}}\n"
+           "{\"regionSyncTimeout\": 30}");
+  const auto result = vnagent({"run", file("cloud.json", kCloud), "--events", events, "--each"});
+  EXPECT_EQ(result.status, 0);
+  std::istringstream lines(result.out);
+  std::vector<std::string> starts;
+  for (std::string line; std::getline(lines, line);) starts.push_back(line.substr(0, 44));
+  EXPECT_THAT(starts,
+              testing::ElementsAre(StartsWith("{\"step\": 0, \"ok\": true, \"time\": 0, \"out"),
+                                   StartsWith("{\"step\": 1, \"ok\": true, \"time\": 1.5, "),
+                                   StartsWith("{\"step\": 2, \"ok\": true, \"time\": 1.5, "),
+                                   StartsWith("{\"step\": 3, \"ok\": true, \"time\": 1.5, ")));
+}
+
+TEST_F(Commands, ARunStopsAtARefusedEvent) {
+  const auto events =
+      file("events.jsonl", "{\"advance\": 1}\n\n{\"patch\": {\"x\": 1}}\n{\"advance\": 2}\n");
+  auto result = vnagent({"run", "--events", events});
+  EXPECT_EQ(result.status, 3);
+  EXPECT_THAT(result.out, IsEmpty());
+  EXPECT_THAT(result.err, HasSubstr("events.jsonl:3: /x: "));
+  result = vnagent({"run", "--events", events, "--each"});
+  EXPECT_THAT(result.out, AllOf(HasSubstr("{\"step\": 2, \"ok\": false, \"error\": \"/x: "),
+                                Not(HasSubstr("\"step\": 3"))));
+}
+
+TEST_F(Commands, ARunThatKeepsGoingSkipsWhatIsRefused) {
+  const auto events = file("events.jsonl", "{\"patch\": {\"x\": 1}}\nnonsense\n{\"advance\": 2}\n");
+  const auto result = vnagent({"run", "--events", events, "--each", "--keep-going"});
+  EXPECT_EQ(result.status, 3);
+  EXPECT_THAT(result.out, HasSubstr("{\"step\": 2, \"ok\": false, \"error\": \": not JSON: "));
+  EXPECT_THAT(result.out, HasSubstr("{\"step\": 3, \"ok\": true, \"time\": 2, "));
+  EXPECT_THAT(result.err, AllOf(HasSubstr("events.jsonl:1: "), HasSubstr("events.jsonl:2: ")));
+}
+
+TEST_F(Commands, ARefusedDocumentIsSaidWithItsLine) {
+  const auto cloud = file("cloud.json", kBadCloud);
+  auto result = vnagent({"run", cloud});
+  EXPECT_EQ(result.status, 3);
+  EXPECT_THAT(result.out, IsEmpty());
+  EXPECT_THAT(result.err, HasSubstr("cloud.json:5: /region/R/portBinding/q: no port \"q\""));
+  const auto events = file("events.jsonl", "{\"advance\": 2}\n");
+  result = vnagent({"run", cloud, "--events", events, "--each", "--keep-going"});
+  EXPECT_EQ(result.status, 3);
+  EXPECT_THAT(result.out, AllOf(StartsWith("{\"step\": 0, \"ok\": false, \"error\": \"/region/R"),
+                                HasSubstr("{\"step\": 1, \"ok\": true")));
+}
+
+TEST_F(Commands, WhatCannotBeReadOrIsNotJsonIsStatusFour) {
+  EXPECT_EQ(vnagent({"run", (folder_ / "none.json").string()}).status, 4);
+  EXPECT_EQ(vnagent({"run", folder_.string()}).status, 4);
+  EXPECT_EQ(vnagent({"run", "--events", (folder_ / "none.jsonl").string()}).status, 4);
+  EXPECT_EQ(vnagent({"run", "--events", folder_.string()}).status, 4);
+  EXPECT_EQ(vnagent({"check", (folder_ / "none.json").string()}).status, 4);
+  const auto result = vnagent({"run", file("cloud.json", "{\n  oops}"), "--each"});
+  EXPECT_EQ(result.status, 4);
+  EXPECT_THAT(result.out, IsEmpty());
+  EXPECT_THAT(result.err, HasSubstr("cloud.json:2: : not JSON: "));
+}
+
+TEST_F(Commands, AWrongCommandLineIsStatusTwo) {
+  const std::vector<std::vector<std::string>> wrong{{},
+                                                    {"walk"},
+                                                    {"run", "a", "b"},
+                                                    {"run", "--what"},
+                                                    {"run", "--toggle", "maybe"},
+                                                    {"run", "--format", "xml"},
+                                                    {"run", "--region-sync-timeout", "0"},
+                                                    {"run", "--region-sync-timeout", "-1"},
+                                                    {"run", "--region-sync-timeout", "nan"},
+                                                    {"run", "--region-sync-timeout", "1000000001"},
+                                                    {"run", "--trace", "x"},
+                                                    {"run", "--trace-text"},
+                                                    {"check"},
+                                                    {"import-neutron", "dir"},
+                                                    {"import-neutron", "--region", "", "dir"},
+                                                    {"import-neutron", "--region", "R"}};
+  for (const auto& arguments : wrong) {
+    const auto result = vnagent(arguments);
+    EXPECT_EQ(result.status, 2) << testing::PrintToString(arguments);
+    EXPECT_THAT(result.err, Not(IsEmpty())) << testing::PrintToString(arguments);
+  }
+}
+
+TEST_F(Commands, HelpAndVersionArePrintedAndFine) {
+  for (const auto* command : {"run", "check", "import-neutron"}) {
+    const auto result = vnagent({command, "--help"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_THAT(result.out, HasSubstr(command));
+  }
+  EXPECT_THAT(vnagent({"--version"}).out, StartsWith("vnagent "));
+  EXPECT_THAT(vnagent({"--help"}).out, HasSubstr("import-neutron"));
+}
+
+TEST_F(Commands, TraceLinesGoToTheirFileWithTheStepAndNothingAfterTheLast) {
+  const auto trace = (folder_ / "trace").string();
+  const auto events = file("events.jsonl", "{\"patch\": {\"region\": {\"S\": {}}}}\n");
+  EXPECT_EQ(vnagent({"run", file("cloud.json", kCloud), "--events", events, "--trace", "9",
+                     "--trace-file", trace})
+                .status,
+            0);
+  std::ifstream stream(trace);
+  const std::string lines{std::istreambuf_iterator<char>(stream), {}};
+  EXPECT_THAT(lines,
+              StartsWith("{\"step\": 0, \"level\": 9, \"file\": \"OpenStackSm\", \"line\": "));
+  EXPECT_THAT(lines, HasSubstr("{\"step\": 1, \"level\": 9, "));
+  EXPECT_THAT(lines, Not(HasSubstr("doCleanup")));
+  EXPECT_THAT(vnagent({"run", "--trace", "9", "--trace-text"}).err, StartsWith("9 OpenStackSm:"));
+}
+
+// check.
+
+TEST_F(Commands, CheckSaysEveryFault) {
+  const auto result = vnagent({"check", file("cloud.json", kBadCloud)});
+  EXPECT_EQ(result.status, 3);
+  EXPECT_THAT(result.err, AllOf(HasSubstr("cloud.json:5: /region/R/portBinding/q: "),
+                                HasSubstr("cloud.json:5: /region/R/portBinding/r: ")));
+}
+
+TEST_F(Commands, CheckFollowsTheStreamAndSkipsWhatIsRefused) {
+  const auto cloud = file("cloud.json", kCloud);
+  EXPECT_EQ(vnagent({"check", cloud}).status, 0);
+  const auto result = vnagent(
+      {"check", cloud, "--events",
+       file("events.jsonl",
+            "{\"patch\": {\"region\": {\"R\": {\"port\": {\"p\": null}}}}}\n"
+            "{\"patch\": {\"region\": {\"R\": {\"portBinding\": {\"p\": null}}}}}\n"
+            "{\"patch\": {\"region\": {\"R\": {\"port\": {\"p\": null}}}}}\n{\"advance\": -1}\n")});
+  EXPECT_EQ(result.status, 3);
+  EXPECT_THAT(result.err, AllOf(HasSubstr("events.jsonl:1: /region/R/portBinding/p: no port"),
+                                Not(HasSubstr("events.jsonl:2")), Not(HasSubstr("events.jsonl:3")),
+                                HasSubstr("events.jsonl:4: /advance: ")));
+}
+
+// import-neutron.
+
+TEST_F(Commands, ImportReadsAFolderAndSaysWhatItLeavesOut) {
+  file("networks.json", R"({"networks": []})");
+  file("segments.json",
+       R"({"segments": [{"id": "s", "network_type": "vlan", "segmentation_id": 0}]})");
+  file("ports.json", R"({"ports": [{"id": "p", "binding:vif_type": "unbound"}]})");
+  const auto result = vnagent({"import-neutron", "--region", "Region/One", folder_.string()});
+  EXPECT_EQ(result.status, 0);
+  EXPECT_THAT(result.out, AllOf(HasSubstr("\"Region/One\": {"), HasSubstr("\"p\": {")));
+  EXPECT_THAT(result.err, HasSubstr("segment s left out: "));
+}
+
+TEST_F(Commands, ImportSaysWhichFileIsMissingOrWrong) {
+  const auto import = [&] {
+    return vnagent({"import-neutron", "--region", "R", folder_.string()});
+  };
+  EXPECT_EQ(vnagent({"import-neutron", "--region", "R", (folder_ / "none").string()}).status, 4);
+  EXPECT_THAT(import().err, HasSubstr("networks.json"));
+  file("networks.json", R"({"networks": []})");
+  file("segments.json", "{\n");
+  EXPECT_EQ(import().status, 4);
+  EXPECT_THAT(import().err, HasSubstr("segments.json:2: not JSON"));
+  file("segments.json", R"({"segments": {}})");
+  file("ports.json", R"({"ports": []})");
+  EXPECT_EQ(import().status, 3);
+  EXPECT_THAT(import().err, HasSubstr("segments.json: /segments: "));
+  file("segments.json", R"({"segments": []})");
+  file("db_binding_levels.json", "[7]");
+  EXPECT_EQ(import().status, 3);
+  EXPECT_THAT(import().err, HasSubstr("db_binding_levels.json: /0: "));
+}
+
+}  // namespace
+}  // namespace vnagent
