@@ -9,8 +9,10 @@
 
 namespace [[gnu::visibility("default")]] OpenStack {
 
+// The source unit that every machine's trace lines name.
 inline constexpr std::string_view kSourceUnit = "OpenStackSm";
 
+// The attributes of OpenStackSm.
 inline constexpr Kiv::KivAttrTable<17> kOpenStackSmAttributes{
     "OpenStack::OpenStackSm",
     kSourceUnit,
@@ -37,6 +39,7 @@ inline constexpr Kiv::KivAttrTable<17> kOpenStackSmAttributes{
          "void OpenStack::OpenStackSm::KivVlanAssignment::handleVlanAssignment(U16)"},
     }}};
 
+// The attributes of RegionConfigSm.
 inline constexpr Kiv::KivAttrTable<20> kRegionConfigSmAttributes{
     "OpenStack::RegionConfigSm",
     kSourceUnit,
@@ -67,6 +70,7 @@ inline constexpr Kiv::KivAttrTable<20> kRegionConfigSmAttributes{
          "void OpenStack::RegionConfigSm::KivPortBinding::handleCleanup()"},
     }}};
 
+// The attributes of PortBindingSm.
 inline constexpr Kiv::KivAttrTable<19> kPortBindingSmAttributes{
     "OpenStack::PortBindingSm",
     kSourceUnit,
@@ -100,6 +104,7 @@ inline constexpr Kiv::KivAttrTable<19> kPortBindingSmAttributes{
          "void OpenStack::PortBindingSm::KivPortToSwitchInterfaceBinding::doCleanup()"},
     }}};
 
+// The attributes of PortToHostBindingSm.
 inline constexpr Kiv::KivAttrTable<10> kPortToHostBindingSmAttributes{
     "OpenStack::PortToHostBindingSm",
     kSourceUnit,
@@ -117,6 +122,7 @@ inline constexpr Kiv::KivAttrTable<10> kPortToHostBindingSmAttributes{
          "void OpenStack::PortToHostBindingSm::KivSegment::doCleanup()"},
     }}};
 
+// The attributes of PortToSwitchInterfaceBindingSm.
 inline constexpr Kiv::KivAttrTable<12> kPortToSwitchInterfaceBindingSmAttributes{
     "OpenStack::PortToSwitchInterfaceBindingSm",
     kSourceUnit,

@@ -74,7 +74,8 @@ class OpenStackSm final : public Kiv::Machine<OpenStackSm> {
 
   // What a change of the assignments does for its region: refills the region's pool.
   struct Refill {
-    OpenStackSm& machine;
+    OpenStackSm& machine;  // whose pools
+    // Runs handleRegionVlanAssignment().
     void operator()(const Kiv::Name& regionName) const {
       machine.handleRegionVlanAssignment(regionName);
     }

@@ -141,8 +141,10 @@ class PendingQueue {
 // answer null.
 class Activity;
 
+// The loop and its clock; see above.
 class ActivityManager {
  public:
+  // Becomes the process's. REQUIRES: there is none.
   ActivityManager();
   // Drops what still waits, undelivered.
   ~ActivityManager();
@@ -157,6 +159,7 @@ class ActivityManager {
   // does nothing. What a handler throws passes through: its notification is spent, the rest waits
   // for the next call.
   void run();
+  // Whether nothing waits.
   bool idle() const { return queue_.empty(); }
   // How many notifications wait.
   std::size_t waiting() const { return queue_.size(); }
@@ -171,7 +174,8 @@ class ActivityManager {
   // Fires every timer that is due by now, in order of time, and runs until idle after each.
   void runTimers();
 
-  // Queueing; what the attributes of entities call.
+  // Queueing
+  // Queues a call of `handler`, unless the same one waits. The attributes of entities call this.
   template <class N>
   void queue(N& notifiee, void (N::*handler)()) {
     const std::uintptr_t slot = detail::handlerSlot(handler);

@@ -32,28 +32,33 @@ void kivMemFree(void* memory, std::size_t size) noexcept;
 
 // What the tracker knows about one type of object.
 struct AllocTrackRecord {
-  std::string_view typeName;
-  U64 liveCount;  // objects alive now
-  U64 liveBytes;  // their own size, without what they hold elsewhere
+  std::string_view typeName;  // as the class names itself
+  U64 liveCount;              // objects alive now
+  U64 liveBytes;              // their own size, without what they hold elsewhere
 };
 
 // The live count and bytes of one type. One for each type, of static storage; a type is listed from
 // its first allocation on.
 class AllocTrackTypeInfo {
  public:
+  // REQUIRES: the name is of static storage.
   constexpr explicit AllocTrackTypeInfo(std::string_view typeName) : typeName_(typeName) {}
   AllocTrackTypeInfo(const AllocTrackTypeInfo&) = delete;
   AllocTrackTypeInfo& operator=(const AllocTrackTypeInfo&) = delete;
 
-  // Accounts for one object of this type that came, or went, with its size in bytes.
+  // Accounts for one object of this type that came, with its size in bytes.
   static void trackAllocation(AllocTrackTypeInfo& type, std::size_t size) noexcept;
+  // The same, for one that went.
   static void trackDeallocation(AllocTrackTypeInfo& type, std::size_t size) noexcept;
 
   // Every type that was ever allocated, sorted by name.
   static std::vector<AllocTrackRecord> report();
 
+  // The name.
   std::string_view typeName() const { return typeName_; }
+  // Objects alive now.
   U64 liveCount() const { return liveCount_.load(std::memory_order_relaxed); }
+  // Their own size, without what they hold elsewhere.
   U64 liveBytes() const { return liveBytes_.load(std::memory_order_relaxed); }
 
  private:

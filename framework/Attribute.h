@@ -29,18 +29,18 @@ namespace [[gnu::visibility("default")]] Kiv {
 // The three notifications of a keyed attribute, as members of its NotifieeConst class.
 template <class N, class K>
 struct On {
-  void (N::*keyed)(KeyArgument<K>);
-  void (N::*immediate)();
-  void (N::*whole)();
+  void (N::*keyed)(KeyArgument<K>);  // from the loop, with the member's key
+  void (N::*immediate)();            // at once, inside the mutator
+  void (N::*whole)();                // from the loop, after the keyed one
 };
 
 // The change that a mutator is telling of: which member of which collection. A reactor that was in
 // line with the collection before it needs to look at this member only.
 struct ChangeUnderWay {
-  const void* collection;
-  const void* key;
-  U32 before;  // the collection's changes() before it
-  ChangeUnderWay* outer;
+  const void* collection;  // the changed collection
+  const void* key;         // the changed member's, of the collection's key type
+  U32 before;              // the collection's changes() before it
+  ChangeUnderWay* outer;   // the change within whose notification this one happens; or null
 
   // The innermost change under way in the process; null when there is none.
   static ChangeUnderWay*& innermost();
@@ -89,8 +89,10 @@ class Scalar {
   Scalar() = default;
   explicit Scalar(T value) : value_(std::move(value)) {}
 
+  // The value; as made, the default of its type.
   const T& get() const { return value_; }
 
+  // Writes it, and tells.
   template <class N>
   void is(const EntityBase& entity, void (N::*handler)(), T value) {
     value_ = std::move(value);
@@ -179,6 +181,7 @@ class References : public HashMap2018<K, Ptr<const E>> {
     if (Map::deleteMember(key)) notifyChange(entity, on, gone, this, 0);
   }
 
+  // Drops every reference, one after the other.
   template <class N>
   void delAll(const EntityBase& entity, const On<N, K>& on) {
     for (const auto& entry : *this) del(entity, on, entry.key);
@@ -196,17 +199,20 @@ class ValueSet : public HashMap2018<K, bool> {
   using Map = HashMap2018<K, bool>;
 
  public:
+  // Gives the key's entry this value, made when absent; does nothing when it has it.
   template <class N>
   void is(const EntityBase& entity, const On<N, K>& on, const K& key, bool value) {
     if (Map::newMember(key, value)) notifyChange(entity, on, key, this, 0);
   }
 
+  // Deletes the key's entry; does nothing when absent.
   template <class N>
   void del(const EntityBase& entity, const On<N, K>& on, const K& key) {
     const K gone = key;
     if (Map::deleteMember(key)) notifyChange(entity, on, gone, this, 0);
   }
 
+  // Deletes every entry, one after the other.
   template <class N>
   void delAll(const EntityBase& entity, const On<N, K>& on) {
     for (const auto& entry : *this) del(entity, on, entry.key);

@@ -13,9 +13,11 @@
 
 namespace [[gnu::visibility("default")]] Kiv {
 
+// The clock of the activity manager; see above.
 class Clock final : public Entity<Clock> {
  public:
   static constexpr std::string_view kTypeName = "Kiv::Clock";
+  // The time of a timer that is not armed.
   static constexpr Seconds kNever = std::numeric_limits<Seconds>::infinity();
 
   class NotifieeConst : public Notifiee<Clock> {

@@ -28,7 +28,9 @@ class NameInUseException final : public Exception {
   using Exception::Exception;
 };
 
+// Throws one with this text.
 [[noreturn]] void throwRangeException(const std::string& text);
+// Throws one with this text.
 [[noreturn]] void throwNameInUseException(const std::string& text);
 
 // A pointer value as text for an exception's message: the type's name and the address, or "null".

@@ -138,6 +138,7 @@ class HashMap<V, K, E>::Iterator {
 
   const Ptr<T>& operator*() const { return current_; }
   T* operator->() const { return current_.get(); }
+  // Its key, also after its deletion.
   const K& key() const { return key_; }
 
   Iterator& operator++() {

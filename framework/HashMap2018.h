@@ -26,10 +26,10 @@ class HashMap2018 {
 
   // One entry.
   struct Node {
-    Node* kivNext = nullptr;
-    U32 kivOrder = 0;
-    V value{};
-    K key{};
+    Node* kivNext = nullptr;  // the set's own
+    U32 kivOrder = 0;         // the set's own
+    V value{};                // what the key stands for
+    K key{};                  // unique in its set
   };
 
   class Iterator;
@@ -77,6 +77,7 @@ class HashMap2018 {
     freeNode(table_.remove(at));
     return true;
   }
+  // Deletes every entry, in order.
   void emptyAllBuckets() {
     while (const Node* first = table_.first()) deleteMember(K(first->key));
   }

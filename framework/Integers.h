@@ -5,6 +5,7 @@
 
 namespace [[gnu::visibility("default")]] Kiv {
 
+// The unsigned integers, by their number of bits.
 using U8 = std::uint8_t;
 using U16 = std::uint16_t;
 using U32 = std::uint32_t;

@@ -22,9 +22,9 @@ struct KivAttr {
 // The attributes of one machine type, in the order of their declaration.
 template <std::size_t Count>
 struct KivAttrTable {
-  std::string_view machine;  // the machine's type name
-  std::string_view file;     // the source unit that its trace lines name
-  std::array<KivAttr, Count> attributes;
+  std::string_view machine;               // the machine's type name
+  std::string_view file;                  // the source unit that its trace lines name
+  std::array<KivAttr, Count> attributes;  // in the order of their declaration
 
   // The attribute with this name. A name that is not in the table does not compile in a
   // constant expression, which is where it is meant to be used.

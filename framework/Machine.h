@@ -103,7 +103,8 @@ template <class M, class... Arguments>
 
 // The key under which the owner holds the machine; never compared.
 struct KeyArgument_ {
-  std::string_view name;
+  std::string_view name;  // of the argument
+  // Nothing to hold against.
   template <class M, class T>
   void reconcile(M&, const T&) const {}
 };
@@ -111,9 +112,10 @@ struct KeyArgument_ {
 // An argument that an existing machine must have been made with.
 template <class Get>
 struct FixedArgument_ {
-  std::string_view name;
-  Get get;
+  std::string_view name;  // of the argument
+  Get get;                // the machine's getter of it
 
+  // Throws a name-in-use exception when `given` is not what the machine has.
   template <class M, class T>
   void reconcile(M& machine, const T& given) const {
     const auto& current = (machine.*get)();
@@ -142,21 +144,25 @@ struct FixedArgument_ {
 // An argument that is written into an existing machine.
 template <class Set>
 struct ChangingArgument_ {
-  std::string_view name;
-  Set set;
+  std::string_view name;  // of the argument
+  Set set;                // the machine's mutator of it
+  // Writes `given` into the machine.
   template <class M, class T>
   void reconcile(M& machine, const T& given) const {
     (machine.*set)(given);
   }
 };
 
+// Describe one argument: its name, and how to reach it.
 constexpr KeyArgument_ keyArgument(std::string_view name) {
   return {name};
 }
+// As above.
 template <class Get>
 constexpr FixedArgument_<Get> fixedArgument(std::string_view name, Get get) {
   return {name, get};
 }
+// As above.
 template <class Set>
 constexpr ChangingArgument_<Set> changingArgument(std::string_view name, Set set) {
   return {name, set};
@@ -186,6 +192,7 @@ class ChildMap : public HashMap<C, K> {
 
   // Takes the child out and returns it; null when absent. Runs no cleanup.
   Ptr<C> del(const K& key) { return Map::deleteMember(key); }
+  // Takes out every child, in order. Runs no cleanup.
   void delAll() { Map::emptyAllBuckets(); }
 
   // What the machine passes on to all that it owns.

@@ -50,6 +50,7 @@ class NotifieeBase : public Member {
   NotifieeBase();
   ~NotifieeBase() override;
 
+  // The observed entity, its class unknown; null when not connected.
   const EntityBase* notifierBase() const { return notifier_.get(); }
 
  private:

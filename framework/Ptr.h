@@ -50,11 +50,13 @@ class Ptr {
     Ptr(std::move(other)).swap(*this);
     return *this;
   }
+  // Each takes what the other holds.
   void swap(Ptr& other) noexcept { std::swap(object_, other.object_); }
   // Hands the reference to the caller, and is null afterwards.
   [[nodiscard]] T* release() noexcept { return std::exchange(object_, nullptr); }
 
   // Access
+  // The object, borrowed; null when there is none.
   T* get() const noexcept { return object_; }
   T* operator->() const noexcept { return object_; }
   T& operator*() const noexcept { return *object_; }
@@ -71,6 +73,7 @@ class Ptr {
   T* object_ = nullptr;
 };
 
+// Whether two pointers of different classes hold the same object.
 template <class T, class U>
 bool operator==(const Ptr<T>& a, const Ptr<U>& b) noexcept {
   return static_cast<const void*>(a.get()) == static_cast<const void*>(b.get());

@@ -39,10 +39,12 @@ class PtrInterface {
     }
     if ((before & kCountMask) == 1) free();
   }
+  // How many references there are.
   U32 references() const { return word_.load(std::memory_order_relaxed) & kCountMask; }
 
   // Marked for deletion: a zombie. A zombie ignores every notification.
   bool markedForDeletion() const { return flag(kMarkedForDeletion); }
+  // Only sets the mark.
   void kivMarkedForDeletionIs(bool marked) { flagIs(kMarkedForDeletion, marked); }
 
   // Whether notifications are delivered to this object, and to what it owns.

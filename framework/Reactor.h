@@ -97,9 +97,11 @@ class ReactorSlot {
   ReactorSlot& operator=(const ReactorSlot&) = delete;
   ~ReactorSlot() { del(); }
 
-  // The reactor, and the entity that it observes; null when there is none.
+  // The reactor; null when there is none.
   R* reactor() const { return reactor_.get(); }
+  // The entity that it observes; null when there is none.
   Ptr<const Entity> entity() const { return reactor_ ? reactor_->entity() : nullptr; }
+  // The same, borrowed.
   const Entity* notifier() const { return reactor_ ? reactor_->notifier() : nullptr; }
 
   // Makes the machine observe this entity: re-points the reactor, or makes an active one. A null
@@ -125,7 +127,8 @@ class ReactorSlot {
     reactor_ = nullptr;
   }
 
-  // What the machine passes on to all that it owns.
+  // What the machine passes on to all that it owns: the switch of notifications, the zombie mark,
+  // and the loss of the machine.
   void hasNotificationActiveIs(bool active) {
     if (reactor_) reactor_->hasNotificationActiveIs(active);
   }

@@ -86,6 +86,7 @@ class ReactorMap : public HashMap<R, K, typename R::Entity> {
     return reactor->entity();
   }
 
+  // del() for every reactor, in order.
   template <class Hook = NoHook>
   void delAll(Hook hook = {}) {
     for (const auto& reactor : std::as_const(*this)) del(K(reactor->fwkKey()), hook);
@@ -108,6 +109,7 @@ class ReactorMap : public HashMap<R, K, typename R::Entity> {
     }
     inLineAt_ = input.changes();
   }
+  // The same for one member.
   template <class Input, class Hook = NoHook>
   void resynchroniseOne(Machine& machine, std::string_view name, const Input& input, const K& key,
                         Hook hook = {}) {
@@ -118,7 +120,8 @@ class ReactorMap : public HashMap<R, K, typename R::Entity> {
     }
   }
 
-  // What the machine passes on to all that it owns.
+  // What the machine passes on to all that it owns: the switch of notifications, the zombie mark,
+  // and the loss of the machine.
   void hasNotificationActiveIs(bool active) {
     for (const auto& reactor : *this) reactor->hasNotificationActiveIs(active);
   }

@@ -23,9 +23,11 @@ namespace [[gnu::visibility("default")]] Kiv {
 // What Name and String share. Not used by itself.
 class Text {
  public:
+  // The characters, borrowed for as long as any string shares them.
   std::string_view view() const {
     return rep_ == nullptr ? std::string_view() : std::string_view(rep_->text(), rep_->size);
   }
+  // A copy of the characters.
   std::string str() const { return std::string(view()); }
   bool empty() const { return rep_ == nullptr; }
   std::size_t size() const { return rep_ == nullptr ? 0 : rep_->size; }
@@ -33,6 +35,7 @@ class Text {
 
  protected:
   Text() noexcept = default;
+  // A text of these characters.
   explicit Text(std::string_view text);
   // The text of `a` followed by that of `b`.
   Text(std::string_view a, std::string_view b);
@@ -50,6 +53,7 @@ class Text {
   }
   ~Text() { dec(); }
 
+  // Whether the characters are the same.
   bool equals(const Text& other) const {
     if (rep_ == other.rep_) return true;
     if (hash() != other.hash()) return false;
@@ -101,6 +105,7 @@ class TextOf : public Text {
  public:
   using Text::Text;
   TextOf() noexcept = default;
+  // The same text as another type of string; shares the representation.
   explicit TextOf(const Text& text) noexcept : Text(text) {}
 
   friend bool operator==(const Self& a, const Self& b) { return a.equals(b); }
@@ -137,6 +142,7 @@ class String;
 class Name final : public TextOf<Name> {
  public:
   Name() noexcept = default;
+  // A name of these characters; of two texts, the first followed by the second.
   Name(const char* text) : TextOf(std::string_view(text)) {}
   Name(std::string_view text) : TextOf(text) {}
   Name(const std::string& text) : TextOf(std::string_view(text)) {}
@@ -149,6 +155,7 @@ class Name final : public TextOf<Name> {
 class String final : public TextOf<String> {
  public:
   String() noexcept = default;
+  // A string of these characters; of two texts, the first followed by the second.
   String(const char* text) : TextOf(std::string_view(text)) {}
   String(std::string_view text) : TextOf(text) {}
   String(const std::string& text) : TextOf(std::string_view(text)) {}

@@ -34,6 +34,7 @@ class VirtualTime final : public TimeSource {
   Seconds now_ = 0;
 };
 
+// The time that the framework and the machines go by.
 class System {
  public:
   // The current monotonic time. Within a turn of the activity loop it is that of the turn's start.

@@ -20,25 +20,28 @@ namespace [[gnu::visibility("default")]] Kiv {
 
 // One trace line, borrowed for the call of the sink.
 struct TraceLine {
-  int level;
-  std::string_view file;
-  int line;
-  std::string_view function;
-  std::string_view text;
+  int level;                  // how much of a detail it is
+  std::string_view file;      // the source unit
+  int line;                   // in that unit
+  std::string_view function;  // the short name of the handler
+  std::string_view text;      // the message
 };
 
 // What decides which lines are written, and where they go.
 class TraceHandle {
  public:
+  // Who gets the lines.
   using Sink = std::function<void(const TraceLine&)>;
 
   // The highest level that is written; below zero (the default) nothing is.
   int level() const { return level_; }
   void levelIs(int level) { level_ = level; }
+  // Whether a line of this level is written.
   bool enabled(int level) const { return level <= level_; }
 
   // Who gets the lines; without a sink they are dropped. A sink may not throw.
   void sinkIs(Sink sink) { sink_ = std::move(sink); }
+  // Gives a line to the sink.
   void write(const TraceLine& line) const {
     if (sink_) sink_(line);
   }
@@ -56,6 +59,7 @@ class TraceHelper {
  public:
   // Room for a helper on the caller's stack.
   struct Storage {
+    // The room itself.
     alignas(std::ostringstream) std::byte bytes[sizeof(std::ostringstream) + 2 * sizeof(void*)];
   };
 
@@ -82,6 +86,7 @@ class TraceHelper {
 // Ends a helper with the scope.
 class EnsureTraceHelperIsDestroyed {
  public:
+  // For this helper; null is allowed.
   explicit EnsureTraceHelperIsDestroyed(TraceHelper* helper) : helper_(helper) {}
   ~EnsureTraceHelperIsDestroyed() {
     if (helper_ != nullptr) helper_->~TraceHelper();
@@ -95,9 +100,9 @@ class EnsureTraceHelperIsDestroyed {
 
 // Where a machine's line comes from: the source unit, the handler's short name and its signature.
 struct TraceSource {
-  std::string_view file;
-  std::string_view function;
-  std::string_view signature;
+  std::string_view file;       // the source unit
+  std::string_view function;   // the handler's short name
+  std::string_view signature;  // its full signature
 };
 
 // Writes a machine's trace line: the subject's address, " [ ", the signature, " ] ", the message.

@@ -10,11 +10,14 @@ namespace [[gnu::visibility("default")]] Kiv {
 // are equal.
 class Type {
  public:
+  // REQUIRES: the name is of static storage.
   constexpr Type(std::string_view name, std::size_t size) : size_(size), allocations_(name) {}
 
+  // The name, as tools report it.
   std::string_view name() const { return allocations_.typeName(); }
   // The size of one object, in bytes.
   std::size_t size() const { return size_; }
+  // What is alive of the class.
   AllocTrackTypeInfo& allocations() const { return allocations_; }
 
   friend bool operator==(const Type& a, const Type& b) { return &a == &b || a.name() == b.name(); }

@@ -25,6 +25,7 @@ class MirroredObject final : public Kiv::Entity<MirroredObject<K>> {
   K id_;
 };
 
+// With a name, or with an id of free text.
 using NamedObject = MirroredObject<Kiv::Name>;
 using IdentifiedObject = MirroredObject<Kiv::String>;
 

@@ -29,6 +29,7 @@ class HostResources : public Kiv::EntityBase {
   // The regions that use the host, by region name; owned. A host serves one region at a time.
   const auto& domain() const { return domain_; }
   auto& domain() { return domain_; }
+  // How many regions use it.
   std::size_t domains() const { return domain_.size(); }
   Kiv::Ptr<DomainReferences> domainIs(const Kiv::Name& region) {
     return domain_.is(*this, kOnDomain, region);

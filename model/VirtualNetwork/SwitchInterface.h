@@ -12,6 +12,7 @@ namespace [[gnu::visibility("default")]] VirtualNetwork {
 class SwitchInterface {
  public:
   SwitchInterface() = default;
+  // An interface of a switch.
   SwitchInterface(Kiv::String switchIdentifier, Kiv::String interfaceName)
       : switchIdentifier_(std::move(switchIdentifier)), interfaceName_(std::move(interfaceName)) {}
 
