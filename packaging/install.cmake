@@ -1,0 +1,75 @@
+# What `cmake --install` puts where, and what an embedder finds there.
+#
+#   include/OpenStackSm/    the headers, below the paths that #include names; nothing else of ours
+#                           lies on an embedder's include path
+#   lib/                    libOpenStackSm.so, its CMake package and its pkg-config file
+#   bin/vnagent             with its man page and the completions of three shells
+#
+# Components: `library` is what a program needs at run time, `development` what building one needs,
+# `agent` the program.
+include(GNUInstallDirs)
+include(CMakePackageConfigHelpers)
+
+set(OPENSTACKSM_ZSH_COMPLETIONS ${CMAKE_INSTALL_DATADIR}/zsh/site-functions
+    CACHE STRING "Where zsh looks for completions, below the prefix")
+set(headers_dir ${CMAKE_INSTALL_INCLUDEDIR}/OpenStackSm)
+set(cmake_dir ${CMAKE_INSTALL_LIBDIR}/cmake/OpenStackSm)
+
+# The library. While the major version is 0 each minor version may break the binary interface, so
+# both name it; from 1 on the major version does alone.
+set(soversion ${PROJECT_VERSION_MAJOR})
+if(PROJECT_VERSION_MAJOR EQUAL 0)
+  set(soversion 0.${PROJECT_VERSION_MINOR})
+endif()
+set_target_properties(OpenStackSm PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION ${soversion})
+target_compile_features(OpenStackSm PUBLIC cxx_std_20)
+add_library(OpenStackSm::OpenStackSm ALIAS OpenStackSm)
+target_include_directories(OpenStackSm INTERFACE $<INSTALL_INTERFACE:${headers_dir}>)
+install(TARGETS OpenStackSm EXPORT OpenStackSm
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library NAMELINK_COMPONENT development)
+
+# The headers: the public ones, and those of detail/ that they include. tests/packaging/headers.py
+# says when this list is wrong.
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/framework ${PROJECT_SOURCE_DIR}/model
+                  ${PROJECT_SOURCE_DIR}/OpenStackSm
+  DESTINATION ${headers_dir} COMPONENT development
+  FILES_MATCHING PATTERN "*.h"
+  PATTERN "OpenStackSm/detail/Referrer.h" EXCLUDE
+  PATTERN "OpenStackSm/detail/Toggle.h" EXCLUDE)
+
+# What finds the library: find_package(OpenStackSm), pkg-config openstacksm.
+install(EXPORT OpenStackSm NAMESPACE OpenStackSm:: FILE OpenStackSmTargets.cmake
+  DESTINATION ${cmake_dir} COMPONENT development)
+configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/OpenStackSmConfig.cmake.in
+  ${PROJECT_BINARY_DIR}/packaging/OpenStackSmConfig.cmake INSTALL_DESTINATION ${cmake_dir})
+set(compatibility SameMajorVersion)
+if(PROJECT_VERSION_MAJOR EQUAL 0)
+  set(compatibility SameMinorVersion)
+endif()
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/packaging/OpenStackSmConfigVersion.cmake
+  COMPATIBILITY ${compatibility})
+install(FILES ${PROJECT_BINARY_DIR}/packaging/OpenStackSmConfig.cmake
+              ${PROJECT_BINARY_DIR}/packaging/OpenStackSmConfigVersion.cmake
+  DESTINATION ${cmake_dir} COMPONENT development)
+file(RELATIVE_PATH pc_to_prefix ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
+configure_file(${CMAKE_CURRENT_LIST_DIR}/openstacksm.pc.in
+  ${PROJECT_BINARY_DIR}/packaging/openstacksm.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/packaging/openstacksm.pc
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
+
+# The program. It finds the library from where it lies itself, wherever the prefix is moved.
+if(OPENSTACKSM_AGENT)
+  file(RELATIVE_PATH bin_to_lib ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
+  set_target_properties(vnagent PROPERTIES INSTALL_RPATH "$ORIGIN/${bin_to_lib}")
+  install(TARGETS vnagent RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT agent)
+  configure_file(${CMAKE_CURRENT_LIST_DIR}/vnagent.1.in ${PROJECT_BINARY_DIR}/packaging/vnagent.1
+    @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/packaging/vnagent.1
+    DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT agent)
+  install(FILES ${CMAKE_CURRENT_LIST_DIR}/completions/vnagent.bash RENAME vnagent
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT agent)
+  install(FILES ${CMAKE_CURRENT_LIST_DIR}/completions/_vnagent
+    DESTINATION ${OPENSTACKSM_ZSH_COMPLETIONS} COMPONENT agent)
+  install(FILES ${CMAKE_CURRENT_LIST_DIR}/completions/vnagent.fish
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d COMPONENT agent)
+endif()

@@ -1,0 +1,6 @@
+# What keeps the place of the source tree and of the build out of the binaries: two builds of one
+# source are the same bytes, wherever they lie. Unoptimised builds keep full paths, for debuggers.
+set(CMAKE_BUILD_RPATH_USE_ORIGIN ON)
+add_compile_options(
+  $<$<NOT:$<CONFIG:Debug>>:-ffile-prefix-map=${PROJECT_SOURCE_DIR}/=>
+  $<$<NOT:$<CONFIG:Debug>>:-ffile-prefix-map=${PROJECT_BINARY_DIR}=build>)
