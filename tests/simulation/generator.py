@@ -62,10 +62,13 @@ class Generator:
         # Members that the next patch names whether or not they change.
         self.named: list[tuple[str, ...]] = []
         self.actions = self.weighted_actions()
+        self.builders = [self.add_region, self.set_vlan, self.count, *[self.add_segment] * 5,
+                         *[self.add_port] * 4, *[self.bind_host] * 3, *[self.bind_switch] * 3,
+                         *[self.add_level] * 2]
 
     def stream(self, events: int) -> Stream:
         """A first document and so many events; the last two take everything away."""
-        cloud = self.random.choice([{}, self.first_document(), self.first_document()])
+        cloud = self.first_document() if self.random.random() < 0.8 else {}
         self.doc = cloud
         made = [self.event() for _ in range(max(0, events - 2))]
         unbound = {name: {"portBinding": None} for name in objects(self.doc.get("region"))}
@@ -76,7 +79,7 @@ class Generator:
         doc: Doc = {}
         for _ in range(self.random.randint(10, 100)):
             changed = copy(doc)
-            self.edit(changed)
+            self.random.choice(self.builders)(changed)
             if not faults(changed):
                 doc = changed
         return doc
@@ -171,7 +174,10 @@ class Generator:
         return [action for action, weight in weights for _ in range(weight)]
 
     def edit(self, doc: Doc) -> None:
-        self.random.choice(self.actions)(doc)
+        """One edit. A cloud that has become small is mostly built up again."""
+        bound = sum(len(objects(r.get("portBinding"))) for r in objects(doc.get("region")).values())
+        small = bound < 3 and self.random.random() < 0.6
+        self.random.choice(self.builders if small else self.actions)(doc)
 
     def some_region(self, doc: Doc) -> tuple[str, Doc]:
         """A region of the document; a new one where there is none."""
