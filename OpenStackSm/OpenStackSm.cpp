@@ -2,6 +2,7 @@
 
 #include "OpenStackSm/Uuid.h"
 #include "OpenStackSm/detail/Trace.h"
+#include "model/VirtualNetwork/Values.h"
 
 namespace OpenStack {
 
@@ -44,8 +45,18 @@ OpenStackSm::~OpenStackSm() {
   teardown();
 }
 
+const Kiv::GenericIf& OpenStackSm::reflection() {
+  static const auto description =
+      Kiv::describe<OpenStackSm>(kAttributes, &OpenStackSm::OpenStackSmIs);
+  return description;
+}
+
+const Kiv::GenericIf* OpenStackSm::genericIf() const {
+  return &reflection();
+}
+
 void OpenStackSm::handleInitialized() {
-  static constexpr auto here = kOpenStackSmAttributes.handler("handleInitialized");
+  static constexpr auto here = detail::handler<OpenStackSm>("handleInitialized");
   trace(9, here, this, here.signature);
   if (initialized()) {
     trace(1, here, this, "OpenStackSM already initialized");
@@ -58,7 +69,7 @@ void OpenStackSm::handleInitialized() {
 }
 
 void OpenStackSm::handleRegion(const Kiv::Name& regionName) {
-  static constexpr auto here = kOpenStackSmAttributes.handler("handleRegion");
+  static constexpr auto here = detail::handler<OpenStackSm>("handleRegion");
   trace(9, here, this, [&](auto& text) { text << here.signature << ' ' << regionName; });
   const auto inputs = openstackConfig();
   const Kiv::Ptr<const Region> region(inputs ? inputs->region()[regionName] : nullptr);
@@ -84,13 +95,13 @@ void OpenStackSm::regionSyncTimeoutIs(const Kiv::Seconds& timeout) {
 }
 
 void OpenStackSm::handleRegionSyncTimeout() {
-  static constexpr auto here = kOpenStackSmAttributes.handler("handleRegionSyncTimeout");
+  static constexpr auto here = detail::handler<OpenStackSm>("handleRegionSyncTimeout");
   trace(9, here, this, [&](auto& text) { text << "Region sync timeout: " << regionSyncTimeout_; });
   for (const auto& child : regionConfigSm_) child->regionSyncTimeoutIs(regionSyncTimeout_);
 }
 
 void OpenStackSm::handleVlanTypeDriver() {
-  static constexpr auto here = kOpenStackSmAttributes.handler("handleVlanTypeDriver");
+  static constexpr auto here = detail::handler<OpenStackSm>("handleVlanTypeDriver");
   trace(9, here, this, "");
   const auto inputs = config();
   if (!inputs) {
@@ -131,7 +142,7 @@ void stamp(RegionStatus& status, const Kiv::TraceSource& here, const void* subje
 }  // namespace
 
 void OpenStackSm::handleRegionVlanAssignment(const Kiv::Name& regionName) {
-  static constexpr auto here = kOpenStackSmAttributes.handler("handleRegionVlanAssignment");
+  static constexpr auto here = detail::handler<OpenStackSm>("handleRegionVlanAssignment");
   trace(9, here, this, [&](auto& text) { text << regionName; });
   const auto inputs = config();
   if (!inputs) {
@@ -158,7 +169,7 @@ void OpenStackSm::handleRegionVlanAssignment(const Kiv::Name& regionName) {
 
 void OpenStackSm::KivVlanAssignment::handleVlanAssignment(Kiv::U16 vlan) {
   static constexpr auto here =
-      kOpenStackSmAttributes.handler("KivVlanAssignment::handleVlanAssignment");
+      detail::handler<OpenStackSm>("KivVlanAssignment::handleVlanAssignment");
   const auto inputs = machine()->config();
   if (!inputs) {
     trace(1, here, this, "No agent configuration");

@@ -17,7 +17,7 @@ namespace [[gnu::visibility("default")]] OpenStack {
 
 class OpenStackSm final : public Kiv::Machine<OpenStackSm> {
  public:
-  static constexpr std::string_view kTypeName = kOpenStackSmAttributes.machine;
+  static constexpr std::string_view kTypeName = "OpenStack::OpenStackSm";
   static constexpr bool kTeardownRunsCleanup = false;
 
   // Observes the configured regions.
@@ -110,6 +110,10 @@ class OpenStackSm final : public Kiv::Machine<OpenStackSm> {
       const Kiv::Ptr<VirtualNetwork::NetworkElementCollection>& networkElementCollection);
   ~OpenStackSm() override;
 
+  // How tools reach the machine's attributes, and make one.
+  static const Kiv::GenericIf& reflection();
+  const Kiv::GenericIf* genericIf() const override;
+
   // Constructor arguments
   Kiv::Ptr<const OpenStackConfig> openstackConfig() const { return openstackConfig_.entity(); }
   void openstackConfigIs(const Kiv::Ptr<const OpenStackConfig>& v) {
@@ -185,6 +189,17 @@ class OpenStackSm final : public Kiv::Machine<OpenStackSm> {
   // A region's assignment changed as a whole: stamps a new UUID and rebuilds the region's pool.
   void handleRegionVlanAssignment(const Kiv::Name& regionName);
 
+  static constexpr auto kConstructorArguments = std::tuple{
+      Kiv::fixedArgument("openstackConfig", &OpenStackSm::openstackConfig),
+      Kiv::fixedArgument("openstackStatus", &OpenStackSm::openstackStatus),
+      Kiv::fixedArgument("nameResolutionConfig", &OpenStackSm::nameResolutionConfig),
+      Kiv::fixedArgument("nameResolutionStatus", &OpenStackSm::nameResolutionStatus),
+      Kiv::fixedArgument("requestedResourcesCollection",
+                         &OpenStackSm::requestedResourcesCollection),
+      Kiv::changingArgument("regionSyncTimeout", &OpenStackSm::regionSyncTimeoutIs),
+      Kiv::fixedArgument("config", &OpenStackSm::config),
+      Kiv::fixedArgument("networkElementCollection", &OpenStackSm::networkElementCollection)};
+
  private:
   friend class Kiv::Machine<OpenStackSm>;
 
@@ -209,6 +224,41 @@ class OpenStackSm final : public Kiv::Machine<OpenStackSm> {
   Kiv::Ptr<VirtualNetwork::NetworkElementCollection> networkElementCollection_;
   RegionConfigSmMap regionConfigSm_;
   VlanAssignmentMap vlanAssignment_;
+
+ public:
+  // The attributes, in the order of their declaration, then the handlers of the nested reactors.
+  static constexpr auto kAttributes = Kiv::attributes(
+      Kiv::plain(130, "openstackConfig", &OpenStackSm::openstackConfig),
+      Kiv::plain(131, "openstackStatus", &OpenStackSm::openstackStatus),
+      Kiv::plain(132, "nameResolutionConfig", &OpenStackSm::nameResolutionConfig),
+      Kiv::plain(133, "nameResolutionStatus", &OpenStackSm::nameResolutionStatus),
+      Kiv::plain(134, "requestedResourcesCollection", &OpenStackSm::requestedResourcesCollection),
+      Kiv::plain(135, "regionSyncTimeout", &OpenStackSm::regionSyncTimeout,
+                 &OpenStackSm::regionSyncTimeoutIs),
+      Kiv::plain(136, "config", &OpenStackSm::config),
+      Kiv::plain(137, "networkElementCollection", &OpenStackSm::networkElementCollection),
+      Kiv::handler(138, "handleRegionSyncTimeout",
+                   "void OpenStack::OpenStackSm::handleRegionSyncTimeout()",
+                   &OpenStackSm::handleRegionSyncTimeout),
+      Kiv::collection(139, "regionConfigSm", "regionName", &OpenStackSm::regionConfigSm_,
+                      &OpenStackSm::regionConfigSmIs, &OpenStackSm::regionConfigSmDel),
+      Kiv::handler(140, "handleRegion", "void OpenStack::OpenStackSm::handleRegion(Kiv::Name)",
+                   &OpenStackSm::handleRegion),
+      Kiv::handler(142, "handleRegionVlanAssignment",
+                   "void OpenStack::OpenStackSm::handleRegionVlanAssignment(Kiv::Name)",
+                   &OpenStackSm::handleRegionVlanAssignment),
+      Kiv::collection(143, "vlanAssignment", "regionName", &OpenStackSm::vlanAssignment_,
+                      &OpenStackSm::vlanAssignmentIs,
+                      Kiv::byKey<Kiv::Name>(&OpenStackSm::vlanAssignmentDel)),
+      Kiv::handler(145, "handleVlanTypeDriver",
+                   "void OpenStack::OpenStackSm::handleVlanTypeDriver()",
+                   &OpenStackSm::handleVlanTypeDriver),
+      Kiv::handler(146, "handleInitialized", "void OpenStack::OpenStackSm::handleInitialized()",
+                   &OpenStackSm::handleInitialized),
+      Kiv::plain(147, "initialized", &OpenStackSm::initialized, &OpenStackSm::initializedIs),
+      Kiv::reactorHandler(
+          "KivVlanAssignment::handleVlanAssignment",
+          "void OpenStack::OpenStackSm::KivVlanAssignment::handleVlanAssignment(U16)"));
 };
 
 // Makes the root machine; see OpenStackSm::OpenStackSmIs().

@@ -4,6 +4,7 @@
 #include "OpenStackSm/detail/Toggle.h"
 #include "OpenStackSm/detail/Trace.h"
 #include "framework/Assert.h"
+#include "model/VirtualNetwork/Values.h"
 
 namespace OpenStack {
 
@@ -40,8 +41,18 @@ PortBindingSm::~PortBindingSm() {
   teardown();
 }
 
+const Kiv::GenericIf& PortBindingSm::reflection() {
+  static const auto description =
+      Kiv::describe<PortBindingSm>(kAttributes, &PortBindingSm::PortBindingSmIs);
+  return description;
+}
+
+const Kiv::GenericIf* PortBindingSm::genericIf() const {
+  return &reflection();
+}
+
 void PortBindingSm::handleInitialized() {
-  static constexpr auto here = kPortBindingSmAttributes.handler("handleInitialized");
+  static constexpr auto here = detail::handler<PortBindingSm>("handleInitialized");
   trace(9, here, this, "");
   for (const auto& reactor : portToHostBinding_) handlePortToHostBinding(reactor->fwkKey());
   for (const auto& reactor : portToSwitchInterfaceBinding_) {
@@ -50,7 +61,7 @@ void PortBindingSm::handleInitialized() {
 }
 
 void PortBindingSm::handlePortToHostBinding(const Kiv::Name& host_) {
-  static constexpr auto here = kPortBindingSmAttributes.handler("handlePortToHostBinding");
+  static constexpr auto here = detail::handler<PortBindingSm>("handlePortToHostBinding");
   const Kiv::Name hostName = host_;  // the caller's may go with what happens here
   trace(9, here, this, [&](auto& text) { text << hostName; });
   const auto inputs = portBinding();
@@ -77,7 +88,7 @@ void PortBindingSm::handlePortToHostBinding(const Kiv::Name& host_) {
 }
 
 void PortBindingSm::doCleanupPortToHostBinding(const Kiv::Name& host) {
-  static constexpr auto here = kPortBindingSmAttributes.handler("doCleanupPortToHostBinding");
+  static constexpr auto here = detail::handler<PortBindingSm>("doCleanupPortToHostBinding");
   const Kiv::Name hostName = host;
   trace(9, here, this, [&](auto& text) { text << hostName; });
   const Kiv::Ptr<VirtualNetwork::ResourcesForHostname> resources(
@@ -97,7 +108,7 @@ void PortBindingSm::doCleanupPortToHostBinding(const Kiv::Name& host) {
 }
 
 void PortBindingSm::KivPortToHostBinding::doCleanup() {
-  static constexpr auto here = kPortBindingSmAttributes.handler("KivPortToHostBinding::doCleanup");
+  static constexpr auto here = detail::handler<PortBindingSm>("KivPortToHostBinding::doCleanup");
   trace(9, here, this, "");
   if (const Kiv::Ptr<PortToHostBindingSm> child{machine()->portToHostBindingSm()[fwkKey()]}) {
     child->doCleanup();
@@ -105,8 +116,7 @@ void PortBindingSm::KivPortToHostBinding::doCleanup() {
 }
 
 void PortBindingSm::handlePortToSwitchInterfaceBinding(const VirtualNetwork::SwitchInterface& si_) {
-  static constexpr auto here =
-      kPortBindingSmAttributes.handler("handlePortToSwitchInterfaceBinding");
+  static constexpr auto here = detail::handler<PortBindingSm>("handlePortToSwitchInterfaceBinding");
   const VirtualNetwork::SwitchInterface si = si_;  // the caller's may go with what happens here
   trace(9, here, this, [&](auto& text) { text << si.name(); });
   const auto inputs = portBinding();
@@ -147,8 +157,7 @@ void PortBindingSm::publishSwitchport(const PortToSwitchInterfaceBinding& bindin
 
 void PortBindingSm::publishNetworkElements(const PortToSwitchInterfaceBinding& binding,
                                            const Kiv::Name& referrer) {
-  static constexpr auto here =
-      kPortBindingSmAttributes.handler("handlePortToSwitchInterfaceBinding");
+  static constexpr auto here = detail::handler<PortBindingSm>("handlePortToSwitchInterfaceBinding");
   const VirtualNetwork::SwitchInterface& si = binding.switchInterface();
   const auto switchElement =
       networkElementCollection_->networkElementIs(Kiv::Name(si.switchIdentifier()));
@@ -165,14 +174,14 @@ void PortBindingSm::publishNetworkElements(const PortToSwitchInterfaceBinding& b
 void PortBindingSm::doCleanupPortToSwitchInterfaceBinding(
     const VirtualNetwork::SwitchInterface& si) {
   static constexpr auto here =
-      kPortBindingSmAttributes.handler("doCleanupPortToSwitchInterfaceBinding");
+      detail::handler<PortBindingSm>("doCleanupPortToSwitchInterfaceBinding");
   trace(9, here, this, [&](auto& text) { text << si.name(); });
   portToSwitchInterfaceBindingSmDel(si);
 }
 
 void PortBindingSm::KivPortToSwitchInterfaceBinding::doCleanup() {
   static constexpr auto here =
-      kPortBindingSmAttributes.handler("KivPortToSwitchInterfaceBinding::doCleanup");
+      detail::handler<PortBindingSm>("KivPortToSwitchInterfaceBinding::doCleanup");
   trace(9, here, this, "");
   if (const Kiv::Ptr<PortToSwitchInterfaceBindingSm> child{
           machine()->portToSwitchInterfaceBindingSm()[fwkKey()]}) {
@@ -183,7 +192,7 @@ void PortBindingSm::KivPortToSwitchInterfaceBinding::doCleanup() {
 }
 
 void PortBindingSm::doCleanup() {
-  static constexpr auto here = kPortBindingSmAttributes.handler("doCleanup");
+  static constexpr auto here = detail::handler<PortBindingSm>("doCleanup");
   trace(9, here, this, "");
   for (const auto& child : portToHostBindingSm_) {
     trace(2, here, this,

@@ -16,7 +16,7 @@ namespace [[gnu::visibility("default")]] OpenStack {
 
 class PortBindingSm final : public Kiv::Machine<PortBindingSm> {
  public:
-  static constexpr std::string_view kTypeName = kPortBindingSmAttributes.machine;
+  static constexpr std::string_view kTypeName = "OpenStack::PortBindingSm";
   // Withdrawal happens only through doCleanup().
   static constexpr bool kTeardownRunsCleanup = false;
 
@@ -106,6 +106,10 @@ class PortBindingSm final : public Kiv::Machine<PortBindingSm> {
       const Kiv::Ptr<VirtualNetwork::RequestedResourcesCollection>& requestedResourcesCollection,
       const Kiv::Ptr<VirtualNetwork::NetworkElementCollection>& networkElementCollection);
   ~PortBindingSm() override;
+
+  // How tools reach the machine's attributes, and make one.
+  static const Kiv::GenericIf& reflection();
+  const Kiv::GenericIf* genericIf() const override;
 
   // Constructor arguments
   const Kiv::Name& regionName() const { return regionName_; }
@@ -269,6 +273,55 @@ class PortBindingSm final : public Kiv::Machine<PortBindingSm> {
   SwitchInterfaceMap portToSwitchInterfaceBinding_;
   HostSmMap portToHostBindingSm_;
   SwitchInterfaceSmMap portToSwitchInterfaceBindingSm_;
+
+ public:
+  // The attributes, in the order of their declaration, then the handlers of the nested reactors.
+  static constexpr auto kAttributes = Kiv::attributes(
+      Kiv::plain(130, "regionName", &PortBindingSm::regionName),
+      Kiv::plain(131, "portId", &PortBindingSm::portId),
+      Kiv::plain(132, "port", &PortBindingSm::port),
+      Kiv::plain(133, "portBinding", &PortBindingSm::portBinding),
+      Kiv::plain(134, "requestedResourcesCollection", &PortBindingSm::requestedResourcesCollection),
+      Kiv::plain(135, "networkElementCollection", &PortBindingSm::networkElementCollection),
+      Kiv::collection(136, "portToHostBinding", "host", &PortBindingSm::portToHostBinding_,
+                      &PortBindingSm::portToHostBindingIs,
+                      Kiv::byKey<Kiv::Name>(&PortBindingSm::portToHostBindingDel)),
+      Kiv::collection(138, "portToSwitchInterfaceBinding", "switchInterface",
+                      &PortBindingSm::portToSwitchInterfaceBinding_,
+                      &PortBindingSm::portToSwitchInterfaceBindingIs,
+                      Kiv::byKey<VirtualNetwork::SwitchInterface>(
+                          &PortBindingSm::portToSwitchInterfaceBindingDel)),
+      Kiv::collection(139, "portToHostBindingSm", "hostname", &PortBindingSm::portToHostBindingSm_,
+                      &PortBindingSm::portToHostBindingSmIs,
+                      &PortBindingSm::portToHostBindingSmDel),
+      Kiv::collection(140, "portToSwitchInterfaceBindingSm", "switchInterface",
+                      &PortBindingSm::portToSwitchInterfaceBindingSm_,
+                      &PortBindingSm::portToSwitchInterfaceBindingSmIs,
+                      &PortBindingSm::portToSwitchInterfaceBindingSmDel),
+      Kiv::handler(141, "handlePortToHostBinding",
+                   "void OpenStack::PortBindingSm::handlePortToHostBinding(Kiv::Name)",
+                   &PortBindingSm::handlePortToHostBinding),
+      Kiv::handler(144, "handlePortToSwitchInterfaceBinding",
+                   "void OpenStack::PortBindingSm::handlePortToSwitchInterfaceBinding(const "
+                   "VirtualNetwork::SwitchInterface&)",
+                   &PortBindingSm::handlePortToSwitchInterfaceBinding),
+      Kiv::handler(146, "doCleanupPortToHostBinding",
+                   "void OpenStack::PortBindingSm::doCleanupPortToHostBinding(Kiv::Name)",
+                   &PortBindingSm::doCleanupPortToHostBinding),
+      Kiv::handler(147, "doCleanupPortToSwitchInterfaceBinding",
+                   "void OpenStack::PortBindingSm::doCleanupPortToSwitchInterfaceBinding(const "
+                   "VirtualNetwork::SwitchInterface&)",
+                   &PortBindingSm::doCleanupPortToSwitchInterfaceBinding),
+      Kiv::handler(148, "doCleanup", "void OpenStack::PortBindingSm::doCleanup()",
+                   &PortBindingSm::doCleanup),
+      Kiv::handler(149, "handleInitialized", "void OpenStack::PortBindingSm::handleInitialized()",
+                   &PortBindingSm::handleInitialized),
+      Kiv::plain(150, "initialized", &PortBindingSm::initialized, &PortBindingSm::initializedIs),
+      Kiv::reactorHandler("KivPortToHostBinding::doCleanup",
+                          "void OpenStack::PortBindingSm::KivPortToHostBinding::doCleanup()"),
+      Kiv::reactorHandler(
+          "KivPortToSwitchInterfaceBinding::doCleanup",
+          "void OpenStack::PortBindingSm::KivPortToSwitchInterfaceBinding::doCleanup()"));
 };
 
 // Makes the machine of a port binding; see PortBindingSm::PortBindingSmIs().

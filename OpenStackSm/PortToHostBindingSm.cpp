@@ -1,5 +1,6 @@
 #include "OpenStackSm/PortToHostBindingSm.h"
 
+#include "model/VirtualNetwork/Values.h"
 namespace OpenStack {
 
 using detail::isVlan;
@@ -26,8 +27,18 @@ PortToHostBindingSm::~PortToHostBindingSm() {
   teardown();
 }
 
+const Kiv::GenericIf& PortToHostBindingSm::reflection() {
+  static const auto description =
+      Kiv::describe<PortToHostBindingSm>(kAttributes, &PortToHostBindingSm::PortToHostBindingSmIs);
+  return description;
+}
+
+const Kiv::GenericIf* PortToHostBindingSm::genericIf() const {
+  return &reflection();
+}
+
 void PortToHostBindingSm::handleSegment(Kiv::U8 level) {
-  static constexpr auto here = kAttributes.handler("handleSegment");
+  static constexpr auto here = detail::handler<PortToHostBindingSm>("handleSegment");
   const auto bound = binding();
   const auto hostName = bound ? bound->host() : host_;
   const auto segment = at(level);
@@ -66,7 +77,7 @@ void PortToHostBindingSm::handleSegment(Kiv::U8 level) {
 }
 
 void PortToHostBindingSm::withdrawSegment(const KivSegment& reactor) {
-  static constexpr auto here = kAttributes.handler("KivSegment::doCleanup");
+  static constexpr auto here = detail::handler<PortToHostBindingSm>("KivSegment::doCleanup");
   const auto segment = reactor.entity();
   const auto bound = binding();
   const auto hostName = bound ? bound->host() : host_;
@@ -96,7 +107,7 @@ void PortToHostBindingSm::withdrawSegment(const KivSegment& reactor) {
 }
 
 void PortToHostBindingSm::doCleanup() {
-  static constexpr auto here = kAttributes.handler("doCleanup");
+  static constexpr auto here = detail::handler<PortToHostBindingSm>("doCleanup");
   trace(9, here, this, [&](auto& text) {
     const auto bound = binding();
     text << "Removing port " << port()->id() << " from " << (bound ? bound->host() : host_);

@@ -11,8 +11,7 @@ namespace [[gnu::visibility("default")]] OpenStack {
 class PortToHostBindingSm final
     : public detail::PublicationSm<PortToHostBindingSm, PortToHostBinding> {
  public:
-  static constexpr auto& kAttributes = kPortToHostBindingSmAttributes;
-  static constexpr std::string_view kTypeName = kAttributes.machine;
+  static constexpr std::string_view kTypeName = "OpenStack::PortToHostBindingSm";
   static constexpr std::string_view kBindingReactorTypeName =
       "OpenStack::PortToHostBindingSm::KivPortToHostBinding";
   static constexpr std::string_view kSegmentReactorTypeName =
@@ -37,6 +36,10 @@ class PortToHostBindingSm final
       const Kiv::Ptr<VirtualNetwork::RequestedResourcesCollection>& requestedResourcesCollection);
   ~PortToHostBindingSm() override;
 
+  // How tools reach the machine's attributes, and make one.
+  static const Kiv::GenericIf& reflection();
+  const Kiv::GenericIf* genericIf() const override;
+
   // Constructor arguments; the port and the collection are those of the base
   const Kiv::Name& host() const { return host_; }
   const Kiv::Name& fwkKey() const { return host_; }
@@ -60,6 +63,28 @@ class PortToHostBindingSm final
 
  private:
   Kiv::Name host_;
+
+ public:
+  // The attributes, in the order of their declaration, then the handlers of the nested reactors.
+  static constexpr auto kAttributes = Kiv::attributes(
+      Kiv::plain(130, "hostname", &PortToHostBindingSm::host),
+      Kiv::plain(131, "port", &PortToHostBindingSm::port),
+      Kiv::plain(132, "portToHostBinding", &PortToHostBindingSm::portToHostBinding),
+      Kiv::plain(133, "requestedResourcesCollection",
+                 &PortToHostBindingSm::requestedResourcesCollection),
+      Kiv::handler(134, "handleSegment", "void OpenStack::PortToHostBindingSm::handleSegment(U8)",
+                   &PortToHostBindingSm::handleSegment),
+      Kiv::collection(136, "segment", "level", segmentMap(), &PortToHostBindingSm::segmentIs,
+                      segmentDelByLevel()),
+      Kiv::handler(138, "doCleanup", "void OpenStack::PortToHostBindingSm::doCleanup()",
+                   &PortToHostBindingSm::doCleanup),
+      Kiv::handler(139, "handleInitialized",
+                   "void OpenStack::PortToHostBindingSm::handleInitialized()",
+                   &PortToHostBindingSm::handleInitialized),
+      Kiv::plain(140, "initialized", &PortToHostBindingSm::initialized,
+                 &PortToHostBindingSm::initializedIs),
+      Kiv::reactorHandler("KivSegment::doCleanup",
+                          "void OpenStack::PortToHostBindingSm::KivSegment::doCleanup()"));
 };
 
 // Makes the machine of a host binding; see PortToHostBindingSm::PortToHostBindingSmIs().

@@ -2,6 +2,7 @@
 
 #include "OpenStackSm/detail/Referrer.h"
 #include "OpenStackSm/detail/Toggle.h"
+#include "model/VirtualNetwork/Values.h"
 
 namespace OpenStack {
 
@@ -49,6 +50,16 @@ PortToSwitchInterfaceBindingSm::~PortToSwitchInterfaceBindingSm() {
   teardown();
 }
 
+const Kiv::GenericIf& PortToSwitchInterfaceBindingSm::reflection() {
+  static const auto description = Kiv::describe<PortToSwitchInterfaceBindingSm>(
+      kAttributes, &PortToSwitchInterfaceBindingSm::PortToSwitchInterfaceBindingSmIs);
+  return description;
+}
+
+const Kiv::GenericIf* PortToSwitchInterfaceBindingSm::genericIf() const {
+  return &reflection();
+}
+
 VirtualNetwork::SwitchInterface PortToSwitchInterfaceBindingSm::boundTo() const {
   const auto bound = binding();
   return bound ? bound->switchInterface() : switchInterface_;
@@ -72,7 +83,7 @@ Kiv::Ptr<VirtualNetwork::Interface> PortToSwitchInterfaceBindingSm::target() con
 }
 
 Kiv::Ptr<VirtualNetwork::Interface> PortToSwitchInterfaceBindingSm::requiredTarget() const {
-  static constexpr auto here = kAttributes.handler("handleSegment");
+  static constexpr auto here = detail::handler<PortToSwitchInterfaceBindingSm>("handleSegment");
   if (detail::virtualNetworkAgentToggle()) {
     const auto switchPort = target();
     KIV_ASSERT(switchPort, here.file, here.function);
@@ -89,7 +100,7 @@ Kiv::Ptr<VirtualNetwork::Interface> PortToSwitchInterfaceBindingSm::requiredTarg
 }
 
 void PortToSwitchInterfaceBindingSm::handleSegment(Kiv::U8 level) {
-  static constexpr auto here = kAttributes.handler("handleSegment");
+  static constexpr auto here = detail::handler<PortToSwitchInterfaceBindingSm>("handleSegment");
   const auto si = boundTo();
   trace(9, here, this, [&](auto& text) { text << port()->id() << " is on " << si.name(); });
   if (si.switchIdentifier().empty() || si.interfaceName().empty()) {
@@ -120,7 +131,7 @@ void PortToSwitchInterfaceBindingSm::handleSegment(Kiv::U8 level) {
 
 void PortToSwitchInterfaceBindingSm::publishVlan(VirtualNetwork::Interface& target,
                                                  const Segment& segment, Kiv::U8 level) {
-  static constexpr auto here = kAttributes.handler("handleSegment");
+  static constexpr auto here = detail::handler<PortToSwitchInterfaceBindingSm>("handleSegment");
   const auto si = boundTo();
   const Kiv::U32 id = segment.segmentationId();
   trace(2, here, this,
@@ -141,7 +152,8 @@ void PortToSwitchInterfaceBindingSm::publishVlan(VirtualNetwork::Interface& targ
 }
 
 void PortToSwitchInterfaceBindingSm::withdrawSegment(const KivSegment& reactor) {
-  static constexpr auto here = kAttributes.handler("KivSegment::doCleanup");
+  static constexpr auto here =
+      detail::handler<PortToSwitchInterfaceBindingSm>("KivSegment::doCleanup");
   const auto segment = reactor.entity();
   trace(9, here, &reactor, [&](auto& text) { text << port()->id() << " : " << segment->id(); });
   const Kiv::U8 level = levelOf(reactor, here);
@@ -174,7 +186,7 @@ void PortToSwitchInterfaceBindingSm::withdrawSegment(const KivSegment& reactor) 
 }
 
 void PortToSwitchInterfaceBindingSm::doCleanup() {
-  static constexpr auto here = kAttributes.handler("doCleanup");
+  static constexpr auto here = detail::handler<PortToSwitchInterfaceBindingSm>("doCleanup");
   trace(9, here, this, [&](auto& text) {
     text << "Removing port " << port()->id() << " from " << Apart{boundTo()};
   });
@@ -198,7 +210,7 @@ void PortToSwitchInterfaceBindingSm::doCleanupSwitchport() {
 }
 
 void PortToSwitchInterfaceBindingSm::doCleanupNetworkElements() {
-  static constexpr auto here = kAttributes.handler("doCleanup");
+  static constexpr auto here = detail::handler<PortToSwitchInterfaceBindingSm>("doCleanup");
   const auto si = boundTo();
   const auto bound = binding();
   const Kiv::Name host = bound ? bound->host() : Kiv::Name();

@@ -13,8 +13,7 @@ namespace [[gnu::visibility("default")]] OpenStack {
 class PortToSwitchInterfaceBindingSm final
     : public detail::PublicationSm<PortToSwitchInterfaceBindingSm, PortToSwitchInterfaceBinding> {
  public:
-  static constexpr auto& kAttributes = kPortToSwitchInterfaceBindingSmAttributes;
-  static constexpr std::string_view kTypeName = kAttributes.machine;
+  static constexpr std::string_view kTypeName = "OpenStack::PortToSwitchInterfaceBindingSm";
   static constexpr std::string_view kBindingReactorTypeName =
       "OpenStack::PortToSwitchInterfaceBindingSm::KivPortToSwitchInterfaceBinding";
   static constexpr std::string_view kSegmentReactorTypeName =
@@ -43,6 +42,10 @@ class PortToSwitchInterfaceBindingSm final
       const Kiv::Ptr<VirtualNetwork::RequestedResourcesCollection>& requestedResourcesCollection,
       const Kiv::Ptr<VirtualNetwork::NetworkElementCollection>& networkElementCollection);
   ~PortToSwitchInterfaceBindingSm() override;
+
+  // How tools reach the machine's attributes, and make one.
+  static const Kiv::GenericIf& reflection();
+  const Kiv::GenericIf* genericIf() const override;
 
   // Constructor arguments; the port and the resources are those of the base
   const VirtualNetwork::SwitchInterface& switchInterface() const { return switchInterface_; }
@@ -97,6 +100,34 @@ class PortToSwitchInterfaceBindingSm final
   VirtualNetwork::SwitchInterface switchInterface_;
   Kiv::Name regionName_;
   Kiv::Ptr<VirtualNetwork::NetworkElementCollection> networkElementCollection_;
+
+ public:
+  // The attributes, in the order of their declaration, then the handlers of the nested reactors.
+  static constexpr auto kAttributes = Kiv::attributes(
+      Kiv::plain(130, "switchInterface", &PortToSwitchInterfaceBindingSm::switchInterface),
+      Kiv::plain(131, "regionName", &PortToSwitchInterfaceBindingSm::regionName),
+      Kiv::plain(132, "port", &PortToSwitchInterfaceBindingSm::port),
+      Kiv::plain(133, "portToSwitchInterfaceBinding",
+                 &PortToSwitchInterfaceBindingSm::portToSwitchInterfaceBinding),
+      Kiv::plain(134, "requestedResourcesCollection",
+                 &PortToSwitchInterfaceBindingSm::requestedResourcesCollection),
+      Kiv::plain(135, "networkElementCollection",
+                 &PortToSwitchInterfaceBindingSm::networkElementCollection),
+      Kiv::handler(136, "handleSegment",
+                   "void OpenStack::PortToSwitchInterfaceBindingSm::handleSegment(U8)",
+                   &PortToSwitchInterfaceBindingSm::handleSegment),
+      Kiv::collection(138, "segment", "level", segmentMap(),
+                      &PortToSwitchInterfaceBindingSm::segmentIs, segmentDelByLevel()),
+      Kiv::handler(140, "doCleanup", "void OpenStack::PortToSwitchInterfaceBindingSm::doCleanup()",
+                   &PortToSwitchInterfaceBindingSm::doCleanup),
+      Kiv::handler(141, "handleInitialized",
+                   "void OpenStack::PortToSwitchInterfaceBindingSm::handleInitialized()",
+                   &PortToSwitchInterfaceBindingSm::handleInitialized),
+      Kiv::plain(142, "initialized", &PortToSwitchInterfaceBindingSm::initialized,
+                 &PortToSwitchInterfaceBindingSm::initializedIs),
+      Kiv::reactorHandler(
+          "KivSegment::doCleanup",
+          "void OpenStack::PortToSwitchInterfaceBindingSm::KivSegment::doCleanup()"));
 };
 
 // Makes the machine of a switch-interface binding; see PortToSwitchInterfaceBindingSmIs().

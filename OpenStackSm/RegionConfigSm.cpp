@@ -1,6 +1,7 @@
 #include "OpenStackSm/RegionConfigSm.h"
 
 #include "OpenStackSm/detail/Trace.h"
+#include "model/VirtualNetwork/Values.h"
 
 namespace OpenStack {
 
@@ -49,8 +50,18 @@ RegionConfigSm::~RegionConfigSm() {
   teardown();
 }
 
+const Kiv::GenericIf& RegionConfigSm::reflection() {
+  static const auto description =
+      Kiv::describe<RegionConfigSm>(kAttributes, &RegionConfigSm::RegionConfigSmIs);
+  return description;
+}
+
+const Kiv::GenericIf* RegionConfigSm::genericIf() const {
+  return &reflection();
+}
+
 void RegionConfigSm::handleInitialized() {
-  static constexpr auto here = kRegionConfigSmAttributes.handler("handleInitialized");
+  static constexpr auto here = detail::handler<RegionConfigSm>("handleInitialized");
   trace(9, here, this, here.signature);
   if (initialized()) {
     trace(1, here, this, [&](auto& text) { text << regionName_ << " already initialized"; });
@@ -82,7 +93,7 @@ void RegionConfigSm::handleInitialized() {
 }
 
 void RegionConfigSm::handleSyncStatus() {
-  static constexpr auto here = kRegionConfigSmAttributes.handler("handleSyncStatus");
+  static constexpr auto here = detail::handler<RegionConfigSm>("handleSyncStatus");
   const auto region = regionConfig();
   if (!region) {
     trace(1, here, this, [&](auto& text) { text << regionName_ << " has no region"; });
@@ -112,13 +123,13 @@ void RegionConfigSm::handleSyncStatus() {
 }
 
 void RegionConfigSm::handleHeartbeat() {
-  static constexpr auto here = kRegionConfigSmAttributes.handler("handleHeartbeat");
+  static constexpr auto here = detail::handler<RegionConfigSm>("handleHeartbeat");
   trace(9, here, this, "");
   syncHeartbeatClock()->timeMinIs(Kiv::System::currentTime() + regionSyncTimeout_);
 }
 
 void RegionConfigSm::handleSyncHeartbeatTimeout() {
-  static constexpr auto here = kRegionConfigSmAttributes.handler("handleSyncHeartbeatTimeout");
+  static constexpr auto here = detail::handler<RegionConfigSm>("handleSyncHeartbeatTimeout");
   trace(9, here, this, [&](auto& text) {
     const auto region = regionConfig();
     text << (region ? region->name() : regionName_);
@@ -136,7 +147,7 @@ void RegionConfigSm::handleSyncHeartbeatTimeout() {
 }
 
 void RegionConfigSm::handleLockRequest() {
-  static constexpr auto here = kRegionConfigSmAttributes.handler("handleLockRequest");
+  static constexpr auto here = detail::handler<RegionConfigSm>("handleLockRequest");
   const auto region = regionConfig();
   if (!region) {
     trace(1, here, this, [&](auto& text) { text << regionName_ << " has no region"; });
@@ -167,7 +178,7 @@ void RegionConfigSm::handleLockRequest() {
 }
 
 void RegionConfigSm::handleSegment(const Kiv::String& id) {
-  static constexpr auto here = kRegionConfigSmAttributes.handler("handleSegment");
+  static constexpr auto here = detail::handler<RegionConfigSm>("handleSegment");
   trace(9, here, this, [&](auto& text) { text << id; });
   const auto region = regionConfig();
   const Kiv::Ptr<const Segment> segment(region ? region->segment()[id] : nullptr);
@@ -192,7 +203,7 @@ void RegionConfigSm::handleSegment(const Kiv::String& id) {
 }
 
 void RegionConfigSm::KivSegment::handleCleanup() {
-  static constexpr auto here = kRegionConfigSmAttributes.handler("KivSegment::handleCleanup");
+  static constexpr auto here = detail::handler<RegionConfigSm>("KivSegment::handleCleanup");
   const Segment& segment = *notifier();
   trace(9, here, this, [&](auto& text) { text << segment.id(); });
   if (segment.segmentationType() != SegmentationType::vlan) return;
@@ -208,7 +219,7 @@ void RegionConfigSm::KivSegment::handleCleanup() {
 }
 
 void RegionConfigSm::handlePortBinding(const Kiv::String& portId) {
-  static constexpr auto here = kRegionConfigSmAttributes.handler("handlePortBinding");
+  static constexpr auto here = detail::handler<RegionConfigSm>("handlePortBinding");
   trace(9, here, this, [&](auto& text) { text << portId; });
   const auto region = regionConfig();
   const Kiv::Ptr<const PortBinding> binding(region ? region->portBinding()[portId] : nullptr);
@@ -221,7 +232,7 @@ void RegionConfigSm::handlePortBinding(const Kiv::String& portId) {
 }
 
 void RegionConfigSm::KivPortBinding::handleCleanup() {
-  static constexpr auto here = kRegionConfigSmAttributes.handler("KivPortBinding::handleCleanup");
+  static constexpr auto here = detail::handler<RegionConfigSm>("KivPortBinding::handleCleanup");
   const Kiv::String portId = fwkKey();
   trace(9, here, this, [&](auto& text) { text << portId; });
   if (const Kiv::Ptr<PortBindingSm> child{machine()->portBindingSm()[portId]}) {

@@ -15,7 +15,7 @@ namespace [[gnu::visibility("default")]] OpenStack {
 
 class RegionConfigSm final : public Kiv::Machine<RegionConfigSm> {
  public:
-  static constexpr std::string_view kTypeName = kRegionConfigSmAttributes.machine;
+  static constexpr std::string_view kTypeName = "OpenStack::RegionConfigSm";
   // A region machine goes with all its region has published still there; only removals in the
   // region withdraw.
   static constexpr bool kTeardownRunsCleanup = false;
@@ -124,6 +124,10 @@ class RegionConfigSm final : public Kiv::Machine<RegionConfigSm> {
       const Kiv::Ptr<VirtualNetwork::NetworkElementCollection>& networkElementCollection);
   ~RegionConfigSm() override;
 
+  // How tools reach the machine's attributes, and make one.
+  static const Kiv::GenericIf& reflection();
+  const Kiv::GenericIf* genericIf() const override;
+
   // Constructor arguments
   const Kiv::Name& regionName() const { return regionName_; }
   const Kiv::Name& fwkKey() const { return regionName_; }
@@ -142,8 +146,10 @@ class RegionConfigSm final : public Kiv::Machine<RegionConfigSm> {
     return networkElementCollection_;
   }
 
-  // The heartbeat timer's reactor; null until handleInitialized() has made it.
+  // The heartbeat timer's reactor, and the clock that it observes; null until handleInitialized()
+  // has made it.
   KivSyncHeartbeatClock* syncHeartbeatClock() const { return syncHeartbeatClock_.reactor(); }
+  Kiv::Ptr<const Kiv::Clock> observedClock() const { return syncHeartbeatClock_.entity(); }
   void syncHeartbeatClockIs(const Kiv::Ptr<const Kiv::Clock>& v) {
     syncHeartbeatClock_.is(*this, v);
   }
@@ -251,6 +257,48 @@ class RegionConfigSm final : public Kiv::Machine<RegionConfigSm> {
   PortBindingSmMap portBindingSm_;
   SegmentMap segment_;
   PortBindingMap portBinding_;
+
+ public:
+  // The attributes, in the order of their declaration, then the handlers of the nested reactors.
+  static constexpr auto kAttributes = Kiv::attributes(
+      Kiv::plain(130, "regionName", &RegionConfigSm::regionName),
+      Kiv::plain(131, "regionConfig", &RegionConfigSm::regionConfig),
+      Kiv::plain(132, "regionStatus", &RegionConfigSm::regionStatus),
+      Kiv::plain(133, "requestedResourcesCollection",
+                 &RegionConfigSm::requestedResourcesCollection),
+      Kiv::plain(134, "regionSyncTimeout", &RegionConfigSm::regionSyncTimeout,
+                 &RegionConfigSm::regionSyncTimeoutIs),
+      Kiv::plain(135, "networkElementCollection", &RegionConfigSm::networkElementCollection),
+      Kiv::plain(136, "syncHeartbeatClock", &RegionConfigSm::observedClock),
+      Kiv::collection(137, "portBindingSm", "portId", &RegionConfigSm::portBindingSm_,
+                      &RegionConfigSm::portBindingSmIs, &RegionConfigSm::portBindingSmDel),
+      Kiv::collection(138, "segment", "id", &RegionConfigSm::segment_, &RegionConfigSm::segmentIs,
+                      Kiv::byKey<Kiv::String>(&RegionConfigSm::segmentDel)),
+      Kiv::handler(139, "handleSegment",
+                   "void OpenStack::RegionConfigSm::handleSegment(Kiv::String)",
+                   &RegionConfigSm::handleSegment),
+      Kiv::collection(142, "portBinding", "portId", &RegionConfigSm::portBinding_,
+                      &RegionConfigSm::portBindingIs,
+                      Kiv::byKey<Kiv::String>(&RegionConfigSm::portBindingDel)),
+      Kiv::handler(143, "handlePortBinding",
+                   "void OpenStack::RegionConfigSm::handlePortBinding(Kiv::String)",
+                   &RegionConfigSm::handlePortBinding),
+      Kiv::handler(146, "handleSyncStatus", "void OpenStack::RegionConfigSm::handleSyncStatus()",
+                   &RegionConfigSm::handleSyncStatus),
+      Kiv::handler(147, "handleHeartbeat", "void OpenStack::RegionConfigSm::handleHeartbeat()",
+                   &RegionConfigSm::handleHeartbeat),
+      Kiv::handler(148, "handleSyncHeartbeatTimeout",
+                   "void OpenStack::RegionConfigSm::handleSyncHeartbeatTimeout()",
+                   &RegionConfigSm::handleSyncHeartbeatTimeout),
+      Kiv::handler(149, "handleLockRequest", "void OpenStack::RegionConfigSm::handleLockRequest()",
+                   &RegionConfigSm::handleLockRequest),
+      Kiv::handler(150, "handleInitialized", "void OpenStack::RegionConfigSm::handleInitialized()",
+                   &RegionConfigSm::handleInitialized),
+      Kiv::plain(151, "initialized", &RegionConfigSm::initialized, &RegionConfigSm::initializedIs),
+      Kiv::reactorHandler("KivSegment::handleCleanup",
+                          "void OpenStack::RegionConfigSm::KivSegment::handleCleanup()"),
+      Kiv::reactorHandler("KivPortBinding::handleCleanup",
+                          "void OpenStack::RegionConfigSm::KivPortBinding::handleCleanup()"));
 };
 
 // Makes the machine of a region; see RegionConfigSm::RegionConfigSmIs().

@@ -64,6 +64,8 @@ class HashMap {
   bool contains(const K& key) const { return find(key) != nullptr; }
   std::size_t size() const { return table_.size(); }
   bool empty() const { return table_.size() == 0; }
+  // How many buckets the members hang in; 0 while they are few and hang in one chain.
+  std::size_t buckets() const { return table_.buckets(); }
   // Rises by one with each member that comes and each that goes; wraps around.
   U32 changes() const { return table_.changes(); }
 

@@ -55,6 +55,8 @@ class HashMap2018 {
     return node == nullptr ? V() : node->value;
   }
   std::size_t size() const { return table_.size(); }
+  // How many buckets the entries hang in; 0 while they are few and hang in one chain.
+  std::size_t buckets() const { return table_.buckets(); }
   bool empty() const { return table_.size() == 0; }
 
   // Change
@@ -85,6 +87,8 @@ class HashMap2018 {
   // Iteration
   Iterator begin() const { return Iterator(*this); }
   std::default_sentinel_t end() const { return {}; }
+  // An iterator at the entry with this key; at the end when absent.
+  Iterator iteratorAt(const K& key) const { return Iterator(*this, lookupNodeG(key)); }
 
  private:
   Node** place(U32 order, const K& key) const {
@@ -140,7 +144,8 @@ class HashMap2018<K, V>::Iterator {
 
  private:
   friend class HashMap2018;
-  explicit Iterator(const HashMap2018& set) : set_(&set) { stand(set.table_.first()); }
+  explicit Iterator(const HashMap2018& set) : Iterator(set, set.table_.first()) {}
+  Iterator(const HashMap2018& set, const Node* at) : set_(&set) { stand(at); }
 
   void stand(const Node* at) {
     atEnd_ = at == nullptr;

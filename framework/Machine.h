@@ -13,9 +13,9 @@
 #include <sstream>
 #include <tuple>
 
-#include "framework/KivAttr.h"
 #include "framework/ReactorMap.h"
 #include "framework/Text.h"
+#include "framework/Trace.h"
 
 namespace [[gnu::visibility("default")]] Kiv {
 

@@ -13,6 +13,7 @@
 
 namespace [[gnu::visibility("default")]] Kiv {
 
+class GenericIf;
 class NotifieeList;
 
 class PtrInterface {
@@ -51,8 +52,9 @@ class PtrInterface {
   bool hasNotificationActive() const { return flag(kNotificationActive); }
   virtual void hasNotificationActiveIs(bool active) { flagIs(kNotificationActive, active); }
 
-  // The record of the object's class.
+  // The record of the object's class, and its reflection; null where it has none.
   virtual const Type& fwkType() const = 0;
+  virtual const GenericIf* genericIf() const { return nullptr; }
 
   // Who observes this object; null for what cannot be observed.
   virtual NotifieeList* notifieeList() const { return nullptr; }

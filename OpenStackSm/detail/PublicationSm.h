@@ -107,7 +107,7 @@ class PublicationSm : public Kiv::Machine<M> {
 
   // Handles every segment that is mirrored.
   void handleInitialized() {
-    static constexpr auto here = M::kAttributes.handler("handleInitialized");
+    static constexpr auto here = handler<M>("handleInitialized");
     trace(9, here, this, "");
     for (const auto& reactor : segment_) self().handleSegment(reactor->level());
     this->initializedIs(true);
@@ -156,6 +156,13 @@ class PublicationSm : public Kiv::Machine<M> {
     mapping->referrerDel(port_->id());
     if (!mapping->referrer().empty()) return std::nullopt;
     return vni;
+  }
+
+  // For the machine's table of attributes.
+  static constexpr auto segmentMap() { return &PublicationSm::segment_; }
+  static constexpr auto segmentDelByLevel() {
+    return static_cast<Kiv::Ptr<const Segment> (PublicationSm::*)(Kiv::U8)>(
+        &PublicationSm::segmentDel);
   }
 
   // The level of a reactor, found by its segment. Stops the process when the reactor is not in the

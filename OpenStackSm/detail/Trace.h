@@ -4,9 +4,16 @@
 #include <concepts>
 #include <ostream>
 
+#include "OpenStackSm/Attributes.h"
 #include "framework/Trace.h"
 
 namespace OpenStack::detail {
+
+// Where the trace lines of a handler of machine M come from, by its name in M's table.
+template <class M>
+constexpr Kiv::TraceSource handler(std::string_view name) {
+  return M::kAttributes.handler(kSourceUnit, name);
+}
 
 // Writes a line at `level` for the handler that `here` describes, run by the machine or reactor at
 // `subject`. The message is a callable that writes to the stream it is given, and is called only

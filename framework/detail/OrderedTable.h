@@ -29,6 +29,9 @@ class OrderedTable {
 
   U32 size() const { return count_; }
 
+  // How many buckets there are; 0 while the links hang in one chain.
+  U32 buckets() const { return log2_ == 0 ? 0 : U32{1} << log2_; }
+
   // Changes whenever a link has left; a position that was taken before must then be looked up anew.
   U32 removals() const { return removals_; }
 

@@ -18,6 +18,7 @@ using ServiceAclTypeVrfMap = std::map<Kiv::String, Kiv::String>;
 class Config final : public Kiv::Entity<Config> {
  public:
   static constexpr std::string_view kTypeName = "OpenStack::Config";
+  const Kiv::GenericIf* genericIf() const override;
 
   class NotifieeConst : public Kiv::Notifiee<Config> {
    public:

@@ -12,6 +12,7 @@ template <class K>
 class MirroredObject final : public Kiv::Entity<MirroredObject<K>> {
  public:
   static constexpr std::string_view kTypeName = "OpenStack::MirroredObject";
+  const Kiv::GenericIf* genericIf() const override;
 
   class NotifieeConst : public Kiv::Notifiee<MirroredObject> {};
 
@@ -25,6 +26,8 @@ class MirroredObject final : public Kiv::Entity<MirroredObject<K>> {
   K id_;
 };
 
+extern template class MirroredObject<Kiv::Name>;
+extern template class MirroredObject<Kiv::String>;
 // With a name, or with an id of free text.
 using NamedObject = MirroredObject<Kiv::Name>;
 using IdentifiedObject = MirroredObject<Kiv::String>;

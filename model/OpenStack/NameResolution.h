@@ -10,6 +10,7 @@ namespace NameResolution {
 class Config final : public Kiv::Entity<Config> {
  public:
   static constexpr std::string_view kTypeName = "OpenStack::NameResolution::Config";
+  const Kiv::GenericIf* genericIf() const override;
   class NotifieeConst : public Kiv::Notifiee<Config> {};
 };
 
@@ -17,6 +18,7 @@ class Config final : public Kiv::Entity<Config> {
 class Status final : public Kiv::Entity<Status> {
  public:
   static constexpr std::string_view kTypeName = "OpenStack::NameResolution::Status";
+  const Kiv::GenericIf* genericIf() const override;
   class NotifieeConst : public Kiv::Notifiee<Status> {};
 };
 

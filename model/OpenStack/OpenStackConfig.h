@@ -9,6 +9,7 @@ namespace [[gnu::visibility("default")]] OpenStack {
 class OpenStackConfig final : public Kiv::Entity<OpenStackConfig> {
  public:
   static constexpr std::string_view kTypeName = "OpenStack::OpenStackConfig";
+  const Kiv::GenericIf* genericIf() const override;
 
   class NotifieeConst : public Kiv::Notifiee<OpenStackConfig> {
    public:

@@ -9,6 +9,7 @@ namespace [[gnu::visibility("default")]] OpenStack {
 class OpenStackStatus final : public Kiv::Entity<OpenStackStatus> {
  public:
   static constexpr std::string_view kTypeName = "OpenStack::OpenStackStatus";
+  const Kiv::GenericIf* genericIf() const override;
 
   class NotifieeConst : public Kiv::Notifiee<OpenStackStatus> {
    public:

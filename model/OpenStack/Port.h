@@ -11,6 +11,7 @@ namespace [[gnu::visibility("default")]] OpenStack {
 class Port final : public Kiv::Entity<Port> {
  public:
   static constexpr std::string_view kTypeName = "OpenStack::Port";
+  const Kiv::GenericIf* genericIf() const override;
 
   class NotifieeConst : public Kiv::Notifiee<Port> {
    public:

@@ -11,6 +11,7 @@ namespace [[gnu::visibility("default")]] OpenStack {
 class PortBinding final : public Kiv::Entity<PortBinding> {
  public:
   static constexpr std::string_view kTypeName = "OpenStack::PortBinding";
+  const Kiv::GenericIf* genericIf() const override;
 
   class NotifieeConst : public Kiv::Notifiee<PortBinding> {
    public:

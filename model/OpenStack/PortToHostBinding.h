@@ -9,6 +9,7 @@ namespace [[gnu::visibility("default")]] OpenStack {
 class PortToHostBinding final : public Kiv::Entity<PortToHostBinding> {
  public:
   static constexpr std::string_view kTypeName = "OpenStack::PortToHostBinding";
+  const Kiv::GenericIf* genericIf() const override;
 
   class NotifieeConst : public Kiv::Notifiee<PortToHostBinding> {
    public:

@@ -10,6 +10,7 @@ namespace [[gnu::visibility("default")]] OpenStack {
 class PortToSwitchInterfaceBinding final : public Kiv::Entity<PortToSwitchInterfaceBinding> {
  public:
   static constexpr std::string_view kTypeName = "OpenStack::PortToSwitchInterfaceBinding";
+  const Kiv::GenericIf* genericIf() const override;
 
   class NotifieeConst : public Kiv::Notifiee<PortToSwitchInterfaceBinding> {
    public:

@@ -10,6 +10,7 @@ namespace [[gnu::visibility("default")]] OpenStack {
 class Region final : public Kiv::Entity<Region> {
  public:
   static constexpr std::string_view kTypeName = "OpenStack::Region";
+  const Kiv::GenericIf* genericIf() const override;
 
   class NotifieeConst : public Kiv::Notifiee<Region> {
    public:

@@ -10,6 +10,7 @@ namespace [[gnu::visibility("default")]] OpenStack {
 class RegionStatus final : public Kiv::Entity<RegionStatus> {
  public:
   static constexpr std::string_view kTypeName = "OpenStack::RegionStatus";
+  const Kiv::GenericIf* genericIf() const override;
 
   class NotifieeConst : public Kiv::Notifiee<RegionStatus> {
    public:

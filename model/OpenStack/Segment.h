@@ -11,6 +11,7 @@ namespace [[gnu::visibility("default")]] OpenStack {
 class Segment final : public Kiv::Entity<Segment> {
  public:
   static constexpr std::string_view kTypeName = "OpenStack::Segment";
+  const Kiv::GenericIf* genericIf() const override;
 
   class NotifieeConst : public Kiv::Notifiee<Segment> {
    public:

@@ -10,6 +10,7 @@ namespace [[gnu::visibility("default")]] OpenStack {
 class VlanAssignment final : public Kiv::Entity<VlanAssignment> {
  public:
   static constexpr std::string_view kTypeName = "OpenStack::VlanAssignment";
+  const Kiv::GenericIf* genericIf() const override;
 
   class NotifieeConst : public Kiv::Notifiee<VlanAssignment> {
    public:

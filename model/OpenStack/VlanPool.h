@@ -10,6 +10,7 @@ namespace [[gnu::visibility("default")]] OpenStack {
 class VlanPool final : public Kiv::Entity<VlanPool> {
  public:
   static constexpr std::string_view kTypeName = "OpenStack::VlanPool";
+  const Kiv::GenericIf* genericIf() const override;
 
   class NotifieeConst : public Kiv::Notifiee<VlanPool> {
    public:

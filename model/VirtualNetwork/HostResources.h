@@ -43,6 +43,7 @@ class HostResources : public Kiv::EntityBase {
   HostResources() = default;
 
  private:
+  friend struct BaseTables;
   static constexpr Kiv::On<NotifieeConst, Kiv::U32> kOnVlan{
       &NotifieeConst::onVlan, &NotifieeConst::onVlankivImmediate, &NotifieeConst::onVlan};
   static constexpr Kiv::On<NotifieeConst, Kiv::Name> kOnDomain{

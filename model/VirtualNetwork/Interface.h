@@ -33,6 +33,7 @@ class Interface : public Kiv::EntityBase {
   Interface() = default;
 
  private:
+  friend struct BaseTables;
   static constexpr Kiv::On<NotifieeConst, Kiv::U32> kOnVlan{
       &NotifieeConst::onVlan, &NotifieeConst::onVlankivImmediate, &NotifieeConst::onVlan};
 
@@ -44,6 +45,7 @@ class Interface : public Kiv::EntityBase {
 class PhysicalInterface final : public Kiv::Entity<PhysicalInterface, Interface> {
  public:
   static constexpr std::string_view kTypeName = "VirtualNetwork::PhysicalInterface";
+  const Kiv::GenericIf* genericIf() const override;
 
   class NotifieeConst : public Kiv::Notifiee<PhysicalInterface, Interface::NotifieeConst> {
    public:

@@ -10,6 +10,7 @@ namespace [[gnu::visibility("default")]] VirtualNetwork {
 class NetworkElement final : public Kiv::Entity<NetworkElement, HostResources> {
  public:
   static constexpr std::string_view kTypeName = "VirtualNetwork::NetworkElement";
+  const Kiv::GenericIf* genericIf() const override;
 
   class NotifieeConst : public Kiv::Notifiee<NetworkElement, HostResources::NotifieeConst> {
    public:
@@ -67,6 +68,7 @@ class NetworkElement final : public Kiv::Entity<NetworkElement, HostResources> {
 class NetworkElementCollection final : public Kiv::Entity<NetworkElementCollection> {
  public:
   static constexpr std::string_view kTypeName = "VirtualNetwork::NetworkElementCollection";
+  const Kiv::GenericIf* genericIf() const override;
 
   class NotifieeConst : public Kiv::Notifiee<NetworkElementCollection> {
    public:

@@ -11,6 +11,7 @@ namespace [[gnu::visibility("default")]] VirtualNetwork {
 class VniReferences final : public Kiv::Entity<VniReferences> {
  public:
   static constexpr std::string_view kTypeName = "VirtualNetwork::VniReferences";
+  const Kiv::GenericIf* genericIf() const override;
 
   class NotifieeConst : public Kiv::Notifiee<VniReferences> {
    public:
@@ -46,6 +47,7 @@ class VniReferences final : public Kiv::Entity<VniReferences> {
 class VlanReferences final : public Kiv::Entity<VlanReferences> {
  public:
   static constexpr std::string_view kTypeName = "VirtualNetwork::VlanReferences";
+  const Kiv::GenericIf* genericIf() const override;
 
   class NotifieeConst : public Kiv::Notifiee<VlanReferences> {
    public:
@@ -99,6 +101,7 @@ class VlanReferences final : public Kiv::Entity<VlanReferences> {
 class DomainReferences final : public Kiv::Entity<DomainReferences> {
  public:
   static constexpr std::string_view kTypeName = "VirtualNetwork::DomainReferences";
+  const Kiv::GenericIf* genericIf() const override;
 
   class NotifieeConst : public Kiv::Notifiee<DomainReferences> {
    public:

@@ -12,6 +12,7 @@ namespace [[gnu::visibility("default")]] VirtualNetwork {
 class ResourcesForHostname final : public Kiv::Entity<ResourcesForHostname, HostResources> {
  public:
   static constexpr std::string_view kTypeName = "VirtualNetwork::ResourcesForHostname";
+  const Kiv::GenericIf* genericIf() const override;
 
   class NotifieeConst : public Kiv::Notifiee<ResourcesForHostname, HostResources::NotifieeConst> {};
 
@@ -29,6 +30,7 @@ class ResourcesForHostname final : public Kiv::Entity<ResourcesForHostname, Host
 class ResourcesForSwitchport final : public Kiv::Entity<ResourcesForSwitchport, Interface> {
  public:
   static constexpr std::string_view kTypeName = "VirtualNetwork::ResourcesForSwitchport";
+  const Kiv::GenericIf* genericIf() const override;
 
   class NotifieeConst : public Kiv::Notifiee<ResourcesForSwitchport, Interface::NotifieeConst> {
    public:
@@ -76,6 +78,7 @@ class ResourcesForSwitchport final : public Kiv::Entity<ResourcesForSwitchport, 
 class RequestedResourcesCollection final : public Kiv::Entity<RequestedResourcesCollection> {
  public:
   static constexpr std::string_view kTypeName = "VirtualNetwork::RequestedResourcesCollection";
+  const Kiv::GenericIf* genericIf() const override;
 
   class NotifieeConst : public Kiv::Notifiee<RequestedResourcesCollection> {
    public:
