@@ -73,6 +73,8 @@ class Publisher:
         self.published = published
         self.toggle_on = toggle_on
         self.trace = trace
+        # Not 0 while port bindings are gone through in no particular order.
+        self.round = 0
 
     # A whole port binding.
 
@@ -273,7 +275,7 @@ class Publisher:
                        " references to it.")
             if binding.native:
                 self.trace(3, handler, "Adding native vlan ", vlan)
-                carrier.native = vlan
+                carrier.set_native(vlan, binding.port, self.round)
             above = binding.vxlan_above(level)
             if level and above:
                 entry.vnis.setdefault(above.number, set()).add(binding.port)
@@ -318,7 +320,7 @@ class Publisher:
                        *((" from ", binding.host) if binding.on_host else ()))
             del carrier.vlans[vlan]
         if not binding.on_host and binding.native:
-            carrier.native = 0
+            carrier.clear_native()
             self.trace(3, handler, "Removing native vlan ", vlan)
 
     def withdraw_vni(self, entry: References, binding: Binding, level: int, handler: str) -> None:

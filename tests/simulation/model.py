@@ -33,6 +33,8 @@ class Step:
     time: float = 0.0
     output: dict[str, Any] = field(default_factory=dict)
     lines: list[Line] = field(default_factory=list)
+    # Where the output may show another native VLAN, and which.
+    open_questions: dict[str, set[int]] = field(default_factory=dict)
     # Of a refused event: what its error may start with; empty where any text will do.
     places: list[str] = field(default_factory=list)
 
@@ -66,6 +68,7 @@ class Model:
         self.first_timeout = float(timeout)
         self.timeout = float(timeout)
         self.now = 0.0
+        self.rounds = 0
         self.document: dict[str, Any] = {}
         self.driver = 0
         self.assignments: dict[str, dict[int, bool]] = {}
@@ -90,7 +93,8 @@ class Model:
     def step(self, work: Callable[[], None]) -> Step:
         try:
             work()
-            result = Step(True, self.now, self.published.document(), self.lines)
+            result = Step(True, self.now, self.published.document(), self.lines,
+                          self.published.open_questions())
         except Refused as refusal:
             result = Step(False, lines=self.lines, places=refusal.places)
         self.lines = []
@@ -270,9 +274,12 @@ class Model:
         for segment in sorted(region.segments):
             self.trace(2, signature, "Segment id: ", segment)
             self.handle_segment(name, segment)
+        self.rounds += 1
+        self.publisher.round = self.rounds
         for port in sorted(region.bindings):
             self.trace(2, signature, "Port: ", port)
             self.handle_port_binding(name, port)
+        self.publisher.round = 0
         self.handle_sync_status(name)
 
     def followed(self, name: str) -> bool:

@@ -39,8 +39,10 @@ class Seen:
     wrong: list[str] = field(default_factory=list)
     # The UUIDs that the step's trace lines name.
     uuids: list[str] = field(default_factory=list)
-    # Of a refusal by the model: what the error may start with.
+    # Of the model: what the error of a refusal may start with, and where the output may show
+    # another number.
     places: list[str] = field(default_factory=list)
+    open_questions: dict[str, set[int]] = field(default_factory=dict)
 
 
 @dataclass
@@ -57,7 +59,8 @@ def run_model(stream: Stream) -> Run:
     results = [model.load(stream.cloud)]
     results += [model.event(event) for event in stream.events]
     return Run([Seen(step.ok, "" if step.ok else f"{(step.places or ['/'])[0]}: refused",
-                     step.time, step.output, step.lines, places=step.places)
+                     step.time, step.output, step.lines, places=step.places,
+                     open_questions=step.open_questions)
                 for step in results])
 
 

@@ -5,7 +5,7 @@ from __future__ import annotations
 from dataclasses import dataclass, field
 from typing import Any
 
-from document import SYNC_STATUS
+from document import SYNC_STATUS, pointer
 
 
 @dataclass
@@ -26,6 +26,20 @@ class Carrier:
 
     vlans: dict[int, References] = field(default_factory=dict)
     native: int = 0
+    # What the native VLAN may be as well: one for each port that set it in the same round, where
+    # the ports of a round have no order.
+    natives: dict[str, int] = field(default_factory=dict)
+    round: int = 0
+
+    def set_native(self, vlan: int, port: str, round_number: int) -> None:
+        """The port's VLAN becomes native. Of one round (0 is none) any port may have been last."""
+        if not round_number or round_number != self.round:
+            self.natives = {}
+        self.round = round_number
+        self.natives[port] = self.native = vlan
+
+    def clear_native(self) -> None:
+        self.native, self.natives, self.round = 0, {}, 0
 
     def vlan(self, vlan: int) -> References:
         """The VLAN's entry, created on first use."""
@@ -109,6 +123,20 @@ class Published:
     hosts: dict[str, Host] = field(default_factory=dict)
     switch_ports: dict[tuple[str, str], SwitchPort] = field(default_factory=dict)
     elements: dict[str, Element] = field(default_factory=dict)
+
+    def open_questions(self) -> dict[str, set[int]]:
+        """Where the output document may have another native VLAN than the one it shows."""
+        found: dict[str, set[int]] = {}
+        for (switch, interface), port in self.switch_ports.items():
+            if len(port.natives) > 1:
+                place = pointer("requestedResources", "resourcesForSwitchport", switch, interface)
+                found[place + "/nativeVlan"] = set(port.natives.values())
+        for name, element in self.elements.items():
+            for interface, entry in element.interfaces.items():
+                if len(entry.natives) > 1:
+                    place = pointer("networkElement", name, "physicalInterface", interface)
+                    found[place + "/nativeVlan"] = set(entry.natives.values())
+        return found
 
     def document(self) -> dict[str, Any]:
         """The output document."""
