@@ -114,7 +114,7 @@ void RegionConfigSm::handleSyncStatus() {
   regionStatus_->oldSyncStatusIs(current);
   regionStatus_->syncStatusIs(requested);
   if (requested == SyncStatus::syncComplete) {
-    syncHeartbeatClock()->timeMinIs(Kiv::Clock::kNever);
+    if (auto* timer = syncHeartbeatClock()) timer->timeMinIs(Kiv::Clock::kNever);
     regionStatus_->ownerIs("");
     regionStatus_->requestIdIs("");
   } else if (requested == SyncStatus::syncInProgress) {
@@ -125,7 +125,11 @@ void RegionConfigSm::handleSyncStatus() {
 void RegionConfigSm::handleHeartbeat() {
   static constexpr auto here = detail::handler<RegionConfigSm>("handleHeartbeat");
   trace(9, here, this, "");
-  syncHeartbeatClock()->timeMinIs(Kiv::System::currentTime() + regionSyncTimeout_);
+  if (auto* timer = syncHeartbeatClock()) {
+    timer->timeMinIs(Kiv::System::currentTime() + regionSyncTimeout_);
+  } else {
+    trace(1, here, this, "No clock for the heartbeat");
+  }
 }
 
 void RegionConfigSm::handleSyncHeartbeatTimeout() {
