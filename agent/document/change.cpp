@@ -1,7 +1,6 @@
 #include "agent/document/change.h"
 
 #include <algorithm>
-#include <ranges>
 
 namespace vnagent {
 namespace {
@@ -115,7 +114,7 @@ void undoConfig(Config& config, Change& change) {
 }  // namespace
 
 void Change::undo(CloudState& state) {
-  for (auto& touch : regions | std::views::reverse) undoRegion(state, touch);
+  for (auto touch = regions.rbegin(); touch != regions.rend(); ++touch) undoRegion(state, *touch);
   undoConfig(state.config, *this);
   settle(state);
 }
@@ -124,8 +123,7 @@ void Change::settle(CloudState&) {
   for (auto& touch : regions) {
     if (touch.region == nullptr || touch.removed()) continue;
     std::ranges::sort(touch.loose);
-    const auto [first, last] = std::ranges::unique(touch.loose);
-    touch.loose.erase(first, last);
+    touch.loose.erase(std::unique(touch.loose.begin(), touch.loose.end()), touch.loose.end());
     for (SegmentEntry* segment : touch.loose) {
       if (segment->second.value || !segment->second.users.empty()) continue;
       touch.region->segment.erase(touch.region->segment.find(segment->first));
