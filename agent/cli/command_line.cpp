@@ -85,6 +85,10 @@ void addRun(CLI::App& app, RunOptions& options) {
          "form of the final document [tree on a terminal, else json]")
       ->type_name("tree|json")
       ->check(CLI::IsMember({"tree", "json"}).description(""));
+  run->add_option("--inspect", options.inspect,
+                  "print what stands at this place of the machines instead of the final document, "
+                  "for example /openStackSm/regionConfigSm/RegionOne/portBindingSm")
+      ->type_name("PATH");
   run->add_flag("--each", options.each,
                 "print one line of JSON for the loaded document and for each event, instead of the "
                 "final document");
@@ -116,20 +120,19 @@ void addCheck(CLI::App& app, CheckOptions& options) {
 }
 
 void addImport(CLI::App& app, ImportOptions& options) {
-  CLI::App* import =
+  CLI::App* command =
       app.add_subcommand("import-neutron",
                          "Turn the state of a Neutron server into a cloud document, on standard "
                          "output.");
-  import->footer(kImportFooter);
-  import->add_option("--region", options.region, "name of the region in the cloud document")
+  command->footer(kImportFooter);
+  command->add_option("--region", options.region, "name of the region in the cloud document")
       ->type_name("NAME")
       ->required()
-      ->check([](const std::string& name) { return faultOfName(name);
-});
-import->add_option("DIR", options.directory, "folder with the server's answers")
-    ->type_name("DIR")
-    ->required();
-}  // namespace
+      ->check([](const std::string& name) { return faultOfName(name); });
+  command->add_option("DIR", options.directory, "folder with the server's answers")
+      ->type_name("DIR")
+      ->required();
+}
 
 ExitStatus guarded(const std::function<ExitStatus()>& command) {
   try {
@@ -145,7 +148,7 @@ ExitStatus guarded(const std::function<ExitStatus()>& command) {
   return ExitStatus::kInternal;
 }
 
-}  // namespace vnagent
+}  // namespace
 
 int runCommandLine(int argc, char** argv) {
   CLI::App app(kAbout, "vnagent");

@@ -15,6 +15,7 @@ struct RunOptions {
   double regionSyncTimeout = 60;
   bool toggle = true;
   std::optional<bool> tree;  // the form of the final document; by the terminal where unset
+  std::string inspect;       // the place to print instead of the final document; empty for none
   bool each = false;
   bool keepGoing = false;
   std::optional<int> traceLevel;

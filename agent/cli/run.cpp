@@ -10,6 +10,7 @@
 #include "agent/cli/input_file.h"
 #include "agent/cloud/cloud.h"
 #include "agent/document/input.h"
+#include "agent/output/inspection.h"
 #include "agent/output/output_json.h"
 #include "agent/output/tree.h"
 
@@ -67,7 +68,11 @@ class Run {
       progress_.doneIs(step_, cloud_.time());
     }
     progress_.clear();
-    if (!stopped && !options_.each) printFinal();
+    if (!stopped && !options_.inspect.empty()) {
+      printInspection();
+    } else if (!stopped && !options_.each) {
+      printFinal();
+    }
     endTrace();
     return status_;
   }
@@ -159,6 +164,17 @@ class Run {
     JsonWriter json(out_, JsonWriter::Style::kOneLine);
     json.open('{').key("step").number(step_).key("ok").boolean(false);
     json.key("error").text(fault.message()).close('}');
+    out_ += '\n';
+    flush(out_);
+  }
+
+  void printInspection() {
+    JsonWriter json(out_, JsonWriter::Style::kIndented);
+    if (const auto fault = writeInspection(cloud_.root(), "openStackSm", options_.inspect, json)) {
+      reportError(options_.inspect + ": " + *fault);
+      if (status_ == ExitStatus::kOk) status_ = ExitStatus::kUsage;
+      return;
+    }
     out_ += '\n';
     flush(out_);
   }

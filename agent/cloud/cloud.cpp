@@ -40,6 +40,8 @@ Cloud::Cloud(const CloudSettings& settings)
 
 Cloud::~Cloud() {
   root_ = nullptr;
+  // Elements refer to each other, a switch that is its own host to itself; that would keep them.
+  for (const auto& element : elements_->networkElement()) element->physicalInterfaceDelAll();
   Kiv::toggleProviderIs({});
   Kiv::System::timeSourceIs(nullptr);
 }
@@ -70,6 +72,10 @@ void Cloud::regionSyncTimeoutIs(double seconds) {
 
 OutputDocument Cloud::output() const {
   return readOutput(*status_, *resources_, *elements_);
+}
+
+const Kiv::PtrInterface& Cloud::root() const {
+  return *root_;
 }
 
 }  // namespace vnagent

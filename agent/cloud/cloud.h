@@ -62,6 +62,9 @@ class Cloud {
   // What the machines publish now; views, good until the next change.
   OutputDocument output() const;
 
+  // The root machine, for looking into it and all that it holds.
+  const Kiv::PtrInterface& root() const;
+
  private:
   // Members go in reverse order: the root machine first, the loop after all that it delivers to.
   Kiv::VirtualTime time_;

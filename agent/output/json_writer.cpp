@@ -130,4 +130,10 @@ JsonWriter& JsonWriter::boolean(bool value) {
   return *this;
 }
 
+JsonWriter& JsonWriter::null() {
+  separate();
+  out_ += "null";
+  return *this;
+}
+
 }  // namespace vnagent

@@ -39,6 +39,7 @@ class JsonWriter {
   // Whole numbers without fraction or exponent, others in the fewest digits that give them back.
   JsonWriter& number(double value);
   JsonWriter& boolean(bool value);
+  JsonWriter& null();
 
  private:
   void separate();
