@@ -54,6 +54,11 @@ GenericValue call(const KivAttr& attribute, std::type_identity_t<M>& object,
 
 }  // namespace detail
 
+}  // namespace Kiv
+
+// Templates that the library does not export: whoever has a table has them for himself.
+namespace Kiv {
+
 // A plain attribute. Get reads it from a const object; Set, where there is one, writes it.
 template <class Get, class Set = std::nullptr_t>
 struct PlainAttribute {
