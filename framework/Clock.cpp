@@ -15,10 +15,11 @@ void Clock::NotifieeConst::timeMinIs(Seconds time) {
 }
 
 void Clock::NotifieeConst::notifierIs(const Ptr<const PtrInterface>& entity) {
-  const bool armed = place_ != kNotArmed;
-  if (armed) notifier()->disarm(*this);
-  Notifiee::notifierIs(entity);
-  if (armed && notifier() != nullptr) notifier()->arm(*this);
+  const Ptr<const Clock> old(notifier());
+  Notifiee::notifierIs(entity);  // throws for what is no clock; nothing has changed then
+  if (place_ == kNotArmed) return;
+  old->disarm(*this);
+  if (notifier() != nullptr) notifier()->arm(*this);
 }
 
 bool Clock::before(const NotifieeConst& a, const NotifieeConst& b) {
