@@ -137,6 +137,7 @@ class Collection : public HashMap<V, K> {
   // Takes out every child, one after the other.
   template <class N>
   void delAll(const EntityBase& entity, const On<N, K>& on) {
+    const Ptr<const EntityBase> hold(&entity);  // a handler may let go of it
     for (const auto& child : std::as_const(*this)) del(entity, on, child->fwkKey());
   }
 
@@ -184,6 +185,7 @@ class References : public HashMap2018<K, Ptr<const E>> {
   // Drops every reference, one after the other.
   template <class N>
   void delAll(const EntityBase& entity, const On<N, K>& on) {
+    const Ptr<const EntityBase> hold(&entity);  // a handler may let go of it
     for (const auto& entry : *this) del(entity, on, entry.key);
   }
 
@@ -215,6 +217,7 @@ class ValueSet : public HashMap2018<K, bool> {
   // Deletes every entry, one after the other.
   template <class N>
   void delAll(const EntityBase& entity, const On<N, K>& on) {
+    const Ptr<const EntityBase> hold(&entity);  // a handler may let go of it
     for (const auto& entry : *this) del(entity, on, entry.key);
   }
 

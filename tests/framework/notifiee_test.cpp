@@ -1,0 +1,389 @@
+// Notifiees: registration, and what may happen to them while they are being told.
+#include "framework/Notifiee.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <functional>
+#include <initializer_list>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "tests/framework/toys.h"
+
+namespace {
+
+using Kiv::make;
+using Kiv::Ptr;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using Toys::Box;
+using Toys::BoxWatcher;
+using Toys::happened;
+using Toys::Marble;
+using Toys::MarbleWatcher;
+using Toys::watch;
+
+class NotifieeTest : public Toys::LoopTest {
+ protected:
+  // Makes `count` watchers "1:", "2:", ...
+  void watchers(int count) {
+    for (int n = 1; n <= count; ++n) {
+      all_.push_back(watch<BoxWatcher>(box_, std::to_string(n) + ":"));
+    }
+  }
+  // Lets go of every watcher, and of what still waits for them.
+  void startAgain() {
+    for (const auto& watcher : all_) watcher->then = nullptr;
+    (void)delivered();
+    all_.clear();
+  }
+  // Changes the box, and returns who was told of it at once.
+  std::vector<std::string> round() {
+    box_->slotIs(next_++, true);
+    return happened();
+  }
+
+  Ptr<Box> box_ = make<Box>();
+  std::vector<Ptr<BoxWatcher>> all_;
+
+ private:
+  Kiv::U16 next_ = 0;
+};
+
+// Connecting
+
+TEST_F(NotifieeTest, IsToldOnlyWhenConnectedRegisteredAndActive) {
+  const auto watcher = make<BoxWatcher>();
+  EXPECT_EQ(watcher->notifier(), nullptr);
+  EXPECT_FALSE(watcher->listens());
+  EXPECT_THAT(round(), IsEmpty());
+
+  watcher->notifierIs(box_);
+  EXPECT_EQ(watcher->notifier(), box_.get());
+  EXPECT_FALSE(watcher->isRegisteredNotifiee());
+  EXPECT_THAT(round(), IsEmpty());
+
+  watcher->isRegisteredNotifieeIs(true);
+  EXPECT_TRUE(watcher->isRegisteredNotifiee());
+  EXPECT_FALSE(watcher->listens());
+  EXPECT_THAT(round(), IsEmpty());
+
+  watcher->hasNotificationActiveIs(true);
+  EXPECT_TRUE(watcher->listens());
+  EXPECT_THAT(round(), ElementsAre("slot!"));
+}
+
+TEST_F(NotifieeTest, IsNotToldWhileInactiveZombieOrUnregistered) {
+  const auto watcher = watch<BoxWatcher>(box_);
+  watcher->hasNotificationActiveIs(false);
+  EXPECT_THAT(round(), IsEmpty());
+  watcher->hasNotificationActiveIs(true);
+  watcher->kivMarkedForDeletionIs(true);
+  EXPECT_THAT(round(), IsEmpty());
+  watcher->kivMarkedForDeletionIs(false);
+  watcher->isRegisteredNotifieeIs(false);
+  EXPECT_THAT(round(), IsEmpty());
+  EXPECT_TRUE(loop_.idle());
+  watcher->isRegisteredNotifieeIs(true);
+  EXPECT_THAT(round(), ElementsAre("slot!"));
+}
+
+TEST_F(NotifieeTest, RegisteringTwiceIsTheSameAsOnce) {
+  const auto watcher = watch<BoxWatcher>(box_);
+  watcher->isRegisteredNotifieeIs(true);
+  EXPECT_THAT(round(), ElementsAre("slot!"));
+  watcher->isRegisteredNotifieeIs(false);
+  watcher->isRegisteredNotifieeIs(false);
+  EXPECT_THAT(round(), IsEmpty());
+}
+
+TEST_F(NotifieeTest, WithoutAnEntityItCannotBeRegistered) {
+  const auto watcher = make<BoxWatcher>();
+  watcher->isRegisteredNotifieeIs(true);
+  EXPECT_FALSE(watcher->isRegisteredNotifiee());
+}
+
+TEST_F(NotifieeTest, HoldsItsEntityWhichDoesNotHoldIt) {
+  auto watcher = watch<BoxWatcher>(box_);
+  EXPECT_EQ(watcher->references(), 1U);
+  EXPECT_EQ(box_->references(), 2U);
+  EXPECT_FALSE(box_->notifieeList()->empty());
+  watcher = nullptr;
+  EXPECT_EQ(box_->references(), 1U);
+  EXPECT_TRUE(box_->notifieeList()->empty());
+  EXPECT_THAT(round(), IsEmpty());
+}
+
+TEST_F(NotifieeTest, ConnectingToAnotherEntityLeavesTheOldOneAndRegistersWithNone) {
+  const auto watcher = watch<BoxWatcher>(box_);
+  const auto other = make<Box>();
+  watcher->notifierIs(other);
+  EXPECT_EQ(watcher->notifier(), other.get());
+  EXPECT_FALSE(watcher->isRegisteredNotifiee());
+  EXPECT_TRUE(box_->notifieeList()->empty());
+  EXPECT_EQ(box_->references(), 1U);
+  watcher->isRegisteredNotifieeIs(true);
+  other->slotIs(1, true);
+  EXPECT_THAT(happened(), ElementsAre("slot!"));
+  EXPECT_THAT(round(), IsEmpty());
+}
+
+TEST_F(NotifieeTest, ANullEntityDisconnects) {
+  const auto watcher = watch<BoxWatcher>(box_);
+  watcher->notifierIs(nullptr);
+  EXPECT_EQ(watcher->notifier(), nullptr);
+  EXPECT_FALSE(watcher->isRegisteredNotifiee());
+  EXPECT_EQ(box_->references(), 1U);
+  EXPECT_THAT(round(), IsEmpty());
+}
+
+TEST_F(NotifieeTest, AnEntityOfAnotherTypeThrowsAndTheConnectionStays) {
+  const auto watcher = watch<BoxWatcher>(box_);
+  try {
+    watcher->notifierIs(make<Marble>("m"));
+    FAIL() << "nothing was thrown";
+  } catch (const Kiv::RangeException& e) {
+    EXPECT_STREQ(e.what(), "a notifiee of Toys::Box cannot observe a Toys::Marble");
+  }
+  EXPECT_EQ(watcher->notifier(), box_.get());
+  EXPECT_THAT(round(), ElementsAre("slot!"));
+}
+
+TEST_F(NotifieeTest, IsTheReactorThatItIs) {
+  const auto watcher = watch<BoxWatcher>(box_);
+  EXPECT_EQ(watcher->kivReactor(), watcher.get());
+}
+
+TEST_F(NotifieeTest, HandlersThatAreNotOverriddenDoNothing) {
+  class Silent final : public Box::NotifieeConst {};
+  const auto silent = make<Silent>();
+  silent->notifierIs(box_);
+  silent->isRegisteredNotifieeIs(true);
+  silent->hasNotificationActiveIs(true);
+  box_->labelIs("x");
+  box_->marbleIs("a");
+  box_->lentIs(1, box_->marbleIs("a"));
+  box_->slotIs(1, true);
+  EXPECT_THAT(delivered(), IsEmpty());
+}
+
+TEST_F(NotifieeTest, OneEntityMayBeObservedThroughSeveralKindsOfNotifiee) {
+  const auto marble = box_->marbleIs("a");
+  const auto inside = watch<MarbleWatcher>(marble, "inside:");
+  const auto outside = watch<BoxWatcher>(box_, "outside:");
+  marble->colourIs("red");
+  EXPECT_THAT(delivered(), ElementsAre("inside:colour"));
+}
+
+// In the middle of a round
+
+TEST_F(NotifieeTest, AllAreToldInTheOrderOfTheirRegistration) {
+  watchers(3);
+  EXPECT_THAT(round(), ElementsAre("1:slot!", "2:slot!", "3:slot!"));
+  all_[0]->isRegisteredNotifieeIs(false);
+  all_[0]->isRegisteredNotifieeIs(true);
+  EXPECT_THAT(round(), ElementsAre("2:slot!", "3:slot!", "1:slot!"));
+}
+
+TEST_F(NotifieeTest, OneThatLeavesItselfIsNotMissedByTheNext) {
+  for (const std::size_t who : {0U, 1U, 2U}) {
+    startAgain();
+    watchers(3);
+    all_[who]->then = [&](const std::string&) { all_[who]->isRegisteredNotifieeIs(false); };
+    EXPECT_THAT(round(), ElementsAre("1:slot!", "2:slot!", "3:slot!"));
+    EXPECT_EQ(round().size(), 2U);
+  }
+}
+
+TEST_F(NotifieeTest, OneThatLeavesBeforeItsTurnIsNotToldAnyMore) {
+  for (const std::size_t who : {1U, 2U}) {
+    startAgain();
+    watchers(3);
+    all_[0]->then = [&](const std::string&) { all_[who]->isRegisteredNotifieeIs(false); };
+    EXPECT_THAT(round(), ElementsAre("1:slot!", who == 1 ? "3:slot!" : "2:slot!"));
+  }
+}
+
+TEST_F(NotifieeTest, OneThatBecomesInactiveBeforeItsTurnIsNotToldAnyMore) {
+  watchers(3);
+  all_[0]->then = [&](const std::string&) { all_[1]->hasNotificationActiveIs(false); };
+  EXPECT_THAT(round(), ElementsAre("1:slot!", "3:slot!"));
+}
+
+TEST_F(NotifieeTest, OneThatHasBeenToldMayLeave) {
+  watchers(3);
+  all_[2]->then = [&](const std::string&) {
+    all_[0] = nullptr;
+    all_[1] = nullptr;
+  };
+  EXPECT_THAT(round(), ElementsAre("1:slot!", "2:slot!", "3:slot!"));
+  EXPECT_THAT(round(), ElementsAre("3:slot!"));
+}
+
+TEST_F(NotifieeTest, AllMayLeaveAtOnce) {
+  watchers(4);
+  all_[1]->then = [&](const std::string&) {
+    for (const auto& watcher : all_) watcher->isRegisteredNotifieeIs(false);
+  };
+  EXPECT_THAT(round(), ElementsAre("1:slot!", "2:slot!"));
+  EXPECT_TRUE(box_->notifieeList()->empty());
+  EXPECT_TRUE(loop_.idle()) << "they left before anything was queued for them";
+}
+
+TEST_F(NotifieeTest, OneThatJoinsIsToldFromTheNextRoundOn) {
+  watchers(2);
+  all_[1]->then = [&](const std::string&) {
+    all_[1]->then = nullptr;
+    all_.push_back(watch<BoxWatcher>(box_, "new:"));
+  };
+  EXPECT_THAT(round(), ElementsAre("1:slot!", "2:slot!"));
+  EXPECT_THAT(round(), ElementsAre("1:slot!", "2:slot!", "new:slot!"));
+}
+
+TEST_F(NotifieeTest, OneThatLeavesAndJoinsAgainBeforeItsTurnIsToldFromTheNextRoundOn) {
+  for (const std::size_t who : {1U, 2U}) {
+    startAgain();
+    watchers(3);
+    all_[0]->then = [&](const std::string&) {
+      all_[who]->isRegisteredNotifieeIs(false);
+      all_[who]->isRegisteredNotifieeIs(true);
+    };
+    EXPECT_THAT(round(), ElementsAre("1:slot!", who == 1 ? "3:slot!" : "2:slot!"));
+    all_[0]->then = nullptr;
+    EXPECT_EQ(round().size(), 3U);
+  }
+}
+
+TEST_F(NotifieeTest, OneThatLeavesAndJoinsAgainWhileItIsToldIsToldOnce) {
+  watchers(2);
+  all_[1]->then = [&](const std::string&) {
+    all_[1]->isRegisteredNotifieeIs(false);
+    all_[1]->isRegisteredNotifieeIs(true);
+  };
+  EXPECT_THAT(round(), ElementsAre("1:slot!", "2:slot!"));
+}
+
+TEST_F(NotifieeTest, OneMayDropTheLastReferenceToItself) {
+  watchers(3);
+  all_[1]->then = [&](const std::string&) { all_[1] = nullptr; };
+  EXPECT_THAT(round(), ElementsAre("1:slot!", "2:slot!", "3:slot!"));
+  EXPECT_THAT(round(), ElementsAre("1:slot!", "3:slot!"));
+}
+
+TEST_F(NotifieeTest, OneMayDropTheLastReferenceToTheNext) {
+  watchers(3);
+  all_[0]->then = [&](const std::string&) { all_[1] = nullptr; };
+  EXPECT_THAT(round(), ElementsAre("1:slot!", "3:slot!"));
+  EXPECT_THAT(round(), ElementsAre("1:slot!", "3:slot!"));
+}
+
+TEST_F(NotifieeTest, RoundsWithinRoundsKeepTheirPlaces) {
+  watchers(3);
+  int depth = 0;
+  all_[0]->then = [&](const std::string&) {
+    if (depth++ > 0) return;
+    box_->slotIs(1000, true);
+  };
+  all_[1]->then = [&](const std::string&) { all_[2]->isRegisteredNotifieeIs(false); };
+  EXPECT_THAT(round(), ElementsAre("1:slot!", "1:slot!", "2:slot!", "2:slot!"));
+}
+
+TEST_F(NotifieeTest, RoundsOfOneEntityDoNotMindWhoLeavesAnother) {
+  watchers(2);
+  const auto other = make<Box>();
+  auto elsewhere = watch<BoxWatcher>(other, "elsewhere:");
+  all_[0]->then = [&](const std::string&) { elsewhere = nullptr; };
+  EXPECT_THAT(round(), ElementsAre("1:slot!", "2:slot!"));
+}
+
+// The end of an entity
+
+TEST_F(NotifieeTest, AnEntityMayLoseItsLastReferenceWhileItTells) {
+  const auto watcher = watch<BoxWatcher>(box_);
+  const auto second = watch<BoxWatcher>(box_, "2:");
+  watcher->then = [&](const std::string&) {
+    watcher->notifierIs(nullptr);
+    second->notifierIs(nullptr);
+    box_ = nullptr;
+  };
+  box_->slotIs(1, true);
+  EXPECT_EQ(box_, nullptr);
+  EXPECT_THAT(happened(), ElementsAre("slot!"));
+}
+
+TEST_F(NotifieeTest, AnEntityMayLoseItsLastReferenceWhileItRemovesAll) {
+  const auto marble = make<Marble>("m");
+  using Change = std::function<void(Box&)>;
+  for (const Change& removeAll :
+       {Change([](Box& box) { box.marbleDelAll(); }), Change([](Box& box) { box.lentDelAll(); }),
+        Change([](Box& box) { box.slotDelAll(); })}) {
+    Ptr<Box> box = make<Box>();
+    for (const char* id : {"a", "b", "c", "d", "e"}) box->marbleIs(id);
+    for (const auto n : std::initializer_list<Kiv::U8>{1, 2, 3}) box->lentIs(n, marble);
+    for (const auto n : std::initializer_list<Kiv::U16>{1, 2, 3}) box->slotIs(n, true);
+    const auto watcher = watch<BoxWatcher>(box);
+    watcher->then = [&](const std::string&) {
+      watcher->notifierIs(nullptr);
+      box = nullptr;
+    };
+    removeAll(*box);
+    EXPECT_EQ(box, nullptr);
+    EXPECT_EQ(happened().size(), 1U);
+  }
+  EXPECT_EQ(marble->references(), 1U);
+}
+
+TEST_F(NotifieeTest, AMemberMayGoWhileItsRemovalIsTold) {
+  box_->marbleIs("a");
+  const auto watcher = watch<BoxWatcher>(box_);
+  watcher->then = [&](const std::string& what) {
+    if (what == "marble!") {
+      EXPECT_EQ(box_->marble()["a"], nullptr);
+    }
+  };
+  box_->marbleDel("a");
+  EXPECT_THAT(delivered(), ElementsAre("marble!", "marble a", "marble"));
+}
+
+// A random crowd, held against a model: a round meets those that stood in the list when it began
+// and have not left since, in order.
+TEST_F(NotifieeTest, ARoundMeetsWhoeverIsThereAtItsBeginningAndHasNotLeft) {
+  for (unsigned seed = 1; seed <= 40; ++seed) {
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937 random(seed);
+    startAgain();
+    watchers(8);
+    std::vector<std::size_t> list{0, 1, 2, 3, 4, 5, 6, 7};
+    std::vector<std::size_t> expected = list;  // of the current round, still to come
+    for (std::size_t who = 0; who < all_.size(); ++who) {
+      all_[who]->then = [&, who](const std::string& what) {
+        if (what != "slot!") return;
+        ASSERT_FALSE(expected.empty());
+        ASSERT_EQ(expected.front(), who);
+        expected.erase(expected.begin());
+        for (auto times = random() % 4; times > 0; --times) {
+          const std::size_t other = random() % all_.size();
+          const bool joins = random() % 2 == 0;
+          const bool was = all_[other]->isRegisteredNotifiee();
+          all_[other]->isRegisteredNotifieeIs(joins);
+          if (joins && !was) list.push_back(other);
+          if (!joins) {
+            std::erase(list, other);
+            std::erase(expected, other);
+          }
+        }
+      };
+    }
+    for (int rounds = 0; rounds < 20 && !HasFatalFailure(); ++rounds) {
+      expected = list;
+      (void)round();
+      EXPECT_THAT(expected, IsEmpty());
+    }
+  }
+  startAgain();
+}
+
+}  // namespace
