@@ -47,6 +47,11 @@ class Machine : public Member {
     kivMarkedForDeletionIs(zombie);
   }
 
+  // Makes the reactors forget that they were in line with an input, which is about to be replaced.
+  void kivReactorsOutOfLine() {
+    std::apply([](auto&... each) { (each.outOfLine(), ...); }, self().reactors());
+  }
+
  protected:
   Machine() = default;
 

@@ -107,6 +107,7 @@ class ReactorSlot {
   // Makes the machine observe this entity: re-points the reactor, or makes an active one. A null
   // entity drops it.
   void is(Machine& machine, const Ptr<const Entity>& entity) {
+    if (entity != this->entity()) machine.kivReactorsOutOfLine();
     if (!entity) {
       del();
     } else if (reactor_) {
@@ -128,7 +129,7 @@ class ReactorSlot {
   }
 
   // What the machine passes on to all that it owns: the switch of notifications, the zombie mark,
-  // and the loss of the machine.
+  // the loss of the machine, and that an input is about to be replaced.
   void hasNotificationActiveIs(bool active) {
     if (reactor_) reactor_->hasNotificationActiveIs(active);
   }
@@ -138,6 +139,7 @@ class ReactorSlot {
   void machineDel() {
     if (reactor_) reactor_->machineDel();
   }
+  void outOfLine() {}
 
  private:
   Ptr<R> reactor_;

@@ -65,6 +65,7 @@ class ReactorMap : public HashMap<R, K, typename R::Entity> {
 
   // Puts in a reactor that was made by the caller, under a key that is free.
   void insert(Machine& machine, const Ptr<R>& reactor) {
+    inLineAt_ = kOutOfLine;
     reactor->hasNotificationActiveIs(true);
     Map::newMember(reactor);
     reactor->kivDoZombieReactors(machine.markedForDeletion());
@@ -121,7 +122,7 @@ class ReactorMap : public HashMap<R, K, typename R::Entity> {
   }
 
   // What the machine passes on to all that it owns: the switch of notifications, the zombie mark,
-  // and the loss of the machine.
+  // the loss of the machine, and that an input is about to be replaced.
   void hasNotificationActiveIs(bool active) {
     for (const auto& reactor : *this) reactor->hasNotificationActiveIs(active);
   }
@@ -134,6 +135,7 @@ class ReactorMap : public HashMap<R, K, typename R::Entity> {
       reactor->hasNotificationActiveIs(false);
     }
   }
+  void outOfLine() { inLineAt_ = kOutOfLine; }
 
  private:
   using Map::deleteMember;
