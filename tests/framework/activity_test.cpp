@@ -1,0 +1,313 @@
+// The loop: what waits, in which order it is delivered, and what is skipped.
+#include "framework/Activity.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <functional>
+#include <optional>
+#include <random>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+#include "tests/framework/toys.h"
+
+namespace {
+
+using Kiv::make;
+using Kiv::Ptr;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using Toys::Box;
+using Toys::BoxWatcher;
+using Toys::happened;
+using Toys::watch;
+
+class ActivityTest : public Toys::LoopTest {
+ protected:
+  Ptr<Box> box_ = make<Box>();
+  Ptr<BoxWatcher> watcher_ = watch<BoxWatcher>(box_);
+};
+
+TEST_F(ActivityTest, IsIdleAtFirst) {
+  EXPECT_TRUE(loop_.idle());
+  EXPECT_EQ(loop_.waiting(), 0U);
+  loop_.run();
+  EXPECT_TRUE(loop_.idle());
+}
+
+TEST_F(ActivityTest, IsTheOneOfTheProcess) {
+  EXPECT_EQ(&Kiv::ActivityManager::instance(), &loop_);
+}
+
+TEST_F(ActivityTest, DeliversFirstInFirstOut) {
+  const auto other = make<Box>();
+  const auto second = watch<BoxWatcher>(other, "2:");
+  box_->labelIs("x");
+  other->labelIs("x");
+  box_->slotIs(9, true);
+  other->slotIs(1, true);
+  box_->slotIs(3, true);
+  (void)happened();
+  EXPECT_EQ(loop_.waiting(), 7U);
+  EXPECT_THAT(delivered(),
+              ElementsAre("label", "2:label", "slot 9", "slot", "2:slot 1", "2:slot", "slot 3"));
+  EXPECT_TRUE(loop_.idle());
+}
+
+TEST_F(ActivityTest, OneThatWaitsIsNotQueuedAgainAndKeepsItsPlace) {
+  box_->slotIs(1, true);
+  box_->labelIs("a");
+  box_->slotIs(1, false);
+  box_->labelIs("b");
+  box_->slotDel(1);
+  (void)happened();
+  EXPECT_THAT(delivered(), ElementsAre("slot 1", "slot", "label"));
+}
+
+TEST_F(ActivityTest, WaitingIsByKey) {
+  box_->slotIs(1, true);
+  box_->slotIs(2, true);
+  (void)happened();
+  EXPECT_THAT(delivered(), ElementsAre("slot 1", "slot", "slot 2"));
+}
+
+TEST_F(ActivityTest, WaitingIsByAttribute) {
+  const auto marble = make<Toys::Marble>("m");
+  box_->slotIs(1, true);
+  box_->lentIs(1, marble);
+  (void)happened();
+  EXPECT_THAT(delivered(), ElementsAre("slot 1", "slot", "lent 1", "lent"));
+}
+
+TEST_F(ActivityTest, WaitingIsByNotifiee) {
+  box_->labelIs("a");
+  const auto second = watch<BoxWatcher>(box_, "2:");
+  box_->labelIs("b");
+  EXPECT_THAT(delivered(), ElementsAre("label", "2:label"));
+}
+
+TEST_F(ActivityTest, OneThatIsBeingDeliveredMayBeQueuedAgain) {
+  int times = 0;
+  watcher_->then = [&](const std::string&) {
+    if (++times < 3) box_->labelIs("again");
+  };
+  box_->labelIs("first");
+  EXPECT_THAT(delivered(), ElementsAre("label", "label", "label"));
+}
+
+TEST_F(ActivityTest, WhatAHandlerAddsComesAfterAllThatWaits) {
+  watcher_->then = [&](const std::string& what) {
+    if (what == "slot 1") box_->labelIs("added");
+  };
+  box_->slotIs(1, true);
+  box_->slotIs(2, true);
+  (void)happened();
+  EXPECT_THAT(delivered(), ElementsAre("slot 1", "slot", "slot 2", "label"));
+}
+
+TEST_F(ActivityTest, RunCalledFromAHandlerDoesNothing) {
+  watcher_->then = [&](const std::string& what) {
+    if (what != "label") return;
+    const std::size_t waiting = loop_.waiting();
+    EXPECT_EQ(waiting, 2U);
+    loop_.run();
+    EXPECT_EQ(loop_.waiting(), waiting);
+    Toys::journal.push_back("end of label");
+  };
+  box_->labelIs("x");
+  box_->slotIs(1, true);
+  (void)happened();
+  EXPECT_THAT(delivered(), ElementsAre("label", "end of label", "slot 1", "slot"));
+}
+
+TEST_F(ActivityTest, WhatAHandlerThrowsLeavesTheRunAndTheRestWaits) {
+  watcher_->then = [](const std::string& what) {
+    if (what == "slot 1") throw std::runtime_error("no");
+  };
+  box_->labelIs("x");
+  box_->slotIs(1, true);
+  (void)happened();
+  EXPECT_THROW(loop_.run(), std::runtime_error);
+  EXPECT_THAT(happened(), ElementsAre("label", "slot 1"));
+  EXPECT_EQ(loop_.waiting(), 1U);
+  EXPECT_THAT(delivered(), ElementsAre("slot"));
+}
+
+TEST_F(ActivityTest, WhatWasSpentByAThrowMayBeQueuedAgain) {
+  int times = 0;
+  watcher_->then = [&](const std::string&) {
+    if (++times == 1) throw std::runtime_error("no");
+  };
+  box_->labelIs("x");
+  EXPECT_THROW(loop_.run(), std::runtime_error);
+  EXPECT_TRUE(loop_.idle());
+  box_->labelIs("x");
+  EXPECT_THAT(delivered(), ElementsAre("label", "label"));
+}
+
+// Who is skipped
+
+TEST_F(ActivityTest, SkipsANotifieeThatIsNotActiveAtDelivery) {
+  box_->labelIs("x");
+  watcher_->hasNotificationActiveIs(false);
+  EXPECT_THAT(delivered(), IsEmpty());
+  watcher_->hasNotificationActiveIs(true);
+  EXPECT_THAT(delivered(), IsEmpty()) << "what was skipped is spent";
+}
+
+TEST_F(ActivityTest, SkipsAZombie) {
+  box_->labelIs("x");
+  watcher_->kivMarkedForDeletionIs(true);
+  EXPECT_THAT(delivered(), IsEmpty());
+}
+
+TEST_F(ActivityTest, SkipsANotifieeThatIsNotRegisteredAnyMore) {
+  box_->labelIs("x");
+  watcher_->isRegisteredNotifieeIs(false);
+  EXPECT_THAT(delivered(), IsEmpty());
+}
+
+TEST_F(ActivityTest, SkipsANotifieeThatIsDisconnected) {
+  box_->labelIs("x");
+  watcher_->notifierIs(nullptr);
+  EXPECT_THAT(delivered(), IsEmpty());
+}
+
+TEST_F(ActivityTest, SkipsWhoeverBecameSilentWithinTheSameRun) {
+  const auto second = watch<BoxWatcher>(box_, "2:");
+  watcher_->then = [&](const std::string&) { second->hasNotificationActiveIs(false); };
+  box_->labelIs("x");
+  EXPECT_THAT(delivered(), ElementsAre("label"));
+}
+
+TEST_F(ActivityTest, AnEntryHoldsItsNotifieeUntilItIsDelivered) {
+  box_->labelIs("x");
+  EXPECT_EQ(watcher_->references(), 2U);
+  watcher_ = nullptr;
+  EXPECT_THAT(delivered(), ElementsAre("label"));
+  box_->labelIs("y");
+  EXPECT_TRUE(loop_.idle()) << "nobody is left to be told";
+}
+
+TEST_F(ActivityTest, ANotifieeMayBeFreedByItsOwnDelivery) {
+  watcher_->then = [this](const std::string&) { watcher_ = nullptr; };
+  box_->labelIs("x");
+  box_->slotIs(1, true);
+  loop_.run();
+  EXPECT_EQ(watcher_, nullptr);
+  EXPECT_TRUE(box_->notifieeList()->empty());
+}
+
+TEST_F(ActivityTest, AnEntityMayBeFreedByADelivery) {
+  watcher_->then = [this](const std::string&) {
+    watcher_->notifierIs(nullptr);
+    box_ = nullptr;
+  };
+  box_->labelIs("x");
+  box_->slotIs(1, true);
+  (void)happened();
+  EXPECT_EQ(box_, nullptr) << "the immediate handler lets it go";
+  EXPECT_THAT(delivered(), IsEmpty());
+}
+
+// Many at once, against a reference: each notifiee, attribute and key waits once, in the order of
+// its first change.
+TEST_F(ActivityTest, ManyThatWaitComeOnceAndInOrder) {
+  for (unsigned seed = 1; seed <= 10; ++seed) {
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937 random(seed);
+    std::vector<Ptr<Box>> boxes;
+    std::vector<Ptr<BoxWatcher>> watchers;
+    for (int n = 0; n < 5; ++n) {
+      boxes.push_back(make<Box>());
+      for (int w = 0; w < 3; ++w) {
+        watchers.push_back(watch<BoxWatcher>(boxes.back(), std::to_string(watchers.size()) + ":"));
+      }
+    }
+    std::vector<std::string> expected;
+    std::set<std::string> waits;
+    const auto expect = [&](std::size_t box, const std::string& what) {
+      for (std::size_t w = 3 * box; w < 3 * box + 3; ++w) {
+        const std::string entry = std::to_string(w) + ":" + what;
+        if (waits.insert(entry).second) expected.push_back(entry);
+      }
+    };
+    for (int i = 0; i < 1500; ++i) {
+      const std::size_t box = random() % boxes.size();
+      const auto key = static_cast<Kiv::U16>(random() % 100);
+      switch (random() % 3) {
+        case 0:
+          boxes[box]->labelIs("x");
+          expect(box, "label");
+          break;
+        case 1:
+          if (boxes[box]->slot().contains(key)) break;
+          boxes[box]->slotIs(key, true);
+          expect(box, "slot " + std::to_string(key));
+          expect(box, "slot");
+          break;
+        default:
+          if (!boxes[box]->slot().contains(key)) break;
+          boxes[box]->slotDel(key);
+          expect(box, "slot " + std::to_string(key));
+          expect(box, "slot");
+          break;
+      }
+    }
+    (void)happened();
+    EXPECT_EQ(loop_.waiting(), expected.size());
+    EXPECT_EQ(delivered(), expected);
+  }
+}
+
+// The end of the loop
+
+TEST(ActivityEndTest, WhatStillWaitsIsDroppedUndelivered) {
+  const Support::LiveObjects nothingIsLeft;
+  Toys::journal.clear();
+  {
+    auto loop = std::make_optional<Kiv::ActivityManager>();
+    const auto box = make<Box>();
+    const auto watcher = watch<BoxWatcher>(box);
+    box->labelIs("x");
+    box->marbleIs("a");
+    EXPECT_EQ(watcher->references(), 4U);
+    (void)happened();
+    loop.reset();
+    EXPECT_EQ(watcher->references(), 1U);
+    EXPECT_THAT(happened(), IsEmpty());
+  }
+}
+
+TEST(ActivityEndTest, AnotherLoopMayFollowTheFirst) {
+  for (int i = 0; i < 2; ++i) {
+    Kiv::ActivityManager loop;
+    const auto box = make<Box>();
+    const auto watcher = watch<BoxWatcher>(box);
+    box->labelIs("x");
+    (void)happened();
+    loop.run();
+    EXPECT_THAT(happened(), ElementsAre("label"));
+  }
+}
+
+TEST(ActivityDeathTest, AProcessHasOneLoopAtATime) {
+  const auto two = [] {
+    const Kiv::ActivityManager first;
+    const Kiv::ActivityManager second;
+  };
+  EXPECT_DEATH(two(), "Assertion \"theInstance == nullptr\" failed: Activity: ActivityManager");
+}
+
+TEST(ActivityDeathTest, WithoutALoopNobodyCanBeTold) {
+  EXPECT_DEATH((void)Kiv::ActivityManager::instance(),
+               "Assertion \"theInstance != nullptr\" failed: Activity: instance");
+}
+
+}  // namespace
