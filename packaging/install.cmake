@@ -37,7 +37,9 @@ install(DIRECTORY ${PROJECT_SOURCE_DIR}/framework ${PROJECT_SOURCE_DIR}/model
   PATTERN "OpenStackSm/detail/Referrer.h" EXCLUDE
   PATTERN "OpenStackSm/detail/Toggle.h" EXCLUDE)
 
-# What finds the library: find_package(OpenStackSm), pkg-config openstacksm.
+# What finds the library: find_package(OpenStackSm), pkg-config openstacksm. The headers include
+# some of Boost's.
+set(boost_version ${Boost_VERSION_MAJOR}.${Boost_VERSION_MINOR})
 install(EXPORT OpenStackSm NAMESPACE OpenStackSm:: FILE OpenStackSmTargets.cmake
   DESTINATION ${cmake_dir} COMPONENT development)
 configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/OpenStackSmConfig.cmake.in
@@ -52,6 +54,7 @@ install(FILES ${PROJECT_BINARY_DIR}/packaging/OpenStackSmConfig.cmake
               ${PROJECT_BINARY_DIR}/packaging/OpenStackSmConfigVersion.cmake
   DESTINATION ${cmake_dir} COMPONENT development)
 file(RELATIVE_PATH pc_to_prefix ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
+string(REGEX REPLACE "/$" "" pc_to_prefix ${pc_to_prefix})
 configure_file(${CMAKE_CURRENT_LIST_DIR}/openstacksm.pc.in
   ${PROJECT_BINARY_DIR}/packaging/openstacksm.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/packaging/openstacksm.pc

@@ -31,7 +31,7 @@ set(CPACK_COMPONENT_LIBRARY_DESCRIPTION
 
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libopenstacksm-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
-set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS ${same_version})
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "${same_version}, libboost-dev")
 set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION
   "state machines from cloud to switch: development files
  What is needed to embed the library in a host agent: headers, the CMake package
