@@ -26,14 +26,15 @@ ExitStatus check(const CheckOptions& options) {
   if (!options.events.empty()) events = std::make_unique<LineReader>(options.events);
   const CloudFile cloud = applyCloudFile(options.cloud, document);
   for (const auto& [line, fault] : cloud.faults) reportFault(options.cloud, line, fault);
-  ExitStatus status = cloud.status;
+  const bool started = cloud.faults.empty();
+  ExitStatus status = started ? ExitStatus::kOk : ExitStatus::kRefused;
   while (events) {
     const auto line = events->next();
     if (!line) break;
     if (isSkipped(*line)) continue;
-    for (const Fault& fault : check(*line, document, cloud.status == ExitStatus::kOk)) {
+    for (const Fault& fault : check(*line, document, started)) {
       reportFault(events->name(), events->line(), fault);
-      if (status == ExitStatus::kOk) status = ExitStatus::kRefused;
+      status = ExitStatus::kRefused;
     }
   }
   return status;

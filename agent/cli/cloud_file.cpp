@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "agent/cli/input_file.h"
+#include "agent/cli/report.h"
 #include "agent/document/input.h"
 
 namespace vnagent {
@@ -11,8 +12,9 @@ CloudFile applyCloudFile(const std::string& name, CloudDocument& document) {
   const JsonTree tree = JsonTree::parse(readFile(name));
   CloudFile result;
   if (const auto& error = tree.error()) {
-    const bool json = error->kind == JsonError::Kind::kUnusable;
-    result.status = json ? ExitStatus::kRefused : ExitStatus::kUnreadable;
+    if (error->kind == JsonError::Kind::kNotJson) {
+      throw UnreadableFile(placeInFile(name, error->line) + ": not JSON: " + error->text);
+    }
     result.faults.push_back({error->line, faultsOfText(tree, nullptr).front()});
     return result;
   }
@@ -20,7 +22,6 @@ CloudFile applyCloudFile(const std::string& name, CloudDocument& document) {
   for (Fault& fault : outcome.faults) {
     const auto line = lineOf(tree.root(), fault.place);
     result.faults.push_back({line, std::move(fault)});
-    result.status = ExitStatus::kRefused;
   }
   result.plan = std::move(outcome.plan);
   return result;

@@ -1,10 +1,10 @@
 // Reads a cloud document from a file and hands it to the document layer.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
-#include "agent/cli/report.h"
 #include "agent/document/cloud_document.h"
 
 namespace vnagent {
@@ -14,12 +14,11 @@ struct CloudFile {
     uint32_t line;
     Fault fault;
   };
-  ExitStatus status = ExitStatus::kOk;
-  std::vector<Located> faults;
+  std::vector<Located> faults;  // none: the document was taken
   Plan plan;
 };
 
-// Applies the file to an empty document. Throws UnreadableFile.
+// Applies the file to an empty document. Throws UnreadableFile, also for what is not JSON.
 CloudFile applyCloudFile(const std::string& name, CloudDocument& document);
 
 }  // namespace vnagent

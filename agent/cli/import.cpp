@@ -10,7 +10,7 @@
 namespace vnagent {
 namespace {
 
-// Throws UnreadableFile, also for what is not JSON.
+// Throws UnreadableFile.
 nlohmann::json readJson(const std::string& name) {
   const std::string text = readFile(name);
   auto value = nlohmann::json::parse(text, nullptr, false);

@@ -11,7 +11,7 @@
 
 namespace vnagent {
 
-// A file cannot be opened or read; what() names it and says why.
+// A file cannot be opened or read, or is not JSON; what() names it and says why.
 class UnreadableFile : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;

@@ -49,23 +49,24 @@ class Run {
  public:
   explicit Run(const RunOptions& options)
       : options_(options),
-        traceFile_(openTraceFile(options)),
-        trace_(startTrace()),
         document_({options.toggle, options.regionSyncTimeout}),
-        cloud_({options.toggle, options.regionSyncTimeout}) {}
+        traceFile_(openTraceFile(options)),
+        trace_(startTrace()) {
+    // Traced from its making on, but not in its end, which is nobody's step.
+    cloud_.emplace(CloudSettings{options.toggle, options.regionSyncTimeout});
+  }
 
   ExitStatus run() {
     std::unique_ptr<LineReader> events;
     if (!options_.events.empty()) events = std::make_unique<LineReader>(options_.events);
     bool stopped = !loadCloud();
-    if (status_ == ExitStatus::kRefused) stopped = !options_.keepGoing;
     while (!stopped && events) {
       const auto line = events->next();
       if (!line) break;
       if (isSkipped(*line)) continue;
       beginStep(step_ + 1);
       stopped = !applyLine(*line, *events) && !options_.keepGoing;
-      progress_.doneIs(step_, cloud_.time());
+      progress_.doneIs(step_, cloud_->time());
     }
     progress_.clear();
     if (!stopped && !options_.inspect.empty()) {
@@ -73,7 +74,7 @@ class Run {
     } else if (!stopped && !options_.each) {
       printFinal();
     }
-    endTrace();
+    if (trace_ && !trace_->flush()) throw std::runtime_error("cannot write the trace lines");
     return status_;
   }
 
@@ -82,13 +83,6 @@ class Run {
     if (!options_.traceLevel) return nullptr;
     const auto style = options_.traceText ? TraceLines::Style::kText : TraceLines::Style::kJson;
     return std::make_unique<TraceLines>(*options_.traceLevel, style, traceFile_.get());
-  }
-
-  // What the end of the process withdraws is nobody's step.
-  void endTrace() {
-    const bool written = !trace_ || trace_->flush();
-    trace_.reset();
-    if (!written) throw std::runtime_error("cannot write the trace lines");
   }
 
   void beginStep(uint64_t step) {
@@ -100,16 +94,17 @@ class Run {
   bool loadCloud() {
     CloudFile file;
     if (!options_.cloud.empty()) file = applyCloudFile(options_.cloud, document_);
-    if (file.status == ExitStatus::kOk) {
-      cloud_.apply(file.plan);
+    if (file.faults.empty()) {
+      cloud_->apply(file.plan);
       endStep();
       return true;
     }
-    status_ = file.status;
+    status_ = ExitStatus::kRefused;
     const auto& first = file.faults.front();
+    if (trace_) trace_->flush();
     reportFault(options_.cloud, first.line, first.fault);
-    if (file.status == ExitStatus::kRefused) endRefusedStep(first.fault);
-    return false;
+    endRefusedStep(first.fault);
+    return options_.keepGoing;
   }
 
   // One event. Returns whether it was applied.
@@ -121,7 +116,7 @@ class Run {
       if (const auto* patch = std::get_if<PatchEvent>(&*reading.event)) {
         Outcome outcome = document_.apply(*patch->patch, std::move(faults));
         faults = std::move(outcome.faults);
-        if (faults.empty()) cloud_.apply(outcome.plan);
+        if (faults.empty()) cloud_->apply(outcome.plan);
       } else if (faults.empty()) {
         applyToClock(*reading.event);
       }
@@ -140,9 +135,9 @@ class Run {
 
   void applyToClock(const Event& event) {
     if (const auto* advance = std::get_if<AdvanceEvent>(&event)) {
-      cloud_.advance(advance->seconds);
+      cloud_->advance(advance->seconds);
     } else if (const auto* timeout = std::get_if<RegionSyncTimeoutEvent>(&event)) {
-      cloud_.regionSyncTimeoutIs(timeout->seconds);
+      cloud_->regionSyncTimeoutIs(timeout->seconds);
     }
   }
 
@@ -152,8 +147,8 @@ class Run {
     JsonWriter json(out_, JsonWriter::Style::kOneLine);
     json.drainIs(drain);
     json.open('{').key("step").number(step_).key("ok").boolean(true);
-    json.key("time").number(cloud_.time()).key("output");
-    writeOutput(cloud_.output(), json);
+    json.key("time").number(cloud_->time()).key("output");
+    writeOutput(cloud_->output(), json);
     json.close('}');
     out_ += '\n';
     flush(out_);
@@ -170,7 +165,7 @@ class Run {
 
   void printInspection() {
     JsonWriter json(out_, JsonWriter::Style::kIndented);
-    if (const auto fault = writeInspection(cloud_.root(), "openStackSm", options_.inspect, json)) {
+    if (const auto fault = writeInspection(cloud_->root(), "openStackSm", options_.inspect, json)) {
       reportError(options_.inspect + ": " + *fault);
       if (status_ == ExitStatus::kOk) status_ = ExitStatus::kUsage;
       return;
@@ -181,21 +176,21 @@ class Run {
 
   void printFinal() {
     if (options_.tree.value_or(isatty(STDOUT_FILENO) == 1)) {
-      writeTree(cloud_.output(), mayColour(STDOUT_FILENO), out_);
+      writeTree(cloud_->output(), mayColour(STDOUT_FILENO), out_);
     } else {
       JsonWriter json(out_, JsonWriter::Style::kIndented);
       json.drainIs(drain);
-      writeOutput(cloud_.output(), json);
+      writeOutput(cloud_->output(), json);
       out_ += '\n';
     }
     flush(out_);
   }
 
   const RunOptions& options_;
+  CloudDocument document_;
+  std::optional<Cloud> cloud_;
   TraceFile traceFile_;
   std::unique_ptr<TraceLines> trace_;
-  CloudDocument document_;
-  Cloud cloud_;
   Progress progress_;
   std::string out_;
   uint64_t step_ = 0;

@@ -3,6 +3,7 @@
 
 #include <string>
 #include <string_view>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -27,15 +28,17 @@ class Faults {
   void add(const JsonValue& at, std::string text) { add(pointerTo(at, root_), std::move(text)); }
   void add(std::string place, std::string text) {
     Fault fault{std::move(place), std::move(text)};
-    if (found_.empty() || found_.back() != fault) found_.push_back(std::move(fault));
+    if (seen_.insert(fault.message()).second) found_.push_back(std::move(fault));
   }
 
   bool none() const { return found_.empty(); }
+  // All of them, in the order in which they were found.
   std::vector<Fault> take() { return std::move(found_); }
 
  private:
   const JsonValue& root_;
   std::vector<Fault> found_;
+  std::unordered_set<std::string> seen_;
 };
 
 }  // namespace vnagent

@@ -130,7 +130,7 @@ TEST_F(Commands, WhatCannotBeReadOrIsNotJsonIsStatusFour) {
   const auto result = vnagent({"run", file("cloud.json", "{\n  oops}"), "--each"});
   EXPECT_EQ(result.status, 4);
   EXPECT_THAT(result.out, IsEmpty());
-  EXPECT_THAT(result.err, HasSubstr("cloud.json:2: : not JSON: "));
+  EXPECT_THAT(result.err, HasSubstr("cloud.json:2: not JSON: "));
 }
 
 TEST_F(Commands, AWrongCommandLineIsStatusTwo) {
