@@ -62,10 +62,11 @@ namespace Kiv {
 // A plain attribute. Get reads it from a const object; Set, where there is one, writes it.
 template <class Get, class Set = std::nullptr_t>
 struct PlainAttribute {
-  KivAttr attr;
-  Get get;
-  Set set = nullptr;
+  KivAttr attr;       // what it is
+  Get get;            // the member function that reads it
+  Set set = nullptr;  // the one that writes it, if any
 
+  // Runs one operation on an object of the class; throws where it has none such.
   template <class T>
   GenericValue operate(T& object, bool isConst, U8 operation,
                        const GenericArguments& arguments) const {
@@ -91,9 +92,10 @@ struct PlainAttribute {
 // A handler.
 template <class Call>
 struct HandlerAttribute {
-  KivAttr attr;
-  Call function;
+  KivAttr attr;   // what it is
+  Call function;  // the member function
 
+  // Runs one operation on an object of the class; throws where it has none such.
   template <class T>
   GenericValue operate(T& object, bool isConst, U8 operation,
                        const GenericArguments& arguments) const {
@@ -115,14 +117,16 @@ struct HandlerAttribute {
 // there are any, are the mutators of its owner.
 template <class C, class Map, class Create = std::nullptr_t, class Delete = std::nullptr_t>
 struct CollectionAttribute {
-  KivAttr attr;
-  Map C::*map;
-  Create create = nullptr;
-  Delete del = nullptr;
+  KivAttr attr;             // what it is
+  Map C::*map;              // the collection
+  Create create = nullptr;  // the mutator that makes a member, if any
+  Delete del = nullptr;     // the one that deletes it, if any
 
   using Key = typename Map::Key;
+  // Whether its members are objects, and not values.
   static constexpr bool kHoldsObjects = requires(const Map& m, const Key& k) { m[k]->fwkType(); };
 
+  // Runs one operation on an object of the class; throws where it has none such.
   template <class T>
   GenericValue operate(T& object, bool isConst, U8 operation,
                        const GenericArguments& arguments) const {
@@ -222,7 +226,7 @@ struct CollectionAttribute {
   };
 };
 
-// The makers of the entries. Without an index, the table gives it.
+// Makes the entry of a plain attribute. Without an index, the table gives it.
 template <class Get, class Set = std::nullptr_t>
 constexpr PlainAttribute<Get, Set> plain(U16 index, std::string_view name, Get get,
                                          Set set = nullptr) {
@@ -232,11 +236,13 @@ template <class Get>
 constexpr PlainAttribute<Get> plain(std::string_view name, Get get) {
   return plain(U16{0}, name, get);
 }
+// Makes the entry of a handler.
 template <class Call>
 constexpr HandlerAttribute<Call> handler(U16 index, std::string_view name,
                                          std::string_view signature, Call function) {
   return {{index, KivAttrKind::handler, name, "", signature}, function};
 }
+// Makes the entry of a collection. Without an index, the table gives it.
 template <class C, class Map, class Create = std::nullptr_t, class Delete = std::nullptr_t>
 constexpr CollectionAttribute<C, Map, Create, Delete> collection(U16 index, std::string_view name,
                                                                  std::string_view key, Map C::*map,
@@ -268,7 +274,7 @@ constexpr auto byKey(R (C::*function)(const K&)) {
 // The table of one class.
 template <class... Attributes>
 struct AttributeTable {
-  std::tuple<Attributes...> entries;
+  std::tuple<Attributes...> entries;  // in the order of their declaration
 
   // The index at which the attributes of every class start.
   static constexpr U16 kFirstIndex = 130;
@@ -288,6 +294,7 @@ struct AttributeTable {
   }
 };
 
+// Makes a table.
 template <class... Attributes>
 constexpr AttributeTable<Attributes...> attributes(Attributes... each) {
   return {{each...}};
@@ -303,6 +310,7 @@ constexpr AttributeTable<A..., B...> attributes(const AttributeTable<A...>& base
 template <class T, class Table, class Maker = std::nullptr_t>
 class GenericIfOf final : public GenericIf {
  public:
+  // Numbers the attributes that have no index yet, from the first on.
   explicit GenericIfOf(const Table& table, Maker maker = nullptr) : table_(table), maker_(maker) {
     U16 next = Table::kFirstIndex;
     const auto number = [&](auto& each) {
@@ -398,6 +406,7 @@ class GenericIfOf final : public GenericIf {
   std::vector<GenericCtorArg> arguments_;
 };
 
+// Makes the reflection of class T, without a maker or with one.
 template <class T, class Table>
 GenericIfOf<T, Table> describe(const Table& table) {
   return GenericIfOf<T, Table>(table);

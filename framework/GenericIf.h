@@ -13,9 +13,8 @@
 //   plain attribute   0 read, 1 write (where there is a mutator)
 //   handler           8 call, with the key as argument where the handler takes one
 //   collection        0 look up a key, 1 create or update a member from its arguments, 2 delete a
-//   key
-//                     and return the member, 3 number of members, 4 number of buckets, 5 whether a
-//                     key is present
+//                     key and return the member, 3 number of members, 4 number of buckets, 5
+//                     whether a key is present
 //
 // An index that the class does not have is left to the base type: `notHandled` is set. A known one
 // with an operation that it lacks throws UnsupportedOperationException; arguments of other types or
@@ -43,16 +42,18 @@ class UnsupportedOperationException final : public Exception {
 // What to do with which attribute.
 struct GenericOp {
   U16 attribute;  // its index
-  U8 operation;
+  U8 operation;   // by its number, as below
 
+  // The operations of plain attributes and of handlers.
   static constexpr U8 kRead = 0, kWrite = 1, kCall = 8;
+  // The operations of collections.
   static constexpr U8 kLookup = 0, kCreate = 1, kDelete = 2, kSize = 3, kBuckets = 4, kContains = 5;
 };
 
 // One argument of a machine's constructor.
 struct GenericCtorArg {
-  std::string_view name;
-  std::string_view typeName;
+  std::string_view name;      // as the constructor names it
+  std::string_view typeName;  // of its type
 };
 
 // A position in a collection attribute. Tolerates, like the iterators of the collections, that the
@@ -62,8 +63,9 @@ class GenericIterator {
   virtual ~GenericIterator() = default;
   // True while a member is current.
   virtual bool iterNonnull() const = 0;
-  // The current key; the current member, or in a value set its value.
+  // The current key.
   virtual GenericValue iterKey() const = 0;
+  // The current member, or in a value set its value.
   virtual GenericValue iterObj() const = 0;
   // Goes to the next member.
   virtual void iterInc() = 0;
@@ -80,8 +82,9 @@ class GenericIf {
   GenericIf& operator=(const GenericIf&) = delete;
   virtual ~GenericIf() = default;
 
-  // The class's type name, and its attributes in the order of their declaration.
+  // The class's type name.
   virtual std::string_view typeName() const = 0;
+  // Its attributes, in the order of their declaration.
   virtual std::span<const KivAttr> attributes() const = 0;
   // The attribute with this name or index; null when there is none.
   const KivAttr* attribute(std::string_view name) const;
@@ -93,17 +96,18 @@ class GenericIf {
                                     const GenericArguments& arguments, GenericValue& result,
                                     bool& notHandled) const = 0;
 
-  // An iterator over a collection attribute, from its start, or at a key (at the end when the key
-  // is absent). Throws UnsupportedOperationException for what is no collection.
+  // An iterator over a collection attribute, from its start. Throws UnsupportedOperationException
+  // for what is no collection.
   virtual std::unique_ptr<GenericIterator> genericIfIterator(PtrInterface& object, bool isConst,
                                                              U16 attribute) const = 0;
+  // The same, from a key; at the end when the key is absent.
   virtual std::unique_ptr<GenericIterator> genericIfIteratorKey(PtrInterface& object, bool isConst,
                                                                 U16 attribute,
                                                                 const GenericValue& key) const = 0;
 
-  // The arguments of the constructor, and a new object made from them. A class that tools cannot
-  // make has none, and throws UnsupportedOperationException.
+  // The arguments of the constructor; none for a class that tools cannot make.
   virtual std::span<const GenericCtorArg> constructorArguments() const = 0;
+  // A new object, made from them. Throws UnsupportedOperationException where tools cannot make one.
   virtual GenericValue genericIfFromCtorArgs(const GenericArguments& arguments) const = 0;
 
   // Reads a plain attribute of an object by name. Throws a range exception for an unknown name.

@@ -59,6 +59,7 @@ class GenericValue {
 
   bool empty() const { return form_ == ValueForm::nothing; }
   std::string_view typeName() const { return typeName_; }
+  // How tools take the value.
   ValueForm form() const { return form_; }
   // The value as text; an object by its type's name and its address.
   std::string text() const { return form_ == ValueForm::object ? objectText() : text_; }
@@ -130,6 +131,7 @@ std::optional<Seconds> parseSeconds(std::string_view text);
 std::string secondsText(Seconds seconds);
 }  // namespace detail
 
+// The form and text of an integer.
 template <class T>
 struct IntegerTraits {
   static constexpr ValueForm kForm = ValueForm::number;
@@ -165,6 +167,7 @@ struct ValueTraits<Seconds> {
   static std::optional<Seconds> parse(std::string_view text) { return detail::parseSeconds(text); }
 };
 
+// The form and text of a string.
 template <class T>
 struct TextTraits {
   static constexpr ValueForm kForm = ValueForm::text;

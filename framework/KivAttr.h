@@ -7,6 +7,7 @@
 
 namespace [[gnu::visibility("default")]] Kiv {
 
+// What an attribute is to tools.
 enum class KivAttrKind : U8 {
   plain,       // one value or object
   handler,     // something that can be called
@@ -16,7 +17,7 @@ enum class KivAttrKind : U8 {
 // One attribute of a machine or an entity.
 struct KivAttr {
   U16 index = 0;  // as tools number it; 0 for the handler of a nested reactor
-  KivAttrKind kind = KivAttrKind::plain;
+  KivAttrKind kind = KivAttrKind::plain;  // what can be done with it
   std::string_view name;       // "regionConfigSm"; of a nested reactor's "KivSegment::doCleanup"
   std::string_view key;        // of a collection: the name of its key; else empty
   std::string_view signature;  // of a handler: its full signature, as traces print it; else empty
