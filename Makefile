@@ -1,7 +1,7 @@
 # The two commands of the README are `make run` and `make test`; `make` alone builds the release.
 # Each does everything on a fresh Debian 12: installs what is missing, configures, builds, runs.
 
-.PHONY: all build dependencies run test clean
+.PHONY: all build dependencies run test docs clean
 
 all: build
 
@@ -17,6 +17,13 @@ run: build
 
 test: build
 	ctest --preset release
+
+# The reference of the public headers, as build/docs/html, and the drawing of the architecture.
+docs:
+	packaging/install-build-dependencies doxygen graphviz
+	docs/draw
+	mkdir -p build/docs
+	doxygen docs/doxygen/Doxyfile
 
 clean:
 	rm -rf build
