@@ -92,8 +92,10 @@ class HashMap {
   }
   // Takes out every member, in order.
   void emptyAllBuckets() {
-    while (Member* first = table_.first()) {
-      const Ptr<V> last = deleteMember(keyOf(*first));
+    // Walks, as to look for the first anew would pass by all that are gone, each time. What a
+    // member's end puts in behind the walk is for the next.
+    while (!empty()) {
+      for (iterator at = begin(); !(at == end()); ++at) (void)deleteMember(at.key());
     }
   }
 

@@ -81,7 +81,10 @@ class HashMap2018 {
   }
   // Deletes every entry, in order.
   void emptyAllBuckets() {
-    while (const Node* first = table_.first()) deleteMember(K(first->key));
+    // As in HashMap.
+    while (!empty()) {
+      for (Iterator at = begin(); !(at == end()); ++at) deleteMember(at->key);
+    }
   }
 
   // Iteration

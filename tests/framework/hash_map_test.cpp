@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "framework/HashMap2018.h"
 #include "tests/framework/keys.h"
 #include "tests/support/live_objects.h"
 
@@ -237,6 +238,80 @@ TEST(HashMapMembershipTest, EachChangeIsCounted) {
   EXPECT_EQ(map.changes(), 4U);
   map.emptyAllBuckets();
   EXPECT_EQ(map.changes(), 6U);
+}
+
+TEST(HashMapBucketsTest, AFewMembersHangInOneChainAndBucketsFollowTheirNumber) {
+  const Support::LiveObjects nothingIsLeft;
+  Map map;
+  const auto insertUpTo = [&](std::size_t size) {
+    while (map.size() < size)
+      map.newMember(make<Item>(keyOf<Kiv::Name>(static_cast<int>(map.size()))));
+  };
+  const auto removeDownTo = [&](std::size_t size) {
+    while (map.size() > size)
+      (void)map.deleteMember(keyOf<Kiv::Name>(static_cast<int>(map.size()) - 1));
+  };
+  insertUpTo(4);
+  EXPECT_EQ(map.buckets(), 0U);
+  insertUpTo(5);
+  EXPECT_EQ(map.buckets(), 8U);
+  insertUpTo(8);
+  EXPECT_EQ(map.buckets(), 8U);
+  insertUpTo(9);
+  EXPECT_EQ(map.buckets(), 16U);
+  insertUpTo(1000);
+  EXPECT_EQ(map.buckets(), 1024U);
+  removeDownTo(128);
+  EXPECT_EQ(map.buckets(), 1024U);
+  removeDownTo(127);
+  EXPECT_EQ(map.buckets(), 256U);
+  insertUpTo(200);
+  EXPECT_EQ(map.buckets(), 256U);
+  removeDownTo(1);
+  EXPECT_LE(map.buckets(), 8U);
+  removeDownTo(0);
+  EXPECT_EQ(map.buckets(), 0U);
+}
+
+// With a cost in proportion to the square of the members this would not end.
+TEST(HashMapBucketsTest, AHundredThousandMembersAreLetGoInNoTime) {
+  const Support::LiveObjects nothingIsLeft;
+  using Number = Keys::Item<Kiv::U32>;
+  Kiv::HashMap<Number, Kiv::U32> map;
+  Kiv::HashMap2018<Kiv::U32> set;
+  for (Kiv::U32 n = 0; n < 100'000; ++n) {
+    map.newMember(make<Number>(n));
+    set.newMember(n, true);
+  }
+  map.emptyAllBuckets();
+  set.emptyAllBuckets();
+  EXPECT_TRUE(map.empty());
+  EXPECT_TRUE(set.empty());
+}
+
+// Puts another member in while it goes.
+class Heir final : public Kiv::Member {
+ public:
+  static constexpr std::string_view kTypeName = "Test::Heir";
+  using Family = Kiv::HashMap<Heir, Kiv::U32>;
+  Heir(Family& family, Kiv::U32 generation) : family_(family), generation_(generation) {}
+  ~Heir() override {
+    if (generation_ > 0) family_.newMember(make<Heir>(family_, generation_ - 1));
+  }
+  const Kiv::U32& fwkKey() const { return generation_; }
+  const Kiv::Type& fwkType() const override { return Kiv::typeRecord<Heir>; }
+
+ private:
+  Family& family_;
+  const Kiv::U32 generation_;
+};
+
+TEST(HashMapMembershipTest, EmptyingAlsoTakesOutWhatTheEndOfAMemberPutsIn) {
+  const Support::LiveObjects nothingIsLeft;
+  Heir::Family family;
+  family.newMember(make<Heir>(family, Kiv::U32{9}));
+  family.emptyAllBuckets();
+  EXPECT_TRUE(family.empty());
 }
 
 TEST(HashMapMembershipTest, AnEmptyCollectionIsTwoWords) {

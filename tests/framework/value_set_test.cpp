@@ -98,6 +98,22 @@ TEST_F(ValueSetTest, TheCurrentEntryMayBeReadAfterItsDeletion) {
   EXPECT_TRUE(at == set_.end());
 }
 
+TEST_F(ValueSetTest, AnIteratorCanBeginAtAKey) {
+  for (Kiv::U16 key = 0; key < 8; ++key) set_.newMember(key, true);
+  auto at = set_.iteratorAt(6);
+  EXPECT_EQ(at->key, 6);
+  ++at;
+  EXPECT_EQ(at->key, 1);
+  EXPECT_TRUE(set_.iteratorAt(9) == set_.end());
+}
+
+TEST_F(ValueSetTest, AFewEntriesHangInOneChain) {
+  for (Kiv::U16 key = 0; key < 4; ++key) set_.newMember(key, true);
+  EXPECT_EQ(set_.buckets(), 0U);
+  set_.newMember(4, true);
+  EXPECT_EQ(set_.buckets(), 8U);
+}
+
 TEST_F(ValueSetTest, TheFirstEntryLivesInsideTheSet) {
   set_.newMember(1, true);
   EXPECT_TRUE(inside(set_, set_.lookupNodeG(1)));
@@ -131,8 +147,8 @@ TEST_F(ValueSetTest, AnEntryMayBeDeletedByAReferenceToItsOwnKey) {
   Kiv::HashMap2018<Kiv::String> texts;
   for (const char* text : {"a", "b", "c"}) texts.newMember(text, true);
   while (!texts.empty()) {
-    const auto& first = *texts.begin();
-    EXPECT_TRUE(texts.deleteMember(texts.lookupNodeG(first.key)->key));
+    const Kiv::String first = texts.begin()->key;
+    EXPECT_TRUE(texts.deleteMember(texts.lookupNodeG(first)->key));
   }
 }
 
