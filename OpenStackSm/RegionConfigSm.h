@@ -146,9 +146,9 @@ class RegionConfigSm final : public Kiv::Machine<RegionConfigSm> {
     return networkElementCollection_;
   }
 
-  // The heartbeat timer's reactor, and the clock that it observes; null until handleInitialized()
-  // has made it.
+  // The heartbeat timer's reactor; null until handleInitialized() has made it.
   KivSyncHeartbeatClock* syncHeartbeatClock() const { return syncHeartbeatClock_.reactor(); }
+  // The clock that it observes; null while there is no reactor.
   Kiv::Ptr<const Kiv::Clock> observedClock() const { return syncHeartbeatClock_.entity(); }
   void syncHeartbeatClockIs(const Kiv::Ptr<const Kiv::Clock>& v) {
     syncHeartbeatClock_.is(*this, v);

@@ -9,7 +9,8 @@ for each declaration that it stands for:
 
 - the comment of an attribute's getter stands for its mutators, and that of one overload for the
   others, up to the next comment or empty line;
-- a one-line heading in a class ("Lookup", "Constructor arguments") opens a group of members;
+- a one-line heading in a class ("Lookup", "Constructor arguments") opens a group of members, up to
+  the next empty line;
 - the comment that opens the file is that of its first class too, where that has none;
 - what is alike in every class (a NotifieeConst, its notifications, kTypeName, a reactor's overrides,
   deleted copies) is described here, by its shape.
@@ -361,6 +362,7 @@ class Header:
                 continue
             if self.in_declarations() and self.started is None:
                 if not stripped:
+                    self.close_group(number)
                     self.comment, self.shared = [], []
                     continue
                 if stripped.startswith("//"):
