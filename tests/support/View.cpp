@@ -84,7 +84,8 @@ Lines withoutHistory(const Lines& lines) {
   Lines kept;
   for (const std::string& line : lines) {
     const bool bareHost = line.starts_with("host ") && line.find(':') == std::string::npos;
-    const bool bareElement = line.starts_with("element ") && line.ends_with(":");
+    const bool bareElement =
+        line.starts_with("element ") && line.ends_with(":") && line.find(' ') == line.rfind(' ');
     if (bareHost || bareElement || line.find(" remote:") != std::string::npos ||
         line.find(" native ") != std::string::npos ||
         line.find(" hostname ") != std::string::npos) {
