@@ -6,6 +6,8 @@ set(same_version "${library_package} (= ${PROJECT_VERSION})")
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME openstacksm)
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
+# Each package has a description of its own; its first line is the summary.
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")
 set(CPACK_PACKAGE_CONTACT "OpenStackSm maintainers <maintainers@localhost>")
 set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
 set(CPACK_OUTPUT_FILE_PREFIX packages)
@@ -18,32 +20,34 @@ set(CPACK_COMPONENTS_GROUPING IGNORE)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_LIBRARY_OUTPUT_DIRECTORY})
 
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_NAME ${library_package})
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_SECTION libs)
-set(CPACK_DEBIAN_LIBRARY_PACKAGE_CONTROL_EXTRA ${CMAKE_CURRENT_LIST_DIR}/debian/triggers)
 set(CPACK_COMPONENT_LIBRARY_DESCRIPTION
   "state machines from an OpenStack cloud to a network switch
- The shared library of reactive state machines that turn the state of an OpenStack
- cloud into what a network switch must provide: VLANs, VLAN-to-VNI mappings and
- native VLANs for each host and switch port, and the sync state of each region.")
+The shared library of reactive state machines that turn the state of an
+OpenStack cloud into what a network switch must provide: VLANs, VLAN-to-VNI
+mappings and native VLANs for each host and switch port, and the sync state
+of each region.")
 
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libopenstacksm-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "${same_version}, libboost-dev")
 set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION
   "state machines from cloud to switch: development files
- What is needed to embed the library in a host agent: headers, the CMake package
- OpenStackSm and the pkg-config file openstacksm.")
+What is needed to embed the library in a host agent: headers, the CMake
+package OpenStackSm and the pkg-config file openstacksm.")
 
 set(CPACK_DEBIAN_AGENT_PACKAGE_NAME vnagent)
 set(CPACK_DEBIAN_AGENT_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_AGENT_PACKAGE_DEPENDS ${same_version})
 set(CPACK_COMPONENT_AGENT_DESCRIPTION
   "host agent that shows what a cloud asks of a network switch
- vnagent mirrors a document of an OpenStack cloud into live entities, plays changes
- on it, and prints which VLANs and VNIs each host and switch interface needs, who
- needs them, and how the synchronisation of each region stands.")
+vnagent mirrors a document of an OpenStack cloud into live entities, plays
+changes on it, and prints which VLANs and VNIs each host and switch
+interface needs, who needs them, and how the synchronisation of each region
+stands.")
 
 include(CPack)

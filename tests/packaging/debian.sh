@@ -1,0 +1,69 @@
+#!/usr/bin/env bash
+# Installs the Debian packages on this system with apt-get, runs what they bring, builds the example
+# host agent against them, purges them, and sees that nothing is left. Changes the system, so it is
+# for a machine that may be changed: it is a stage of .ci/run and no part of the test command.
+#
+#     debian.sh FOLDER_WITH_PACKAGES
+set -euo pipefail
+packages=$(realpath "$1")
+root=$(realpath "$(dirname "$0")/../..")
+names=(vnagent libopenstacksm-dev)
+
+fail() {
+  echo "$*" >&2
+  exit 1
+}
+
+as_root=()
+[ "$(id -u)" = 0 ] || as_root=(sudo)
+apt() { DEBIAN_FRONTEND=noninteractive "${as_root[@]}" apt-get -qq -o Dpkg::Use-Pty=0 "$@" >/dev/null; }
+
+shopt -s nullglob
+files=("$packages"/*.deb)
+[ ${#files[@]} = 3 ] || fail "three packages expected in $packages, found: ${files[*]}"
+for file in "${files[@]}"; do
+  name=$(dpkg-deb --field "$file" Package)
+  [[ " ${names[*]} " == *" $name "* ]] || names+=("$name")
+  ! dpkg-query -W "$name" >/dev/null 2>&1 || fail "$name is installed already; purge it first"
+done
+
+echo "-- install"
+apt update
+before=$(mktemp)
+listing() {
+  find /etc /opt /usr /var -xdev \( -path /var/cache -o -path /var/lib/apt -o -path /var/log \) -prune \
+    -o \( -iname '*openstacksm*' -o -name '*vnagent*' \) -print | sort
+}
+listing >"$before"
+apt install --no-install-recommends "${files[@]}"
+trap 'rm -f "$before"; apt purge "${names[@]}" || true' EXIT
+
+echo "-- run"
+vnagent --version
+[ "$(command -v vnagent)" = /usr/bin/vnagent ] || fail "another vnagent comes first in PATH"
+! readelf --dynamic /usr/bin/vnagent | grep RUNPATH || fail "the packaged program has a run path"
+echo '{"region": {"RegionOne": {}}}' | vnagent run /dev/stdin --format json | grep -q RegionOne ||
+  fail "vnagent does not run"
+for file in share/man/man1/vnagent.1.gz share/bash-completion/completions/vnagent \
+  share/zsh/vendor-completions/_vnagent share/fish/vendor_completions.d/vnagent.fish; do
+  # Small systems are told to leave manuals out.
+  [ -f "/usr/$file" ] || { [[ $file == *man1* ]] && grep -qr 'path-exclude.*man' /etc/dpkg; } ||
+    fail "/usr/$file is not there"
+done
+
+echo "-- embed"
+scratch=$(mktemp -d)
+"$root/tests/packaging/embed.sh" "$root" /usr "/usr/lib/$(dpkg-architecture -qDEB_HOST_MULTIARCH)" \
+  "$scratch" c++
+rm -rf "$scratch"
+
+echo "-- purge"
+trap 'rm -f "$before"' EXIT
+apt purge "${names[@]}"
+for name in "${names[@]}"; do
+  ! dpkg-query -W "$name" >/dev/null 2>&1 || fail "$name is known still after its purge"
+done
+left=$(listing | diff "$before" - || true)
+[ -z "$left" ] || fail "left behind: $left"
+! ldconfig -p | grep -i openstacksm || fail "the linker's cache names the library still"
+echo "nothing is left"
