@@ -4,8 +4,8 @@
 In README.md, CONTRIBUTING.md and the pages of docs/, a block between a mark and "<!-- end -->" is
 
     <!-- output of: make run -->      the output of examples/run
-    <!-- output of: COMMAND -->       "$ COMMAND" and its output, run in a shell at the project's root
-                                      with the built programs at hand
+    <!-- output of: COMMAND -->       "$ COMMAND" and its output, run in a shell at the project's
+                                      root with the built programs at hand
     <!-- code of: FILE -->            that file
 
 UUIDs aside. With --write the pages are brought up to date.
@@ -50,7 +50,8 @@ def main() -> int:
     options = parser.parse_args()
     root, vnagent = options.root.resolve(), options.vnagent.resolve()
     stale = []
-    for page in [root / "README.md", root / "CONTRIBUTING.md", *sorted((root / "docs").rglob("*.md"))]:
+    pages = [root / "README.md", root / "CONTRIBUTING.md", *sorted((root / "docs").rglob("*.md"))]
+    for page in pages:
         text = page.read_text(encoding="utf-8")
         name = page.relative_to(root)
 

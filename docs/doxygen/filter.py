@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Doxygen's input filter: lets it read the comments of this code base, which are plain `//` comments.
+"""Doxygen's input filter: lets it read the comments of this code base, which are plain ones.
 
     filter.py HEADER        prints the header as Doxygen is to see it
 
@@ -12,8 +12,8 @@ for each declaration that it stands for:
 - a one-line heading in a class ("Lookup", "Constructor arguments") opens a group of members, up to
   the next empty line;
 - the comment that opens the file is that of its first class too, where that has none;
-- what is alike in every class (a NotifieeConst, its notifications, kTypeName, a reactor's overrides,
-  deleted copies) is described here, by its shape.
+- what is alike in every class (a NotifieeConst, its notifications, kTypeName, the overrides of a
+  reactor, deleted copies) is described here, by its shape.
 
 Lines keep their numbers, so that warnings point into the header. Indented lines in a comment are
 code, or a list where they begin with "- ".
@@ -128,7 +128,7 @@ def name_of(declaration: str) -> str:
 
 def stem(name: str) -> str:
     """The attribute that a getter or mutator belongs to."""
-    return re.sub(r"(Is|Del|DelAll|Notify)$", "", name)
+    return re.sub(r"(Is|Del|DelAll)$", "", name)
 
 
 def shared(declaration: str, first: str, comment: list[str]) -> str:
@@ -140,9 +140,14 @@ def shared(declaration: str, first: str, comment: list[str]) -> str:
         return f"The key: {attribute}()."
     if name == attribute or (declaration.startswith("using") and first.startswith("using")):
         return in_one_line(comment)
-    if name in ("kivDoZombieReactors", "machineDel", "outOfLine") and attribute == "hasNotificationActiveIs":
+    passed_on = ("kivDoZombieReactors", "machineDel", "outOfLine")
+    if name in passed_on and attribute == "hasNotificationActiveIs":
         return in_one_line(comment)
-    if stem(name) == stem(attribute) or name == f"kiv_handle{attribute[:1].upper()}{attribute[1:]}":
+    if name == f"kiv_handle{attribute[:1].upper()}{attribute[1:]}":
+        return f"Runs the cleanup of one member of {attribute}()."
+    if name == f"{attribute}Notify":
+        return f"What a change of {attribute}() calls; does nothing."
+    if stem(name) == stem(attribute):
         verb = "Takes out of" if name.endswith("Del") else \
             "Empties" if name.endswith("DelAll") else "Writes"
         text = in_one_line(comment)
@@ -151,7 +156,7 @@ def shared(declaration: str, first: str, comment: list[str]) -> str:
 
 
 def described(declaration: str, scope: str, text: str, group: str = "") -> str:
-    """What a declaration without a comment is, by its shape; empty where only its author can say."""
+    """What a declaration without a comment is, by its shape; empty where its author must say."""
     if declaration.endswith("= delete;"):
         return "Not copied."
     if re.match(r"class NotifieeConst\b", declaration):
@@ -164,7 +169,7 @@ def described(declaration: str, scope: str, text: str, group: str = "") -> str:
         if key:
             return f"The member of {attribute} with this key came, changed or went; from the loop."
         if f"on{name}kivImmediate" in text:
-            return f"{attribute} has changed somewhere; from the loop, once for all changes that wait."
+            return f"{attribute} has changed; from the loop, once for all changes that wait."
         return f"{attribute} was written; from the loop."
     if re.match(r"static constexpr std::string_view \w+TypeName", declaration):
         return "The name of the class, as tools report it."
@@ -277,8 +282,8 @@ class Header:
             self.comment = []
         elif self.started is not None:
             texts = (shared(declaration, first, comment) for first, comment in self.shared)
-            text = next(filter(None, texts), "") or described(declaration, self.scopes[-1][1], self.text,
-                                     self.group[-1])
+            text = next(filter(None, texts), "") or described(
+                declaration, self.scopes[-1][1], self.text, self.group[-1])
             if text:
                 self.prefix(self.started, f"/** {text} */")
         if self.started is not None and CONSTANTS.match(self.lines[self.started]):
@@ -290,8 +295,8 @@ class Header:
         """Constants that are declared together: each for itself, with the comment of all."""
         start, _, constants = self.lines[line].partition("constexpr ")
         kind, _, constants = constants.partition(" ")
-        comment = self.shared[0][1] if self.shared else []
-        self.out[line] = " ".join(f"/** {in_one_line(comment)} */ {start.strip()} constexpr {kind} {c};"
+        comment = in_one_line(self.shared[0][1]) if self.shared else ""
+        self.out[line] = " ".join(f"/** {comment} */ {start.strip()} constexpr {kind} {c};"
                                   for c in constants.rstrip(";").split(", "))
 
     def opens(self) -> None:
@@ -308,8 +313,9 @@ class Header:
             return
         first = kind == "class" and self.scopes[-1][0] != "class" and self.file_comment
         if first and not self.commented and not described(declaration, "", self.text):
-            example = f" See {self.name}." if any(l.startswith("  ") for l in self.file_comment) else ""
-            self.prefix(self.started or 0, f"/** {in_one_line(self.file_comment)}{example} */")
+            has_example = any(text.startswith("  ") for text in self.file_comment)
+            more = f" See {self.name}." if has_example else ""
+            self.prefix(self.started or 0, f"/** {in_one_line(self.file_comment)}{more} */")
         elif not self.commented:
             self.shared = []
             self.ends()

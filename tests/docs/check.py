@@ -1,11 +1,11 @@
 #!/usr/bin/env python3
-"""Holds the pages to the tree: every link leads somewhere, every file that is named is there, and the
-drawing is of its source.
+"""Holds the pages to the tree: every link leads somewhere, every file that is named is there, and
+the drawing is of its source.
 
 In all *.md of the project: a relative link names a file or folder of it, and an anchor one of the
-headings of that page; a path in backticks that looks like a source or document (`agent/main.cpp`) is a
-file, seen from the project's root or from the page. Each fault is printed as one line: the place, the
-rule, the remedy. The exit status is 1 when there is a fault.
+headings of that page; a path in backticks that looks like a source or document (`agent/main.cpp`)
+is a file, seen from the project's root or from the page. Each fault is printed as one line: the
+place, the rule, the remedy. The exit status is 1 when there is a fault.
 """
 
 import argparse
@@ -69,7 +69,8 @@ def page_faults(root: Path, page: Path) -> list[str]:
         for path in NAMED.findall(line):
             if not (root / path).exists() and not (page.parent / path).exists() \
                     and not path.startswith("build/"):
-                faults.append(f"{name}:{number}: names {path}, which is not there; correct the path")
+                faults.append(f"{name}:{number}: names {path}, which is not there; "
+                              "correct the path")
     return faults
 
 
