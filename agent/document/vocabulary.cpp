@@ -167,6 +167,7 @@ bool readObject(const JsonValue& value, std::string_view what, Faults& faults) {
 }
 
 void refuseMember(const JsonValue& member, std::string_view owner, Faults& faults) {
+  if (member.isNull()) return;  // removing what is not there is no fault
   faults.add(member, fmt::format("{} has no member {}", owner, shown(member.key)));
 }
 

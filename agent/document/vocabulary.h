@@ -147,7 +147,7 @@ bool readName(const JsonValue& member, Faults& faults, bool mayBeEmpty = false);
 // Notes a fault unless `value` is an object.
 bool readObject(const JsonValue& value, std::string_view what, Faults& faults);
 
-// Notes that nothing of this name belongs here.
+// Notes that nothing of this name belongs here, unless it is to be removed.
 void refuseMember(const JsonValue& member, std::string_view owner, Faults& faults);
 
 }  // namespace vnagent

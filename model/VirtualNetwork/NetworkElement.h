@@ -77,6 +77,11 @@ class NetworkElementCollection final : public Kiv::Entity<NetworkElementCollecti
     virtual void onNetworkElement() {}
   };
 
+  NetworkElementCollection() = default;
+  // Takes the elements' interfaces away first: through them elements refer to each other, in
+  // circles that would keep them alive.
+  ~NetworkElementCollection() override;
+
   // The elements, by element name; owned.
   const auto& networkElement() const { return networkElement_; }
   auto& networkElement() { return networkElement_; }

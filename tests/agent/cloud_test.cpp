@@ -45,8 +45,10 @@ constexpr std::string_view kCloud = R"({
     'port': {'p': {}, 'q': {'vlanType': 1}},
     'portBinding': {
       'p': {'portToHostBinding': {'h': {'segment': {'0': 'x', '1': 'v'}}}},
-      'q': {'portToSwitchInterfaceBinding': {'leaf': {'e1': {'host': 'b', 'segment': {'0': 'v'}}}}}},
-    'serviceEndPoint': {'a': {}}, 'tenant': {'a': {}}, 'network': {'a': {}}, 'vmInstance': {'a': {}},
+      'q': {'portToSwitchInterfaceBinding':
+            {'leaf': {'e1': {'host': 'b', 'segment': {'0': 'v'}}}}}},
+    'serviceEndPoint': {'a': {}}, 'tenant': {'a': {}}, 'network': {'a': {}},
+    'vmInstance': {'a': {}},
     'dhcpInstance': {'a': {}}, 'baremetalInstance': {'a': {}}, 'routerInstance': {'a': {}},
     'requester': 'driver', 'requestId': '1', 'syncInterval': 30, 'syncHeartbeat': 1,
     'syncStatus': 'syncInProgress'}}})";
