@@ -309,8 +309,7 @@ TEST(NeutronImport, AnAnswerOfAnotherShapeIsRefusedWithItsPlace) {
 // Data taken from running servers.
 
 Server serverOf(std::string_view set) {
-  const auto folder =
-      std::filesystem::path(__FILE__).parent_path() / "../../examples/neutron" / set;
+  const auto folder = std::filesystem::path(EXAMPLES_DIR) / "neutron" / set;
   const auto read = [&](const char* name) { return json::parse(std::ifstream(folder / name)); };
   return {{read("networks.json"), read("segments.json"), read("ports.json"),
            read("db_binding_levels.json")}};
