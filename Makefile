@@ -1,13 +1,16 @@
 # The two commands of the README are `make run` and `make test`; `make` alone builds the release.
 # Each does everything on a fresh Debian 12: installs what is missing, configures, builds, runs.
 
-.PHONY: all build dependencies run test docs clean
+.PHONY: all build configure dependencies run test docs clean
 
 all: build
 
-build: dependencies
+# The program, and with it the library.
+build: configure
+	cmake --build --preset release --target vnagent
+
+configure: dependencies
 	cmake --preset release
-	cmake --build --preset release
 
 dependencies:
 	packaging/install-build-dependencies
@@ -15,7 +18,8 @@ dependencies:
 run: build
 	examples/run build/release/bin/vnagent
 
-test: build
+test: configure
+	cmake --build --preset release
 	ctest --preset release
 
 # The reference of the public headers, as build/docs/html, and the drawing of the architecture.
