@@ -15,6 +15,7 @@
 #include <utility>
 #include <vector>
 
+#include "tests/framework/keys.h"
 #include "tests/framework/toys.h"
 
 namespace {
@@ -214,6 +215,41 @@ TEST_F(ActivityTest, AnEntityMayBeFreedByADelivery) {
   (void)happened();
   EXPECT_EQ(box_, nullptr) << "the immediate handler lets it go";
   EXPECT_THAT(delivered(), IsEmpty());
+}
+
+// A set of keys that all hash alike.
+class Drawer final : public Kiv::Entity<Drawer> {
+ public:
+  static constexpr std::string_view kTypeName = "Test::Drawer";
+  using Key = Keys::AllAlike;
+
+  class NotifieeConst : public Kiv::Notifiee<Drawer> {
+   public:
+    virtual void onSpoon(const Key& /*key*/) {}
+    virtual void onSpoonkivImmediate() {}
+    virtual void onSpoon() {}
+  };
+
+  void spoonIs(const Key& key) { spoon_.is(*this, kOnSpoon, key, true); }
+
+ private:
+  static constexpr Kiv::On<NotifieeConst, Key> kOnSpoon{
+      &NotifieeConst::onSpoon, &NotifieeConst::onSpoonkivImmediate, &NotifieeConst::onSpoon};
+  Kiv::ValueSet<Key> spoon_;
+};
+
+TEST_F(ActivityTest, KeysThatHashAlikeWaitEachForItself) {
+  class Watcher final : public Drawer::NotifieeConst {
+   public:
+    explicit Watcher(const std::string&) {}
+    void onSpoon(const Drawer::Key& key) override {
+      Toys::journal.push_back("spoon " + std::to_string(key.number));
+    }
+  };
+  const auto drawer = make<Drawer>();
+  const auto watcher = watch<Watcher>(drawer);
+  for (const int number : {3, 1, 2}) drawer->spoonIs(Drawer::Key{number});
+  EXPECT_THAT(delivered(), ElementsAre("spoon 3", "spoon 1", "spoon 2"));
 }
 
 // Many at once, against a reference: each notifiee, attribute and key waits once, in the order of

@@ -118,6 +118,28 @@ TEST_F(ReactorMapTest, ADeletedReactorIsASilentZombieWithoutAMachine) {
   EXPECT_THAT(happened(), IsEmpty());
 }
 
+TEST_F(ReactorMapTest, ADeletedReactorIsAZombieThatHasItsMachineWhileTheHookRuns) {
+  const auto reactor = machine_->potIs(make<Marble>("a"));
+  bool seen = false;
+  machine_->onHandlePot = [&](const Kiv::String&) {
+    seen = true;
+    EXPECT_TRUE(reactor->markedForDeletion());
+    EXPECT_FALSE(reactor->hasNotificationActive());
+    EXPECT_TRUE(reactor->hasMachine());
+  };
+  (void)machine_->potDel("a");
+  EXPECT_TRUE(seen);
+  EXPECT_FALSE(reactor->hasMachine());
+}
+
+TEST_F(ReactorMapTest, ADeletedReactorIsInactiveEvenIfItWasAnActiveZombie) {
+  const auto reactor = machine_->potIs(make<Marble>("a"));
+  reactor->kivDoZombieReactors(true);
+  reactor->hasNotificationActiveIs(true);
+  (void)machine_->potDel("a");
+  EXPECT_FALSE(reactor->hasNotificationActive());
+}
+
 TEST_F(ReactorMapTest, WhatWaitsForADeletedReactorIsSkipped) {
   const auto pot = make<Marble>("a");
   (void)machine_->potIs(pot);
@@ -210,6 +232,27 @@ TEST_F(ReactorMapTest, AChangeOfTheInputIsMirroredAtOnce) {
   EXPECT_TRUE(machine_->pot().empty());
   EXPECT_THAT(happened(), ElementsAre("handlePot a gone"));
   EXPECT_THAT(delivered(), IsEmpty()) << "the keyed notification finds all in line";
+}
+
+TEST_F(ReactorMapTest, AKeyedNotificationHandlesItsKeyAlone) {
+  shelf_->potIs("gone");
+  shelf_->potIs("stays");
+  machine_->hasNotificationActiveIs(false);
+  shelf_->potIs("a");
+  shelf_->potIs("b");
+  shelf_->potDel("gone");
+  shelf_->potDel("stays");
+  machine_->hasNotificationActiveIs(true);
+  (void)happened();
+  machine_->shelfReactor()->onPot("a");
+  EXPECT_THAT(happened(), ElementsAre("handlePot a there"));
+  machine_->shelfReactor()->onPot("gone");
+  EXPECT_THAT(happened(), ElementsAre("handlePot gone gone"));
+  EXPECT_TRUE(machine_->pot().contains("stays"));
+  EXPECT_FALSE(machine_->pot().contains("b"));
+  machine_->shelfReactor()->onPot("a");
+  machine_->shelfReactor()->onPot("nobody");
+  EXPECT_THAT(happened(), IsEmpty());
 }
 
 // Whether a change was looked at alone is seen by what it leaves alone: a reactor that the test

@@ -37,17 +37,36 @@ TEST_F(TeardownTest, ReactorsGoFirstAndThenTheChildren) {
   EXPECT_THAT(entries(), IsEmpty());
 }
 
+// Does what the test asks for at each change of the ledger.
+class Watch final : public Ledger::NotifieeConst {
+ public:
+  explicit Watch(const std::string&) {}
+  void onEntrykivImmediate() override { then(); }
+  std::function<void()> then;
+};
+
+TEST_F(TeardownTest, WhenTheChildrenGoTheReactorsHaveLostTheMachine) {
+  shelf_->potIs("a");
+  start();
+  (void)machine_->potSmIs("c", make<Marble>("c"), ledger_, "me", 30);
+  ledger_->entryIs("pot c");
+  const Ptr<ShelfSm::KivPot> reactor(machine_->pot()["a"]);
+  EXPECT_TRUE(reactor->hasMachine());
+  const auto watch = Toys::watch<Watch>(ledger_);
+  int times = 0;
+  watch->then = [&] {
+    ++times;
+    EXPECT_FALSE(reactor->hasMachine());
+  };
+  machine_ = nullptr;
+  EXPECT_EQ(times, 1);
+}
+
 TEST_F(TeardownTest, ACleanupFindsTheMachineAndItsChildrenStillThere) {
   shelf_->jarIs("j");
   start();
   (void)machine_->potSmIs("c", make<Marble>("c"), ledger_, "me", 30);
   std::vector<std::size_t> children;
-  class Watch final : public Ledger::NotifieeConst {
-   public:
-    explicit Watch(const std::string&) {}
-    void onEntrykivImmediate() override { then(); }
-    std::function<void()> then;
-  };
   const auto watch = Toys::watch<Watch>(ledger_);
   const ShelfSm* const machine = machine_.get();
   watch->then = [&] { children.push_back(const_cast<ShelfSm*>(machine)->potSm().size()); };

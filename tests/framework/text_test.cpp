@@ -7,6 +7,7 @@
 #include <sstream>
 #include <string>
 #include <type_traits>
+#include <unordered_map>
 #include <unordered_set>
 #include <utility>
 
@@ -193,6 +194,23 @@ TEST(TextConversionTest, NamesAndStringsConvertOnRequestAndShareTheText) {
   EXPECT_EQ(back.view().data(), text.view().data());
   EXPECT_EQ(name.hash(), text.hash());
   EXPECT_TRUE(Name(String()).empty());
+}
+
+TEST(HashTest, TextsThatHashAlikeAreStillDifferent) {
+  const Support::LiveObjects nothingIsLeft;
+  // Among so many texts of one length there are some.
+  std::unordered_map<Kiv::U32, std::string> seen;
+  std::string one;
+  std::string other;
+  for (int n = 1'000'000; n < 2'000'000 && one.empty(); ++n) {
+    other = std::to_string(n);
+    const auto [at, fresh] = seen.emplace(Kiv::hashText(other), other);
+    if (!fresh) one = at->second;
+  }
+  ASSERT_FALSE(one.empty());
+  EXPECT_EQ(Name(one).hash(), Name(other).hash());
+  EXPECT_FALSE(Name(one) == Name(other));
+  EXPECT_TRUE(Name(one) != Name(other));
 }
 
 TEST(HashTest, BitsAreReversed) {

@@ -93,7 +93,10 @@ class PotSm final : public Kiv::Machine<PotSm> {
     }
 
    private:
-    void kivHandle() override { journal.push_back("cleanup of pot " + entity()->fwkKey().str()); }
+    void kivHandle() override {
+      journal.push_back("cleanup of pot " + fwkKey().str());
+      machine()->ledger()->entryDel("pot " + fwkKey());
+    }
   };
 
   PotSm(Kiv::String id, const Kiv::Ptr<const Marble>& pot, const Kiv::Ptr<Ledger>& ledger,
@@ -178,6 +181,7 @@ class ShelfSm final : public Kiv::Machine<ShelfSm> {
     void onColour() override {
       if (live()) machine()->handleColour(notifier()->fwkKey());
     }
+    bool hasMachine() const { return mirrors(); }
 
    private:
     void resynchronise() override { onColour(); }
