@@ -6,7 +6,7 @@
 
 #include "framework/Assert.h"
 
-namespace Kiv {
+namespace [[gnu::visibility("default")]] Kiv {
 namespace {
 
 constinit ActivityManager* theInstance = nullptr;

@@ -16,7 +16,7 @@
 #define KIV_SYSTEM_ALLOCATOR 0
 #endif
 
-namespace Kiv {
+namespace [[gnu::visibility("default")]] Kiv {
 
 bool enableThreadSafePointers = false;
 

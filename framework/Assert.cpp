@@ -3,7 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-namespace Kiv {
+namespace [[gnu::visibility("default")]] Kiv {
 
 void assertionFailed(std::string_view text, std::string_view file,
                      std::string_view function) noexcept {

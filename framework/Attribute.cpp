@@ -1,6 +1,6 @@
 #include "framework/Attribute.h"
 
-namespace Kiv {
+namespace [[gnu::visibility("default")]] Kiv {
 
 ChangeUnderWay*& ChangeUnderWay::innermost() {
   static constinit ChangeUnderWay* innermost = nullptr;

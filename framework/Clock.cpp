@@ -2,7 +2,7 @@
 
 #include "framework/Activity.h"
 
-namespace Kiv {
+namespace [[gnu::visibility("default")]] Kiv {
 
 Clock::NotifieeConst::~NotifieeConst() {
   if (place_ != kNotArmed) notifier()->disarm(*this);

@@ -4,7 +4,7 @@
 
 #include "framework/Type.h"
 
-namespace Kiv {
+namespace [[gnu::visibility("default")]] Kiv {
 
 void throwRangeException(const std::string& text) {
   throw RangeException(text);

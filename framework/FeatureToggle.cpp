@@ -1,6 +1,6 @@
 #include "framework/FeatureToggle.h"
 
-namespace Kiv {
+namespace [[gnu::visibility("default")]] Kiv {
 namespace {
 
 ToggleProvider& provider() {

@@ -2,7 +2,7 @@
 
 #include "framework/Attributes.h"
 
-namespace Kiv {
+namespace [[gnu::visibility("default")]] Kiv {
 
 const KivAttr* GenericIf::attribute(std::string_view name) const {
   for (const KivAttr& attribute : attributes()) {

@@ -2,7 +2,7 @@
 
 #include <charconv>
 
-namespace Kiv {
+namespace [[gnu::visibility("default")]] Kiv {
 namespace detail {
 
 std::optional<U64> parseNumber(std::string_view text, U64 most) {

@@ -4,7 +4,7 @@
 
 #include "framework/Entity.h"
 
-namespace Kiv {
+namespace [[gnu::visibility("default")]] Kiv {
 namespace {
 
 // The innermost of the rounds under way, across all lists.

@@ -1,6 +1,6 @@
 #include "framework/PtrInterface.h"
 
-namespace Kiv {
+namespace [[gnu::visibility("default")]] Kiv {
 
 void PtrInterface::free() const noexcept {
   // A destructor may take and drop a Ptr to its own object; the bias keeps that from freeing twice.

@@ -5,7 +5,7 @@
 
 #include "framework/Type.h"
 
-namespace Kiv {
+namespace [[gnu::visibility("default")]] Kiv {
 namespace {
 
 constinit AllocTrackTypeInfo textAllocations{"Kiv::Text"};

@@ -2,7 +2,7 @@
 
 #include <chrono>
 
-namespace Kiv {
+namespace [[gnu::visibility("default")]] Kiv {
 namespace {
 
 const SteadyTime steadyTime;

@@ -2,7 +2,7 @@
 
 #include <new>
 
-namespace Kiv {
+namespace [[gnu::visibility("default")]] Kiv {
 
 TraceHandle& _defaultTraceHandle() {
   static TraceHandle handle;

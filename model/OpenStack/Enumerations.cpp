@@ -1,6 +1,6 @@
 #include "model/OpenStack/Enumerations.h"
 
-namespace OpenStack {
+namespace [[gnu::visibility("default")]] OpenStack {
 
 std::ostream& operator<<(std::ostream& stream, SyncStatus status) {
   switch (status) {

@@ -7,7 +7,7 @@
 #include "model/OpenStack/Values.h"
 #include "model/VirtualNetwork/Values.h"
 
-namespace OpenStack {
+namespace [[gnu::visibility("default")]] OpenStack {
 
 const Kiv::GenericIf* Segment::genericIf() const {
   static const auto description = Kiv::describe<Segment>(Kiv::attributes(

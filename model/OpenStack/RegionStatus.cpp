@@ -1,6 +1,6 @@
 #include "model/OpenStack/RegionStatus.h"
 
-namespace OpenStack {
+namespace [[gnu::visibility("default")]] OpenStack {
 
 Kiv::Ptr<VlanPool> RegionStatus::vlanPoolIs(const Kiv::Name& name) {
   if (const Kiv::Ptr<VlanPool> pool = vlanPool(); pool && pool->name() == name) return pool;

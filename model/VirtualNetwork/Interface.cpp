@@ -2,7 +2,7 @@
 
 #include "model/VirtualNetwork/NetworkElement.h"
 
-namespace VirtualNetwork {
+namespace [[gnu::visibility("default")]] VirtualNetwork {
 
 PhysicalInterface::PhysicalInterface(Kiv::String name) : name_(std::move(name)) {}
 

@@ -1,6 +1,6 @@
 #include "model/VirtualNetwork/NetworkElement.h"
 
-namespace VirtualNetwork {
+namespace [[gnu::visibility("default")]] VirtualNetwork {
 
 NetworkElementCollection::~NetworkElementCollection() {
   for (const auto& element : networkElement_) element->physicalInterfaceDelAll();

@@ -4,7 +4,7 @@
 #include "model/VirtualNetwork/RequestedResources.h"
 #include "model/VirtualNetwork/Values.h"
 
-namespace VirtualNetwork {
+namespace [[gnu::visibility("default")]] VirtualNetwork {
 
 const Kiv::GenericIf* VniReferences::genericIf() const {
   static const auto description = Kiv::describe<VniReferences>(
