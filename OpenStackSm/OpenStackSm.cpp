@@ -4,7 +4,7 @@
 #include "OpenStackSm/detail/Trace.h"
 #include "model/VirtualNetwork/Values.h"
 
-namespace OpenStack {
+namespace [[gnu::visibility("default")]] OpenStack {
 
 using detail::trace;
 

@@ -6,7 +6,7 @@
 #include "framework/Assert.h"
 #include "model/VirtualNetwork/Values.h"
 
-namespace OpenStack {
+namespace [[gnu::visibility("default")]] OpenStack {
 
 using detail::trace;
 

@@ -1,7 +1,7 @@
 #include "OpenStackSm/PortToHostBindingSm.h"
 
 #include "model/VirtualNetwork/Values.h"
-namespace OpenStack {
+namespace [[gnu::visibility("default")]] OpenStack {
 
 using detail::isVlan;
 using detail::isVxlan;

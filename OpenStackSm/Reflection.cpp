@@ -2,7 +2,7 @@
 
 #include "OpenStackSm/OpenStackSm.h"
 
-namespace OpenStack {
+namespace [[gnu::visibility("default")]] OpenStack {
 
 std::array<const Kiv::GenericIf*, 5> machineReflections() {
   return {&OpenStackSm::reflection(), &RegionConfigSm::reflection(), &PortBindingSm::reflection(),

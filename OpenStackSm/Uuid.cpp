@@ -3,7 +3,7 @@
 #include <boost/uuid/random_generator.hpp>
 #include <boost/uuid/uuid_io.hpp>
 
-namespace OpenStack {
+namespace [[gnu::visibility("default")]] OpenStack {
 
 Kiv::String uuid() {
   boost::uuids::random_generator_mt19937 generator;
