@@ -24,17 +24,20 @@ WEAK = re.compile(
     r"|exception_detail|uuids)\b|operator (?:new|delete)|DW\.ref\.)")
 
 # What a sanitizer adds.
-SANITIZER = re.compile(r"_*(?:odr_)?(?:asan|tsan|ubsan|sanitizer)_")
+SANITIZER = re.compile(r"_*(?:odr_)?(?:asan|tsan|ubsan|sanitizer)[_.]")
 
 # Kinds of nm: weak and unique symbols come from wherever they are used, the others from one source.
+# Some compilers make type information of the second kind.
 WEAK_KINDS = set("VvWwu")
+TYPE_INFORMATION = re.compile(r"(?:typeinfo|vtable|VTT) ")
 
 
 def exported(library: Path) -> list[tuple[str, str]]:
     """Kind and demangled name of each symbol that the library exports."""
     text = subprocess.run(["nm", "--dynamic", "--demangle", "--defined-only", library],
                           check=True, capture_output=True, text=True).stdout
-    return [(line[17], line[19:]) for line in text.splitlines()]
+    return [("V" if TYPE_INFORMATION.match(line[19:]) else line[17], line[19:])
+            for line in text.splitlines()]
 
 
 def faults(symbols: list[tuple[str, str]], recorded: set[str], list_file: Path) -> list[str]:
