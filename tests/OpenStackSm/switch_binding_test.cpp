@@ -27,6 +27,9 @@ class SwitchBindingTest : public SwitchTest {
   }
 };
 class SwitchBindingDeathTest : public SwitchBindingTest {};
+// With the toggle off, and on.
+class ElementBindingDeathTest : public SwitchBindingTest {};
+class SwitchPortBindingTest : public SwitchBindingTest {};
 
 TEST_P(SwitchBindingTest, ABoundInterfaceIsPublishedWithItsHost) {
   world.apply("switch p sw e1 h1");
@@ -248,15 +251,13 @@ TEST_P(SwitchBindingDeathTest, ARemovedInterfaceBesideAHost) {
                stops("false", "handlePortToSwitchInterfaceBinding"));
 }
 
-TEST_P(SwitchBindingDeathTest, AHostElementOfASecondRegion) {
-  if (on()) GTEST_SKIP() << "Without network elements there is no host element.";
+TEST_P(ElementBindingDeathTest, AHostElementOfASecondRegion) {
   world.apply("switch p sw e1 h1");
   EXPECT_DEATH(world.apply("region S; switch q sw e2 h1"),
                stops("hostElement->domains() == 1", "handlePortToSwitchInterfaceBinding"));
 }
 
-TEST_P(SwitchBindingTest, WithTheToggleOnAHostMayServeTwoRegions) {
-  if (!on()) GTEST_SKIP() << "Stops the process.";
+TEST_P(SwitchPortBindingTest, AHostMayServeTwoRegions) {
   world.apply("switch p sw e1 h1");
   world.apply("region S; switch q sw e2 h1");
   EXPECT_THAT(world.published(), ElementsAre("port sw:e1 remote: h1", "port sw:e1: bm-p",
@@ -271,5 +272,7 @@ TEST_P(SwitchBindingTest, AHostAndTheHostBehindAnInterfaceAreApart) {
 
 INSTANTIATE_TEST_SUITE_P(Toggles, SwitchBindingTest, bothToggles(), toggleName);
 INSTANTIATE_TEST_SUITE_P(Toggles, SwitchBindingDeathTest, bothToggles(), toggleName);
+INSTANTIATE_TEST_SUITE_P(Off, ElementBindingDeathTest, testing::Values(false), toggleName);
+INSTANTIATE_TEST_SUITE_P(On, SwitchPortBindingTest, testing::Values(true), toggleName);
 
 }  // namespace

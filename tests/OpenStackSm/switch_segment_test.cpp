@@ -59,6 +59,8 @@ class SwitchSegmentTest : public SwitchTest {
   }
 };
 class SwitchSegmentDeathTest : public SwitchSegmentTest {};
+// With the toggle off.
+class ElementSegmentDeathTest : public SwitchSegmentTest {};
 
 TEST_P(SwitchSegmentTest, AVlanAtTheTopIsPublishedForThePort) {
   bind("");
@@ -288,15 +290,13 @@ TEST_P(SwitchSegmentDeathTest, AMissingSwitchPortOrSwitchElement) {
                stops(on() ? "switchPort" : "switchElement", "handleSegment"));
 }
 
-TEST_P(SwitchSegmentDeathTest, AMissingHostElement) {
-  if (on()) GTEST_SKIP() << "Without network elements there is none.";
+TEST_P(ElementSegmentDeathTest, AMissingHostElement) {
   bind("");
   world.elements->networkElementDel("h1");
   EXPECT_DEATH(world.apply("switch p sw e1 h1 0=vx"), stops("hostElement", "handleSegment"));
 }
 
-TEST_P(SwitchSegmentDeathTest, AMissingInterface) {
-  if (on()) GTEST_SKIP() << "Without network elements there is none.";
+TEST_P(ElementSegmentDeathTest, AMissingInterface) {
   bind("");
   world.elements->networkElement()["sw"]->physicalInterfaceDel("e1");
   EXPECT_DEATH(world.apply("switch p sw e1 h1 0=ot"), stops("interface", "handleSegment"));
@@ -321,5 +321,6 @@ TEST_P(SwitchSegmentTest, ALevelWithoutASegmentNeedsNothingPublished) {
 
 INSTANTIATE_TEST_SUITE_P(Toggles, SwitchSegmentTest, bothToggles(), toggleName);
 INSTANTIATE_TEST_SUITE_P(Toggles, SwitchSegmentDeathTest, bothToggles(), toggleName);
+INSTANTIATE_TEST_SUITE_P(Off, ElementSegmentDeathTest, testing::Values(false), toggleName);
 
 }  // namespace
