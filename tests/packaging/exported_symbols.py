@@ -68,12 +68,12 @@ def faults(symbols: list[tuple[str, str]], recorded: set[str], list_file: Path) 
 def main() -> int:
     parser = argparse.ArgumentParser(description=__doc__,
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
-    parser.add_argument("library", type=Path, help="libOpenStackSm.so")
+    parser.add_argument("shared_object", type=Path, help="libOpenStackSm.so")
     parser.add_argument("--list", type=Path, help="the recorded file",
                         default=Path(__file__).with_suffix(".txt"))
     parser.add_argument("--record", action="store_true", help="write it anew")
     options = parser.parse_args()
-    symbols = exported(options.library)
+    symbols = exported(options.shared_object)
     if options.record:
         strong = {n for k, n in symbols if k not in WEAK_KINDS and not SANITIZER.match(n)}
         options.list.write_text("".join(f"{n}\n" for n in sorted(strong)), encoding="utf-8")
