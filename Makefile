@@ -1,7 +1,7 @@
 # The two commands of the README are `make run` and `make test`; `make` alone builds the release.
 # Each does everything on a fresh Debian 12: installs what is missing, configures, builds, runs.
 
-.PHONY: all build configure dependencies run test docs clean
+.PHONY: all build configure dependencies run test bench bench-quick docs clean
 
 all: build
 
@@ -21,6 +21,17 @@ run: build
 test: configure
 	cmake --build --preset release
 	ctest --preset release
+
+# What it costs, as tables; up to 15 minutes, bench-quick up to 3. FILTER=REGEX runs a part: see
+# bench/README.md.
+bench bench-quick:
+	packaging/install-build-dependencies libbenchmark-dev libabsl-dev libsigc++-2.0-dev
+	cmake --preset bench
+	cmake --build --preset bench --target openstacksm_bench vnagent
+	build/bench/bin/openstacksm_bench $(if $(filter bench-quick,$@),--quick) \
+	  --results=build/bench/results.json --vnagent=build/bench/bin/vnagent --filter='$(FILTER)'
+	bench/table.py $(if $(filter bench-quick,$@),--quick) $(if $(FILTER),--partial) \
+	  build/bench/results.json
 
 # The reference of the public headers, as build/docs/html, and the drawing of the architecture.
 docs:

@@ -26,6 +26,7 @@ FLOORS = {
     "agent/cloud": LIBRARY + ["agent/document", "agent/output"],
     "agent/cli": ["agent/document", "agent/import", "agent/output", "agent/cloud"],
     "agent": ["agent/cli"],
+    "bench": LIBRARY,
 }
 SOURCES = ("*.h", "*.cpp")
 INCLUDE = re.compile(r'^\s*#\s*include\s+"([^"]+)"', re.M)
@@ -112,7 +113,7 @@ def check(root: Path) -> list[str]:
     """All faults of the tree."""
     faults: list[str] = []
     includes: dict[str, list[str]] = {}
-    for folder in ("framework", "model", "OpenStackSm", "agent", "tests", "examples"):
+    for folder in ("framework", "model", "OpenStackSm", "agent", "bench", "tests", "examples"):
         for pattern in SOURCES:
             for file in sorted((root / folder).rglob(pattern)):
                 path = file.relative_to(root).as_posix()

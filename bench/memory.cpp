@@ -1,0 +1,165 @@
+// What the data of the binding benchmarks takes in memory, in bytes a port.
+//
+//   memory/SHAPE/PORTS/SIDE
+//
+// Sides: intern; outputs, the output entities alone; machines, with the counters inputs (the input
+// entities), machines (machines and reactors) and outputs (the output entities, with the texts that
+// they share with the inputs not counted again).
+//
+// Each figure is taken in a process of its own, because the framework keeps memory that it once had
+// for the next object. It is the rise of what malloc has handed out, its own overhead included, and
+// so the same for every side; what the framework has taken for its pool counts as a whole.
+#include <malloc.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdio>
+#include <iostream>
+#include <memory>
+#include <sstream>
+#include <stdexcept>
+
+#include "bench/groups.h"
+#include "bench/limit/Limit.h"
+#include "bench/machines/World.h"
+
+namespace bench {
+namespace {
+
+double allocated() {
+  const auto info = ::mallinfo2();
+  return static_cast<double>(info.uordblks + info.hblkhd);
+}
+
+// Prints the bytes a port that came into use since it was made.
+class Meter {
+ public:
+  explicit Meter(const Cloud& cloud) : ports_(cloud.ports()), before_(allocated()) {}
+  void print(const char* what) const {
+    std::cout << what << ' ' << (allocated() - before_) / ports_ << '\n';
+  }
+
+ private:
+  double ports_;
+  double before_;
+};
+
+template <class Limit>
+void measureLimit(const Cloud& cloud) {
+  const Meter meter(cloud);
+  Limit limit(cloud);
+  for (std::uint32_t port = 0; port < cloud.ports(); ++port) limit.bind(port);
+  meter.print("total");
+}
+
+// The output entities of a cloud, made through their own mutators from text.
+void measureOutputs(const Cloud& cloud) {
+  const Meter meter(cloud);
+  const auto resources = Kiv::make<VirtualNetwork::RequestedResourcesCollection>();
+  publish(
+      cloud, *resources, [&](std::uint32_t port) { return Kiv::String(cloud.portId(port)); },
+      [&](std::uint32_t port) { return Kiv::Name(cloud.host(port)); });
+  meter.print("total");
+}
+
+// A region with all its ports bound.
+Kiv::Ptr<OpenStack::Region> boundRegion(const Cloud& cloud) {
+  const RegionOfCloud of(cloud);
+  for (std::uint32_t port = 0; port < cloud.ports(); ++port) {
+    const auto binding = of.portBinding(port);
+    binding->portToHostBindingIs(of.hostBinding(port));
+    of.region()->portBindingIs(binding);
+  }
+  return of.region();
+}
+
+// The outputs beside inputs, as far as they are not the same texts.
+void measureSharingOutputs(const Cloud& cloud) {
+  const auto region = boundRegion(cloud);
+  const auto boundTo = [&](std::uint32_t port) -> const OpenStack::PortBinding& {
+    return *region->portBinding()[Kiv::String(cloud.portId(port))];
+  };
+  const Meter meter(cloud);
+  const auto resources = Kiv::make<VirtualNetwork::RequestedResourcesCollection>();
+  publish(
+      cloud, *resources, [&](std::uint32_t port) { return boundTo(port).port()->id(); },
+      [&](std::uint32_t port) { return (*boundTo(port).portToHostBinding().begin())->host(); });
+  meter.print("total");
+}
+
+void measureMachines(const Cloud& cloud) {
+  loop();
+  Agent agent;
+  const Meter meter(cloud);
+  agent.cloud()->regionIs(boundRegion(cloud));
+  meter.print("inputs");
+  agent.start();
+  meter.print("total");
+}
+
+using Figures = std::map<std::string, double>;
+
+// The figures that this program prints when it is asked for `what`.
+Figures measured(const std::string& what) {
+  const std::string command = "/proc/" + std::to_string(::getpid()) + "/exe --memory=" + what;
+  const std::unique_ptr<FILE, int (*)(FILE*)> output(::popen(command.c_str(), "r"), ::pclose);
+  if (!output) throw std::runtime_error("cannot run " + command);
+  std::string text;
+  std::array<char, 256> buffer{};
+  while (std::fgets(buffer.data(), buffer.size(), output.get()) != nullptr) text += buffer.data();
+  Figures figures;
+  std::istringstream in(text);
+  std::string name;
+  for (double value = 0; in >> name >> value;) figures[name] = value;
+  if (!figures.contains("total")) throw std::runtime_error(command + " printed no figure");
+  return figures;
+}
+
+void addFigures(Suite& suite, const std::string& name, std::function<Figures()> figures) {
+  suite.addBatch(name, 1, 1, [figures](benchmark::State& state) {
+    const Stopwatch watch;
+    while (state.KeepRunning()) state.SetIterationTime(0);
+    for (const auto& [what, bytes] : figures()) state.counters[what] = bytes;
+  });
+}
+
+}  // namespace
+
+int measureMemory(const std::string& what) {
+  std::istringstream in(what);
+  std::string side;
+  std::string shape;
+  std::uint32_t ports = 0;
+  std::getline(in, side, '/');
+  std::getline(in, shape, '/');
+  if (!(in >> ports)) return 2;
+  const Cloud cloud(ports, shape == "packed" ? Shape::packed : Shape::spread);
+  if (side == "intern") measureLimit<InternLimit>(cloud);
+  if (side == "ids") measureLimit<IdsLimit>(cloud);
+  if (side == "std") measureLimit<StdLimit>(cloud);
+  if (side == "outputs") measureOutputs(cloud);
+  if (side == "sharing-outputs") measureSharingOutputs(cloud);
+  if (side == "machines") measureMachines(cloud);
+  return 0;
+}
+
+void benchMemory(Suite& suite) {
+  for (const Shape shape : {Shape::spread, Shape::packed}) {
+    for (const std::uint32_t ports : {1000U, 10000U, 100000U, 1000000U}) {
+      if (ports > 100000 && suite.quick()) continue;
+      const std::string data = "/" + std::string(name(shape)) + "/" + std::to_string(ports);
+      for (const std::string side : {"intern", "ids", "std", "outputs"}) {
+        addFigures(suite, "memory" + data + "/" + side, [=] { return measured(side + data); });
+      }
+      addFigures(suite, "memory" + data + "/machines", [=] {
+        Figures figures = measured("machines" + data);
+        figures["outputs"] = measured("sharing-outputs" + data)["total"];
+        figures["machines"] = figures["total"] - figures["inputs"] - figures["outputs"];
+        return figures;
+      });
+    }
+  }
+  suite.run();
+}
+
+}  // namespace bench
