@@ -8,7 +8,7 @@ namespace vnagent {
 namespace {
 
 VirtualNetwork::SwitchInterface switchInterface(const AttachmentAddress& at) {
-  return {Kiv::String(at.first), Kiv::String(at.second)};
+  return {Kiv::String(at.key->first), Kiv::String(at.key->second)};
 }
 
 }  // namespace
@@ -17,32 +17,44 @@ VirtualNetwork::SwitchInterface switchInterface(const AttachmentAddress& at) {
 
 OpenStack::Region& Applier::region(std::string_view name) {
   if (!region_ || region_->name().view() != name) {
-    binding_ = nullptr;
+    bindingIs(nullptr);
     region_ = cloud_.region()[Kiv::Name(name)];
   }
   return *region_;
 }
 
-OpenStack::PortBinding& Applier::binding(std::string_view regionName, std::string_view port) {
-  OpenStack::Region& in = region(regionName);
-  if (!binding_ || binding_->portId().view() != port) {
-    binding_ = in.portBinding()[Kiv::String(port)];
+OpenStack::PortBinding& Applier::binding(const AttachmentAddress& at) {
+  OpenStack::Region& in = region(at.region());
+  if (!binding_ || binding_->portId().view() != at.port()) {
+    bindingIs(in.portBinding()[Kiv::String(at.port())]);
   }
   return *binding_;
 }
 
+OpenStack::PortToHostBinding& Applier::hostBinding(const AttachmentAddress& at) {
+  OpenStack::PortBinding& of = binding(at);
+  if (!hostBinding_ || hostBinding_->host().view() != at.key->first) {
+    hostBinding_ = of.portToHostBinding()[Kiv::Name(at.key->first)];
+  }
+  return *hostBinding_;
+}
+
 template <class Use>
 void Applier::withAttachment(const AttachmentAddress& at, Use use) {
-  OpenStack::PortBinding& of = binding(at.region, at.port);
   if (at.kind == AttachmentKind::kHost) {
-    use(*of.portToHostBinding()[Kiv::Name(at.first)]);
+    use(hostBinding(at));
   } else {
-    use(*of.portToSwitchInterfaceBinding()[switchInterface(at)]);
+    use(*binding(at).portToSwitchInterfaceBinding()[switchInterface(at)]);
   }
 }
 
+void Applier::bindingIs(Kiv::Ptr<OpenStack::PortBinding> binding) {
+  hostBinding_ = nullptr;
+  binding_ = std::move(binding);
+}
+
 void Applier::forget() {
-  binding_ = nullptr;
+  bindingIs(nullptr);
   region_ = nullptr;
 }
 
@@ -53,16 +65,17 @@ void Applier::operator()(const op::LevelDel& o) {
 }
 
 void Applier::operator()(const op::AttachmentDel& o) {
-  OpenStack::PortBinding& of = binding(o.at.region, o.at.port);
+  OpenStack::PortBinding& of = binding(o.at);
   if (o.at.kind == AttachmentKind::kHost) {
-    of.portToHostBindingDel(Kiv::Name(o.at.first));
+    hostBinding_ = nullptr;
+    of.portToHostBindingDel(Kiv::Name(o.at.key->first));
   } else {
     of.portToSwitchInterfaceBindingDel(switchInterface(o.at));
   }
 }
 
 void Applier::operator()(const op::PortBindingDel& o) {
-  binding_ = nullptr;
+  bindingIs(nullptr);
   region(o.region).portBindingDel(Kiv::String(o.port));
 }
 
@@ -206,7 +219,7 @@ void Applier::operator()(const op::VlanIs& o) {
 // Additions.
 
 void Applier::operator()(const op::RegionIs& o) {
-  binding_ = nullptr;
+  bindingIs(nullptr);
   region_ = cloud_.regionIs(Kiv::Name(o.region));
 }
 
@@ -253,16 +266,16 @@ void Applier::operator()(const op::PortIs& o) {
 
 void Applier::operator()(const op::PortBindingIs& o) {
   OpenStack::Region& in = region(o.region);
-  const Kiv::String id(o.port);
-  binding_ = Kiv::make<OpenStack::PortBinding>(id);
-  binding_->portIs(Kiv::Ptr<const OpenStack::Port>(in.port()[id]));
+  const Kiv::Ptr<const OpenStack::Port> port(in.port()[Kiv::String(o.port)]);
+  bindingIs(Kiv::make<OpenStack::PortBinding>(port->id()));  // shares the text of the id
+  binding_->portIs(port);
   in.portBindingIs(binding_);
 }
 
 void Applier::operator()(const op::AttachmentIs& o) {
-  OpenStack::PortBinding& of = binding(o.at.region, o.at.port);
+  OpenStack::PortBinding& of = binding(o.at);
   if (o.at.kind == AttachmentKind::kHost) {
-    of.portToHostBindingIs(Kiv::Name(o.at.first));
+    hostBinding_ = of.portToHostBindingIs(Kiv::Name(o.at.key->first));
     return;
   }
   const auto made = Kiv::make<OpenStack::PortToSwitchInterfaceBinding>(switchInterface(o.at));
@@ -272,7 +285,7 @@ void Applier::operator()(const op::AttachmentIs& o) {
 
 void Applier::operator()(const op::LevelIs& o) {
   const Kiv::Ptr<const OpenStack::Segment> segment(
-      region(o.at.region).segment()[Kiv::String(o.segment)]);
+      region(o.at.region()).segment()[Kiv::String(o.segment)]);
   withAttachment(o.at, [&](auto& attachment) { attachment.segmentIs(o.level, segment); });
 }
 
@@ -282,15 +295,15 @@ void Applier::operator()(const op::RegionScalarIs& o) {
   OpenStack::Region& in = region(o.region);
   switch (o.which) {
     case RegionScalar::kRequester:
-      return in.requesterIs(Kiv::String(std::get<std::string>(o.value)));
+      return in.requesterIs(Kiv::String(std::get<std::string>(*o.value)));
     case RegionScalar::kRequestId:
-      return in.requestIdIs(Kiv::String(std::get<std::string>(o.value)));
+      return in.requestIdIs(Kiv::String(std::get<std::string>(*o.value)));
     case RegionScalar::kSyncInterval:
-      return in.syncIntervalIs(std::get<double>(o.value));
+      return in.syncIntervalIs(std::get<double>(*o.value));
     case RegionScalar::kSyncHeartbeat:
-      return in.syncHeartbeatIs(std::get<double>(o.value));
+      return in.syncHeartbeatIs(std::get<double>(*o.value));
     case RegionScalar::kSyncStatus:
-      return in.syncStatusIs(static_cast<OpenStack::SyncStatus>(std::get<int64_t>(o.value)));
+      return in.syncStatusIs(static_cast<OpenStack::SyncStatus>(std::get<int64_t>(*o.value)));
   }
 }
 

@@ -1,8 +1,8 @@
 // Runs operations on the entities: one overload for each, for std::visit.
 //
 // A thing that machines watch for coming and going is filled before it is added, so that nobody
-// sees it half made. Operations of one thing follow each other, so the applier remembers the region
-// and the port binding that it was at last.
+// sees it half made. Operations of one thing follow each other, so the applier remembers the
+// region, the port binding and the host binding that it was at last.
 #pragma once
 
 #include <string_view>
@@ -59,7 +59,11 @@ class Applier {
 
  private:
   OpenStack::Region& region(std::string_view name);
-  OpenStack::PortBinding& binding(std::string_view region, std::string_view port);
+  OpenStack::PortBinding& binding(const AttachmentAddress& at);
+  OpenStack::PortToHostBinding& hostBinding(const AttachmentAddress& at);
+
+  // Remembers a port binding, or that there is none.
+  void bindingIs(Kiv::Ptr<OpenStack::PortBinding> binding);
 
   // Gives `use` the host binding or switch-interface binding at this address.
   template <class Use>
@@ -70,6 +74,7 @@ class Applier {
   OpenStack::OpenStackSm& root_;
   Kiv::Ptr<OpenStack::Region> region_;
   Kiv::Ptr<OpenStack::PortBinding> binding_;
+  Kiv::Ptr<OpenStack::PortToHostBinding> hostBinding_;  // of binding_
 };
 
 }  // namespace vnagent

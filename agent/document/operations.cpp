@@ -19,8 +19,9 @@ std::string text(const ScalarValue& value) {
 
 std::string text(const AttachmentAddress& at) {
   return at.kind == AttachmentKind::kHost
-             ? fmt::format("{} {} host:{}", at.region, at.port, at.first)
-             : fmt::format("{} {} switch:{}:{}", at.region, at.port, at.first, at.second);
+             ? fmt::format("{} {} host:{}", at.region(), at.port(), at.key->first)
+             : fmt::format("{} {} switch:{}:{}", at.region(), at.port(), at.key->first,
+                           at.key->second);
 }
 
 std::string_view word(RegionSet set) {
@@ -92,7 +93,7 @@ struct Describer {
   }
   S operator()(const op::RegionScalarIs& o) {
     return fmt::format("={} {} {}", kRegionScalars.at(static_cast<size_t>(o.which)).name, o.region,
-                       text(o.value));
+                       text(*o.value));
   }
 };
 

@@ -1,8 +1,8 @@
 // What a patch means for the entities: the operations that bring them from the document before it
 // to the document after it, in the order in which they must run.
 //
-// Every operation names what it is about by keys and knows no entity. The texts are views into the
-// document: they are good until it takes the next patch.
+// Every operation names what it is about by keys and knows no entity. Texts and pointers are views
+// into the document: they are good until it takes the next patch.
 #pragma once
 
 #include <array>
@@ -18,13 +18,15 @@
 
 namespace vnagent {
 
-// Which attachment of which port binding.
+// Which attachment of which port binding. Of operations there are several for each port of a cloud,
+// so that this one is short.
 struct AttachmentAddress {
-  std::string_view region;
-  std::string_view port;
-  AttachmentKind kind = AttachmentKind::kHost;
-  std::string_view first;   // host, or switch identifier
-  std::string_view second;  // interface name behind a switch identifier
+  const PortBinding* binding;
+  const AttachmentKey* key;
+  AttachmentKind kind;
+
+  std::string_view region() const { return binding->region->name; }
+  std::string_view port() const { return binding->id; }
 };
 
 namespace op {
@@ -130,7 +132,7 @@ struct LevelIs {
 struct RegionScalarIs {
   std::string_view region;
   RegionScalar which;
-  ScalarValue value;
+  const ScalarValue* value;
 };
 
 }  // namespace op

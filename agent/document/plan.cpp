@@ -185,7 +185,7 @@ class RegionPlanner {
 
 AttachmentAddress addressOf(const PortBinding& binding, AttachmentKind kind,
                             const AttachmentKey& key) {
-  return {binding.region->name, binding.id, kind, key.first, key.second};
+  return {&binding, &key, kind};
 }
 
 class Planner {
@@ -347,6 +347,7 @@ class Planner {
   }
 
   void planAdditions() {
+    expectAdditions();
     for (const RegionTouch& touch : change_.regions) {
       if (touch.added()) add(op::RegionIs{touch.region->name});
     }
@@ -363,6 +364,18 @@ class Planner {
       for (const BindingPlan& binding : planner->second.bindings()) addTo(binding);
       ++planner;
     }
+  }
+
+  // Makes room for the additions of new regions, where most port bindings come to four operations:
+  // the binding, one attachment, two levels.
+  void expectAdditions() {
+    size_t expected = 0;
+    for (const RegionTouch& touch : change_.regions) {
+      if (!touch.added()) continue;
+      const Region& region = *touch.region;
+      expected += 1 + region.segment.size() + region.port.size() + 4 * region.portBinding.size();
+    }
+    plan_[Plan::kAdditions].reserve(expected);
   }
 
   void addSets(const RegionTouch& touch) {
@@ -444,7 +457,7 @@ class Planner {
   void planScalars() {
     for (const RegionTouch& touch : change_.regions) {
       for (const auto& [which, value] : touch.scalars) {
-        plan_[Plan::kScalars].emplace_back(op::RegionScalarIs{touch.region->name, which, value});
+        plan_[Plan::kScalars].emplace_back(op::RegionScalarIs{touch.region->name, which, &value});
       }
     }
   }
