@@ -20,6 +20,7 @@ void Occupancy::add(std::string_view what, const Region& region) {
   }
   const auto other = std::ranges::find(shares.others, &region, &Share::region);
   if (other == shares.others.end()) {
+    if (shares.others.empty()) ++shared_;
     shares.others.push_back({&region, 1});
   } else {
     ++other->count;
@@ -38,18 +39,53 @@ void Occupancy::remove(std::string_view what, const Region& region) {
     }
     shares.first = shares.others.back();
     shares.others.pop_back();
-    return;
+  } else {
+    const auto other = std::ranges::find(shares.others, &region, &Share::region);
+    if (other == shares.others.end() || --other->count > 0) return;
+    shares.others.erase(other);
   }
-  const auto other = std::ranges::find(shares.others, &region, &Share::region);
-  if (other != shares.others.end() && --other->count == 0) shares.others.erase(other);
+  if (shares.others.empty()) --shared_;
 }
 
 const Region* Occupancy::elsewhere(std::string_view what, const Region& region) const {
+  if (shared_ == 0) return nullptr;
   const auto found = shares_.find(what);
   if (found == shares_.end()) return nullptr;
   const Shares& shares = found->second;
   if (shares.first.region != &region) return shares.first.region;
   return shares.others.empty() ? nullptr : shares.others.front().region;
+}
+
+void PortRegions::add(std::string_view id, const Region& region) {
+  if (!first_.try_emplace(id, &region).second) others_.emplace(id, &region);
+}
+
+void PortRegions::remove(std::string_view id, const Region& region) {
+  const auto first = first_.find(id);
+  if (first == first_.end()) return;
+  auto [other, end] = others_.equal_range(id);
+  if (first->second != &region) {
+    while (other != end && other->second != &region) ++other;
+    if (other != end) others_.erase(other);
+    return;
+  }
+  first_.erase(first);
+  if (other == end) return;
+  first_.emplace(*other);
+  others_.erase(other);
+}
+
+const Region* PortRegions::elsewhere(std::string_view id, const Region& region) const {
+  if (others_.empty()) return nullptr;
+  const auto other = others_.find(id);
+  if (other == others_.end()) return nullptr;
+  const Region* first = first_.find(id)->second;
+  return first != &region ? first : other->second;
+}
+
+void PortRegions::expect(size_t many) {
+  // Room for a few is not worth a look at all entries.
+  if (many > first_.size()) first_.reserve(first_.size() + many);
 }
 
 std::string_view CloudState::hostOf(AttachmentKind kind, const AttachmentEntry& attachment) {

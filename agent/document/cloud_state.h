@@ -171,6 +171,25 @@ class Occupancy {
   };
 
   std::unordered_map<std::string, Shares, Hash, std::equal_to<>> shares_;
+  size_t shared_ = 0;  // entries with others
+};
+
+// Which region a port id is in; more than one only while a patch is being looked at, or refused.
+// Holds views of the ids, as the regions keep them.
+class PortRegions {
+ public:
+  void add(std::string_view id, const Region& region);
+  void remove(std::string_view id, const Region& region);
+
+  // A region other than `region` that has it too, or null.
+  const Region* elsewhere(std::string_view id, const Region& region) const;
+
+  // Makes room, ahead of many ids.
+  void expect(size_t many);
+
+ private:
+  std::unordered_map<std::string_view, const Region*> first_;        // one region of each id
+  std::unordered_multimap<std::string_view, const Region*> others_;  // the rest: mostly empty
 };
 
 // The whole document with its indexes.
@@ -180,13 +199,14 @@ class CloudState {
   RegionMap region;
 
   // Indexes: what the functions below have entered.
-  const Occupancy& ports() const { return ports_; }
+  const PortRegions& ports() const { return ports_; }
   const Occupancy& hosts(AttachmentKind kind) const { return hosts_[static_cast<size_t>(kind)]; }
 
   // The host that an attachment occupies.
   static std::string_view hostOf(AttachmentKind kind, const AttachmentEntry& attachment);
 
   // Enter or withdraw one thing, or all that is in it. Nothing else changes.
+  // An id of a port is as its region keeps it, and withdrawn before that goes.
   void enterPort(const Region& in, std::string_view id) { ports_.add(id, in); }
   void withdrawPort(const Region& in, std::string_view id) { ports_.remove(id, in); }
   void enter(AttachmentKind kind, PortBinding& binding, AttachmentEntry& attachment);
@@ -196,8 +216,11 @@ class CloudState {
   void enter(Region& whole);
   void withdraw(Region& whole);
 
+  // Makes room for the entries of many ports.
+  void expectPorts(size_t many) { ports_.expect(many); }
+
  private:
-  Occupancy ports_;
+  PortRegions ports_;
   std::array<Occupancy, 2> hosts_;
 };
 

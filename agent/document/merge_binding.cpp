@@ -144,6 +144,7 @@ class BindingMerger {
       return;
     }
     if (!readObject(patch, "segment ids by level", faults_)) return;
+    levels.reserve(levels.size() + patch.size);
     for (const JsonValue* member : patch.all()) {
       const auto number = plainDecimal(member->key, 0, 255);
       if (!number && member->isNull()) continue;

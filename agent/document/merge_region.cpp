@@ -166,6 +166,7 @@ class RegionMerger {
       return;
     }
     if (!readObject(patch, "ports by id", faults_)) return;
+    state_.expectPorts(patch.size);
     for (const JsonValue* member : patch.all()) {
       if (member->isNull()) {
         const auto at = region_.port.find(member->key);

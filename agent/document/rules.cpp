@@ -41,8 +41,7 @@ class Checker {
     if (touch.removed()) return;
     const Region& region = *touch.region;
     if (touch.added()) {
-      for (const auto& [id, port] : region.port) checkPort(region, id);
-      for (const auto& [id, binding] : region.portBinding) checkBinding(binding);
+      checkWhole(region);
       return;
     }
     for (const PortTouch& port : touch.ports) {
@@ -60,7 +59,8 @@ class Checker {
   void check(const PortBindingTouch& touch) {
     if (touch.removed()) return;
     if (touch.added()) {
-      checkBinding(*touch.binding);
+      checkPortOf(*touch.binding);
+      checkAttachments(*touch.binding);
       return;
     }
     checkKinds(*touch.binding);
@@ -68,6 +68,17 @@ class Checker {
       for (const AttachmentTouch& attachment : touch.of(kind)) {
         if (!attachment.removed()) checkAttachment(*touch.binding, kind, *attachment.attachment);
       }
+    }
+  }
+
+  void checkWhole(const Region& region) {
+    for (const auto& [id, port] : region.port) checkPort(region, id);
+    // Ports and bindings stand in one order, so that no port needs to be looked up.
+    auto port = region.port.begin();
+    for (const auto& [id, binding] : region.portBinding) {
+      while (port != region.port.end() && port->first < id) ++port;
+      if (port == region.port.end() || port->first != id) addPortMissing(binding);
+      checkAttachments(binding);
     }
   }
 
@@ -85,7 +96,10 @@ class Checker {
   }
 
   void checkPortOf(const PortBinding& binding) {
-    if (binding.region->port.contains(binding.id)) return;
+    if (!binding.region->port.contains(binding.id)) addPortMissing(binding);
+  }
+
+  void addPortMissing(const PortBinding& binding) {
     faults_.add(placeOf(binding), fmt::format("no port {} in region {}", shown(binding.id),
                                               shown(binding.region->name)));
   }
@@ -102,8 +116,7 @@ class Checker {
                     shown(switches.begin()->first.first)));
   }
 
-  void checkBinding(const PortBinding& binding) {
-    checkPortOf(binding);
+  void checkAttachments(const PortBinding& binding) {
     checkKinds(binding);
     for (const auto kind : kAttachmentKinds) {
       for (const auto& attachment : binding.of(kind)) checkAttachment(binding, kind, attachment);
