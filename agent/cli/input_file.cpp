@@ -4,6 +4,8 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <system_error>
 
 namespace vnagent {
 namespace {
@@ -23,6 +25,9 @@ std::FILE* open(const std::string& name) {
 std::string readFile(const std::string& name) {
   const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(open(name), std::fclose);
   std::string content;
+  // Only a regular file knows its size ahead, and it may change.
+  std::error_code unknown;
+  if (const auto size = std::filesystem::file_size(name, unknown); !unknown) content.reserve(size);
   std::array<char, size_t{1} << 16> buffer;
   while (const size_t got = std::fread(buffer.data(), 1, buffer.size(), file.get())) {
     content.append(buffer.data(), got);

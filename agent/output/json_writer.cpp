@@ -1,5 +1,6 @@
 #include "agent/output/json_writer.h"
 
+#include <algorithm>
 #include <cmath>
 #include <iterator>
 
@@ -19,16 +20,22 @@ void appendEscape(std::string& out, unsigned char byte) {
 }  // namespace
 
 void appendJsonString(std::string& out, std::string_view text) {
+  const auto needsEscape = [](char c) {
+    return c == '"' || c == '\\' || static_cast<unsigned char>(c) < 0x20;
+  };
   out += '"';
-  for (const char c : text) {
-    if (c == '"' || c == '\\') {
+  while (!text.empty()) {
+    const auto plain = static_cast<size_t>(std::ranges::find_if(text, needsEscape) - text.begin());
+    out += text.substr(0, plain);
+    text.remove_prefix(plain);
+    if (text.empty()) break;
+    if (text.front() == '"' || text.front() == '\\') {
       out += '\\';
-      out += c;
-    } else if (static_cast<unsigned char>(c) < 0x20) {
-      appendEscape(out, static_cast<unsigned char>(c));
+      out += text.front();
     } else {
-      out += c;
+      appendEscape(out, static_cast<unsigned char>(text.front()));
     }
+    text.remove_prefix(1);
   }
   out += '"';
 }
