@@ -150,7 +150,7 @@ ExitStatus guarded(const std::function<ExitStatus()>& command) {
 
 }  // namespace
 
-int runCommandLine(int argc, char** argv) {
+int runCommandLine(int argc, char** argv, const Finished& finished) {
   CLI::App app(kAbout, "vnagent");
   app.footer(kExit);
   app.set_version_flag("--version", kVersion);
@@ -169,7 +169,7 @@ int runCommandLine(int argc, char** argv) {
     return code == 0 ? 0 : static_cast<int>(ExitStatus::kUsage);
   }
   const ExitStatus status = guarded([&] {
-    if (app.got_subcommand("run")) return run(runOptions);
+    if (app.got_subcommand("run")) return run(runOptions, finished);
     if (app.got_subcommand("check")) return check(checkOptions);
     return importNeutron(importOptions);
   });

@@ -1,6 +1,7 @@
 // The commands of vnagent, each with what its command line chose.
 #pragma once
 
+#include <functional>
 #include <optional>
 #include <string>
 
@@ -33,9 +34,13 @@ struct ImportOptions {
   std::string directory;
 };
 
+// Called with the exit status of a run once all is said and written, and before what the run holds
+// is taken apart. It may end the process.
+using Finished = std::function<void(int status)>;
+
 // Each does its work and says what is wrong on standard error. Exceptions that pass through are
 // failures of the agent or a machine, except UnreadableFile.
-ExitStatus run(const RunOptions& options);
+ExitStatus run(const RunOptions& options, const Finished& finished);
 ExitStatus check(const CheckOptions& options);
 ExitStatus importNeutron(const ImportOptions& options);
 

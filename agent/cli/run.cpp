@@ -199,8 +199,11 @@ class Run {
 
 }  // namespace
 
-ExitStatus run(const RunOptions& options) {
-  return Run(options).run();
+ExitStatus run(const RunOptions& options, const Finished& finished) {
+  Run run(options);
+  const ExitStatus status = run.run();
+  if (finished) finished(static_cast<int>(status));
+  return status;
 }
 
 }  // namespace vnagent
