@@ -1,7 +1,7 @@
 # The two commands of the README are `make run` and `make test`; `make` alone builds the release.
 # Each does everything on a fresh Debian 12: installs what is missing, configures, builds, runs.
 
-.PHONY: all build configure dependencies run test bench bench-quick docs clean
+.PHONY: all build configure dependencies run test sim bench bench-quick docs clean
 
 all: build
 
@@ -21,6 +21,17 @@ run: build
 test: configure
 	cmake --build --preset release
 	ctest --preset release
+
+# The simulation of the library, for as many events as wanted, from a seed, with the feature toggle
+# on, off or both.
+EVENTS ?= 10000000
+SEED ?= 1
+TOGGLE ?= both
+
+sim: configure
+	cmake --build --preset release --target library_simulation vnagent
+	build/release/bin/library_simulation --events $(EVENTS) --seed $(SEED) --toggle $(TOGGLE) \
+	  --out build/simulation-failures --vnagent build/release/bin/vnagent
 
 # What it costs, as tables; up to 15 minutes, bench-quick up to 3. FILTER=REGEX runs a part: see
 # bench/README.md.

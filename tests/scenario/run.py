@@ -4,7 +4,7 @@
     run.py --binary build/release/bin/vnagent [FOLDER]
     run.py --model [FOLDER]
 
-With --model the same scenarios are put to the model of tests/simulation, which checks the model
+With --model the same scenarios are put to the model of tests/sim/agent, which checks the model
 and the scenarios against each other. README.md beside this file has the format of a scenario.
 """
 
@@ -17,7 +17,7 @@ from collections import Counter
 from pathlib import Path
 from typing import Any, Callable
 
-sys.path.insert(0, str(Path(__file__).resolve().parent.parent / "simulation"))
+sys.path.insert(0, str(Path(__file__).resolve().parent.parent / "sim" / "agent"))
 
 from program import Run, Seen, Stream, run_model, run_program  # noqa: E402
 from tracing import Line  # noqa: E402
