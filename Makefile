@@ -40,7 +40,7 @@ bench bench-quick:
 	cmake --preset bench
 	cmake --build --preset bench --target openstacksm_bench vnagent
 	build/bench/bin/openstacksm_bench $(if $(filter bench-quick,$@),--quick) \
-	  --results=build/bench/results.json --vnagent=build/bench/bin/vnagent --filter='$(FILTER)'
+	  --results=build/bench/results.json --vnagent=build/bench/bin/vnagent --filter='$(value FILTER)'
 	bench/table.py $(if $(filter bench-quick,$@),--quick) $(if $(FILTER),--partial) \
 	  build/bench/results.json
 

@@ -97,6 +97,7 @@ int main(int argc, char** argv) {
   try {
     if (argc == 2) {
       if (const char* what = value(argv[1], "--memory=")) return bench::measureMemory(what);
+      if (const char* path = value(argv[1], "--parse=")) return bench::parseFile(path);
     }
     const bench::Options options = optionsOf(argc, argv);
     bench::loop();
@@ -106,6 +107,14 @@ int main(int argc, char** argv) {
     bench::Suite suite(options);
     bench::benchBinding(suite);
     bench::benchMemory(suite);
+    bench::benchRegions(suite);
+    bench::benchDispatch(suite);
+    bench::benchDelivery(suite);
+    bench::benchPointers(suite);
+    bench::benchMaps(suite);
+    bench::benchNames(suite);
+    bench::benchTrace(suite);
+    bench::benchAgent(suite);
     return 0;
   } catch (const std::exception& error) {
     std::cerr << "openstacksm_bench: " << error.what() << '\n';

@@ -15,6 +15,7 @@
 #include <array>
 #include <cstdio>
 #include <iostream>
+#include <map>
 #include <memory>
 #include <sstream>
 #include <stdexcept>
@@ -62,17 +63,6 @@ void measureOutputs(const Cloud& cloud) {
   meter.print("total");
 }
 
-// A region with all its ports bound.
-Kiv::Ptr<OpenStack::Region> boundRegion(const Cloud& cloud) {
-  const RegionOfCloud of(cloud);
-  for (std::uint32_t port = 0; port < cloud.ports(); ++port) {
-    const auto binding = of.portBinding(port);
-    binding->portToHostBindingIs(of.hostBinding(port));
-    of.region()->portBindingIs(binding);
-  }
-  return of.region();
-}
-
 // The outputs beside inputs, as far as they are not the same texts.
 void measureSharingOutputs(const Cloud& cloud) {
   const auto region = boundRegion(cloud);
@@ -117,7 +107,6 @@ Figures measured(const std::string& what) {
 
 void addFigures(Suite& suite, const std::string& name, std::function<Figures()> figures) {
   suite.addBatch(name, 1, 1, [figures](benchmark::State& state) {
-    const Stopwatch watch;
     while (state.KeepRunning()) state.SetIterationTime(0);
     for (const auto& [what, bytes] : figures()) state.counters[what] = bytes;
   });

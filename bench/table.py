@@ -34,19 +34,24 @@ class Results:
             if run["run_type"] != "iteration":
                 continue
             name = SUFFIX.sub("", run["run_name"])
+            own = "/manual_time" in run["run_name"]
+            samples[name, "time"].append(run["real_time" if own else "cpu_time"])
             for what, value in run.items():
                 if isinstance(value, (int, float)):
                     samples[name, what].append(value)
         self.medians = {key: median(values) for key, values in samples.items()}
-        self.counts = {key: len(values) for key, values in samples.items()}
 
-    def get(self, name: str, what: str = "real_time") -> float:
-        """The median; nanoseconds for times."""
+    def has(self, name: str) -> bool:
+        """Whether the benchmark ran."""
+        return (name, "time") in self.medians
+
+    def get(self, name: str, what: str = "time") -> float:
+        """The median; `time` is nanoseconds of the thread's processor time."""
         if (name, what) not in self.medians:
             raise Missing(f"{name} ({what})")
         return self.medians[name, what]
 
-    def ratio(self, name: str, other: str, what: str = "real_time") -> float:
+    def ratio(self, name: str, other: str, what: str = "time") -> float:
         """How many times `other` it is."""
         return self.get(name, what) / self.get(other, what)
 
@@ -74,6 +79,8 @@ class Table:
 
 def number(value: float) -> str:
     """Three significant digits, in plain notation."""
+    if value == 0:
+        return "0"
     digits = 0 if value >= 100 else 1 if value >= 10 else 2 if value >= 1 else 3
     return f"{value:,.{digits}f}"
 
@@ -97,14 +104,14 @@ def print_binding(results: Results) -> None:
                 data = f"{family}/{shape}/{ports}"
                 for side in ("machines", "machines-whole", "intern", "ids", "std"):
                     name = f"{data}/{side}"
-                    if (name, "real_time") not in results.medians:
+                    if not results.has(name):
                         continue
                     try:
                         ratio = number(results.ratio(name, f"{data}/intern"))
                     except Missing:
                         ratio = "-"
                     table.add(f"{shape} {ports:,}", side, cell(results, name, "bind"),
-                              cell(results, name, "unbind"), cell(results, name, "real_time"),
+                              cell(results, name, "unbind"), cell(results, name, "time"),
                               ratio)
         table.print()
 
@@ -125,16 +132,103 @@ def print_memory(results: Results) -> None:
     table.print()
 
 
-def targets(results: Results, quick: bool):
-    """For each target: its name, a function that gives its figure, the bar."""
+def print_regions(results: Results) -> None:
+    """What else the machines do."""
+    table = Table("A whole region, added in one go; the end of its machines (ns a port)",
+                  "data", "load", "teardown")
+    for shape in SHAPES:
+        for ports in SIZES:
+            name = f"load/{shape}/{ports}/machines"
+            if results.has(name):
+                table.add(f"{shape} {ports:,}", cell(results, name, "load"),
+                          cell(results, name, "teardown"))
+    table.print()
+    table = Table("What else the machines do (ns)", "what", "first", "then", "both")
+    for name, text, first, then in (
+            ("switch/switchports", "bind, unbind a port on a switch interface, toggle on",
+             "bind", "unbind"),
+            ("switch/elements", "the same, toggle off", "bind", "unbind"),
+            ("segments", "a VLAN segment arrives, leaves, of 4,094", "arrive", "leave"),
+            ("assignment", "a VLAN is assigned, taken away, 4,094 in one go", "assign",
+             "unassign"),
+            ("heartbeats", "a heartbeat of one of 1,000 regions", "", ""),
+            ("hosts/machines", "a port moves to the next of 10,000 hosts", "", ""),
+            ("hosts/intern", "the same in straight-line code (intern)", "", "")):
+        if results.has(name):
+            table.add(text, cell(results, name, first), cell(results, name, then),
+                      cell(results, name, "time"))
+    table.print()
+
+
+def print_framework(results: Results) -> None:
+    """The framework beside what else could be used, each row relative to its reference."""
+    rows = (
+        ("Telling observers at once (ns)", "dispatch", ("1", "8"),
+         ("kiv", "virtual", "sigc", "signals2", "qt")),
+        ("Queueing and delivering a call with a key, so many waiting (ns)", "delivery",
+         ("1", "1000"), ("kiv", "ring", "function", "asio", "qt")),
+        ("Maps of 100,000 UUIDs (ns a member)", "maps", ("hit", "miss", "insert", "iterate"),
+         ("kiv", "node", "flat", "unordered", "intrusive")),
+        ("Strings of 36 characters (ns)", "names", ("make", "copy", "equal", "hash"),
+         ("kiv", "std")),
+    )
+    for title, family, cases, sides in rows:
+        table = Table(title, family, *sides)
+        for case in cases:
+            cells = [cell(results, f"{family}/{case}/{side}", "time") for side in sides]
+            if any(c != "-" for c in cells):
+                table.add(case, *cells)
+        table.print()
+    table = Table("Single figures (ns)", "what", "ns")
+    for name, text in (("pointers/kiv", "a copy of a Kiv::Ptr"),
+                       ("pointers/intrusive", "of a boost::intrusive_ptr with the same counter"),
+                       ("pointers/shared", "of a std::shared_ptr"),
+                       ("trace/off", "a trace line that is off")):
+        if results.has(name):
+            table.add(text, cell(results, name, "time"))
+    table.print()
+
+
+def seconds_of_patch(results: Results) -> float:
+    """What 10,000 patches add to a run, for each of them."""
+    ports, patches = 100000, 10000
+    return (results.get("agent/patches") - results.get("agent/run")) * ports / patches / 1e9
+
+
+def print_agent(results: Results) -> None:
+    """The program on a document of 100,000 ports."""
+    table = Table("vnagent with a document of 100,000 ports", "what", "seconds")
+    for name, text in (("agent/run", "vnagent run"),
+                       ("agent/parse", "the bare parse of its bytes")):
+        if results.has(name):
+            table.add(text, number(results.get(name) * 100000 / 1e9))
+    if results.has("agent/patches") and results.has("agent/run"):
+        table.add("one patch of one port", f"{seconds_of_patch(results):.7f}")
+    table.print()
+
+
+def binding_targets(results: Results):
+    """Target 1."""
     for shape in SHAPES:
         for ports in TARGET_SIZES:
             data = f"bind/{shape}/{ports}"
-            for what, text in (("real_time", "bind + unbind"), ("bind", "bind"),
-                               ("unbind", "unbind")):
+            for what, text in (("time", "bind + unbind"), ("bind", "bind"), ("unbind", "unbind")):
                 yield (f"1 {text}, {shape} {ports:,}: machines / intern",
                        lambda d=data, w=what: results.ratio(f"{d}/machines", f"{d}/intern", w),
-                       3.0 if what == "real_time" else None)
+                       3.0 if what == "time" else None)
+
+
+def growth_targets(results: Results):
+    """Target 3."""
+    for shape in SHAPES:
+        def growth(side: str, s: str = shape) -> float:
+            return results.ratio(f"bind/{s}/1000000/{side}", f"bind/{s}/10000/{side}", "bind")
+        yield (f"3 growth of bind from 10,000 to 1,000,000, {shape}: machines / intern",
+               lambda g=growth: g("machines") / g("intern"), 1.3)
+
+
+def memory_targets(results: Results, quick: bool):
+    """Target 2."""
     for shape in SHAPES:
         for ports in TARGET_SIZES:
             if quick and ports > 100000:
@@ -144,12 +238,39 @@ def targets(results: Results, quick: bool):
                    lambda d=data: results.ratio(f"{d}/machines", f"{d}/intern", "total"), 3.0)
             yield (f"2 memory of the outputs, {shape} {ports:,}: outputs / intern",
                    lambda d=data: results.ratio(f"{d}/outputs", f"{d}/intern", "total"), 1.0)
-    for shape in SHAPES:
-        def growth(side: str, s: str = shape) -> float:
-            return results.get(f"bind/{s}/1000000/{side}", "bind") / results.get(
-                f"bind/{s}/10000/{side}", "bind")
-        yield (f"3 growth of bind from 10,000 to 1,000,000, {shape}: machines / intern",
-               lambda g=growth: g("machines") / g("intern"), 1.3)
+
+
+def framework_targets(results: Results):
+    """Targets 4 to 6."""
+    for text, name, other, bar in (
+            ("4 deferred delivery, 1,000 waiting: loop / ring buffer", "delivery/1000/kiv",
+             "delivery/1000/ring", 2.0),
+            ("4 deferred delivery, 1 waiting: loop / ring buffer", "delivery/1/kiv",
+             "delivery/1/ring", None),
+            ("4 dispatch to 8 observers: notifiees / virtual calls", "dispatch/8/kiv",
+             "dispatch/8/virtual", 1.5),
+            ("4 dispatch to 1 observer: notifiee / virtual call", "dispatch/1/kiv",
+             "dispatch/1/virtual", None),
+            ("4 copies of pointers: Ptr / intrusive_ptr", "pointers/kiv", "pointers/intrusive",
+             1.05),
+            ("5 find, hit: HashMap / node_hash_map", "maps/hit/kiv", "maps/hit/node", 1.5),
+            ("5 find, miss: HashMap / node_hash_map", "maps/miss/kiv", "maps/miss/node", 1.5),
+            ("5 insert: HashMap / node_hash_map", "maps/insert/kiv", "maps/insert/node", 1.5),
+            ("5 iterate: HashMap / node_hash_map", "maps/iterate/kiv", "maps/iterate/node", 1.0)):
+        yield text, lambda n=name, o=other: results.ratio(n, o), bar
+    yield "6 a trace that is off (ns)", lambda: results.get("trace/off"), 1.0
+    yield ("6 messages evaluated of a trace that is off",
+           lambda: results.get("trace/off", "evaluated"), 0.0)
+
+
+def targets(results: Results, quick: bool):
+    """For each target: its name, a function that gives its figure, the bar."""
+    yield from binding_targets(results)
+    yield from memory_targets(results, quick)
+    yield from growth_targets(results)
+    yield from framework_targets(results)
+    yield ("7 vnagent run, 100,000 ports: run / bare parse",
+           lambda: results.ratio("agent/run", "agent/parse"), 3.0)
 
 
 def print_targets(results: Results, quick: bool, partial: bool) -> int:
@@ -182,6 +303,9 @@ def main() -> int:
     results = Results(json.loads(arguments.results.read_text(encoding="utf-8")))
     print_binding(results)
     print_memory(results)
+    print_regions(results)
+    print_framework(results)
+    print_agent(results)
     missing = print_targets(results, arguments.quick, arguments.partial)
     return 1 if missing else 0
 

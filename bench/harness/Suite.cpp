@@ -1,5 +1,6 @@
 #include "bench/harness/Suite.h"
 
+#include <chrono>
 #include <fstream>
 #include <iostream>
 #include <memory>
@@ -69,10 +70,12 @@ void Suite::addLoop(const std::string& name, Function function) {
 
 void Suite::run() {
   if (added_ == 0) return;
-  const Stopwatch watch;
+  const auto start = std::chrono::steady_clock::now();
   benchmark::RunSpecifiedBenchmarks(reporter_.get(), nullptr, ".");
   benchmark::ClearRegisteredBenchmarks();
-  std::cerr << added_ << " benchmarks in " << static_cast<int>(watch.seconds() + 0.5) << " s\n";
+  const auto took = std::chrono::steady_clock::now() - start;
+  std::cerr << added_ << " benchmarks in "
+            << std::chrono::duration_cast<std::chrono::seconds>(took).count() << " s\n";
   added_ = 0;
 }
 

@@ -4,9 +4,10 @@
 #pragma once
 
 #include <benchmark/benchmark.h>
+#include <time.h>
 
-#include <chrono>
 #include <functional>
+#include <memory>
 #include <regex>
 #include <string>
 
@@ -37,8 +38,8 @@ class Suite {
   // Whether a benchmark of this name was asked for; only then is its data to be made.
   bool wanted(const std::string& name) const;
 
-  // Adds a benchmark that takes its own time: a repetition is one call, which says with
-  // batchTime() how long its operations took.
+  // Adds a benchmark that takes its own time: a repetition is one call, which goes through all
+  // operations in one batch of the state, and sets the time that they took.
   void addBatch(const std::string& name, std::int64_t operations, int repetitions,
                 Function function);
   // Adds a benchmark of the usual kind, with a loop over the state.
@@ -56,15 +57,20 @@ class Suite {
   int added_ = 0;
 };
 
-// Seconds since it was made.
+// Seconds of this thread's processor time since it was made. On a quiet machine that is the time
+// that passed; on a busy one it leaves out what other processes took.
 class Stopwatch {
  public:
-  double seconds() const {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
-  }
+  double seconds() const { return now() - start_; }
 
  private:
-  std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+  static double now() {
+    timespec time{};
+    ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+    return static_cast<double>(time.tv_sec) + 1e-9 * static_cast<double>(time.tv_nsec);
+  }
+
+  double start_ = now();
 };
 
 }  // namespace bench

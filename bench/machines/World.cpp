@@ -51,8 +51,9 @@ RegionOfCloud::RegionOfCloud(const Cloud& cloud)
   }
 }
 
-Ptr<OpenStack::PortToHostBinding> RegionOfCloud::hostBinding(std::uint32_t port) const {
-  auto binding = Kiv::make<OpenStack::PortToHostBinding>(Kiv::Name(cloud_.host(port)));
+Ptr<OpenStack::PortToHostBinding> RegionOfCloud::hostBinding(std::uint32_t port,
+                                                             std::string_view host) const {
+  auto binding = Kiv::make<OpenStack::PortToHostBinding>(Kiv::Name(host));
   const std::uint32_t network = cloud_.network(port);
   binding->segmentIs(0, segments_.vxlan(network));
   binding->segmentIs(1, segments_.vlan(network));
@@ -64,6 +65,16 @@ Ptr<OpenStack::PortBinding> RegionOfCloud::portBinding(std::uint32_t port) const
   auto binding = Kiv::make<OpenStack::PortBinding>(id);
   binding->portIs(Ptr<const OpenStack::Port>(region_->port()[id]));
   return binding;
+}
+
+Kiv::Ptr<OpenStack::Region> boundRegion(const Cloud& cloud) {
+  const RegionOfCloud of(cloud);
+  for (std::uint32_t port = 0; port < cloud.ports(); ++port) {
+    const auto binding = of.portBinding(port);
+    binding->portToHostBindingIs(of.hostBinding(port));
+    of.region()->portBindingIs(binding);
+  }
+  return of.region();
 }
 
 Machines::Machines(const Cloud& cloud) : cloud_(cloud), of_(cloud) {

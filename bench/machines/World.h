@@ -67,8 +67,12 @@ class RegionOfCloud {
 
   const Kiv::Ptr<OpenStack::Region>& region() const { return region_; }
 
-  // A port's binding to its host, with its two levels.
-  Kiv::Ptr<OpenStack::PortToHostBinding> hostBinding(std::uint32_t port) const;
+  // A port's binding to its host, or to another, with its two levels.
+  Kiv::Ptr<OpenStack::PortToHostBinding> hostBinding(std::uint32_t port) const {
+    return hostBinding(port, cloud_.host(port));
+  }
+  Kiv::Ptr<OpenStack::PortToHostBinding> hostBinding(std::uint32_t port,
+                                                     std::string_view host) const;
   // A port's binding, not bound to a host yet.
   Kiv::Ptr<OpenStack::PortBinding> portBinding(std::uint32_t port) const;
 
@@ -77,6 +81,9 @@ class RegionOfCloud {
   Kiv::Ptr<OpenStack::Region> region_;
   Segments segments_;
 };
+
+// A cloud's region with all ports bound.
+Kiv::Ptr<OpenStack::Region> boundRegion(const Cloud& cloud);
 
 // `machines`: each port has its port binding; binding a port adds the binding to its host, with its
 // two levels, and lets the loop run until idle.
