@@ -5,6 +5,9 @@
 
 namespace bench {
 
+// Throws when the limit does not make the writes that the machines make.
+void checkLimit();
+
 // Binding and unbinding of ports, through the machines and in straight-line code.
 void benchBinding(Suite& suite);
 // What the same data takes in memory.

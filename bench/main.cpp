@@ -6,7 +6,6 @@
 #include <vector>
 
 #include "bench/groups.h"
-#include "bench/limit/Limit.h"
 #include "bench/machines/World.h"
 
 namespace {
@@ -45,52 +44,6 @@ void interleave() {
   benchmark::Initialize(&count, pointers.data());
 }
 
-// The limit is a yardstick only while it makes the writes that the machines make: holds its entries
-// against theirs, port by port.
-void compareWrites(bench::Shape shape) {
-  const bench::Cloud cloud(1000, shape);
-  bench::InternLimit limit(cloud);
-  bench::Machines machines(cloud);
-  const auto order = cloud.shuffled(3);
-  for (const auto port : order) {
-    limit.bind(port);
-    machines.bind(port);
-  }
-  for (std::size_t i = 0; i < order.size(); i += 3) {
-    limit.unbind(order[i]);
-    machines.unbind(order[i]);
-  }
-  std::size_t entries = 0;
-  std::size_t missing = 0;
-  const auto& hosts = machines.agent().resources()->resourcesForHostname();
-  const auto count = [&](bool there) { ++(there ? entries : missing); };
-  const auto hostOf = [&](const auto& name) { return hosts[Kiv::Name(name.view())]; };
-  limit.requested().forEach(
-      [&](const auto& host, const auto& region, const auto& port) {
-        const auto* domain = hostOf(host)->domain()[Kiv::Name(region.view())];
-        count(domain != nullptr && domain->referrer()[Kiv::Name(port.view())]);
-      },
-      [&](const auto& host, std::uint32_t id, const auto& port) {
-        const auto* vlan = hostOf(host)->vlan()[id];
-        count(vlan != nullptr && vlan->referrer()[Kiv::String(port.view())]);
-      },
-      [&](const auto& host, std::uint32_t id, std::uint32_t vniId, const auto& port) {
-        const auto* vni = hostOf(host)->vlan()[id]->mappedVni()[vniId];
-        count(vni != nullptr && vni->referrer()[Kiv::String(port.view())]);
-      });
-  std::size_t published = 0;
-  for (const auto& host : hosts) {
-    for (const auto& domain : host->domain()) published += domain->referrer().size();
-    for (const auto& vlan : host->vlan()) {
-      published += vlan->referrer().size();
-      for (const auto& vni : vlan->mappedVni()) published += vni->referrer().size();
-    }
-  }
-  if (missing != 0 || entries != published) {
-    throw std::logic_error("the limit does not make the machines' writes");
-  }
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -101,8 +54,7 @@ int main(int argc, char** argv) {
     }
     const bench::Options options = optionsOf(argc, argv);
     bench::loop();
-    compareWrites(bench::Shape::spread);
-    compareWrites(bench::Shape::packed);
+    bench::checkLimit();
     interleave();
     bench::Suite suite(options);
     bench::benchBinding(suite);
