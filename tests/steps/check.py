@@ -1,0 +1,105 @@
+#!/usr/bin/env python3
+"""Holds the machines to steps that do not grow: no change may cost more in a larger cloud.
+
+`operations` makes each kind of change on clouds of two sizes, which differ in one thing: how many
+ports, hosts, networks or regions there are, or how many notifications wait. Valgrind's callgrind
+counts the instructions, which are the same on a busy machine and an idle one. Of each kind the
+median counts, as now and then a table grows, and that is paid for by all that came before. A kind
+whose median grows by more than the tolerance is printed; the exit status is 1 when there is one.
+"""
+
+import argparse
+import re
+import statistics
+import subprocess
+import sys
+import tempfile
+from concurrent.futures import ThreadPoolExecutor
+from pathlib import Path
+from typing import NamedTuple
+
+
+class Shape(NamedTuple):
+    """A cloud, in the order of the arguments of `operations`."""
+    ports: int = 500
+    hosts: int = 25
+    networks: int = 25
+    regions: int = 1
+    waiting: int = 0
+    toggle: str = "on"
+
+
+# What grows, sixteenfold each time, so that tables that double are filled alike. Ports and networks
+# are on two hosts, so that what a host has grows nearly as much; more hosts or networks need ports
+# that use them, so that there are many of those in both sizes.
+GROWTH = {
+    "ports": (Shape(hosts=2, networks=2), Shape(ports=8000, hosts=2, networks=2)),
+    "ports, with network elements": (Shape(hosts=2, networks=2, toggle="off"),
+                                     Shape(ports=8000, hosts=2, networks=2, toggle="off")),
+    "hosts": (Shape(ports=8000, hosts=500), Shape(ports=8000, hosts=8000)),
+    "hosts, with network elements": (Shape(ports=8000, hosts=500, toggle="off"),
+                                     Shape(ports=8000, hosts=8000, toggle="off")),
+    "networks": (Shape(ports=8000, hosts=2, networks=125),
+                 Shape(ports=8000, hosts=2, networks=2000)),
+    "regions": (Shape(regions=125), Shape(regions=2000)),
+    "waiting notifications": (Shape(waiting=313), Shape(waiting=5008)),
+}
+
+# How much more a change may take in the larger cloud: for keys that are longer, and chains and
+# orders that are searched, by a factor and some instructions.
+FACTOR = 1.15
+CONSTANT = 200
+
+DUMP = re.compile(r"^desc: Trigger: Client Request: (.*)\n(?:.*\n)*?summary: (\d+)$", re.M)
+
+
+def count(valgrind: str, binary: Path, shape: Shape) -> dict[str, float]:
+    """The median of the instructions of each kind of change."""
+    with tempfile.TemporaryDirectory() as folder:
+        dumps = Path(folder) / "dumps"
+        run = subprocess.run(
+            [valgrind, "--tool=callgrind", "--instr-atstart=no", "--combine-dumps=yes",
+             f"--callgrind-out-file={dumps}", binary, *map(str, shape)],
+            capture_output=True, text=True, check=False)
+        if run.returncode != 0:
+            sys.exit(f"{binary.name} {shape}: exit status {run.returncode}\n{run.stderr}")
+        counted: dict[str, list[float]] = {}
+        for name, steps in DUMP.findall(dumps.read_text(encoding="utf-8")):
+            name, _, times = name.partition("/")  # of so many alike, where a number follows
+            counted.setdefault(name, []).append(int(steps) / int(times or 1))
+    return {name: statistics.median(steps) for name, steps in counted.items()}
+
+
+def main() -> int:
+    parser = argparse.ArgumentParser(description=__doc__.partition("\n")[0])
+    parser.add_argument("binary", type=Path, help="the program `operations`")
+    parser.add_argument("--valgrind", default="valgrind", help="the program to count with")
+    parser.add_argument("--verbose", action="store_true", help="print what was counted, too")
+    arguments = parser.parse_args()
+
+    shapes = list(dict.fromkeys(shape for pair in GROWTH.values() for shape in pair))
+    with ThreadPoolExecutor(max_workers=2) as pool:
+        counts = dict(zip(shapes, pool.map(
+            lambda shape: count(arguments.valgrind, arguments.binary.resolve(), shape), shapes)))
+
+    compared = 0
+    faults = []
+    for what, (small, large) in GROWTH.items():
+        if not counts[small] or counts[small].keys() != counts[large].keys():
+            sys.exit(f"{what}: not the same changes were counted in both sizes")
+        for name, before in counts[small].items():
+            after = counts[large][name]
+            compared += 1
+            line = f"{name}: {before:.0f} steps, and {after:.0f} with more {what}"
+            if arguments.verbose:
+                print(line)
+            if after > FACTOR * before + CONSTANT:
+                faults.append(line)
+    for fault in faults:
+        print(f"grows: {fault}")
+    print(f"{compared} changes compared, {len(faults)} grow")
+    return 1 if faults else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
