@@ -1,11 +1,13 @@
 #include "OpenStackSm/OpenStackSm.h"
 
 #include "OpenStackSm/Uuid.h"
+#include "OpenStackSm/detail/Given.h"
 #include "OpenStackSm/detail/Trace.h"
 #include "model/VirtualNetwork/Values.h"
 
 namespace [[gnu::visibility("default")]] OpenStack {
 
+using detail::given;
 using detail::trace;
 
 Kiv::Ptr<OpenStackSm> openStackSmFactory(
@@ -74,7 +76,7 @@ void OpenStackSm::handleRegion(const Kiv::Name& regionName) {
   const auto inputs = openstackConfig();
   const Kiv::Ptr<const Region> region(inputs ? inputs->region()[regionName] : nullptr);
   if (region) {
-    const auto regionStatus = openstackStatus_->regionStatusIs(regionName);
+    const auto regionStatus = given(openstackStatus_)->regionStatusIs(regionName);
     regionStatus->vlanPoolIs(regionName);
     handleRegionVlanAssignment(regionName);
     regionConfigSmIs(regionName, region, regionStatus, requestedResourcesCollection_,
@@ -85,7 +87,7 @@ void OpenStackSm::handleRegion(const Kiv::Name& regionName) {
     text << "Region config sm: " << static_cast<const void*>(regionConfigSm_[regionName]);
   });
   regionConfigSmDel(regionName);
-  openstackStatus_->regionStatusDel(regionName);
+  given(openstackStatus_)->regionStatusDel(regionName);
 }
 
 void OpenStackSm::regionSyncTimeoutIs(const Kiv::Seconds& timeout) {
@@ -115,7 +117,7 @@ void OpenStackSm::handleVlanTypeDriver() {
   } else if (inputs->vlanTypeDriver() == VlanTypeDriver::external) {
     for (const auto& assignment : inputs->vlanAssignment()) {
       const Kiv::Ptr<RegionStatus> status(
-          openstackStatus_->regionStatus()[assignment->regionName()]);
+          given(openstackStatus_)->regionStatus()[assignment->regionName()]);
       const auto pool = status ? status->vlanPool() : nullptr;
       if (!pool) continue;
       pool->assignedVlanDelAll();
@@ -150,7 +152,7 @@ void OpenStackSm::handleRegionVlanAssignment(const Kiv::Name& regionName) {
     return;
   }
   if (inputs->vlanTypeDriver() != VlanTypeDriver::assigned) return;
-  const Kiv::Ptr<RegionStatus> status(openstackStatus_->regionStatus()[regionName]);
+  const Kiv::Ptr<RegionStatus> status(given(openstackStatus_)->regionStatus()[regionName]);
   if (!status) return;
   stamp(*status, here, this);
   const Kiv::Ptr<const VlanAssignment> assignment(inputs->vlanAssignment()[regionName]);
@@ -177,7 +179,8 @@ void OpenStackSm::KivVlanAssignment::handleVlanAssignment(Kiv::U16 vlan) {
   }
   if (inputs->vlanTypeDriver() != VlanTypeDriver::assigned) return;
   const Kiv::Name regionName = fwkKey();
-  const Kiv::Ptr<RegionStatus> status(machine()->openstackStatus()->regionStatus()[regionName]);
+  const Kiv::Ptr<RegionStatus> status(
+      given(machine()->openstackStatus())->regionStatus()[regionName]);
   if (!status) return;
   stamp(*status, here, this);
   const auto pool = status->vlanPool();

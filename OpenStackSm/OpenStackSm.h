@@ -167,7 +167,7 @@ class OpenStackSm final : public Kiv::Machine<OpenStackSm> {
   const VlanAssignmentMap& vlanAssignment() const { return vlanAssignment_; }
   VlanAssignmentMap& vlanAssignment() { return vlanAssignment_; }
   Kiv::Ptr<KivVlanAssignment> vlanAssignmentIs(const Kiv::Ptr<const VlanAssignment>& v) {
-    return vlanAssignment_.is(*this, "vlanAssignment", v, Refill{*this});
+    return vlanAssignment_.is(*this, v, Refill{*this});
   }
   Kiv::Ptr<const VlanAssignment> vlanAssignmentDel(const Kiv::Name& name) {
     return vlanAssignment_.del(name, Refill{*this});
@@ -189,17 +189,6 @@ class OpenStackSm final : public Kiv::Machine<OpenStackSm> {
   // A region's assignment changed as a whole: stamps a new UUID and rebuilds the region's pool.
   void handleRegionVlanAssignment(const Kiv::Name& regionName);
 
-  static constexpr auto kConstructorArguments = std::tuple{
-      Kiv::fixedArgument("openstackConfig", &OpenStackSm::openstackConfig),
-      Kiv::fixedArgument("openstackStatus", &OpenStackSm::openstackStatus),
-      Kiv::fixedArgument("nameResolutionConfig", &OpenStackSm::nameResolutionConfig),
-      Kiv::fixedArgument("nameResolutionStatus", &OpenStackSm::nameResolutionStatus),
-      Kiv::fixedArgument("requestedResourcesCollection",
-                         &OpenStackSm::requestedResourcesCollection),
-      Kiv::changingArgument("regionSyncTimeout", &OpenStackSm::regionSyncTimeoutIs),
-      Kiv::fixedArgument("config", &OpenStackSm::config),
-      Kiv::fixedArgument("networkElementCollection", &OpenStackSm::networkElementCollection)};
-
  private:
   friend class Kiv::Machine<OpenStackSm>;
 
@@ -207,11 +196,10 @@ class OpenStackSm final : public Kiv::Machine<OpenStackSm> {
   auto children() { return std::tie(regionConfigSm_); }
 
   void mirrorVlanAssignment(const Config& config, const Kiv::Name& name) {
-    vlanAssignment_.resynchroniseOne(*this, "vlanAssignment", config.vlanAssignment(), name,
-                                     Refill{*this});
+    vlanAssignment_.resynchroniseOne(*this, config.vlanAssignment(), name, Refill{*this});
   }
   void mirrorVlanAssignments(const Config& config) {
-    vlanAssignment_.resynchronise(*this, "vlanAssignment", config.vlanAssignment(), Refill{*this});
+    vlanAssignment_.resynchronise(*this, config.vlanAssignment(), Refill{*this});
   }
 
   Kiv::ReactorSlot<KivOpenstackConfig> openstackConfig_;
@@ -228,15 +216,16 @@ class OpenStackSm final : public Kiv::Machine<OpenStackSm> {
  public:
   // The attributes, in the order of their declaration, then the handlers of the nested reactors.
   static constexpr auto kAttributes = Kiv::attributes(
-      Kiv::plain(130, "openstackConfig", &OpenStackSm::openstackConfig),
-      Kiv::plain(131, "openstackStatus", &OpenStackSm::openstackStatus),
-      Kiv::plain(132, "nameResolutionConfig", &OpenStackSm::nameResolutionConfig),
-      Kiv::plain(133, "nameResolutionStatus", &OpenStackSm::nameResolutionStatus),
-      Kiv::plain(134, "requestedResourcesCollection", &OpenStackSm::requestedResourcesCollection),
-      Kiv::plain(135, "regionSyncTimeout", &OpenStackSm::regionSyncTimeout,
-                 &OpenStackSm::regionSyncTimeoutIs),
-      Kiv::plain(136, "config", &OpenStackSm::config),
-      Kiv::plain(137, "networkElementCollection", &OpenStackSm::networkElementCollection),
+      Kiv::fixedArgument(130, "openstackConfig", &OpenStackSm::openstackConfig),
+      Kiv::fixedArgument(131, "openstackStatus", &OpenStackSm::openstackStatus),
+      Kiv::fixedArgument(132, "nameResolutionConfig", &OpenStackSm::nameResolutionConfig),
+      Kiv::fixedArgument(133, "nameResolutionStatus", &OpenStackSm::nameResolutionStatus),
+      Kiv::fixedArgument(134, "requestedResourcesCollection",
+                         &OpenStackSm::requestedResourcesCollection),
+      Kiv::changingArgument(135, "regionSyncTimeout", &OpenStackSm::regionSyncTimeout,
+                            &OpenStackSm::regionSyncTimeoutIs),
+      Kiv::fixedArgument(136, "config", &OpenStackSm::config),
+      Kiv::fixedArgument(137, "networkElementCollection", &OpenStackSm::networkElementCollection),
       Kiv::handler(138, "handleRegionSyncTimeout",
                    "void OpenStack::OpenStackSm::handleRegionSyncTimeout()",
                    &OpenStackSm::handleRegionSyncTimeout),

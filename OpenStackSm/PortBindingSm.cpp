@@ -1,5 +1,6 @@
 #include "OpenStackSm/PortBindingSm.h"
 
+#include "OpenStackSm/detail/Given.h"
 #include "OpenStackSm/detail/Referrer.h"
 #include "OpenStackSm/detail/Toggle.h"
 #include "OpenStackSm/detail/Trace.h"
@@ -8,6 +9,7 @@
 
 namespace [[gnu::visibility("default")]] OpenStack {
 
+using detail::given;
 using detail::trace;
 
 Kiv::Ptr<PortBindingSm> portBindingSmFactory(
@@ -80,10 +82,11 @@ void PortBindingSm::handlePortToHostBinding(const Kiv::Name& host_) {
     doCleanupPortToHostBinding(hostName);
     return;
   }
-  const auto host = requestedResourcesCollection_->resourcesForHostnameIs(hostName);
+  const Kiv::Name referrer(given(port_)->id());
+  const auto host = given(requestedResourcesCollection_)->resourcesForHostnameIs(hostName);
   const auto domain = host->domainIs(regionName_);
   KIV_ASSERT(host->domains() == 1, here.file, here.function);
-  domain->referrerIs(Kiv::Name(port_->id()), true);
+  domain->referrerIs(referrer, true);
   portToHostBindingSmIs(hostName, port_, binding, requestedResourcesCollection_);
 }
 
@@ -92,7 +95,9 @@ void PortBindingSm::doCleanupPortToHostBinding(const Kiv::Name& host) {
   const Kiv::Name hostName = host;
   trace(9, here, this, [&](auto& text) { text << hostName; });
   const Kiv::Ptr<VirtualNetwork::ResourcesForHostname> resources(
-      requestedResourcesCollection_->resourcesForHostname()[hostName]);
+      port_ && requestedResourcesCollection_
+          ? requestedResourcesCollection_->resourcesForHostname()[hostName]
+          : nullptr);
   const Kiv::Ptr<VirtualNetwork::DomainReferences> domain(
       resources ? resources->domain()[regionName_] : nullptr);
   if (domain) {
@@ -136,7 +141,7 @@ void PortBindingSm::handlePortToSwitchInterfaceBinding(const VirtualNetwork::Swi
     doCleanupPortToSwitchInterfaceBinding(si);
     return;
   }
-  const Kiv::String referrer = detail::baremetalReferrer(*port_);
+  const Kiv::String referrer = detail::baremetalReferrer(*given(port_));
   trace(2, here, this, [&](auto& text) { text << "Port " << referrer << " bound"; });
   if (detail::virtualNetworkAgentToggle()) {
     publishSwitchport(*binding, referrer);
@@ -150,7 +155,7 @@ void PortBindingSm::handlePortToSwitchInterfaceBinding(const VirtualNetwork::Swi
 void PortBindingSm::publishSwitchport(const PortToSwitchInterfaceBinding& binding,
                                       const Kiv::String& referrer) {
   const auto switchport =
-      requestedResourcesCollection_->resourcesForSwitchportIs(binding.switchInterface());
+      given(requestedResourcesCollection_)->resourcesForSwitchportIs(binding.switchInterface());
   switchport->remoteHostIs(Kiv::String(binding.host()), true);
   switchport->referrerIs(referrer, true);
 }
@@ -160,7 +165,7 @@ void PortBindingSm::publishNetworkElements(const PortToSwitchInterfaceBinding& b
   static constexpr auto here = detail::handler<PortBindingSm>("handlePortToSwitchInterfaceBinding");
   const VirtualNetwork::SwitchInterface& si = binding.switchInterface();
   const auto switchElement =
-      networkElementCollection_->networkElementIs(Kiv::Name(si.switchIdentifier()));
+      given(networkElementCollection_)->networkElementIs(Kiv::Name(si.switchIdentifier()));
   switchElement->referrerIs(referrer, true);
   const auto hostElement = networkElementCollection_->networkElementIs(binding.host());
   hostElement->referrerIs(referrer, true);

@@ -131,7 +131,7 @@ class PortBindingSm final : public Kiv::Machine<PortBindingSm> {
   const HostMap& portToHostBinding() const { return portToHostBinding_; }
   HostMap& portToHostBinding() { return portToHostBinding_; }
   Kiv::Ptr<KivPortToHostBinding> portToHostBindingIs(const Kiv::Ptr<const PortToHostBinding>& v) {
-    return portToHostBinding_.is(*this, "portToHostBinding", v);
+    return portToHostBinding_.is(*this, v);
   }
   Kiv::Ptr<const PortToHostBinding> portToHostBindingDel(const Kiv::Name& host) {
     return portToHostBinding_.del(host);
@@ -152,7 +152,7 @@ class PortBindingSm final : public Kiv::Machine<PortBindingSm> {
   SwitchInterfaceMap& portToSwitchInterfaceBinding() { return portToSwitchInterfaceBinding_; }
   Kiv::Ptr<KivPortToSwitchInterfaceBinding> portToSwitchInterfaceBindingIs(
       const Kiv::Ptr<const PortToSwitchInterfaceBinding>& v) {
-    return portToSwitchInterfaceBinding_.is(*this, "portToSwitchInterfaceBinding", v);
+    return portToSwitchInterfaceBinding_.is(*this, v);
   }
   Kiv::Ptr<const PortToSwitchInterfaceBinding> portToSwitchInterfaceBindingDel(
       const VirtualNetwork::SwitchInterface& si) {
@@ -224,15 +224,6 @@ class PortBindingSm final : public Kiv::Machine<PortBindingSm> {
   // Withdraws all that the machine and its children published, and deletes the children.
   void doCleanup();
 
-  static constexpr auto kConstructorArguments = std::tuple{
-      Kiv::fixedArgument("regionName", &PortBindingSm::regionName),
-      Kiv::keyArgument("portId"),
-      Kiv::fixedArgument("port", &PortBindingSm::port),
-      Kiv::fixedArgument("portBinding", &PortBindingSm::portBinding),
-      Kiv::fixedArgument("requestedResourcesCollection",
-                         &PortBindingSm::requestedResourcesCollection),
-      Kiv::fixedArgument("networkElementCollection", &PortBindingSm::networkElementCollection)};
-
  private:
   friend class Kiv::Machine<PortBindingSm>;
 
@@ -242,20 +233,18 @@ class PortBindingSm final : public Kiv::Machine<PortBindingSm> {
   auto children() { return std::tie(portToHostBindingSm_, portToSwitchInterfaceBindingSm_); }
 
   void mirrorHost(const PortBinding& binding, const Kiv::Name& host) {
-    portToHostBinding_.resynchroniseOne(*this, "portToHostBinding", binding.portToHostBinding(),
-                                        host);
+    portToHostBinding_.resynchroniseOne(*this, binding.portToHostBinding(), host);
   }
   void mirrorHosts(const PortBinding& binding) {
-    portToHostBinding_.resynchronise(*this, "portToHostBinding", binding.portToHostBinding());
+    portToHostBinding_.resynchronise(*this, binding.portToHostBinding());
   }
   void mirrorSwitchInterface(const PortBinding& binding,
                              const VirtualNetwork::SwitchInterface& si) {
-    portToSwitchInterfaceBinding_.resynchroniseOne(*this, "portToSwitchInterfaceBinding",
-                                                   binding.portToSwitchInterfaceBinding(), si);
+    portToSwitchInterfaceBinding_.resynchroniseOne(*this, binding.portToSwitchInterfaceBinding(),
+                                                   si);
   }
   void mirrorSwitchInterfaces(const PortBinding& binding) {
-    portToSwitchInterfaceBinding_.resynchronise(*this, "portToSwitchInterfaceBinding",
-                                                binding.portToSwitchInterfaceBinding());
+    portToSwitchInterfaceBinding_.resynchronise(*this, binding.portToSwitchInterfaceBinding());
   }
 
   // What a bound switch interface needs beside its VLANs; which, the feature toggle says.
@@ -277,12 +266,13 @@ class PortBindingSm final : public Kiv::Machine<PortBindingSm> {
  public:
   // The attributes, in the order of their declaration, then the handlers of the nested reactors.
   static constexpr auto kAttributes = Kiv::attributes(
-      Kiv::plain(130, "regionName", &PortBindingSm::regionName),
-      Kiv::plain(131, "portId", &PortBindingSm::portId),
-      Kiv::plain(132, "port", &PortBindingSm::port),
-      Kiv::plain(133, "portBinding", &PortBindingSm::portBinding),
-      Kiv::plain(134, "requestedResourcesCollection", &PortBindingSm::requestedResourcesCollection),
-      Kiv::plain(135, "networkElementCollection", &PortBindingSm::networkElementCollection),
+      Kiv::fixedArgument(130, "regionName", &PortBindingSm::regionName),
+      Kiv::keyArgument(131, "portId", &PortBindingSm::portId),
+      Kiv::fixedArgument(132, "port", &PortBindingSm::port),
+      Kiv::fixedArgument(133, "portBinding", &PortBindingSm::portBinding),
+      Kiv::fixedArgument(134, "requestedResourcesCollection",
+                         &PortBindingSm::requestedResourcesCollection),
+      Kiv::fixedArgument(135, "networkElementCollection", &PortBindingSm::networkElementCollection),
       Kiv::collection(136, "portToHostBinding", "host", &PortBindingSm::portToHostBinding_,
                       &PortBindingSm::portToHostBindingIs,
                       Kiv::byKey<Kiv::Name>(&PortBindingSm::portToHostBindingDel)),

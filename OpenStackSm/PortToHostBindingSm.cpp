@@ -1,8 +1,10 @@
 #include "OpenStackSm/PortToHostBindingSm.h"
 
+#include "OpenStackSm/detail/Given.h"
 #include "model/VirtualNetwork/Values.h"
 namespace [[gnu::visibility("default")]] OpenStack {
 
+using detail::given;
 using detail::isVlan;
 using detail::isVxlan;
 using detail::trace;
@@ -54,10 +56,11 @@ void PortToHostBindingSm::handleSegment(Kiv::U8 level) {
          << segment->segmentationType() << " : " << id
          << " at level : " << static_cast<char>('0' + level);
   });
-  const auto host = requestedResourcesCollection()->resourcesForHostnameIs(hostName);
+  const Kiv::String& referrer = given(port())->id();
+  const auto host = given(requestedResourcesCollection())->resourcesForHostnameIs(hostName);
   if (isVlan(segment)) {
     const auto vlan = host->vlanIs(id);
-    vlan->referrerIs(port()->id(), true);
+    vlan->referrerIs(referrer, true);
     if (const auto parent = above(level); level != 0 && isVxlan(parent)) {
       trace(2, here, this, [&](auto& text) {
         text << "Establishing a VLAN to VNI mapping from " << id << " to "
@@ -78,6 +81,7 @@ void PortToHostBindingSm::handleSegment(Kiv::U8 level) {
 
 void PortToHostBindingSm::withdrawSegment(const KivSegment& reactor) {
   static constexpr auto here = detail::handler<PortToHostBindingSm>("KivSegment::doCleanup");
+  if (!port() || !requestedResourcesCollection()) return;
   const auto segment = reactor.entity();
   const auto bound = binding();
   const auto hostName = bound ? bound->host() : host_;
@@ -108,6 +112,7 @@ void PortToHostBindingSm::withdrawSegment(const KivSegment& reactor) {
 
 void PortToHostBindingSm::doCleanup() {
   static constexpr auto here = detail::handler<PortToHostBindingSm>("doCleanup");
+  if (!port()) return;
   trace(9, here, this, [&](auto& text) {
     const auto bound = binding();
     text << "Removing port " << port()->id() << " from " << (bound ? bound->host() : host_);

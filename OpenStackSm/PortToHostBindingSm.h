@@ -55,26 +55,20 @@ class PortToHostBindingSm final
   // Withdraws all that the machine published.
   void doCleanup();
 
-  static constexpr auto kConstructorArguments =
-      std::tuple{Kiv::keyArgument("host"), Kiv::fixedArgument("port", &PortToHostBindingSm::port),
-                 Kiv::fixedArgument("portToHostBinding", &PortToHostBindingSm::portToHostBinding),
-                 Kiv::fixedArgument("requestedResourcesCollection",
-                                    &PortToHostBindingSm::requestedResourcesCollection)};
-
  private:
   Kiv::Name host_;
 
  public:
   // The attributes, in the order of their declaration, then the handlers of the nested reactors.
   static constexpr auto kAttributes = Kiv::attributes(
-      Kiv::plain(130, "hostname", &PortToHostBindingSm::host),
-      Kiv::plain(131, "port", &PortToHostBindingSm::port),
-      Kiv::plain(132, "portToHostBinding", &PortToHostBindingSm::portToHostBinding),
-      Kiv::plain(133, "requestedResourcesCollection",
-                 &PortToHostBindingSm::requestedResourcesCollection),
+      Kiv::keyArgument(130, "hostname", &PortToHostBindingSm::host, "host"),
+      Kiv::fixedArgument(131, "port", &PortToHostBindingSm::port),
+      Kiv::fixedArgument(132, "portToHostBinding", &PortToHostBindingSm::portToHostBinding),
+      Kiv::fixedArgument(133, "requestedResourcesCollection",
+                         &PortToHostBindingSm::requestedResourcesCollection),
       Kiv::handler(134, "handleSegment", "void OpenStack::PortToHostBindingSm::handleSegment(U8)",
                    &PortToHostBindingSm::handleSegment),
-      Kiv::collection(136, "segment", "level", segmentMap(), &PortToHostBindingSm::segmentIs,
+      Kiv::collection(136, "segment", "", segmentMap(), &PortToHostBindingSm::segmentIs,
                       segmentDelByLevel()),
       Kiv::handler(138, "doCleanup", "void OpenStack::PortToHostBindingSm::doCleanup()",
                    &PortToHostBindingSm::doCleanup),

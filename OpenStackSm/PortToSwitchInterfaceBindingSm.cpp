@@ -1,11 +1,13 @@
 #include "OpenStackSm/PortToSwitchInterfaceBindingSm.h"
 
+#include "OpenStackSm/detail/Given.h"
 #include "OpenStackSm/detail/Referrer.h"
 #include "OpenStackSm/detail/Toggle.h"
 #include "model/VirtualNetwork/Values.h"
 
 namespace [[gnu::visibility("default")]] OpenStack {
 
+using detail::given;
 using detail::isVlan;
 using detail::isVxlan;
 using detail::trace;
@@ -67,12 +69,14 @@ VirtualNetwork::SwitchInterface PortToSwitchInterfaceBindingSm::boundTo() const 
 
 Kiv::Ptr<VirtualNetwork::NetworkElement> PortToSwitchInterfaceBindingSm::element(
     const Kiv::Name& name) const {
+  if (!networkElementCollection_) return nullptr;
   return networkElementCollection_->networkElement()[name];
 }
 
 Kiv::Ptr<VirtualNetwork::Interface> PortToSwitchInterfaceBindingSm::target() const {
   const auto si = boundTo();
   if (detail::virtualNetworkAgentToggle()) {
+    if (!requestedResourcesCollection()) return nullptr;
     return Kiv::Ptr<VirtualNetwork::Interface>(
         requestedResourcesCollection()->resourcesForSwitchport()[si]);
   }
@@ -85,10 +89,12 @@ Kiv::Ptr<VirtualNetwork::Interface> PortToSwitchInterfaceBindingSm::target() con
 Kiv::Ptr<VirtualNetwork::Interface> PortToSwitchInterfaceBindingSm::requiredTarget() const {
   static constexpr auto here = detail::handler<PortToSwitchInterfaceBindingSm>("handleSegment");
   if (detail::virtualNetworkAgentToggle()) {
+    (void)given(requestedResourcesCollection());
     const auto switchPort = target();
     KIV_ASSERT(switchPort, here.file, here.function);
     return switchPort;
   }
+  (void)given(networkElementCollection_);
   const auto bound = binding();
   const auto switchElement = element(Kiv::Name(boundTo().switchIdentifier()));
   KIV_ASSERT(switchElement, here.file, here.function);
@@ -102,6 +108,7 @@ Kiv::Ptr<VirtualNetwork::Interface> PortToSwitchInterfaceBindingSm::requiredTarg
 void PortToSwitchInterfaceBindingSm::handleSegment(Kiv::U8 level) {
   static constexpr auto here = detail::handler<PortToSwitchInterfaceBindingSm>("handleSegment");
   const auto si = boundTo();
+  (void)given(port());
   trace(9, here, this, [&](auto& text) { text << port()->id() << " is on " << si.name(); });
   if (si.switchIdentifier().empty() || si.interfaceName().empty()) {
     trace(1, here, this, "Map is empty!!!");
@@ -154,6 +161,7 @@ void PortToSwitchInterfaceBindingSm::publishVlan(VirtualNetwork::Interface& targ
 void PortToSwitchInterfaceBindingSm::withdrawSegment(const KivSegment& reactor) {
   static constexpr auto here =
       detail::handler<PortToSwitchInterfaceBindingSm>("KivSegment::doCleanup");
+  if (!port()) return;
   const auto segment = reactor.entity();
   trace(9, here, &reactor, [&](auto& text) { text << port()->id() << " : " << segment->id(); });
   const Kiv::U8 level = levelOf(reactor, here);
@@ -187,6 +195,7 @@ void PortToSwitchInterfaceBindingSm::withdrawSegment(const KivSegment& reactor) 
 
 void PortToSwitchInterfaceBindingSm::doCleanup() {
   static constexpr auto here = detail::handler<PortToSwitchInterfaceBindingSm>("doCleanup");
+  if (!port()) return;
   trace(9, here, this, [&](auto& text) {
     text << "Removing port " << port()->id() << " from " << Apart{boundTo()};
   });
@@ -199,6 +208,7 @@ void PortToSwitchInterfaceBindingSm::doCleanup() {
 }
 
 void PortToSwitchInterfaceBindingSm::doCleanupSwitchport() {
+  if (!requestedResourcesCollection()) return;
   const auto si = boundTo();
   const Kiv::Ptr<VirtualNetwork::ResourcesForSwitchport> switchport(
       requestedResourcesCollection()->resourcesForSwitchport()[si]);

@@ -71,17 +71,6 @@ class PortToSwitchInterfaceBindingSm final
   // Withdraws all that the machine and its owner published for the switch interface.
   void doCleanup();
 
-  static constexpr auto kConstructorArguments =
-      std::tuple{Kiv::keyArgument("switchInterface"),
-                 Kiv::fixedArgument("regionName", &PortToSwitchInterfaceBindingSm::regionName),
-                 Kiv::fixedArgument("port", &PortToSwitchInterfaceBindingSm::port),
-                 Kiv::fixedArgument("portToSwitchInterfaceBinding",
-                                    &PortToSwitchInterfaceBindingSm::portToSwitchInterfaceBinding),
-                 Kiv::fixedArgument("requestedResourcesCollection",
-                                    &PortToSwitchInterfaceBindingSm::requestedResourcesCollection),
-                 Kiv::fixedArgument("networkElementCollection",
-                                    &PortToSwitchInterfaceBindingSm::networkElementCollection)};
-
  private:
   // The switch interface that the binding names.
   VirtualNetwork::SwitchInterface boundTo() const;
@@ -104,20 +93,20 @@ class PortToSwitchInterfaceBindingSm final
  public:
   // The attributes, in the order of their declaration, then the handlers of the nested reactors.
   static constexpr auto kAttributes = Kiv::attributes(
-      Kiv::plain(130, "switchInterface", &PortToSwitchInterfaceBindingSm::switchInterface),
-      Kiv::plain(131, "regionName", &PortToSwitchInterfaceBindingSm::regionName),
-      Kiv::plain(132, "port", &PortToSwitchInterfaceBindingSm::port),
-      Kiv::plain(133, "portToSwitchInterfaceBinding",
-                 &PortToSwitchInterfaceBindingSm::portToSwitchInterfaceBinding),
-      Kiv::plain(134, "requestedResourcesCollection",
-                 &PortToSwitchInterfaceBindingSm::requestedResourcesCollection),
-      Kiv::plain(135, "networkElementCollection",
-                 &PortToSwitchInterfaceBindingSm::networkElementCollection),
+      Kiv::keyArgument(130, "switchInterface", &PortToSwitchInterfaceBindingSm::switchInterface),
+      Kiv::fixedArgument(131, "regionName", &PortToSwitchInterfaceBindingSm::regionName),
+      Kiv::fixedArgument(132, "port", &PortToSwitchInterfaceBindingSm::port),
+      Kiv::fixedArgument(133, "portToSwitchInterfaceBinding",
+                         &PortToSwitchInterfaceBindingSm::portToSwitchInterfaceBinding),
+      Kiv::fixedArgument(134, "requestedResourcesCollection",
+                         &PortToSwitchInterfaceBindingSm::requestedResourcesCollection),
+      Kiv::fixedArgument(135, "networkElementCollection",
+                         &PortToSwitchInterfaceBindingSm::networkElementCollection),
       Kiv::handler(136, "handleSegment",
                    "void OpenStack::PortToSwitchInterfaceBindingSm::handleSegment(U8)",
                    &PortToSwitchInterfaceBindingSm::handleSegment),
-      Kiv::collection(138, "segment", "level", segmentMap(),
-                      &PortToSwitchInterfaceBindingSm::segmentIs, segmentDelByLevel()),
+      Kiv::collection(138, "segment", "", segmentMap(), &PortToSwitchInterfaceBindingSm::segmentIs,
+                      segmentDelByLevel()),
       Kiv::handler(140, "doCleanup", "void OpenStack::PortToSwitchInterfaceBindingSm::doCleanup()",
                    &PortToSwitchInterfaceBindingSm::doCleanup),
       Kiv::handler(141, "handleInitialized",

@@ -1,10 +1,12 @@
 #include "OpenStackSm/RegionConfigSm.h"
 
+#include "OpenStackSm/detail/Given.h"
 #include "OpenStackSm/detail/Trace.h"
 #include "model/VirtualNetwork/Values.h"
 
 namespace [[gnu::visibility("default")]] OpenStack {
 
+using detail::given;
 using detail::trace;
 
 namespace {
@@ -103,7 +105,7 @@ void RegionConfigSm::handleSyncStatus() {
     text << " Sync region " << regionName_ << " changed to " << region->syncStatus();
   });
   const SyncStatus requested = region->syncStatus();
-  const SyncStatus current = regionStatus_->syncStatus();
+  const SyncStatus current = given(regionStatus_)->syncStatus();
   if (requested == SyncStatus::syncComplete && current != SyncStatus::syncInProgress) {
     trace(1, here, this, [&](auto& text) {
       text << "Region " << regionName_ << " attempted to transition to syncComplete from "
@@ -111,12 +113,12 @@ void RegionConfigSm::handleSyncStatus() {
     });
     return;
   }
-  regionStatus_->oldSyncStatusIs(current);
-  regionStatus_->syncStatusIs(requested);
+  given(regionStatus_)->oldSyncStatusIs(current);
+  given(regionStatus_)->syncStatusIs(requested);
   if (requested == SyncStatus::syncComplete) {
     if (auto* timer = syncHeartbeatClock()) timer->timeMinIs(Kiv::Clock::kNever);
-    regionStatus_->ownerIs("");
-    regionStatus_->requestIdIs("");
+    given(regionStatus_)->ownerIs("");
+    given(regionStatus_)->requestIdIs("");
   } else if (requested == SyncStatus::syncInProgress) {
     handleHeartbeat();
   }
@@ -143,11 +145,11 @@ void RegionConfigSm::handleSyncHeartbeatTimeout() {
     return;
   }
   trace(3, here, this,
-        [&](auto& text) { text << "Releasing the lock from " << regionStatus_->owner(); });
-  regionStatus_->ownerIs("");
-  regionStatus_->requestIdIs("");
-  regionStatus_->oldSyncStatusIs(regionStatus_->syncStatus());
-  regionStatus_->syncStatusIs(SyncStatus::syncTimedOut);
+        [&](auto& text) { text << "Releasing the lock from " << given(regionStatus_)->owner(); });
+  given(regionStatus_)->ownerIs("");
+  given(regionStatus_)->requestIdIs("");
+  given(regionStatus_)->oldSyncStatusIs(given(regionStatus_)->syncStatus());
+  given(regionStatus_)->syncStatusIs(SyncStatus::syncTimedOut);
 }
 
 void RegionConfigSm::handleLockRequest() {
@@ -167,18 +169,18 @@ void RegionConfigSm::handleLockRequest() {
     trace(3, here, this, "Request id not set. Ignoring the request.");
     if (!requester.empty()) return;
     trace(3, here, this, "Clearing the lock");
-    regionStatus_->requestIdIs("");
-    regionStatus_->ownerIs("");
+    given(regionStatus_)->requestIdIs("");
+    given(regionStatus_)->ownerIs("");
     return;
   }
-  const Kiv::String& owner = regionStatus_->owner();
-  if (!regionStatus_->requestId().empty() || !(owner.empty() || owner == requester)) {
+  const Kiv::String& owner = given(regionStatus_)->owner();
+  if (!given(regionStatus_)->requestId().empty() || !(owner.empty() || owner == requester)) {
     trace(3, here, this, "Did not grant a lock request");
     return;
   }
   trace(3, here, this, [&](auto& text) { text << "Granted lock to " << requester; });
-  regionStatus_->ownerIs(requester);
-  regionStatus_->requestIdIs(requestId);
+  given(regionStatus_)->ownerIs(requester);
+  given(regionStatus_)->requestIdIs(requestId);
 }
 
 void RegionConfigSm::handleSegment(const Kiv::String& id) {
@@ -196,7 +198,7 @@ void RegionConfigSm::handleSegment(const Kiv::String& id) {
           [&](auto& text) { text << "Ignoring " << segment->segmentationType() << " segment"; });
     return;
   }
-  const auto pool = regionStatus_->vlanPool();
+  const auto pool = given(regionStatus_)->vlanPool();
   if (!pool) {
     trace(1, here, this, [&](auto& text) { text << "No VLAN pool in region " << regionName_; });
     return;
@@ -211,7 +213,8 @@ void RegionConfigSm::KivSegment::handleCleanup() {
   const Segment& segment = *notifier();
   trace(9, here, this, [&](auto& text) { text << segment.id(); });
   if (segment.segmentationType() != SegmentationType::vlan) return;
-  const auto pool = machine()->regionStatus()->vlanPool();
+  const auto status = machine()->regionStatus();
+  const auto pool = status ? status->vlanPool() : nullptr;
   if (!pool) {
     trace(1, here, this,
           [&](auto& text) { text << "No VLAN pool in region " << machine()->regionName(); });

@@ -176,9 +176,7 @@ class RegionConfigSm final : public Kiv::Machine<RegionConfigSm> {
   // The reactors of the segments, by segment id. Throws a range exception for a null segment.
   const SegmentMap& segment() const { return segment_; }
   SegmentMap& segment() { return segment_; }
-  Kiv::Ptr<KivSegment> segmentIs(const Kiv::Ptr<const Segment>& v) {
-    return segment_.is(*this, "segment", v);
-  }
+  Kiv::Ptr<KivSegment> segmentIs(const Kiv::Ptr<const Segment>& v) { return segment_.is(*this, v); }
   Kiv::Ptr<const Segment> segmentDel(const Kiv::String& id) { return segment_.del(id); }
   Kiv::Ptr<const Segment> segmentDel(const SegmentMap::iterator& at) {
     return segment_.del(at.key());
@@ -191,7 +189,7 @@ class RegionConfigSm final : public Kiv::Machine<RegionConfigSm> {
   const PortBindingMap& portBinding() const { return portBinding_; }
   PortBindingMap& portBinding() { return portBinding_; }
   Kiv::Ptr<KivPortBinding> portBindingIs(const Kiv::Ptr<const PortBinding>& v) {
-    return portBinding_.is(*this, "portBinding", v);
+    return portBinding_.is(*this, v);
   }
   Kiv::Ptr<const PortBinding> portBindingDel(const Kiv::String& portId) {
     return portBinding_.del(portId);
@@ -219,15 +217,6 @@ class RegionConfigSm final : public Kiv::Machine<RegionConfigSm> {
   // A driver asks for the sync lock, or gives it back.
   void handleLockRequest();
 
-  static constexpr auto kConstructorArguments = std::tuple{
-      Kiv::keyArgument("regionName"),
-      Kiv::fixedArgument("regionConfig", &RegionConfigSm::regionConfig),
-      Kiv::fixedArgument("regionStatus", &RegionConfigSm::regionStatus),
-      Kiv::fixedArgument("requestedResourcesCollection",
-                         &RegionConfigSm::requestedResourcesCollection),
-      Kiv::changingArgument("regionSyncTimeout", &RegionConfigSm::regionSyncTimeoutIs),
-      Kiv::fixedArgument("networkElementCollection", &RegionConfigSm::networkElementCollection)};
-
  private:
   friend class Kiv::Machine<RegionConfigSm>;
 
@@ -235,16 +224,14 @@ class RegionConfigSm final : public Kiv::Machine<RegionConfigSm> {
   auto children() { return std::tie(portBindingSm_); }
 
   void mirrorSegment(const Region& region, const Kiv::String& id) {
-    segment_.resynchroniseOne(*this, "segment", region.segment(), id);
+    segment_.resynchroniseOne(*this, region.segment(), id);
   }
-  void mirrorSegments(const Region& region) {
-    segment_.resynchronise(*this, "segment", region.segment());
-  }
+  void mirrorSegments(const Region& region) { segment_.resynchronise(*this, region.segment()); }
   void mirrorPortBinding(const Region& region, const Kiv::String& portId) {
-    portBinding_.resynchroniseOne(*this, "portBinding", region.portBinding(), portId);
+    portBinding_.resynchroniseOne(*this, region.portBinding(), portId);
   }
   void mirrorPortBindings(const Region& region) {
-    portBinding_.resynchronise(*this, "portBinding", region.portBinding());
+    portBinding_.resynchronise(*this, region.portBinding());
   }
 
   Kiv::Name regionName_;
@@ -261,14 +248,15 @@ class RegionConfigSm final : public Kiv::Machine<RegionConfigSm> {
  public:
   // The attributes, in the order of their declaration, then the handlers of the nested reactors.
   static constexpr auto kAttributes = Kiv::attributes(
-      Kiv::plain(130, "regionName", &RegionConfigSm::regionName),
-      Kiv::plain(131, "regionConfig", &RegionConfigSm::regionConfig),
-      Kiv::plain(132, "regionStatus", &RegionConfigSm::regionStatus),
-      Kiv::plain(133, "requestedResourcesCollection",
-                 &RegionConfigSm::requestedResourcesCollection),
-      Kiv::plain(134, "regionSyncTimeout", &RegionConfigSm::regionSyncTimeout,
-                 &RegionConfigSm::regionSyncTimeoutIs),
-      Kiv::plain(135, "networkElementCollection", &RegionConfigSm::networkElementCollection),
+      Kiv::keyArgument(130, "regionName", &RegionConfigSm::regionName),
+      Kiv::fixedArgument(131, "regionConfig", &RegionConfigSm::regionConfig),
+      Kiv::fixedArgument(132, "regionStatus", &RegionConfigSm::regionStatus),
+      Kiv::fixedArgument(133, "requestedResourcesCollection",
+                         &RegionConfigSm::requestedResourcesCollection),
+      Kiv::changingArgument(134, "regionSyncTimeout", &RegionConfigSm::regionSyncTimeout,
+                            &RegionConfigSm::regionSyncTimeoutIs),
+      Kiv::fixedArgument(135, "networkElementCollection",
+                         &RegionConfigSm::networkElementCollection),
       Kiv::plain(136, "syncHeartbeatClock", &RegionConfigSm::observedClock),
       Kiv::collection(137, "portBindingSm", "portId", &RegionConfigSm::portBindingSm_,
                       &RegionConfigSm::portBindingSmIs, &RegionConfigSm::portBindingSmDel),

@@ -1,22 +1,29 @@
 // Attribute tables: one for each machine or entity class, which says of every attribute its index,
-// its name, its key and how it is reached. The only such list: traces, exception texts, reflection
-// and tools are all fed from it.
+// its name, its key and how it is reached. The only such list: traces, exception texts, the check
+// of an existing child, reflection and tools are all fed from it.
 //
 //   static constexpr auto kAttributes = Kiv::attributes(
-//       Kiv::plain(130, "regionName", &RegionConfigSm::regionName),
-//       Kiv::plain(134, "regionSyncTimeout", &RegionConfigSm::regionSyncTimeout,
-//                  &RegionConfigSm::regionSyncTimeoutIs),
+//       Kiv::keyArgument(130, "regionName", &RegionConfigSm::regionName),
+//       Kiv::fixedArgument(131, "regionConfig", &RegionConfigSm::regionConfig),
+//       Kiv::changingArgument(134, "regionSyncTimeout", &RegionConfigSm::regionSyncTimeout,
+//                             &RegionConfigSm::regionSyncTimeoutIs),
 //       Kiv::collection(138, "segment", "id", &RegionConfigSm::segment_,
 //                       &RegionConfigSm::segmentIs,
 //                       Kiv::byKey<String>(&RegionConfigSm::segmentDel)),
 //       Kiv::handler(147, "handleHeartbeat", "void ...::handleHeartbeat()",
-//                    &RegionConfigSm::handleHeartbeat));
+//                    &RegionConfigSm::handleHeartbeat),
+//       Kiv::plain(151, "initialized", &RegionConfigSm::initialized,
+//                  &RegionConfigSm::initializedIs));
+//
+// The arguments of the constructor stand in its order. The key of a collection is named as its
+// members name it, and has no name where they don't know it.
 //
 // An entity's table leaves out the indices; they are given in order.
 #pragma once
 
-#include <array>
+#include <concepts>
 #include <tuple>
+#include <vector>
 
 #include "framework/GenericIf.h"
 #include "framework/HashMap2018.h"
@@ -52,6 +59,29 @@ GenericValue call(const KivAttr& attribute, std::type_identity_t<M>& object,
   });
 }
 
+// What a member function returns, as a value.
+template <class>
+struct ReturnedBy;
+template <class R, class C, class... Parameters>
+struct ReturnedBy<R (C::*)(Parameters...) const> {
+  using Type = std::remove_cvref_t<R>;
+};
+template <class Function>
+using Returned = typename ReturnedBy<Function>::Type;
+
+// The name of the type of the key that a handler takes; empty for one that takes none.
+template <class C>
+std::string_view keyTypeOf(void (C::*)()) {
+  return {};
+}
+template <class C, class Key>
+std::string_view keyTypeOf(void (C::*)(Key)) {
+  return ValueTraits<std::remove_cvref_t<Key>>::kTypeName;
+}
+inline std::string_view keyTypeOf(std::nullptr_t) {
+  return {};
+}
+
 }  // namespace detail
 
 }  // namespace Kiv
@@ -59,12 +89,23 @@ GenericValue call(const KivAttr& attribute, std::type_identity_t<M>& object,
 // Templates that the library does not export: whoever has a table has them for himself.
 namespace Kiv {
 
+// What an attribute is to the constructor of its machine, and so to an owner that is asked for the
+// machine again, with other arguments: no argument; the key, which is not compared; one that must
+// be the same; one that is written into the existing machine.
+enum class ArgumentRole : U8 { none, key, fixed, changing };
+
 // A plain attribute. Get reads it from a const object; Set, where there is one, writes it.
-template <class Get, class Set = std::nullptr_t>
+template <class Get, class Set = std::nullptr_t, ArgumentRole Role = ArgumentRole::none>
 struct PlainAttribute {
   KivAttr attr;       // what it is
   Get get;            // the member function that reads it
   Set set = nullptr;  // the one that writes it, if any
+
+  // Adds what the code says of the attribute.
+  void describe(KivAttr& described) const {
+    described.type = ValueTraits<detail::Returned<Get>>::kTypeName;
+    described.writable = !std::is_null_pointer_v<Set>;
+  }
 
   // Runs one operation on an object of the class; throws where it has none such.
   template <class T>
@@ -72,8 +113,7 @@ struct PlainAttribute {
                        const GenericArguments& arguments) const {
     if (operation == GenericOp::kRead) {
       detail::requireArguments(attr, arguments.size(), 0);
-      return GenericValue::of(std::remove_cvref_t<decltype((std::as_const(object).*get)())>(
-          (std::as_const(object).*get)()));
+      return GenericValue::of(detail::Returned<Get>((std::as_const(object).*get)()));
     }
     if constexpr (!std::is_null_pointer_v<Set>) {
       if (operation == GenericOp::kWrite && !isConst) {
@@ -94,6 +134,9 @@ template <class Call>
 struct HandlerAttribute {
   KivAttr attr;   // what it is
   Call function;  // the member function
+
+  // Adds what the code says of the attribute.
+  void describe(KivAttr& described) const { described.keyType = detail::keyTypeOf(function); }
 
   // Runs one operation on an object of the class; throws where it has none such.
   template <class T>
@@ -123,8 +166,13 @@ struct CollectionAttribute {
   Delete del = nullptr;     // the one that deletes it, if any
 
   using Key = typename Map::Key;
-  // Whether its members are objects, and not values.
-  static constexpr bool kHoldsObjects = requires(const Map& m, const Key& k) { m[k]->fwkType(); };
+
+  // Adds what the code says of the attribute.
+  void describe(KivAttr& described) const {
+    described.type = memberType();
+    described.keyType = ValueTraits<Key>::kTypeName;
+    described.writable = !std::is_null_pointer_v<Create> && !std::is_null_pointer_v<Delete>;
+  }
 
   // Runs one operation on an object of the class; throws where it has none such.
   template <class T>
@@ -139,8 +187,10 @@ struct CollectionAttribute {
       case GenericOp::kLookup:
         return lookup(owner, key(), isConst);
       case GenericOp::kSize:
+        detail::requireArguments(attr, arguments.size(), 0);
         return GenericValue::of(U64{(owner.*map).size()});
       case GenericOp::kBuckets:
+        detail::requireArguments(attr, arguments.size(), 0);
         return GenericValue::of(U64{(owner.*map).buckets()});
       case GenericOp::kContains:
         return GenericValue::of((owner.*map).contains(key()));
@@ -167,8 +217,20 @@ struct CollectionAttribute {
   }
 
  private:
+  using At = decltype((std::declval<C&>().*std::declval<Map C::*>()).begin());
+  // Whether its members are objects that it holds, and not values or references by key.
+  static constexpr bool kHoldsMembers = requires(const At& at) { at.key(); };
+
+  static std::string_view memberType() {
+    if constexpr (kHoldsMembers) {
+      return Map::Value::kTypeName;
+    } else {
+      return ValueTraits<std::remove_cvref_t<decltype(std::declval<At>()->value)>>::kTypeName;
+    }
+  }
+
   GenericValue lookup(C& owner, const Key& key, bool isConst) const {
-    if constexpr (std::is_pointer_v<decltype((owner.*map)[key])>) {
+    if constexpr (kHoldsMembers) {
       auto* member = (owner.*map)[key];
       using Value = std::remove_reference_t<decltype(*member)>;
       if (isConst) return GenericValue::of(Ptr<const Value>(member));
@@ -182,7 +244,7 @@ struct CollectionAttribute {
   class Iterator final : public GenericIterator {
    public:
     Iterator(const CollectionAttribute& attribute, T& object, bool isConst, const GenericValue* key)
-        : attribute_(attribute), object_(object), isConst_(isConst) {
+        : attribute_(attribute), object_(&object), isConst_(isConst) {
       C& owner = object;
       at_ = key == nullptr ? (owner.*attribute.map).begin()
                            : (owner.*attribute.map).iteratorAt(key->as<Key>());
@@ -190,14 +252,14 @@ struct CollectionAttribute {
 
     bool iterNonnull() const override { return !(at_ == std::default_sentinel); }
     GenericValue iterKey() const override {
-      if constexpr (requires { at_.key(); }) {
+      if constexpr (kHoldsMembers) {
         return GenericValue::of(at_.key());
       } else {
         return GenericValue::of(at_->key);
       }
     }
     GenericValue iterObj() const override {
-      if constexpr (requires { at_.key(); }) {
+      if constexpr (kHoldsMembers) {
         using Value = typename Map::Value;
         if (isConst_) return GenericValue::of(Ptr<const Value>(*at_));
         return GenericValue::of(Ptr<Value>(*at_));
@@ -212,15 +274,13 @@ struct CollectionAttribute {
       } else {
         if (isConst_) detail::throwUnsupported(attribute_.attr, GenericOp::kDelete);
         const GenericArguments arguments{iterKey()};
-        attribute_.operate(object_, false, GenericOp::kDelete, arguments);
+        attribute_.operate(*object_, false, GenericOp::kDelete, arguments);
       }
     }
 
    private:
-    using At = decltype((std::declval<C&>().*std::declval<Map C::*>()).begin());
-
     CollectionAttribute attribute_;
-    T& object_;
+    Ptr<T> object_;
     bool isConst_;
     At at_;
   };
@@ -230,17 +290,36 @@ struct CollectionAttribute {
 template <class Get, class Set = std::nullptr_t>
 constexpr PlainAttribute<Get, Set> plain(U16 index, std::string_view name, Get get,
                                          Set set = nullptr) {
-  return {{index, KivAttrKind::plain, name, "", ""}, get, set};
+  return {{index, KivAttrKind::plain, name, "", "", ""}, get, set};
 }
 template <class Get>
 constexpr PlainAttribute<Get> plain(std::string_view name, Get get) {
   return plain(U16{0}, name, get);
 }
+// Make the entry of a plain attribute that is an argument of the constructor too, there under the
+// same name or another: the key, one that an existing machine must have been made with, and one
+// that is written into it.
+template <class Get>
+constexpr PlainAttribute<Get, std::nullptr_t, ArgumentRole::key> keyArgument(
+    U16 index, std::string_view name, Get get, std::string_view argument = {}) {
+  return {{index, KivAttrKind::plain, name, "", "", argument.empty() ? name : argument}, get};
+}
+template <class Get>
+constexpr PlainAttribute<Get, std::nullptr_t, ArgumentRole::fixed> fixedArgument(
+    U16 index, std::string_view name, Get get) {
+  return {{index, KivAttrKind::plain, name, "", "", name}, get};
+}
+template <class Get, class Set>
+constexpr PlainAttribute<Get, Set, ArgumentRole::changing> changingArgument(U16 index,
+                                                                            std::string_view name,
+                                                                            Get get, Set set) {
+  return {{index, KivAttrKind::plain, name, "", "", name}, get, set};
+}
 // Makes the entry of a handler.
 template <class Call>
 constexpr HandlerAttribute<Call> handler(U16 index, std::string_view name,
                                          std::string_view signature, Call function) {
-  return {{index, KivAttrKind::handler, name, "", signature}, function};
+  return {{index, KivAttrKind::handler, name, "", signature, ""}, function};
 }
 // Makes the entry of a collection. Without an index, the table gives it.
 template <class C, class Map, class Create = std::nullptr_t, class Delete = std::nullptr_t>
@@ -248,7 +327,7 @@ constexpr CollectionAttribute<C, Map, Create, Delete> collection(U16 index, std:
                                                                  std::string_view key, Map C::*map,
                                                                  Create create = nullptr,
                                                                  Delete del = nullptr) {
-  return {{index, KivAttrKind::collection, name, key, ""}, map, create, del};
+  return {{index, KivAttrKind::collection, name, key, "", ""}, map, create, del};
 }
 template <class C, class Map>
 constexpr CollectionAttribute<C, Map> collection(std::string_view name, std::string_view key,
@@ -258,7 +337,7 @@ constexpr CollectionAttribute<C, Map> collection(std::string_view name, std::str
 // The handler of a nested reactor: known to traces, not reached from the machine.
 constexpr HandlerAttribute<std::nullptr_t> reactorHandler(std::string_view name,
                                                           std::string_view signature) {
-  return {{0, KivAttrKind::handler, name, "", signature}, nullptr};
+  return {{0, KivAttrKind::handler, name, "", signature, ""}, nullptr};
 }
 // Of an accessor's overloads, the one for a const object.
 template <class R, class C>
@@ -292,6 +371,39 @@ struct AttributeTable {
     if (source.signature.empty()) throw "no such handler";
     return source;
   }
+
+  // The entries that are arguments of the constructor, in its order.
+  constexpr auto arguments() const {
+    return std::apply([](const auto&... each) { return std::tuple_cat(argument(each)...); },
+                      entries);
+  }
+
+  // The name of the collection that stands at `map` in `object`; empty when there is none such.
+  template <class T, class Map>
+  std::string_view nameOf(const T& object, const Map& map) const {
+    std::string_view name;
+    const auto look = [&](const auto& each) {
+      if constexpr (requires { requires std::same_as<decltype(object.*each.map), const Map&>; }) {
+        if (&(object.*each.map) == &map) name = each.attr.name;
+      }
+    };
+    std::apply([&](const auto&... each) { (look(each), ...); }, entries);
+    return name;
+  }
+
+ private:
+  template <class Get, class Set, ArgumentRole Role>
+  static constexpr auto argument(const PlainAttribute<Get, Set, Role>& attribute) {
+    if constexpr (Role == ArgumentRole::none) {
+      return std::tuple<>();
+    } else {
+      return std::tuple(attribute);
+    }
+  }
+  template <class Attribute>
+  static constexpr std::tuple<> argument(const Attribute&) {
+    return {};
+  }
 };
 
 // Makes a table.
@@ -306,7 +418,7 @@ constexpr AttributeTable<A..., B...> attributes(const AttributeTable<A...>& base
 }
 
 // The reflection of class T, from its table. Maker, where tools can make a T, is the function that
-// does, and the names of its arguments stand in T::kConstructorArguments.
+// does; it takes what the table calls arguments of the constructor.
 template <class T, class Table, class Maker = std::nullptr_t>
 class GenericIfOf final : public GenericIf {
  public:
@@ -317,6 +429,7 @@ class GenericIfOf final : public GenericIf {
       if (each.attr.kind == KivAttrKind::handler && each.attr.index == 0) return;
       if (each.attr.index == 0) each.attr.index = next;
       next = static_cast<U16>(each.attr.index + 1);
+      each.describe(each.attr);
       attributes_.push_back(each.attr);
     };
     std::apply([&](auto&... each) { (number(each), ...); }, table_.entries);
@@ -335,6 +448,8 @@ class GenericIfOf final : public GenericIf {
     });
   }
 
+  using GenericIf::genericIfIterator;
+  using GenericIf::genericIfIteratorKey;
   std::unique_ptr<GenericIterator> genericIfIterator(PtrInterface& object, bool isConst,
                                                      U16 attribute) const override {
     return iterator(object, isConst, attribute, nullptr);
@@ -383,18 +498,17 @@ class GenericIfOf final : public GenericIf {
 
   template <class R, class... Parameters>
   void collectArguments(R (*)(Parameters...)) {
-    const std::array<std::string_view, sizeof...(Parameters)> types{
-        ValueTraits<std::remove_cvref_t<Parameters>>::kTypeName...};
-    std::apply(
-        [&](const auto&... each) {
-          std::size_t i = 0;
-          (arguments_.push_back({each.name, types[i++]}), ...);
-        },
-        T::kConstructorArguments);
+    const auto collect = [&](const auto&... each) {
+      static_assert(sizeof...(each) == sizeof...(Parameters), "the table has not all arguments");
+      (arguments_.push_back(
+           {each.attr.argument, ValueTraits<std::remove_cvref_t<Parameters>>::kTypeName}),
+       ...);
+    };
+    std::apply(collect, table_.arguments());
   }
   template <class R, class... Parameters>
   GenericValue make(R (*maker)(Parameters...), const GenericArguments& arguments) const {
-    const KivAttr constructor{0, KivAttrKind::handler, T::kTypeName, "", ""};
+    const KivAttr constructor{0, KivAttrKind::handler, T::kTypeName, "", "", ""};
     return detail::unwrapped<Parameters...>(constructor, arguments, [&](const auto&... values) {
       return GenericValue::of(maker(values...));
     });

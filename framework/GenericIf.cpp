@@ -39,7 +39,26 @@ GenericValue GenericIf::read(const PtrInterface& object, std::string_view name) 
 
 std::unique_ptr<GenericIterator> GenericIf::iterate(const PtrInterface& object,
                                                     std::string_view name) const {
-  return genericIfIterator(const_cast<PtrInterface&>(object), true, named(*this, name).index);
+  return genericIfIterator(object, named(*this, name).index);
+}
+
+std::unique_ptr<GenericIterator> GenericIf::genericIfIterator(PtrInterface& object,
+                                                              U16 attribute) const {
+  return genericIfIterator(object, false, attribute);
+}
+std::unique_ptr<GenericIterator> GenericIf::genericIfIterator(const PtrInterface& object,
+                                                              U16 attribute) const {
+  return genericIfIterator(const_cast<PtrInterface&>(object), true, attribute);
+}
+std::unique_ptr<GenericIterator> GenericIf::genericIfIteratorKey(PtrInterface& object,
+                                                                 U16 attribute,
+                                                                 const GenericValue& key) const {
+  return genericIfIteratorKey(object, false, attribute, key);
+}
+std::unique_ptr<GenericIterator> GenericIf::genericIfIteratorKey(const PtrInterface& object,
+                                                                 U16 attribute,
+                                                                 const GenericValue& key) const {
+  return genericIfIteratorKey(const_cast<PtrInterface&>(object), true, attribute, key);
 }
 
 namespace detail {

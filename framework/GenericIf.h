@@ -2,10 +2,10 @@
 // entity, walk its collections, make a machine from constructor arguments and call its handlers by
 // name, without knowing its class.
 //
-//   const GenericIf& description = object->genericIf();
-//   for (const KivAttr& attribute : description.attributes()) {
+//   const GenericIf* description = object->genericIf();
+//   for (const KivAttr& attribute : description->attributes()) {
 //     if (attribute.kind != KivAttrKind::plain) continue;
-//     GenericValue value = description.read(*object, attribute.name);
+//     std::cout << attribute.name << ": " << description->read(*object, attribute.name).text();
 //   }
 //
 // Operations, by their numbers:
@@ -57,7 +57,7 @@ struct GenericCtorArg {
 };
 
 // A position in a collection attribute. Tolerates, like the iterators of the collections, that the
-// current member or others are deleted. REQUIRES: the object outlives it.
+// current member or others are deleted. Holds the object.
 class GenericIterator {
  public:
   virtual ~GenericIterator() = default;
@@ -97,13 +97,21 @@ class GenericIf {
                                     bool& notHandled) const = 0;
 
   // An iterator over a collection attribute, from its start. Throws UnsupportedOperationException
-  // for what is no collection.
+  // for what is no collection, and a range exception for an index that the class does not have.
   virtual std::unique_ptr<GenericIterator> genericIfIterator(PtrInterface& object, bool isConst,
                                                              U16 attribute) const = 0;
   // The same, from a key; at the end when the key is absent.
   virtual std::unique_ptr<GenericIterator> genericIfIteratorKey(PtrInterface& object, bool isConst,
                                                                 U16 attribute,
                                                                 const GenericValue& key) const = 0;
+  // The same; a const object is not changed through the iterator.
+  std::unique_ptr<GenericIterator> genericIfIterator(PtrInterface& object, U16 attribute) const;
+  std::unique_ptr<GenericIterator> genericIfIterator(const PtrInterface& object,
+                                                     U16 attribute) const;
+  std::unique_ptr<GenericIterator> genericIfIteratorKey(PtrInterface& object, U16 attribute,
+                                                        const GenericValue& key) const;
+  std::unique_ptr<GenericIterator> genericIfIteratorKey(const PtrInterface& object, U16 attribute,
+                                                        const GenericValue& key) const;
 
   // The arguments of the constructor; none for a class that tools cannot make.
   virtual std::span<const GenericCtorArg> constructorArguments() const = 0;

@@ -65,9 +65,14 @@ class GenericValue {
   std::string text() const { return form_ == ValueForm::object ? objectText() : text_; }
   // The wrapped object; null when it is none.
   const Ptr<const PtrInterface>& object() const { return object_; }
+  // The same, to be changed; null also when it was wrapped as a constant object.
+  Ptr<PtrInterface> changeable() const {
+    return constant_ ? nullptr : Ptr<PtrInterface>(const_cast<PtrInterface*>(object_.get()));
+  }
 
   // The value as a T. Text stands for any type that can be parsed from it. Throws a range exception
-  // when it is of another type; a pointer to a constant object is no pointer to a changeable one.
+  // when it is of another type, also when it is null; a pointer to a constant object is no pointer
+  // to a changeable one.
   template <class T>
   T as() const {
     if constexpr (ValueTraits<T>::kForm == ValueForm::object) {
@@ -85,8 +90,8 @@ class GenericValue {
   template <class Object>
   Ptr<Object> objectAs() const {
     using Plain = std::remove_const_t<Object>;
-    if (form_ == ValueForm::object && !object_) return nullptr;
-    if (!object_ || !(object_->fwkType() == typeRecord<Plain>)) throwOther(Plain::kTypeName);
+    if (form_ != ValueForm::object || typeName_ != Plain::kTypeName) throwOther(Plain::kTypeName);
+    if (!object_) return nullptr;
     if (constant_ && !std::is_const_v<Object>) throwOther(Plain::kTypeName);
     return Ptr<Object>(static_cast<Object*>(const_cast<PtrInterface*>(object_.get())));
   }

@@ -1,7 +1,8 @@
 // Machines: what every state machine shares.
 //
 // A machine M derives from Kiv::Machine<M> and gives
-//   - kTypeName, and kConstructorArguments: the list of its constructor's arguments (below);
+//   - kTypeName, and kAttributes: the table of its attributes, of which the first are its
+//     constructor's arguments (framework/Attributes.h);
 //   - reactors(), its ReactorSlots and ReactorMaps as a std::tie, and children(), its ChildMaps;
 //   - kTeardownRunsCleanup: whether its end runs the cleanup of its own reactors;
 //   - a constructor that ends with handleInitialized(), and a destructor that calls teardown().
@@ -13,6 +14,7 @@
 #include <sstream>
 #include <tuple>
 
+#include "framework/Attributes.h"
 #include "framework/ReactorMap.h"
 #include "framework/Text.h"
 #include "framework/Trace.h"
@@ -100,78 +102,36 @@ template <class M, class... Arguments>
   return validPtr(std::move(machine));
 }
 
-// The arguments of a machine's constructor, as an owner's collection sees them:
-//   static constexpr auto kConstructorArguments = std::tuple{
-//       Kiv::keyArgument("regionName"),
-//       Kiv::fixedArgument("regionConfig", &RegionConfigSm::regionConfig),
-//       Kiv::changingArgument("regionSyncTimeout", &RegionConfigSm::regionSyncTimeoutIs)};
+namespace detail {
 
-// The key under which the owner holds the machine; never compared.
-struct KeyArgument_ {
-  std::string_view name;  // of the argument
-  // Nothing to hold against.
-  template <class M, class T>
-  void reconcile(M&, const T&) const {}
-};
-
-// An argument that an existing machine must have been made with.
-template <class Get>
-struct FixedArgument_ {
-  std::string_view name;  // of the argument
-  Get get;                // the machine's getter of it
-
-  // Throws a name-in-use exception when `given` is not what the machine has.
-  template <class M, class T>
-  void reconcile(M& machine, const T& given) const {
-    const auto& current = (machine.*get)();
-    if (!(given == current)) throwNameInUseException(text(given, current));
-  }
-
- private:
-  template <class A, class B>
-  std::string text(const A& given, const B& current) const {
-    return std::string(
-               "Reinstantiating the pointer interface where constructor parameter attribute _")
-        .append(name)
-        .append(" has a different value of ")
-        .append(valueText(given))
-        .append(" than the current value of ")
-        .append(valueText(current))
-        .append(" not allowed");
-  }
-  template <class T>
-  static std::string valueText(const Ptr<T>& pointer) {
-    return valueToStrepOfRawPtr(pointer.get(), typeRecord<std::remove_const_t<T>>);
-  }
-  static std::string valueText(const Text& text) { return text.str(); }
-};
-
-// An argument that is written into an existing machine.
-template <class Set>
-struct ChangingArgument_ {
-  std::string_view name;  // of the argument
-  Set set;                // the machine's mutator of it
-  // Writes `given` into the machine.
-  template <class M, class T>
-  void reconcile(M& machine, const T& given) const {
-    (machine.*set)(given);
-  }
-};
-
-// Describe one argument: its name, and how to reach it.
-constexpr KeyArgument_ keyArgument(std::string_view name) {
-  return {name};
+inline std::string argumentText(const Text& text) {
+  return text.str();
 }
-// As above.
-template <class Get>
-constexpr FixedArgument_<Get> fixedArgument(std::string_view name, Get get) {
-  return {name, get};
+template <class T>
+std::string argumentText(const Ptr<T>& pointer) {
+  return valueToStrepOfRawPtr(pointer.get(), typeRecord<std::remove_const_t<T>>);
 }
-// As above.
-template <class Set>
-constexpr ChangingArgument_<Set> changingArgument(std::string_view name, Set set) {
-  return {name, set};
+
+// Holds one argument against the one that an existing machine was made with.
+template <class Get, class Set, ArgumentRole Role, class M, class T>
+void reconcile(const PlainAttribute<Get, Set, Role>& argument, M& machine, const T& given) {
+  if constexpr (Role == ArgumentRole::changing) {
+    (machine.*argument.set)(given);
+  } else if constexpr (Role == ArgumentRole::fixed) {
+    const auto& current = (machine.*argument.get)();
+    if (given == current) return;
+    throwNameInUseException(
+        std::string("Reinstantiating the pointer interface where constructor parameter attribute _")
+            .append(argument.attr.argument)
+            .append(" has a different value of ")
+            .append(argumentText(given))
+            .append(" than the current value of ")
+            .append(argumentText(current))
+            .append(" not allowed"));
+  }
 }
+
+}  // namespace detail
 
 // A machine's collection of child machines.
 template <class C, class K>
@@ -185,8 +145,8 @@ class ChildMap : public HashMap<C, K> {
   template <class... Arguments>
   Ptr<C> is(const K& key, const Arguments&... arguments) {
     if (const Ptr<C> existing = Ptr<C>((*this)[key])) {
-      std::apply([&](const auto&... each) { (each.reconcile(*existing, arguments), ...); },
-                 C::kConstructorArguments);
+      std::apply([&](const auto&... each) { (detail::reconcile(each, *existing, arguments), ...); },
+                 C::kAttributes.arguments());
       return existing;
     }
     Ptr<C> child = makeMachine<C>(arguments...);

@@ -14,6 +14,7 @@
 // which forwards to the machine's kiv_handle... hook. Activity thread only.
 #pragma once
 
+#include "framework/Attributes.h"
 #include "framework/Notifiee.h"
 
 namespace [[gnu::visibility("default")]] Kiv {
@@ -33,6 +34,11 @@ class Reactor : public E::NotifieeConst {
   }
 
   const Type& fwkType() const final { return typeRecord<Self>; }
+  // To tools a reactor shows the entity that it observes.
+  const GenericIf* genericIf() const override {
+    static const auto description = describe<Self>(attributes(plain("notifier", &Reactor::entity)));
+    return &description;
+  }
 
   // The observed entity; null when disconnected.
   Ptr<const E> entity() const { return Ptr<const E>(this->notifier()); }

@@ -1,7 +1,7 @@
 // Kiv::ReactorMap: a machine's collection of reactors that mirrors a collection of its input.
 //
-// The machine forwards to it by name (`segmentIs`, `segmentDel`, `segmentDelAll`) and passes
-// itself. Activity thread only.
+// The machine forwards to it by name (`segmentIs`, `segmentDel`, `segmentDelAll`), passes itself,
+// and has it in its table of attributes. Activity thread only.
 #pragma once
 
 #include <string>
@@ -40,13 +40,11 @@ class ReactorMap : public HashMap<R, K, typename R::Entity> {
   // Reactors may outlive the machine in the activity loop; they must not find it any more.
   ~ReactorMap() { machineDel(); }
 
-  // Makes the reactor for this entity, or re-points the one with its key; returns it. `name` is the
-  // collection's. Does nothing when the reactor observes the entity already. Throws the range
-  // exception of nullArgumentText() for a null entity.
+  // Makes the reactor for this entity, or re-points the one with its key; returns it. Does nothing
+  // when the reactor observes the entity already. Throws as requireEntity() does.
   template <class Hook = NoHook>
-  Ptr<R> is(Machine& machine, std::string_view name, const Ptr<const Entity>& entity,
-            Hook hook = {}) {
-    if (!entity) throwRangeException(nullArgumentText(name, machine.fwkType().name()));
+  Ptr<R> is(Machine& machine, const Ptr<const Entity>& entity, Hook hook = {}) {
+    requireEntity(machine, entity);
     Ptr<R> reactor((*this)[entity->fwkKey()]);
     if (!reactor) {
       reactor = make<R>(entity, &machine);
@@ -61,6 +59,12 @@ class ReactorMap : public HashMap<R, K, typename R::Entity> {
     reactor->kivDoZombieReactors(machine.markedForDeletion());
     hook(reactor->fwkKey());
     return reactor;
+  }
+
+  // Throws the range exception of nullArgumentText() for a null entity. The collection's name is
+  // the one that it has in the machine's table.
+  void requireEntity(const Machine& machine, const Ptr<const Entity>& entity) const {
+    if (!entity) throwNull(machine);
   }
 
   // Puts in a reactor that was made by the caller, under a key that is free.
@@ -97,12 +101,12 @@ class ReactorMap : public HashMap<R, K, typename R::Entity> {
   // every reactor whose member is not. Called from the notification of a single change, when the
   // two were in line before it, it looks at that member only.
   template <class Input, class Hook = NoHook>
-  void resynchronise(Machine& machine, std::string_view name, const Input& input, Hook hook = {}) {
+  void resynchronise(Machine& machine, const Input& input, Hook hook = {}) {
     const ChangeUnderWay* change = ChangeUnderWay::innermost();
     if (change != nullptr && change->collection == &input && inLineAt_ == change->before) {
-      resynchroniseOne(machine, name, input, *static_cast<const K*>(change->key), hook);
+      resynchroniseOne(machine, input, *static_cast<const K*>(change->key), hook);
     } else {
-      for (const auto& member : input) is(machine, name, member, hook);
+      for (const auto& member : input) is(machine, member, hook);
       for (const auto& reactor : std::as_const(*this)) {
         const K key = reactor->fwkKey();
         if (!input.contains(key)) del(key, hook);
@@ -112,10 +116,9 @@ class ReactorMap : public HashMap<R, K, typename R::Entity> {
   }
   // The same for one member.
   template <class Input, class Hook = NoHook>
-  void resynchroniseOne(Machine& machine, std::string_view name, const Input& input, const K& key,
-                        Hook hook = {}) {
+  void resynchroniseOne(Machine& machine, const Input& input, const K& key, Hook hook = {}) {
     if (const auto* member = input[key]) {
-      is(machine, name, Ptr<const Entity>(member), hook);
+      is(machine, Ptr<const Entity>(member), hook);
     } else {
       del(key, hook);
     }
@@ -141,6 +144,14 @@ class ReactorMap : public HashMap<R, K, typename R::Entity> {
   using Map::deleteMember;
   using Map::emptyAllBuckets;
   using Map::newMember;
+
+  [[noreturn]] void throwNull(const Machine& machine) const {
+    std::string_view name;
+    if constexpr (requires { Machine::kAttributes; }) {
+      name = Machine::kAttributes.nameOf(machine, *this);
+    }
+    throwRangeException(nullArgumentText(name, machine.fwkType().name()));
+  }
 
   static constexpr U32 kOutOfLine = ~U32{0};
 

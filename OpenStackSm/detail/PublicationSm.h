@@ -65,6 +65,13 @@ class PublicationSm : public Kiv::Machine<M> {
     Kiv::U8 level() const { return level_; }
     const Kiv::U8& fwkKey() const { return level_; }
 
+    // To tools it shows its level too.
+    const Kiv::GenericIf* genericIf() const override {
+      static const auto description = Kiv::describe<KivSegment>(Kiv::attributes(
+          Kiv::plain("level", &KivSegment::level), Kiv::plain("notifier", &KivSegment::entity)));
+      return &description;
+    }
+
     void doCleanup() { this->machine()->withdrawSegment(*this); }
 
    private:
@@ -87,7 +94,7 @@ class PublicationSm : public Kiv::Machine<M> {
   const SegmentMap& segment() const { return segment_; }
   SegmentMap& segment() { return segment_; }
   Kiv::Ptr<KivSegment> segmentIs(Kiv::U8 level, const Kiv::Ptr<const Segment>& v) {
-    if (!v) Kiv::throwRangeException(Kiv::nullArgumentText("segment", M::kTypeName));
+    segment_.requireEntity(self(), v);
     if (KivSegment* existing = segment_[level]; existing != nullptr) {
       if (existing->notifier() == v.get()) return existing;
       segmentDel(level);

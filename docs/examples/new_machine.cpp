@@ -126,6 +126,9 @@ class AlarmSm final : public Kiv::Machine<AlarmSm> {
   }
   ~AlarmSm() override { teardown(); }
 
+  // How tools look into the machine.
+  const Kiv::GenericIf* genericIf() const override;
+
   // Constructor arguments
   Kiv::Ptr<const House> house() const { return house_.entity(); }
   void houseIs(const Kiv::Ptr<const House>& v) { house_.is(*this, v); }
@@ -142,18 +145,7 @@ class AlarmSm final : public Kiv::Machine<AlarmSm> {
     initializedIs(true);
   }
   // A door came, moved or went.
-  void handleDoor(const Kiv::Name& name) {
-    static constexpr Kiv::TraceSource here{"AlarmSm", "handleDoor",
-                                           "void Example::AlarmSm::handleDoor(Kiv::Name)"};
-    Kiv::traceLine(9, here, this, __LINE__, [&](std::ostream& text) { text << name; });
-    const auto inputs = house();
-    const Kiv::Ptr<const Door> door(inputs ? inputs->door()[name] : nullptr);
-    if (door && door->open()) {
-      alarm_->openDoorIs(name, true);
-    } else {
-      alarm_->openDoorDel(name);
-    }
-  }
+  void handleDoor(const Kiv::Name& name);
 
  private:
   friend class Kiv::Machine<AlarmSm>;
@@ -161,12 +153,40 @@ class AlarmSm final : public Kiv::Machine<AlarmSm> {
   auto reactors() { return std::tie(house_, door_); }
   auto children() { return std::tuple<>(); }
 
-  void mirrorDoors(const House& house) { door_.resynchronise(*this, "door", house.door()); }
+  void mirrorDoors(const House& house) { door_.resynchronise(*this, house.door()); }
 
   Kiv::ReactorSlot<KivHouse> house_;
   Kiv::Ptr<Alarm> alarm_;
   Kiv::ReactorMap<KivDoor, Kiv::Name> door_;
+
+ public:
+  // The attributes: what tools, traces and exception texts know of the machine. It stands last,
+  // where all that it names has been declared.
+  static constexpr auto kAttributes = Kiv::attributes(
+      Kiv::fixedArgument(130, "house", &AlarmSm::house),
+      Kiv::fixedArgument(131, "alarm", &AlarmSm::alarm),
+      Kiv::collection(132, "door", "name", &AlarmSm::door_),
+      Kiv::handler(133, "handleDoor", "void Example::AlarmSm::handleDoor(Kiv::Name)",
+                   &AlarmSm::handleDoor),
+      Kiv::plain(134, "initialized", &AlarmSm::initialized, &AlarmSm::initializedIs));
 };
+
+const Kiv::GenericIf* AlarmSm::genericIf() const {
+  static const auto description = Kiv::describe<AlarmSm>(kAttributes);
+  return &description;
+}
+
+void AlarmSm::handleDoor(const Kiv::Name& name) {
+  static constexpr auto here = kAttributes.handler("AlarmSm", "handleDoor");
+  Kiv::traceLine(9, here, this, __LINE__, [&](std::ostream& text) { text << name; });
+  const auto inputs = house();
+  const Kiv::Ptr<const Door> door(inputs ? inputs->door()[name] : nullptr);
+  if (door && door->open()) {
+    alarm_->openDoorIs(name, true);
+  } else {
+    alarm_->openDoorDel(name);
+  }
+}
 
 // Reads the alarm aloud.
 class Siren final : public Alarm::NotifieeConst {
@@ -203,6 +223,15 @@ int main() {
   back->openIs(false);
   back->openIs(true);
   loop.run();
+
+  std::cout << "what a tool sees:\n";
+  const Kiv::GenericIf& description = *machine->genericIf();
+  for (const Kiv::KivAttr& attribute : description.attributes()) {
+    std::cout << "  " << attribute.index << ' ' << attribute.name << '\n';
+  }
+  for (auto at = description.iterate(*machine, "door"); at->iterNonnull(); at->iterInc()) {
+    std::cout << "  it mirrors " << at->iterKey().text() << '\n';
+  }
 
   std::cout << "an open door goes:\n";
   house->doorDel("front");

@@ -236,4 +236,109 @@ TEST_F(ArgumentsTest, APublicationMachineWithoutABindingPublishesNothing) {
   EXPECT_EQ(linesOf(*otherResources, *otherElements), Lines{});
 }
 
+// Outputs and ports may be null while nothing is to be written.
+
+TEST_F(ArgumentsTest, ARootMachineWithoutAStatusWorksUntilThereIsARegion) {
+  const auto clouds = Kiv::make<OpenStack::OpenStackConfig>();
+  const auto root = OpenStack::openStackSmFactory(clouds, nullptr, nullptr, nullptr, nullptr, 60,
+                                                  nullptr, nullptr);
+  EXPECT_TRUE(root->initialized());
+  clouds->regionIs("R");
+  EXPECT_EQ(thrown<Kiv::RangeException>([&] { world.run(); }), "null ValidPtr");
+  EXPECT_EQ(thrown<Kiv::RangeException>([&] {
+              (void)OpenStack::openStackSmFactory(clouds, nullptr, nullptr, nullptr, nullptr, 60,
+                                                  nullptr, nullptr);
+            }),
+            "null ValidPtr");
+}
+
+TEST_F(ArgumentsTest, ARegionMachineWithoutAStatusIsNotMadeForARegion) {
+  const auto region = Kiv::make<OpenStack::Region>("S");
+  EXPECT_EQ(thrown<Kiv::RangeException>([&] {
+              (void)OpenStack::regionConfigSmFactory("S", region, nullptr, nullptr, 60, nullptr);
+            }),
+            "null ValidPtr");
+  const auto sm = OpenStack::regionConfigSmFactory("S", nullptr, nullptr, nullptr, 60, nullptr);
+  EXPECT_EQ(thrown<Kiv::RangeException>([&] { sm->handleSyncHeartbeatTimeout(); }),
+            "null ValidPtr");
+  // What it hands down may be null.
+  const auto status = Kiv::make<OpenStack::RegionStatus>("S");
+  region->syncStatusIs(OpenStack::SyncStatus::syncInProgress);
+  const auto idle = OpenStack::regionConfigSmFactory("S", region, status, nullptr, 60, nullptr);
+  EXPECT_EQ(status->syncStatus(), OpenStack::SyncStatus::syncInProgress);
+}
+
+class NullOutputsTest : public SwitchTest {
+ protected:
+  NullOutputsTest() {
+    world.start("region R; segment vl vlan 10; port p");
+    hostBinding->segmentIs(0, world.segment("vl"));
+    switchBinding->segmentIs(0, world.segment("vl"));
+    hosts->portToHostBindingIs("h");
+    switches->portToSwitchInterfaceBindingIs({"sw", "e"});
+  }
+
+  // Makes a machine, which must fail for want of an entity.
+  template <class Make>
+  static void expectRefused(Make make) {
+    EXPECT_EQ(thrown<Kiv::RangeException>([&] { (void)make(); }), "null ValidPtr");
+  }
+
+  const Ptr<OpenStack::PortToHostBinding> hostBinding =
+      Kiv::make<OpenStack::PortToHostBinding>("h");
+  const Ptr<OpenStack::PortToSwitchInterfaceBinding> switchBinding =
+      Kiv::make<OpenStack::PortToSwitchInterfaceBinding>(
+          VirtualNetwork::SwitchInterface("sw", "e"));
+  const Ptr<OpenStack::PortBinding> hosts = Kiv::make<OpenStack::PortBinding>("p");
+  const Ptr<OpenStack::PortBinding> switches = Kiv::make<OpenStack::PortBinding>("p");
+};
+
+TEST_P(NullOutputsTest, APublishingMachineIsNotMadeWithoutWhatItNeeds) {
+  const auto port = world.port("p");
+  expectRefused([&] {
+    return OpenStack::portToHostBindingSmFactory("h", nullptr, hostBinding, world.resources);
+  });
+  expectRefused(
+      [&] { return OpenStack::portToHostBindingSmFactory("h", port, hostBinding, nullptr); });
+  expectRefused([&] {
+    return OpenStack::portToSwitchInterfaceBindingSmFactory(
+        {"sw", "e"}, "R", nullptr, switchBinding, world.resources, world.elements);
+  });
+  expectRefused([&] {
+    return OpenStack::portToSwitchInterfaceBindingSmFactory({"sw", "e"}, "R", port, switchBinding,
+                                                            nullptr, nullptr);
+  });
+  for (const auto& binding : {hosts, switches}) {
+    expectRefused([&] {
+      return OpenStack::portBindingSmFactory("R", "p", nullptr, binding, world.resources,
+                                             world.elements);
+    });
+    expectRefused(
+        [&] { return OpenStack::portBindingSmFactory("R", "p", port, binding, nullptr, nullptr); });
+  }
+  EXPECT_EQ(world.published(), Lines{});
+}
+
+TEST_P(NullOutputsTest, AMachineThatLacksWhatItNeedsEndsWithNothingToWithdraw) {
+  const auto bound = Kiv::make<OpenStack::PortToHostBinding>("h");
+  const auto host = OpenStack::portToHostBindingSmFactory("h", nullptr, bound, nullptr);
+  const auto switched = Kiv::make<OpenStack::PortToSwitchInterfaceBinding>(
+      VirtualNetwork::SwitchInterface("sw", "e"));
+  const auto si = OpenStack::portToSwitchInterfaceBindingSmFactory({"sw", "e"}, "R", nullptr,
+                                                                   switched, nullptr, nullptr);
+  const auto port = OpenStack::portBindingSmFactory(
+      "R", "p", nullptr, Kiv::make<OpenStack::PortBinding>("p"), nullptr, nullptr);
+  bound->segmentIs(0, world.segment("vl"));
+  switched->segmentIs(0, world.segment("vl"));
+  while (thrown<Kiv::RangeException>([&] { world.run(); }) == "null ValidPtr") {
+  }
+  EXPECT_EQ(host->segment().size(), 1U);
+  host->doCleanup();
+  si->doCleanup();
+  port->doCleanupPortToHostBinding("h");
+  port->doCleanup();
+}
+
+INSTANTIATE_TEST_SUITE_P(BothToggles, NullOutputsTest, bothToggles(), toggleName);
+
 }  // namespace

@@ -110,7 +110,7 @@ class FailingSm final : public Kiv::Machine<FailingSm> {
   };
 
   explicit FailingSm(const Ptr<Shelf>& shelf) : shelf_(shelf, this) {
-    pot_.resynchronise(*this, "pot", shelf->pot());
+    pot_.resynchronise(*this, shelf->pot());
     shelf_.hasNotificationActiveIs(true);
     shelf->titleIs("so that its reactors wait in the loop");
     for (const auto& pot : shelf->pot()) shelf->potIs(pot->fwkKey())->colourIs("red");

@@ -365,7 +365,7 @@ class ResynchroniseTest : public ReactorMapTest {
   void resynchronise(const void* collection, const Kiv::String& key, Kiv::U32 before) {
     Kiv::ChangeUnderWay change{collection, &key, before, Kiv::ChangeUnderWay::innermost()};
     Kiv::ChangeUnderWay::innermost() = &change;
-    machine_->pot().resynchronise(*machine_, "pot", input_);
+    machine_->pot().resynchronise(*machine_, input_);
     Kiv::ChangeUnderWay::innermost() = change.outer;
   }
 
@@ -374,7 +374,7 @@ class ResynchroniseTest : public ReactorMapTest {
 
 TEST_F(ResynchroniseTest, LooksAtTheChangedMemberOnlyWhenInLineBefore) {
   for (const char* id : {"a", "b", "c"}) shelf_->potIs(id);
-  machine_->pot().resynchronise(*machine_, "pot", input_);
+  machine_->pot().resynchronise(*machine_, input_);
   EXPECT_EQ(input_.walks, 1);
   EXPECT_EQ(machine_->pot().size(), 3U);
 
@@ -395,7 +395,7 @@ TEST_F(ResynchroniseTest, LooksAtTheChangedMemberOnlyWhenInLineBefore) {
 
 TEST_F(ResynchroniseTest, LooksAtAllWhenOutOfLine) {
   shelf_->potIs("a");
-  machine_->pot().resynchronise(*machine_, "pot", input_);
+  machine_->pot().resynchronise(*machine_, input_);
   shelf_->potIs("missed");
   const Kiv::U32 before = input_.changes();
   shelf_->potIs("b");
@@ -406,7 +406,7 @@ TEST_F(ResynchroniseTest, LooksAtAllWhenOutOfLine) {
 
 TEST_F(ResynchroniseTest, LooksAtAllWhenTheChangeIsThatOfAnotherCollection) {
   shelf_->potIs("a");
-  machine_->pot().resynchronise(*machine_, "pot", input_);
+  machine_->pot().resynchronise(*machine_, input_);
   const Kiv::U32 before = input_.changes();
   shelf_->potIs("b");
   resynchronise(&shelf_->jar(), "x", before);
@@ -415,8 +415,8 @@ TEST_F(ResynchroniseTest, LooksAtAllWhenTheChangeIsThatOfAnotherCollection) {
 }
 
 TEST_F(ResynchroniseTest, LooksAtAllWithoutAChangeUnderWay) {
-  machine_->pot().resynchronise(*machine_, "pot", input_);
-  machine_->pot().resynchronise(*machine_, "pot", input_);
+  machine_->pot().resynchronise(*machine_, input_);
+  machine_->pot().resynchronise(*machine_, input_);
   EXPECT_EQ(input_.walks, 2);
 }
 

@@ -199,7 +199,7 @@ class QuietSm final : public Kiv::Machine<QuietSm> {
   explicit QuietSm(const Ptr<const Marble>& single) : single_(single, this) {}
   ~QuietSm() override { teardown(); }
 
-  Ptr<KivJar> jarIs(const Ptr<const Marble>& v) { return jar_.is(*this, "jar", v); }
+  Ptr<KivJar> jarIs(const Ptr<const Marble>& v) { return jar_.is(*this, v); }
   Ptr<const Marble> jarDel(const Kiv::String& id) { return jar_.del(id); }
 
  private:

@@ -124,10 +124,11 @@ class PotSm final : public Kiv::Machine<PotSm> {
 
   void handleColour() { journal.push_back("PotSm::handleColour " + id_.str()); }
 
-  static constexpr auto kConstructorArguments = std::tuple{
-      Kiv::keyArgument("id"), Kiv::fixedArgument("pot", &PotSm::pot),
-      Kiv::fixedArgument("ledger", &PotSm::ledger), Kiv::fixedArgument("keeper", &PotSm::keeper),
-      Kiv::changingArgument("patience", &PotSm::patienceIs)};
+  static constexpr auto kAttributes = Kiv::attributes(
+      Kiv::keyArgument(130, "id", &PotSm::fwkKey), Kiv::fixedArgument(131, "pot", &PotSm::pot),
+      Kiv::fixedArgument(132, "ledger", &PotSm::ledger),
+      Kiv::fixedArgument(133, "keeper", &PotSm::keeper),
+      Kiv::changingArgument(134, "patience", &PotSm::patience, &PotSm::patienceIs));
 
  private:
   friend class Kiv::Machine<PotSm>;
@@ -241,7 +242,7 @@ class ShelfSm final : public Kiv::Machine<ShelfSm> {
 
   PotMap& pot() { return pot_; }
   Kiv::Ptr<KivPot> potIs(const Kiv::Ptr<const Marble>& v) {
-    return pot_.is(*this, "pot", v, PotHook{*this});
+    return pot_.is(*this, v, PotHook{*this});
   }
   Kiv::Ptr<const Marble> potDel(const Kiv::String& id) { return pot_.del(id, PotHook{*this}); }
   Kiv::Ptr<const Marble> potDel(const PotMap::iterator& at) {
@@ -250,7 +251,7 @@ class ShelfSm final : public Kiv::Machine<ShelfSm> {
   void potDelAll() { pot_.delAll(PotHook{*this}); }
 
   JarMap& jar() { return jar_; }
-  Kiv::Ptr<KivJar> jarIs(const Kiv::Ptr<const Marble>& v) { return jar_.is(*this, "jar", v); }
+  Kiv::Ptr<KivJar> jarIs(const Kiv::Ptr<const Marble>& v) { return jar_.is(*this, v); }
   Kiv::Ptr<const Marble> jarDel(const Kiv::String& id) { return jar_.del(id); }
   void jarDelAll() { jar_.delAll(); }
   void kiv_handleJar(const Kiv::Ptr<KivJar>& reactor) { reactor->handleCleanup(); }
@@ -286,18 +287,21 @@ class ShelfSm final : public Kiv::Machine<ShelfSm> {
   auto children() { return std::tie(potSm_); }
 
   void mirrorPot(const Shelf& shelf, const Kiv::String& id) {
-    pot_.resynchroniseOne(*this, "pot", shelf.pot(), id, PotHook{*this});
+    pot_.resynchroniseOne(*this, shelf.pot(), id, PotHook{*this});
   }
-  void mirrorPots(const Shelf& shelf) {
-    pot_.resynchronise(*this, "pot", shelf.pot(), PotHook{*this});
-  }
-  void mirrorJars(const Shelf& shelf) { jar_.resynchronise(*this, "jar", shelf.jar()); }
+  void mirrorPots(const Shelf& shelf) { pot_.resynchronise(*this, shelf.pot(), PotHook{*this}); }
+  void mirrorJars(const Shelf& shelf) { jar_.resynchronise(*this, shelf.jar()); }
 
   Kiv::ReactorSlot<KivShelf> shelf_;
   Kiv::Ptr<Ledger> ledger_;
   PotMap pot_;
   JarMap jar_;
   PotSmMap potSm_;
+
+ public:
+  static constexpr auto kAttributes =
+      Kiv::attributes(Kiv::collection(130, "pot", "id", &ShelfSm::pot_),
+                      Kiv::collection(131, "jar", "id", &ShelfSm::jar_));
 };
 
 // A shelf, a ledger, and the machine between them.
