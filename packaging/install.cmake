@@ -3,6 +3,7 @@
 #   include/OpenStackSm/    the headers, below the paths that #include names; nothing else of ours
 #                           lies on an embedder's include path
 #   lib/                    libOpenStackSm.so, its CMake package and its pkg-config file
+#   share/doc/OpenStackSm/  the pages for embedders, and the example host agent
 #   bin/vnagent             with its man page and the completions of three shells
 #
 # Components: `library` is what a program needs at run time, `development` what building one needs,
@@ -60,6 +61,19 @@ configure_file(${CMAKE_CURRENT_LIST_DIR}/openstacksm.pc.in
   ${PROJECT_BINARY_DIR}/packaging/openstacksm.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/packaging/openstacksm.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
+
+# The pages, and the programs that they show; the example host agent is a project of its own.
+install(FILES ${PROJECT_SOURCE_DIR}/docs/embedding.md ${PROJECT_SOURCE_DIR}/docs/architecture.md
+              ${PROJECT_SOURCE_DIR}/docs/architecture.svg ${PROJECT_SOURCE_DIR}/docs/architecture.dot
+              ${PROJECT_SOURCE_DIR}/docs/framework.md ${PROJECT_SOURCE_DIR}/docs/output-model.md
+              ${PROJECT_SOURCE_DIR}/docs/sync-protocol.md ${PROJECT_SOURCE_DIR}/CHANGELOG.md
+  DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development)
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs/examples ${PROJECT_SOURCE_DIR}/docs/sync
+                  ${PROJECT_SOURCE_DIR}/docs/output
+  DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development)
+install(FILES ${PROJECT_SOURCE_DIR}/examples/embed/CMakeLists.txt
+              ${PROJECT_SOURCE_DIR}/examples/embed/main.cpp
+  DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples/embed COMPONENT development)
 
 # The program. It finds the library from where it lies itself, wherever the prefix is moved.
 if(OPENSTACKSM_AGENT)

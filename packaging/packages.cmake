@@ -38,7 +38,8 @@ set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "${same_version}, libboost-dev")
 set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION
   "state machines from cloud to switch: development files
 What is needed to embed the library in a host agent: headers, the CMake
-package OpenStackSm and the pkg-config file openstacksm.")
+package OpenStackSm, the pkg-config file openstacksm, pages that tell how, and
+an example host agent.")
 
 set(CPACK_DEBIAN_AGENT_PACKAGE_NAME vnagent)
 set(CPACK_DEBIAN_AGENT_PACKAGE_SECTION net)

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Holds an installed tree to what it should be: the program finds the library when the tree has been
-# moved, the man page is well formed, the completions parse, and no path of the build is in it.
+# moved, the man page is well formed, the completions parse, the links of the pages lead somewhere, and
+# no path of the build is in it.
 #
 #     installed.sh PREFIX SOURCE_ROOT BUILD_TYPE
 set -euo pipefail
@@ -46,6 +47,13 @@ complete() {
 [ "$(complete i)" = import-neutron ] || fail "bash does not complete commands"
 [ "$(complete run --trace-f)" = --trace-file ] || fail "bash does not complete options"
 [ "$(complete run --toggle o)" = "on off" ] || fail "bash does not complete values"
+
+pages=$prefix/share/doc/OpenStackSm
+[ -f "$pages/embedding.md" ] && [ -f "$pages/examples/embed/main.cpp" ] ||
+  fail "the pages for embedders are not installed"
+while IFS=: read -r page link; do
+  [ -e "$(dirname "$page")/$link" ] || fail "$page: nothing is installed under the link $link"
+done < <(grep -roP --include='*.md' '\]\(\K[\w./-]+(?=[)#])' "$pages")
 
 [ "$build_type" = Debug ] || ! grep -rlF "$root" "$prefix" ||
   fail "these files hold the path of the source tree; packaging/reproducible.cmake should keep it out"
