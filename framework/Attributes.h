@@ -296,19 +296,20 @@ template <class Get>
 constexpr PlainAttribute<Get> plain(std::string_view name, Get get) {
   return plain(U16{0}, name, get);
 }
-// Make the entry of a plain attribute that is an argument of the constructor too, there under the
-// same name or another: the key, one that an existing machine must have been made with, and one
-// that is written into it.
+// Makes the entry of a plain attribute that is an argument of the constructor too, there under the
+// same name or another: here the key.
 template <class Get>
 constexpr PlainAttribute<Get, std::nullptr_t, ArgumentRole::key> keyArgument(
     U16 index, std::string_view name, Get get, std::string_view argument = {}) {
   return {{index, KivAttrKind::plain, name, "", "", argument.empty() ? name : argument}, get};
 }
+// As above: an argument that an existing machine must have been made with.
 template <class Get>
 constexpr PlainAttribute<Get, std::nullptr_t, ArgumentRole::fixed> fixedArgument(
     U16 index, std::string_view name, Get get) {
   return {{index, KivAttrKind::plain, name, "", "", name}, get};
 }
+// As above: an argument that is written into an existing machine.
 template <class Get, class Set>
 constexpr PlainAttribute<Get, Set, ArgumentRole::changing> changingArgument(U16 index,
                                                                             std::string_view name,

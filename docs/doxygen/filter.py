@@ -69,7 +69,6 @@ CONVENTIONAL = {
     "Machine": "The class of its machine.",
     "Notifier": "The class of the entity that it observes.",
     "Notifiee": "The class of observer that it is.",
-    "kConstructorArguments": "What an owner's collection holds against an existing machine.",
     "kTeardownRunsCleanup": "Whether its end runs the cleanup of its own reactors.",
     "operator=": "Lets go of what it holds and takes what the other holds.",
 }

@@ -51,6 +51,16 @@ for file in share/man/man1/vnagent.1.gz share/bash-completion/completions/vnagen
     fail "/usr/$file is not there"
 done
 
+echo "-- pages"
+pages=/usr/share/doc/libopenstacksm-dev
+if [ -d "$pages" ]; then
+  diff -r "$root/examples/embed" "$pages/examples/embed" || fail "the packaged example is another"
+  cmp "$root/docs/embedding.md" "$pages/embedding.md"
+else
+  # Small systems are told to leave pages out too.
+  grep -qr 'path-exclude.*doc' /etc/dpkg || fail "$pages is not there"
+fi
+
 echo "-- embed"
 scratch=$(mktemp -d)
 "$root/tests/packaging/embed.sh" "$root" /usr "/usr/lib/$(dpkg-architecture -qDEB_HOST_MULTIARCH)" \
