@@ -22,7 +22,7 @@ bool enableThreadSafePointers = false;
 
 namespace {
 
-constexpr std::size_t kGranule = 16;
+constexpr std::size_t kGranule = kMemAlignment;
 constexpr std::size_t kLargest = 512;
 constexpr std::size_t kBlockSize = 256 * 1024;
 

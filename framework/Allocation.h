@@ -21,7 +21,10 @@ namespace [[gnu::visibility("default")]] Kiv {
 // once. Process-wide; set it before a second thread touches an object, and leave it.
 extern bool enableThreadSafePointers;
 
-// Returns `size` bytes, aligned for any object. Throws std::bad_alloc when there is no memory.
+// How memory is aligned, in bytes: as pointers and numbers need it, not more.
+inline constexpr std::size_t kMemAlignment = 8;
+
+// Returns `size` bytes, aligned to kMemAlignment. Throws std::bad_alloc when there is no memory.
 [[nodiscard]] void* kivMemAlloc(std::size_t size);
 
 // As kivMemAlloc(), but returns null when there is no memory.

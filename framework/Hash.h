@@ -39,10 +39,17 @@ U32 kivHash(const K& key) {
 }
 
 // The place of a key in its collection: members stand in ascending order of this, equals in order
-// of their keys. The upper bits select the bucket, so the order survives growth.
+// of their keys. The upper bits select the bucket, so the order survives growth. A key that carries
+// its order is asked for it.
 template <class K>
 U32 kivOrder(const K& key) {
-  return bitReverse(kivHash(key));
+  if constexpr (std::same_as<K, U8>) {
+    return static_cast<U32>(key) << 24;
+  } else if constexpr (requires { key.order(); }) {
+    return key.order();
+  } else {
+    return bitReverse(kivHash(key));
+  }
 }
 
 }  // namespace Kiv

@@ -84,8 +84,8 @@ class HashMap {
   }
   // Takes out the member with this key and hands it to the caller; null when absent.
   Ptr<V> deleteMember(const K& key) {
-    Member** at = place(kivOrder(key), key);
-    if (*at == nullptr || !(keyOf(**at) == key)) return nullptr;
+    Member** at = placeOf(key);
+    if (at == nullptr) return nullptr;
     Member* removed = table_.remove(at);
     removed->collectedIs(false);
     return Ptr<V>::adopt(static_cast<V*>(removed));
@@ -112,11 +112,12 @@ class HashMap {
   Member** place(U32 order, const K& key) const {
     return table_.place(order, [&](const Member& m) { return keyOf(m) < key; });
   }
+  Member** placeOf(const K& key) const {
+    return table_.find(kivOrder(key), [&](const Member& m) { return keyOf(m) == key; });
+  }
   V* find(const K& key) const {
-    const U32 order = kivOrder(key);
-    Member* found = *place(order, key);
-    if (found == nullptr || found->kivOrder != order || !(keyOf(*found) == key)) return nullptr;
-    return static_cast<V*>(found);
+    Member** at = placeOf(key);
+    return at == nullptr ? nullptr : static_cast<V*>(*at);
   }
   // The member that follows one with the given key, which may have gone.
   V* findNextG(const K& key) const {
@@ -143,11 +144,11 @@ class HashMap<V, K, E>::Iterator {
   const Ptr<T>& operator*() const { return current_; }
   T* operator->() const { return current_.get(); }
   // Its key, also after its deletion.
-  const K& key() const { return key_; }
+  const K& key() const { return current_->fwkKey(); }
 
   Iterator& operator++() {
     V* next = map_->table_.removals() == removals_ ? map_->findNextBucket(*current_)
-                                                   : map_->findNextG(key_);
+                                                   : map_->findNextG(key());
     stand(next);
     return *this;
   }
@@ -165,12 +166,10 @@ class HashMap<V, K, E>::Iterator {
   void stand(V* at) {
     removals_ = map_->table_.removals();
     current_ = Ptr<T>(at);
-    if (at != nullptr) key_ = at->fwkKey();
   }
 
   const HashMap* map_ = nullptr;
   Ptr<T> current_;
-  K key_{};
   U32 removals_ = 0;
 };
 

@@ -29,8 +29,8 @@ class Machine : public Member {
   const Activity* kivFwkActivity() const { return nullptr; }
 
   // Set once the machine has been brought in line with its inputs. Only stores the flag.
-  bool initialized() const { return initialized_; }
-  void initializedIs(bool initialized) { initialized_ = initialized; }
+  bool initialized() const { return Member::initialized(); }
+  void initializedIs(bool initialized) { Member::initializedIs(initialized); }
 
   // Switches notifications for the machine, its reactors and its children, all the way down.
   void hasNotificationActiveIs(bool active) final {
@@ -89,8 +89,6 @@ class Machine : public Member {
     traceLine(1, {"Machine", "teardown", "void Kiv::Machine::teardown()"}, this, __LINE__,
               [what](std::ostream& text) { text << "an observer threw: " << what; });
   }
-
-  bool initialized_ = false;
 };
 
 // Makes a machine and switches its notifications on. Throws a range exception "null ValidPtr" if

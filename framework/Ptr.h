@@ -83,6 +83,7 @@ bool operator==(const Ptr<T>& a, const Ptr<U>& b) noexcept {
 // passes through; nothing is left behind then.
 template <class T, class... Arguments>
 [[nodiscard]] Ptr<T> make(Arguments&&... arguments) {
+  static_assert(alignof(T) <= kMemAlignment, "objects come from kivMemAlloc()");
   T* object = new T(std::forward<Arguments>(arguments)...);
   const Type& type = static_cast<const PtrInterface*>(object)->fwkType();
   AllocTrackTypeInfo::trackAllocation(type.allocations(), type.size());

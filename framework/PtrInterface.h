@@ -22,7 +22,7 @@ class PtrInterface {
   PtrInterface& operator=(const PtrInterface&) = delete;
 
   // Counting. The count starts at one, owned by whoever constructed the object.
-  void referencesInc() const noexcept {
+  [[gnu::always_inline]] void referencesInc() const noexcept {
     if (enableThreadSafePointers) {
       word_.fetch_add(1, std::memory_order_relaxed);
     } else {
@@ -30,7 +30,7 @@ class PtrInterface {
     }
   }
   // Drops one reference; frees the object when it was the last.
-  void referencesDec() const noexcept {
+  [[gnu::always_inline]] void referencesDec() const noexcept {
     U32 before;
     if (enableThreadSafePointers) {
       before = word_.fetch_sub(1, std::memory_order_acq_rel);
@@ -74,12 +74,17 @@ class PtrInterface {
   bool collected() const { return flag(kCollected); }
   void collectedIs(bool collected) { flagIs(kCollected, collected); }
 
+  // Whether a machine has been brought in line with its inputs; likewise.
+  bool initialized() const { return flag(kInitialized); }
+  void initializedIs(bool initialized) { flagIs(kInitialized, initialized); }
+
  private:
   static constexpr U32 kMarkedForDeletion = U32{1} << 31;
   static constexpr U32 kRegistered = U32{1} << 30;
   static constexpr U32 kNotificationActive = U32{1} << 29;
   static constexpr U32 kCollected = U32{1} << 28;
-  static constexpr U32 kCountMask = kCollected - 1;
+  static constexpr U32 kInitialized = U32{1} << 27;
+  static constexpr U32 kCountMask = kInitialized - 1;
 
   bool flag(U32 bit) const { return (word_.load(std::memory_order_relaxed) & bit) != 0; }
   void flagIs(U32 bit, bool on) const {

@@ -25,7 +25,7 @@ Text::Text(std::string_view a, std::string_view b) {
   if (a.empty() && b.empty()) return;
   Rep* rep = newRep(a.size() + b.size());
   std::copy(b.begin(), b.end(), std::copy(a.begin(), a.end(), rep->text()));
-  rep->hash = hashText(std::string_view(rep->text(), rep->size));
+  rep->order = kivOrder(std::string_view(rep->text(), rep->size));
   rep_ = rep;
 }
 

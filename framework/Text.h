@@ -31,7 +31,9 @@ class Text {
   std::string str() const { return std::string(view()); }
   bool empty() const { return rep_ == nullptr; }
   std::size_t size() const { return rep_ == nullptr ? 0 : rep_->size; }
-  U32 hash() const { return rep_ == nullptr ? 0 : rep_->hash; }
+  U32 hash() const { return bitReverse(order()); }
+  // The place in a keyed collection; see kivOrder().
+  U32 order() const { return rep_ == nullptr ? 0 : rep_->order; }
 
  protected:
   Text() noexcept = default;
@@ -56,7 +58,7 @@ class Text {
   // Whether the characters are the same.
   bool equals(const Text& other) const {
     if (rep_ == other.rep_) return true;
-    if (hash() != other.hash()) return false;
+    if (order() != other.order()) return false;
     return view() == other.view();
   }
 
@@ -64,7 +66,7 @@ class Text {
   // The shared representation; the characters follow it.
   struct Rep {
     mutable std::atomic<U32> references;
-    U32 hash;
+    U32 order;
     U32 size;
     const char* text() const { return reinterpret_cast<const char*>(this + 1); }
     char* text() { return reinterpret_cast<char*>(this + 1); }

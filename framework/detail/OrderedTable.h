@@ -50,6 +50,16 @@ class OrderedTable {
     return at;
   }
 
+  // The place where the link with this order stands of which `is(link)` holds; null when absent.
+  template <class Is>
+  Link** find(U32 order, Is is) const {
+    for (Link** at = bucketOf(order); *at != nullptr && (*at)->kivOrder <= order;
+         at = &(*at)->kivNext) {
+      if ((*at)->kivOrder == order && is(**at)) return at;
+    }
+    return nullptr;
+  }
+
   // Puts `link`, whose order is set, before what stands at `at`, a place of this table.
   void insert(Link** at, Link* link) {
     link->kivNext = *at;

@@ -52,6 +52,23 @@ TEST_F(AttributeTest, AWriteOfAnUnchangedScalarIsToldToo) {
   EXPECT_THAT(delivered(), ElementsAre("label"));
 }
 
+TEST_F(AttributeTest, NothingWaitsForANotifieeThatLeftTheHandlerEmpty) {
+  class ColourBlind final : public Box::NotifieeConst {
+    void onMarble(const Kiv::String& id) override { Toys::journal.push_back("marble " + id.str()); }
+  };
+  const auto box = make<Box>();
+  const auto blind = make<ColourBlind>();
+  blind->notifierIs(box);
+  blind->isRegisteredNotifieeIs(true);
+  blind->hasNotificationActiveIs(true);
+  box->labelIs("one");
+  box->lentIs(1, make<Marble>("a"));
+  EXPECT_TRUE(loop_.idle());
+  box->marbleIs("b");
+  EXPECT_EQ(loop_.waiting(), 1U);
+  EXPECT_THAT(delivered(), ElementsAre("marble b"));
+}
+
 // Collections
 
 TEST_F(AttributeTest, AMemberIsMadeOnceAndReturnedFromThenOn) {

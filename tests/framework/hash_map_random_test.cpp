@@ -93,8 +93,8 @@ TYPED_TEST(RandomTest, AValueSetAgreesWithItsReference) {
     this->stream(seed, [&](std::mt19937& random, bool grows, const K& key) {
       const auto known = reference.find(key);
       const bool present = known != reference.end();
-      const auto* node = set.lookupNodeG(key);
-      ASSERT_EQ(node != nullptr, present);
+      const auto node = set.lookupNodeG(key);
+      ASSERT_EQ(node.has_value(), present);
       ASSERT_EQ(set[key], present ? known->second : 0);
       if (present) {
         ASSERT_EQ(node->value, known->second);
