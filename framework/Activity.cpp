@@ -1,8 +1,7 @@
 #include "framework/Activity.h"
 
 #include <cstdlib>
-#include <memory>
-#include <new>
+#include <utility>
 
 #include "framework/Assert.h"
 
@@ -16,48 +15,51 @@ constinit ActivityManager* theInstance = nullptr;
 namespace detail {
 
 PendingQueue::~PendingQueue() {
-  while (!empty()) delete pop();
+  while (!empty()) release(take());
+  while (first_ != nullptr) delete std::exchange(first_, first_->next);
+  delete spare_;
   freeBuckets();
 }
 
-void PendingQueue::push(Pending* pending) {
-  if (count_ >= (log2_ == 0 ? 0 : std::size_t{1} << log2_)) grow();
-  if (log2_ != 0) {
-    Pending*& bucketHead = buckets_[bucket(pending->hash_)];
-    pending->nextInBucket_ = bucketHead;
-    bucketHead = pending;
+Pending& PendingQueue::take() {
+  if (firstAt_ == kBlockSize) {
+    delete std::exchange(spare_, std::exchange(first_, first_->next));
+    firstAt_ = 0;
   }
-  (first_ == nullptr ? first_ : last_->nextInQueue_) = pending;
-  last_ = pending;
-  ++count_;
-}
-
-Pending* PendingQueue::pop() {
-  Pending* popped = first_;
-  first_ = popped->nextInQueue_;
-  if (first_ == nullptr) last_ = nullptr;
+  Pending& taken = first_->pending[firstAt_++];
   --count_;
   if (log2_ != 0) {
-    Pending** at = &buckets_[bucket(popped->hash_)];
-    while (*at != popped) at = &(*at)->nextInBucket_;
-    *at = popped->nextInBucket_;
+    Pending** at = &buckets_[bucket(taken.hash_)];
+    while (*at != &taken) at = &(*at)->nextInBucket_;
+    *at = taken.nextInBucket_;
   }
-  return popped;
+  return taken;
 }
 
-// Doubles the buckets. Where they cannot be had, chains are longer; without any, nothing waits for
-// sure, and a notification may come twice, which handlers bear.
+void PendingQueue::addBlock() {
+  Block* block = spare_ != nullptr ? std::exchange(spare_, nullptr) : new Block;
+  block->next = nullptr;
+  (last_ == nullptr ? first_ : last_->next) = block;
+  last_ = block;
+  lastAt_ = 0;
+}
+
+// Doubles the buckets, and hangs all that wait anew. Where they cannot be had, chains are longer;
+// without any, nothing waits for sure, and a notification may come twice, which handlers bear.
 void PendingQueue::grow() {
   const U32 log2 = log2_ == 0 ? 6 : log2_ + 1;
   auto** buckets = static_cast<Pending**>(std::calloc(std::size_t{1} << log2, sizeof(Pending*)));
-  if (buckets == nullptr) return;
+  if (buckets == nullptr) {
+    if (log2_ != 0) hang(last_->pending[lastAt_ - 1]);
+    return;
+  }
   freeBuckets();
   buckets_ = buckets;
   log2_ = log2;
-  for (Pending* p = first_; p != nullptr; p = p->nextInQueue_) {
-    Pending*& bucketHead = buckets_[bucket(p->hash_)];
-    p->nextInBucket_ = bucketHead;
-    bucketHead = p;
+  U32 at = firstAt_;
+  for (Block* block = first_; block != nullptr; block = block->next, at = 0) {
+    const U32 end = block == last_ ? lastAt_ : kBlockSize;
+    for (; at < end; ++at) hang(block->pending[at]);
   }
 }
 
@@ -96,10 +98,16 @@ void ActivityManager::run() {
     }
     bool& running_;
   };
+  struct Taken {
+    explicit Taken(detail::PendingQueue& from) : queue(from), pending(from.take()) {}
+    ~Taken() { queue.release(pending); }
+    detail::PendingQueue& queue;
+    detail::Pending& pending;
+  };
   const Turn turn(running_);
   while (!queue_.empty()) {
-    const std::unique_ptr<detail::Pending> pending(queue_.pop());
-    if (pending->notifiee().listens()) pending->deliver();
+    const Taken taken(queue_);
+    if (taken.pending.notifiee().listens()) taken.pending.deliver();
   }
 }
 

@@ -16,6 +16,7 @@
 
 #include <concepts>
 #include <cstring>
+#include <new>
 #include <type_traits>
 
 #include "framework/Clock.h"
@@ -37,56 +38,82 @@ std::uintptr_t handlerSlot(Handler handler) {
   return slot;
 }
 
-// One notification that waits.
+// One notification that waits. Its place in the queue is reused.
 class Pending {
  public:
+  Pending() = default;
   Pending(const Pending&) = delete;
   Pending& operator=(const Pending&) = delete;
-  virtual ~Pending() = default;
-  virtual void deliver() = 0;
 
   NotifieeBase& notifiee() const { return *notifiee_; }
-
-  static void* operator new(std::size_t size) { return kivMemAlloc(size); }
-  static void operator delete(void* memory, std::size_t size) { kivMemFree(memory, size); }
-
- protected:
-  Pending(NotifieeBase& notifiee, std::uintptr_t slot, U32 hash)
-      : notifiee_(&notifiee), slot_(slot), hash_(hash) {}
+  // Calls the handler. REQUIRES: stands in the queue, or is the one taken from it.
+  void deliver() { operate_(*this, Operation::deliver); }
 
  private:
   friend class PendingQueue;
-  Pending* nextInQueue_ = nullptr;
-  Pending* nextInBucket_ = nullptr;
+  enum class Operation : U8 { deliver, drop };
+
+  static constexpr std::size_t kKeyRoom = 2 * sizeof(void*);
+
+  // What the entry holds beside its notifiee: a handler of class N, and a key where it takes one.
+  // A key that has no room here lies elsewhere.
+  template <class N, class K>
+  struct Keyed {
+    using Handler = void (N::*)(KeyArgument<K>);
+    static constexpr bool kInside = sizeof(K) <= kKeyRoom && alignof(K) <= alignof(void*);
+
+    static const K& key(const Pending& p) {
+      if constexpr (kInside) {
+        return *std::launder(reinterpret_cast<const K*>(p.key_));
+      } else {
+        return **std::launder(reinterpret_cast<const K* const*>(p.key_));
+      }
+    }
+    static void keyIs(Pending& p, const K& key) {
+      if constexpr (kInside) {
+        new (p.key_) K(key);
+      } else {
+        new (p.key_) const K*(new K(key));
+      }
+    }
+    static void operate(Pending& p, Operation operation) {
+      if (operation == Operation::deliver) {
+        (static_cast<N&>(*p.notifiee_).*p.handler<Handler>())(key(p));
+      } else if constexpr (kInside) {
+        key(p).~K();
+      } else {
+        delete &key(p);
+      }
+    }
+  };
+  template <class N>
+  struct Plain {
+    using Handler = void (N::*)();
+    static void operate(Pending& p, Operation operation) {
+      if (operation == Operation::deliver) {
+        (static_cast<N&>(*p.notifiee_).*p.handler<Handler>())();
+      }
+    }
+  };
+
+  template <class Handler>
+  void handlerIs(Handler called) {
+    static_assert(sizeof(called) <= sizeof(handler_));
+    std::memcpy(handler_, &called, sizeof(called));
+  }
+  template <class Handler>
+  Handler handler() const {
+    Handler called;
+    std::memcpy(&called, handler_, sizeof(called));
+    return called;
+  }
+
   Ptr<NotifieeBase> notifiee_;
-  std::uintptr_t slot_;
-  U32 hash_;
-};
-
-template <class N>
-class PendingPlain final : public Pending {
- public:
-  using Handler = void (N::*)();
-  PendingPlain(N& notifiee, Handler handler, U32 hash)
-      : Pending(notifiee, handlerSlot(handler), hash), handler_(handler) {}
-  void deliver() override { (static_cast<N&>(notifiee()).*handler_)(); }
-
- private:
-  Handler handler_;
-};
-
-template <class N, class K>
-class PendingKeyed final : public Pending {
- public:
-  using Handler = void (N::*)(KeyArgument<K>);
-  PendingKeyed(N& notifiee, Handler handler, const K& key, U32 hash)
-      : Pending(notifiee, handlerSlot(handler), hash), handler_(handler), key_(key) {}
-  void deliver() override { (static_cast<N&>(notifiee()).*handler_)(key_); }
-  const K& key() const { return key_; }
-
- private:
-  Handler handler_;
-  K key_;
+  void (*operate_)(Pending&, Operation) = nullptr;
+  alignas(void*) std::byte handler_[2 * sizeof(void*)];
+  alignas(void*) std::byte key_[kKeyRoom];
+  Pending* nextInBucket_ = nullptr;
+  U32 hash_ = 0;
 };
 
 // The notifications that wait, in order, and by hash so that one that waits already is found.
@@ -97,39 +124,110 @@ class PendingQueue {
   PendingQueue& operator=(const PendingQueue&) = delete;
   ~PendingQueue();
 
-  bool empty() const { return first_ == nullptr; }
+  bool empty() const { return count_ == 0; }
   std::size_t size() const { return count_; }
 
-  static U32 hash(const NotifieeBase& notifiee, std::uintptr_t slot, U32 keyHash) {
-    U64 mixed = reinterpret_cast<std::uintptr_t>(&notifiee) ^ (slot << 32) ^ keyHash;
+  // Puts a call at the end, unless the same one waits.
+  template <class N>
+  void push(N& notifiee, void (N::*handler)()) {
+    const U32 hash = hashOf(notifiee, handlerSlot(handler), 0);
+    if (waits(notifiee, handler, hash, [](const Pending&) { return true; })) return;
+    Pending& pending = place();
+    commit(pending, notifiee, handler, hash, &Pending::Plain<N>::operate);
+  }
+  template <class N, class K>
+  void push(N& notifiee, void (N::*handler)(KeyArgument<K>), const K& key) {
+    using Keyed = Pending::Keyed<N, K>;
+    const U32 hash = hashOf(notifiee, handlerSlot(handler), kivOrder(key));
+    const auto sameKey = [&key](const Pending& p) { return Keyed::key(p) == key; };
+    if (waits(notifiee, handler, hash, sameKey)) return;
+    Pending& pending = place();
+    Keyed::keyIs(pending, key);
+    commit(pending, notifiee, handler, hash, &Keyed::operate);
+  }
+
+  // The first, taken out; stays as it is until it is released. REQUIRES: not empty, and what was
+  // taken before is released.
+  [[nodiscard]] Pending& take();
+  // Lets go of what a taken one holds.
+  void release(Pending& taken) {
+    clear(taken);
+    if (count_ == 0 && first_ == last_) rewind();
+  }
+
+ private:
+  static constexpr U32 kBlockSize = 64;
+  static constexpr U32 kLog2ToKeep = 10;  // buckets that a burst has left are given back
+  // A stretch of the queue.
+  struct Block {
+    Block* next = nullptr;
+    Pending pending[kBlockSize];
+  };
+
+  static U32 hashOf(const NotifieeBase& notifiee, std::uintptr_t slot, U32 keyOrder) {
+    U64 mixed = reinterpret_cast<std::uintptr_t>(&notifiee) ^ (slot << 32) ^ keyOrder;
     mixed *= 0x9e3779b97f4a7c15U;
     return static_cast<U32>(mixed >> 32);
   }
+  U32 bucket(U32 hash) const { return hash >> (32 - log2_); }
 
-  // Whether one waits for this notifiee and slot of which `same(pending)` holds.
-  template <class Same>
-  bool waits(const NotifieeBase& notifiee, std::uintptr_t slot, U32 hash, Same same) const {
-    if (log2_ == 0) return false;
+  // Whether one waits for this notifiee and handler of which `same(pending)` holds.
+  template <class Handler, class Same>
+  bool waits(const NotifieeBase& notifiee, Handler handler, U32 hash, Same same) const {
+    if (count_ == 0 || log2_ == 0) return false;
     for (const Pending* p = buckets_[bucket(hash)]; p != nullptr; p = p->nextInBucket_) {
-      if (p->hash_ == hash && p->notifiee_.get() == &notifiee && p->slot_ == slot && same(*p)) {
+      if (p->hash_ == hash && p->notifiee_.get() == &notifiee &&
+          handlerSlot(p->template handler<Handler>()) == handlerSlot(handler) && same(*p)) {
         return true;
       }
     }
     return false;
   }
 
-  // Takes over `pending`, at the end.
-  void push(Pending* pending);
-  // Hands over the first. REQUIRES: not empty.
-  [[nodiscard]] Pending* pop();
+  // The place that comes next at the end, still empty. Throws std::bad_alloc.
+  Pending& place() {
+    if (last_ == nullptr || lastAt_ == kBlockSize) addBlock();
+    return last_->pending[lastAt_];
+  }
+  template <class Handler>
+  void commit(Pending& pending, NotifieeBase& notifiee, Handler handler, U32 hash,
+              void (*operate)(Pending&, Pending::Operation)) {
+    pending.notifiee_ = Ptr<NotifieeBase>(&notifiee);
+    pending.operate_ = operate;
+    pending.handlerIs(handler);
+    pending.hash_ = hash;
+    ++lastAt_;
+    if (++count_ > (log2_ == 0 ? 0 : std::size_t{1} << log2_)) {
+      grow();  // takes in this one, too
+    } else {
+      hang(pending);
+    }
+  }
+  void hang(Pending& pending) {
+    Pending*& head = buckets_[bucket(pending.hash_)];
+    pending.nextInBucket_ = head;
+    head = &pending;
+  }
+  static void clear(Pending& pending) {
+    pending.operate_(pending, Pending::Operation::drop);
+    pending.notifiee_ = nullptr;
+  }
 
- private:
-  U32 bucket(U32 hash) const { return hash >> (32 - log2_); }
+  // Nothing waits: what comes next starts over, in memory that is warm.
+  void rewind() {
+    firstAt_ = lastAt_ = 0;
+    if (log2_ > kLog2ToKeep) freeBuckets();
+  }
+
+  void addBlock();
   void grow();
   void freeBuckets();
 
-  Pending* first_ = nullptr;
-  Pending* last_ = nullptr;
+  Block* first_ = nullptr;  // where the first one waits, or was taken last
+  Block* last_ = nullptr;
+  Block* spare_ = nullptr;  // to be used again
+  U32 firstAt_ = 0;         // in first_
+  U32 lastAt_ = 0;          // in last_
   std::size_t count_ = 0;
   Pending** buckets_ = nullptr;
   U32 log2_ = 0;
@@ -178,21 +276,11 @@ class ActivityManager {
   // Queues a call of `handler`, unless the same one waits. The attributes of entities call this.
   template <class N>
   void queue(N& notifiee, void (N::*handler)()) {
-    const std::uintptr_t slot = detail::handlerSlot(handler);
-    const U32 hash = detail::PendingQueue::hash(notifiee, slot, 0);
-    if (queue_.waits(notifiee, slot, hash, [](const detail::Pending&) { return true; })) return;
-    queue_.push(new detail::PendingPlain<N>(notifiee, handler, hash));
+    queue_.push(notifiee, handler);
   }
   template <class N, class K>
   void queue(N& notifiee, void (N::*handler)(KeyArgument<K>), const K& key) {
-    using Keyed = detail::PendingKeyed<N, K>;
-    const std::uintptr_t slot = detail::handlerSlot(handler);
-    const U32 hash = detail::PendingQueue::hash(notifiee, slot, kivHash(key));
-    const auto sameKey = [&key](const detail::Pending& p) {
-      return static_cast<const Keyed&>(p).key() == key;
-    };
-    if (queue_.waits(notifiee, slot, hash, sameKey)) return;
-    queue_.push(new Keyed(notifiee, handler, key, hash));
+    queue_.template push<N, K>(notifiee, handler, key);
   }
 
  private:

@@ -14,9 +14,10 @@
 //
 // A change of a collection calls on...kivImmediate() at once, after the change, and queues the
 // keyed notification and then the one without a key; a write of a scalar queues its notification,
-// also when the value is unchanged. A mutator that changes nothing tells nobody, and nothing is
-// allocated to tell nobody. What an immediate handler throws leaves the mutator, after every
-// notifiee has been told; the change stands. Activity thread only.
+// also when the value is unchanged. A mutator that changes nothing tells nobody, nothing is queued
+// for a notifiee that has left the handler empty, and nothing is allocated to tell nobody. What an
+// immediate handler throws leaves the mutator, after every notifiee has been told; the change
+// stands. Activity thread only.
 #pragma once
 
 #include <exception>
@@ -43,7 +44,10 @@ struct ChangeUnderWay {
   ChangeUnderWay* outer;   // the change within whose notification this one happens; or null
 
   // The innermost change under way in the process; null when there is none.
-  static ChangeUnderWay*& innermost();
+  static ChangeUnderWay*& innermost() { return innermost_; }
+
+ private:
+  inline static constinit ChangeUnderWay* innermost_ = nullptr;
 };
 
 // Queues a notification without a key for every notifiee that listens.
@@ -52,7 +56,10 @@ void notify(const EntityBase& entity, void (N::*handler)()) {
   NotifieeList& list = *entity.notifieeList();
   if (list.empty()) return;
   ActivityManager& loop = ActivityManager::instance();
-  list.forEach([&](NotifieeBase& n) { loop.queue(static_cast<N&>(n), handler); });
+  list.forEach([&](NotifieeBase& n) {
+    if (!NotifieeBase::ignores(static_cast<N&>(n), handler))
+      loop.queue(static_cast<N&>(n), handler);
+  });
 }
 
 // Tells of a change of one member: at once, then keyed and whole from the loop.
@@ -77,8 +84,15 @@ void notifyChange(const EntityBase& entity, const On<N, K>& on, const K& changed
     ChangeUnderWay::innermost() = change.outer;
   }
   ActivityManager& loop = ActivityManager::instance();
-  list.forEach([&](NotifieeBase& n) { loop.queue(static_cast<N&>(n), on.keyed, key); });
-  list.forEach([&](NotifieeBase& n) { loop.queue(static_cast<N&>(n), on.whole); });
+  list.forEach([&](NotifieeBase& n) {
+    if (!NotifieeBase::ignores(static_cast<N&>(n), on.keyed)) {
+      loop.queue(static_cast<N&>(n), on.keyed, key);
+    }
+  });
+  list.forEach([&](NotifieeBase& n) {
+    if (!NotifieeBase::ignores(static_cast<N&>(n), on.whole))
+      loop.queue(static_cast<N&>(n), on.whole);
+  });
   if (thrown) std::rethrow_exception(thrown);
 }
 

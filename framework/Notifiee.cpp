@@ -5,12 +5,6 @@
 #include "framework/Entity.h"
 
 namespace [[gnu::visibility("default")]] Kiv {
-namespace {
-
-// The innermost of the rounds under way, across all lists.
-constinit void* innermostRound = nullptr;
-
-}  // namespace
 
 NotifieeBase::NotifieeBase() = default;
 
@@ -50,10 +44,7 @@ void NotifieeList::join(NotifieeBase& notifiee) {
 }
 
 void NotifieeList::leave(NotifieeBase& notifiee) {
-  for (auto* round = static_cast<Round*>(innermostRound); round != nullptr;
-       round = round->outer()) {
-    round->leaves(*this, notifiee);
-  }
+  Round::allLeave(*this, notifiee);
   if (notifiee.next_ == &notifiee) {
     first_ = nullptr;
   } else {
@@ -62,33 +53,6 @@ void NotifieeList::leave(NotifieeBase& notifiee) {
     if (first_ == &notifiee) first_ = notifiee.next_;
   }
   notifiee.previous_ = notifiee.next_ = nullptr;
-}
-
-NotifieeList::Round::Round(NotifieeList& list)
-    : list_(list),
-      next_(list.first_),
-      last_(list.first_ == nullptr ? nullptr : list.first_->previous_),
-      outer_(static_cast<Round*>(innermostRound)) {
-  innermostRound = this;
-}
-
-NotifieeList::Round::~Round() {
-  innermostRound = outer_;
-}
-
-NotifieeBase* NotifieeList::Round::take() {
-  NotifieeBase* taken = next_;
-  if (taken != nullptr) next_ = taken == last_ ? nullptr : taken->next_;
-  return taken;
-}
-
-void NotifieeList::Round::leaves(const NotifieeList& list, const NotifieeBase& notifiee) {
-  if (&list != &list_ || next_ == nullptr) return;
-  if (next_ == &notifiee) {
-    next_ = next_ == last_ ? nullptr : notifiee.next_;
-  } else if (last_ == &notifiee) {
-    last_ = notifiee.previous_;
-  }
 }
 
 }  // namespace Kiv

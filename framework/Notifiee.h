@@ -18,6 +18,7 @@
 #pragma once
 
 #include "framework/HashMap.h"
+#include "framework/detail/Overrider.h"
 
 namespace [[gnu::visibility("default")]] Kiv {
 
@@ -40,6 +41,14 @@ class NotifieeBase : public Member {
   // Whether a change is to be told to this notifiee.
   bool listens() const { return registered() && hasNotificationActive() && !markedForDeletion(); }
 
+  // Whether this notifiee has left a handler of its class empty; false where that cannot be told.
+  template <class N, class Handler>
+  static bool ignores(const N& notifiee, Handler handler) {
+    return detail::ignores(
+        notifiee, static_cast<const N*>(static_cast<const NotifieeBase&>(notifiee).kivDeaf()),
+        handler);
+  }
+
   // The reactor that this notifiee is.
   NotifieeBase* kivReactor() { return this; }
 
@@ -58,6 +67,8 @@ class NotifieeBase : public Member {
 
   // The record of the entity type that this class of notifiee observes.
   virtual const Type& kivNotifierType() const = 0;
+  // A notifiee of such entities that overrides no handler; null where there is none.
+  virtual const NotifieeBase* kivDeaf() const { return nullptr; }
 
   Ptr<const EntityBase> notifier_;
   NotifieeBase* previous_ = nullptr;  // in a ring with the other notifiees of the entity
@@ -90,15 +101,43 @@ class NotifieeList {
   // One walk over a list. Those under way are known, so that leaving can correct them.
   class Round {
    public:
-    explicit Round(NotifieeList& list);
-    ~Round();
+    explicit Round(NotifieeList& list)
+        : list_(list),
+          next_(list.first_),
+          last_(list.first_ == nullptr ? nullptr : list.first_->previous_),
+          outer_(innermost_) {
+      innermost_ = this;
+    }
+    ~Round() { innermost_ = outer_; }
     Round(const Round&) = delete;
     Round& operator=(const Round&) = delete;
-    NotifieeBase* take();
-    void leaves(const NotifieeList& list, const NotifieeBase& notifiee);
-    Round* outer() const { return outer_; }
+
+    // The next notifiee of the walk; null at its end.
+    NotifieeBase* take() {
+      NotifieeBase* taken = next_;
+      if (taken != nullptr) next_ = taken == last_ ? nullptr : taken->next_;
+      return taken;
+    }
+    // Corrects all walks under way for a notifiee that is about to leave its list.
+    static void allLeave(const NotifieeList& list, const NotifieeBase& notifiee) {
+      for (Round* round = innermost_; round != nullptr; round = round->outer_) {
+        round->leaves(list, notifiee);
+      }
+    }
 
    private:
+    void leaves(const NotifieeList& list, const NotifieeBase& notifiee) {
+      if (&list != &list_ || next_ == nullptr) return;
+      if (next_ == &notifiee) {
+        next_ = next_ == last_ ? nullptr : notifiee.next_;
+      } else if (last_ == &notifiee) {
+        last_ = notifiee.previous_;
+      }
+    }
+
+    // The innermost of the walks under way, across all lists.
+    inline static constinit Round* innermost_ = nullptr;
+
     NotifieeList& list_;
     NotifieeBase* next_;  // to be called next; null at the end
     NotifieeBase* last_;  // the last that was there when the round began
@@ -126,6 +165,17 @@ class Notifiee : public Base {
 
  private:
   const Type& kivNotifierType() const override { return typeRecord<E>; }
+  // Of the binary that made this notifiee, as each has its own copies of the empty handlers.
+  [[gnu::visibility("hidden")]] const NotifieeBase* kivDeaf() const override {
+    using Handlers = typename E::NotifieeConst;
+    if constexpr (std::is_abstract_v<Handlers>) {
+      return nullptr;
+    } else {
+      struct [[gnu::visibility("hidden")]] Deaf final : Handlers{};
+      static const Deaf deaf;
+      return &deaf;
+    }
+  }
 };
 
 }  // namespace Kiv

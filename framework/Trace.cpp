@@ -4,10 +4,7 @@
 
 namespace [[gnu::visibility("default")]] Kiv {
 
-TraceHandle& _defaultTraceHandle() {
-  static TraceHandle handle;
-  return handle;
-}
+constinit TraceHandle detail::defaultTraceHandle;
 
 TraceHelper* TraceHelper::create(const TraceHandle& handle, int level, Storage& storage) {
   static_assert(sizeof(TraceHelper) <= sizeof(Storage) && alignof(TraceHelper) <= alignof(Storage));

@@ -13,6 +13,7 @@
 #pragma once
 
 #include <functional>
+#include <memory>
 #include <sstream>
 #include <string_view>
 
@@ -40,19 +41,27 @@ class TraceHandle {
   bool enabled(int level) const { return level <= level_; }
 
   // Who gets the lines; without a sink they are dropped. A sink may not throw.
-  void sinkIs(Sink sink) { sink_ = std::move(sink); }
+  void sinkIs(Sink sink) {
+    sink_ = sink == nullptr ? nullptr : std::make_unique<Sink>(std::move(sink));
+  }
   // Gives a line to the sink.
   void write(const TraceLine& line) const {
-    if (sink_) sink_(line);
+    if (sink_ != nullptr) (*sink_)(line);
   }
 
  private:
   int level_ = -1;
-  Sink sink_;
+  std::unique_ptr<Sink> sink_;
 };
 
-// The trace handle of the library: one for each process, made on first use.
-TraceHandle& _defaultTraceHandle();
+namespace detail {
+extern TraceHandle defaultTraceHandle;
+}  // namespace detail
+
+// The trace handle of the library: one for each process, there from its start.
+inline TraceHandle& _defaultTraceHandle() {
+  return detail::defaultTraceHandle;
+}
 
 // One line in the making.
 class TraceHelper {
