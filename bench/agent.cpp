@@ -122,7 +122,7 @@ int parseFile(const std::string& path) {
   return json::parse(bytes).empty() ? 1 : 0;
 }
 
-void benchAgent(Suite& suite) {
+void addAgent(Suite& suite) {
   if (!suite.wanted("agent/run") && !suite.wanted("agent/patches") &&
       !suite.wanted("agent/parse")) {
     return;
@@ -136,7 +136,6 @@ void benchAgent(Suite& suite) {
   addProcess(suite, "agent/run", 10, runCloud);
   addProcess(suite, "agent/parse", 10, {"/proc/self/exe", "--parse=" + files.cloud()});
   addProcess(suite, "agent/patches", 3, runPatches);
-  suite.run();
 }
 
 }  // namespace bench

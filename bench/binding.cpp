@@ -113,9 +113,8 @@ std::string family(const char* what, const Clouds& clouds, std::uint32_t ports) 
 }
 
 // All sizes of a shape in one group: how cost grows with size is one of the questions.
-void benchComingAndGoing(Suite& suite, Shape shape) {
+void addComingAndGoing(Suite& suite, Clouds& clouds) {
   constexpr std::uint32_t kOperations = 20000;
-  Clouds clouds(shape);
   for (const std::uint32_t ports : {1000U, 10000U, 100000U, 1000000U}) {
     const std::uint32_t window = std::min(ports / 10, kOperations);
     const Plan plan{family("bind", clouds, ports),
@@ -128,24 +127,27 @@ void benchComingAndGoing(Suite& suite, Shape shape) {
     if (!suite.quick()) addOtherLimits(suite, clouds, plan);
     if (ports == 10000) addSide<WholeMachines>(suite, clouds, plan, "machines-whole");
   }
-  suite.run();
 }
 
-// All ports of a cloud come, then go; each size by itself.
+// All ports of a cloud come, then go.
+void addAll(Suite& suite, Clouds& clouds, std::uint32_t ports, bool hostByHost) {
+  const Plan plan{family(hostByHost ? "bind-hosts" : "bind-all", clouds, ports),
+                  ports,
+                  hostByHost,
+                  ports,
+                  std::max(1U, 10000 / ports),
+                  ports > 100000 ? 3 : 10};
+  addLimitAndMachines(suite, clouds, plan);
+  if (ports <= 100000 && !suite.quick()) addOtherLimits(suite, clouds, plan);
+}
+
+// Each size by itself.
 void benchAll(Suite& suite, Shape shape, bool hostByHost) {
-  Clouds clouds(shape);
   for (const std::uint32_t ports : {1000U, 10000U, 100000U, 1000000U}) {
     if (ports > 10000 && suite.quick()) break;
     if (ports > 100000 && (hostByHost || shape == Shape::packed)) break;
-    const Plan plan{family(hostByHost ? "bind-hosts" : "bind-all", clouds, ports),
-                    ports,
-                    hostByHost,
-                    ports,
-                    std::max(1U, 10000 / ports),
-                    ports > 100000 ? 3 : 10};
-    addLimitAndMachines(suite, clouds, plan);
-    if (ports <= 100000 && !suite.quick()) addOtherLimits(suite, clouds, plan);
-    suite.run();
+    Clouds clouds(shape);
+    suite.group([&] { addAll(suite, clouds, ports, hostByHost); });
   }
 }
 
@@ -153,7 +155,8 @@ void benchAll(Suite& suite, Shape shape, bool hostByHost) {
 
 void benchBinding(Suite& suite) {
   for (const Shape shape : {Shape::spread, Shape::packed}) {
-    benchComingAndGoing(suite, shape);
+    Clouds clouds(shape);
+    suite.group([&] { addComingAndGoing(suite, clouds); });
     benchAll(suite, shape, false);
     benchAll(suite, shape, true);
   }

@@ -1,4 +1,4 @@
-// The groups of benchmarks, in the order in which they run.
+// The benchmarks, in the order in which they run.
 #pragma once
 
 #include "bench/harness/Suite.h"
@@ -8,27 +8,29 @@ namespace bench {
 // Throws when the limit does not make the writes that the machines make.
 void checkLimit();
 
-// Binding and unbinding of ports, through the machines and in straight-line code.
+// Binding and unbinding of ports, through the machines and in straight-line code; several groups.
 void benchBinding(Suite& suite);
-// What the same data takes in memory.
-void benchMemory(Suite& suite);
-// The figures of one process for benchMemory(): prints the bytes that `what` takes.
-int measureMemory(const std::string& what);
 
-// Whole regions, switch interfaces, segments, VLAN assignments, heartbeats, hosts.
-void benchRegions(Suite& suite);
+// What the same data takes in memory; loading it in one go.
+void addMemory(Suite& suite);
+void addLoads(Suite& suite);
+// The figures of one process for these two: prints those of `what`.
+int measureAlone(const std::string& what);
+
+// Switch interfaces, segments, VLAN assignments, heartbeats, hosts.
+void addRegions(Suite& suite);
 
 // The framework, beside what else could be used.
-void benchDispatch(Suite& suite);
-void benchDelivery(Suite& suite);
-void benchPointers(Suite& suite);
-void benchMaps(Suite& suite);
-void benchNames(Suite& suite);
-void benchTrace(Suite& suite);
+void addDispatch(Suite& suite);
+void addDelivery(Suite& suite);
+void addPointers(Suite& suite);
+void addMaps(Suite& suite);
+void addNames(Suite& suite);
+void addTrace(Suite& suite);
 
 // The program, on a document of 100,000 ports.
-void benchAgent(Suite& suite);
-// What benchAgent() compares with: reads a file and parses it, and nothing else.
+void addAgent(Suite& suite);
+// What addAgent() compares with: reads a file and parses it, and nothing else.
 int parseFile(const std::string& path);
 
 }  // namespace bench

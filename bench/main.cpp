@@ -6,7 +6,6 @@
 #include <vector>
 
 #include "bench/groups.h"
-#include "bench/machines/World.h"
 
 namespace {
 
@@ -49,24 +48,21 @@ void interleave() {
 int main(int argc, char** argv) {
   try {
     if (argc == 2) {
-      if (const char* what = value(argv[1], "--memory=")) return bench::measureMemory(what);
+      if (const char* what = value(argv[1], "--alone=")) return bench::measureAlone(what);
       if (const char* path = value(argv[1], "--parse=")) return bench::parseFile(path);
     }
     const bench::Options options = optionsOf(argc, argv);
-    bench::loop();
-    bench::checkLimit();
     interleave();
     bench::Suite suite(options);
+    suite.group(bench::checkLimit);
     bench::benchBinding(suite);
-    bench::benchMemory(suite);
-    bench::benchRegions(suite);
-    bench::benchDispatch(suite);
-    bench::benchDelivery(suite);
-    bench::benchPointers(suite);
-    bench::benchMaps(suite);
-    bench::benchNames(suite);
-    bench::benchTrace(suite);
-    bench::benchAgent(suite);
+    for (void (*add)(bench::Suite&) :
+         {bench::addMemory, bench::addLoads, bench::addRegions, bench::addDispatch,
+          bench::addDelivery, bench::addPointers, bench::addMaps, bench::addNames, bench::addTrace,
+          bench::addAgent}) {
+      suite.group([&] { add(suite); });
+    }
+    suite.finish();
     return 0;
   } catch (const std::exception& error) {
     std::cerr << "openstacksm_bench: " << error.what() << '\n';

@@ -46,30 +46,6 @@ void timeBoth(benchmark::State& state, std::int64_t operations, const char* firs
   state.counters[secondName] = secondSeconds * nanoseconds;
 }
 
-void load(benchmark::State& state, const Cloud& cloud) {
-  Agent agent;
-  agent.start();
-  const auto region = boundRegion(cloud);
-  timeBoth(
-      state, cloud.ports(), "load",
-      [&] {
-        agent.cloud()->regionIs(region);
-        loop().run();
-      },
-      "teardown", [&] { agent.stop(); });
-}
-
-void addLoads(Suite& suite) {
-  for (const Shape shape : {Shape::spread, Shape::packed}) {
-    for (const std::uint32_t ports : {1000U, 10000U, 100000U, 1000000U}) {
-      if (ports > 10000 && suite.quick()) continue;
-      const std::string data = std::string(name(shape)) + "/" + std::to_string(ports);
-      suite.addBatch("load/" + data + "/machines", ports, ports > 100000 ? 3 : 10,
-                     [=](benchmark::State& state) { load(state, Cloud(ports, shape)); });
-    }
-  }
-}
-
 // A port's binding to an interface of its own, of a switch with 40.
 Kiv::Ptr<OpenStack::PortToSwitchInterfaceBinding> switchBinding(const Cloud& cloud,
                                                                 const Segments& segments,
@@ -282,9 +258,7 @@ void moveIntern(benchmark::State& state) {
 
 }  // namespace
 
-void benchRegions(Suite& suite) {
-  addLoads(suite);
-  suite.run();
+void addRegions(Suite& suite) {
   suite.addBatch("switch/switchports", 10000, 10,
                  [](benchmark::State& state) { bindToSwitches(state, true); });
   suite.addBatch("switch/elements", 10000, 10,
@@ -294,7 +268,6 @@ void benchRegions(Suite& suite) {
   suite.addBatch("heartbeats", 10000, 10, heartbeats);
   suite.addBatch("hosts/machines", kHosts, 10, moveMachines);
   suite.addBatch("hosts/intern", kHosts, 10, moveIntern);
-  suite.run();
 }
 
 }  // namespace bench

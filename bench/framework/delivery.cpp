@@ -93,7 +93,7 @@ void deliverAsio(benchmark::State& state, std::uint32_t waiting) {
 
 }  // namespace
 
-void benchDelivery(Suite& suite) {
+void addDelivery(Suite& suite) {
   for (const std::uint32_t waiting : {1U, 1000U}) {
     const auto add = [&](const char* side, void (*function)(benchmark::State&, std::uint32_t)) {
       suite.addLoop("delivery/" + std::to_string(waiting) + "/" + side,
@@ -107,7 +107,6 @@ void benchDelivery(Suite& suite) {
     add("qt", deliverQt);
 #endif
   }
-  suite.run();
 }
 
 }  // namespace bench

@@ -66,7 +66,7 @@ void dispatchSigc(benchmark::State& state, int observers) {
 
 }  // namespace
 
-void benchDispatch(Suite& suite) {
+void addDispatch(Suite& suite) {
   for (const int observers : {1, 8}) {
     const auto add = [&](const char* side, void (*function)(benchmark::State&, int)) {
       suite.addLoop("dispatch/" + std::to_string(observers) + "/" + side,
@@ -80,7 +80,6 @@ void benchDispatch(Suite& suite) {
     add("qt", dispatchQt);
 #endif
   }
-  suite.run();
 }
 
 }  // namespace bench

@@ -167,13 +167,12 @@ void addSide(Suite& suite, const std::string& side) {
 
 }  // namespace
 
-void benchMaps(Suite& suite) {
+void addMaps(Suite& suite) {
   addSide<KivSide>(suite, "kiv");
   addSide<NodeSide>(suite, "node");
   addSide<FlatSide>(suite, "flat");
   addSide<UnorderedSide>(suite, "unordered");
   addSide<IntrusiveSide>(suite, "intrusive");
-  suite.run();
 }
 
 }  // namespace bench

@@ -64,10 +64,9 @@ void addSide(Suite& suite, const std::string& side) {
 
 }  // namespace
 
-void benchNames(Suite& suite) {
+void addNames(Suite& suite) {
   addSide<Kiv::String>(suite, "kiv");
   addSide<std::string>(suite, "std");
-  suite.run();
 }
 
 }  // namespace bench

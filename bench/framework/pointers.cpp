@@ -37,7 +37,7 @@ void copy(benchmark::State& state, const std::vector<Pointer>& objects) {
 
 }  // namespace
 
-void benchPointers(Suite& suite) {
+void addPointers(Suite& suite) {
   suite.addLoop("pointers/kiv", [](benchmark::State& state) {
     std::vector<Kiv::Ptr<Subject>> objects;
     for (std::size_t i = 0; i < kObjects; ++i) objects.push_back(Kiv::make<Subject>());
@@ -55,7 +55,6 @@ void benchPointers(Suite& suite) {
     for (std::size_t i = 0; i < kObjects; ++i) objects.push_back(std::make_shared<std::uint64_t>());
     copy(state, objects);
   });
-  suite.run();
 }
 
 }  // namespace bench

@@ -6,7 +6,7 @@
 
 namespace bench {
 
-void benchTrace(Suite& suite) {
+void addTrace(Suite& suite) {
   suite.addLoop("trace/off", [](benchmark::State& state) {
     static constexpr Kiv::TraceSource here{"bench", "traced", "void traced()"};
     std::uint64_t evaluated = 0;
@@ -19,7 +19,6 @@ void benchTrace(Suite& suite) {
     }
     state.counters["evaluated"] = static_cast<double>(evaluated);
   });
-  suite.run();
 }
 
 }  // namespace bench

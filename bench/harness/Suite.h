@@ -1,13 +1,14 @@
 // The benchmarks of a run, in groups. What is to be compared is added to one group: the repetitions
 // of a group's members are interleaved at random, so that a machine that is slower for a while is
-// slower for all of them. Each group's data is let go before the next group's is made.
+// slower for all of them. Each group has a process of its own, a child of the run's: its data is
+// let go with it, and no group finds memory that another has left behind in disorder.
 #pragma once
 
 #include <benchmark/benchmark.h>
 #include <time.h>
 
 #include <functional>
-#include <memory>
+#include <nlohmann/json.hpp>
 #include <regex>
 #include <string>
 
@@ -26,7 +27,6 @@ class Suite {
   using Function = std::function<void(benchmark::State&)>;
 
   explicit Suite(const Options& options);
-  ~Suite();
   Suite(const Suite&) = delete;
   Suite& operator=(const Suite&) = delete;
 
@@ -45,15 +45,19 @@ class Suite {
   // Adds a benchmark of the usual kind, with a loop over the state.
   void addLoop(const std::string& name, Function function);
 
-  // Runs the group: all that was added since the last call.
-  void run();
+  // Runs a group: what `add` adds, with the data that it makes, in a process of its own.
+  void group(const std::function<void()>& add);
+
+  // Writes the results of all groups.
+  void finish() const;
 
  private:
-  class Reporter;
+  void runAdded(const std::string& part) const;
+  void take(const std::string& part);
 
   Options options_;
   std::regex filter_;
-  std::unique_ptr<Reporter> reporter_;
+  nlohmann::ordered_json results_;
   int added_ = 0;
 };
 

@@ -14,7 +14,9 @@ Agent::Agent()
       config_(Kiv::make<OpenStack::Config>()),
       status_(Kiv::make<OpenStack::OpenStackStatus>()),
       resources_(Kiv::make<VirtualNetwork::RequestedResourcesCollection>()),
-      elements_(Kiv::make<VirtualNetwork::NetworkElementCollection>()) {}
+      elements_(Kiv::make<VirtualNetwork::NetworkElementCollection>()) {
+  loop();  // is there before anything is observed
+}
 
 void Agent::start() {
   machines_ = OpenStack::openStackSmFactory(

@@ -1,14 +1,17 @@
-// What the data of the binding benchmarks takes in memory, in bytes a port.
+// What is measured in a process of its own, because the framework keeps memory that it once had for
+// the next object.
 //
-//   memory/SHAPE/PORTS/SIDE
+//   memory/SHAPE/PORTS/SIDE      what the data of the binding benchmarks takes, in bytes a port
+//   load/SHAPE/PORTS/machines    a region with all its ports is added in one go; counters: load,
+//   and
+//                                teardown, the end of the machines (ns a port)
 //
 // Sides: intern; outputs, the output entities alone; machines, with the counters inputs (the input
 // entities), machines (machines and reactors) and outputs (the output entities, with the texts that
 // they share with the inputs not counted again).
 //
-// Each figure is taken in a process of its own, because the framework keeps memory that it once had
-// for the next object. It is the rise of what malloc has handed out, its own overhead included, and
-// so the same for every side; what the framework has taken for its pool counts as a whole.
+// Memory is the rise of what malloc has handed out, its own overhead included, and so counted the
+// same for every side; what the framework has taken for its pool counts as a whole.
 #include <malloc.h>
 #include <unistd.h>
 
@@ -78,7 +81,6 @@ void measureSharingOutputs(const Cloud& cloud) {
 }
 
 void measureMachines(const Cloud& cloud) {
-  loop();
   Agent agent;
   const Meter meter(cloud);
   agent.cloud()->regionIs(boundRegion(cloud));
@@ -87,11 +89,25 @@ void measureMachines(const Cloud& cloud) {
   meter.print("total");
 }
 
+void measureLoad(const Cloud& cloud) {
+  Agent agent;
+  agent.start();
+  const auto region = boundRegion(cloud);
+  const double nanoseconds = 1e9 / cloud.ports();
+  const Stopwatch load;
+  agent.cloud()->regionIs(region);
+  loop().run();
+  std::cout << "load " << load.seconds() * nanoseconds << '\n';
+  const Stopwatch teardown;
+  agent.stop();
+  std::cout << "teardown " << teardown.seconds() * nanoseconds << '\n';
+}
+
 using Figures = std::map<std::string, double>;
 
 // The figures that this program prints when it is asked for `what`.
 Figures measured(const std::string& what) {
-  const std::string command = "/proc/" + std::to_string(::getpid()) + "/exe --memory=" + what;
+  const std::string command = "/proc/" + std::to_string(::getpid()) + "/exe --alone=" + what;
   const std::unique_ptr<FILE, int (*)(FILE*)> output(::popen(command.c_str(), "r"), ::pclose);
   if (!output) throw std::runtime_error("cannot run " + command);
   std::string text;
@@ -101,20 +117,27 @@ Figures measured(const std::string& what) {
   std::istringstream in(text);
   std::string name;
   for (double value = 0; in >> name >> value;) figures[name] = value;
-  if (!figures.contains("total")) throw std::runtime_error(command + " printed no figure");
+  if (figures.empty()) throw std::runtime_error(command + " printed no figure");
   return figures;
 }
 
-void addFigures(Suite& suite, const std::string& name, std::function<Figures()> figures) {
-  suite.addBatch(name, 1, 1, [figures](benchmark::State& state) {
-    while (state.KeepRunning()) state.SetIterationTime(0);
-    for (const auto& [what, bytes] : figures()) state.counters[what] = bytes;
+// A benchmark of one such process after the other, whose counters are the figures. Their sum stands
+// in for the time.
+void addFigures(Suite& suite, const std::string& name, int repetitions,
+                std::function<Figures()> figures) {
+  suite.addBatch(name, 1, repetitions, [figures](benchmark::State& state) {
+    double sum = 0;
+    for (const auto& [what, figure] : figures()) {
+      state.counters[what] = figure;
+      sum += figure;
+    }
+    while (state.KeepRunning()) state.SetIterationTime(1e-9 * sum);
   });
 }
 
 }  // namespace
 
-int measureMemory(const std::string& what) {
+int measureAlone(const std::string& what) {
   std::istringstream in(what);
   std::string side;
   std::string shape;
@@ -129,18 +152,30 @@ int measureMemory(const std::string& what) {
   if (side == "outputs") measureOutputs(cloud);
   if (side == "sharing-outputs") measureSharingOutputs(cloud);
   if (side == "machines") measureMachines(cloud);
+  if (side == "load") measureLoad(cloud);
   return 0;
 }
 
-void benchMemory(Suite& suite) {
+void addLoads(Suite& suite) {
+  for (const Shape shape : {Shape::spread, Shape::packed}) {
+    for (const std::uint32_t ports : {1000U, 10000U, 100000U, 1000000U}) {
+      if (ports > 10000 && suite.quick()) continue;
+      const std::string data = "load/" + std::string(name(shape)) + "/" + std::to_string(ports);
+      addFigures(suite, data + "/machines", ports > 100000 ? 3 : 10,
+                 [=] { return measured(data); });
+    }
+  }
+}
+
+void addMemory(Suite& suite) {
   for (const Shape shape : {Shape::spread, Shape::packed}) {
     for (const std::uint32_t ports : {1000U, 10000U, 100000U, 1000000U}) {
       if (ports > 100000 && suite.quick()) continue;
       const std::string data = "/" + std::string(name(shape)) + "/" + std::to_string(ports);
       for (const std::string side : {"intern", "ids", "std", "outputs"}) {
-        addFigures(suite, "memory" + data + "/" + side, [=] { return measured(side + data); });
+        addFigures(suite, "memory" + data + "/" + side, 1, [=] { return measured(side + data); });
       }
-      addFigures(suite, "memory" + data + "/machines", [=] {
+      addFigures(suite, "memory" + data + "/machines", 1, [=] {
         Figures figures = measured("machines" + data);
         figures["outputs"] = measured("sharing-outputs" + data)["total"];
         figures["machines"] = figures["total"] - figures["inputs"] - figures["outputs"];
@@ -148,7 +183,6 @@ void benchMemory(Suite& suite) {
       });
     }
   }
-  suite.run();
 }
 
 }  // namespace bench
