@@ -241,13 +241,14 @@ void RegionConfigSm::handlePortBinding(const Kiv::String& portId) {
 void RegionConfigSm::KivPortBinding::handleCleanup() {
   static constexpr auto here = detail::handler<RegionConfigSm>("KivPortBinding::handleCleanup");
   const Kiv::String portId = fwkKey();
+  const auto owner = machine();  // which an observer of the cleanup may make this reactor lose
   trace(9, here, this, [&](auto& text) { text << portId; });
-  if (const Kiv::Ptr<PortBindingSm> child{machine()->portBindingSm()[portId]}) {
+  if (const Kiv::Ptr<PortBindingSm> child{owner->portBindingSm()[portId]}) {
     child->doCleanup();
   } else {
     trace(1, here, this, [&](auto& text) { text << "No port binding machine for " << portId; });
   }
-  machine()->portBindingSmDel(portId);
+  owner->portBindingSmDel(portId);
 }
 
 }  // namespace OpenStack

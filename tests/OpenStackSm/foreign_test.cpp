@@ -197,6 +197,28 @@ TEST_P(ForeignTest, APortUnboundByAWatcherOfItsOwnPublicationLeavesNothing) {
   }
 }
 
+TEST_P(ForeignTest, AnotherPortUnboundByAWatcherOfAWithdrawalGoesToo) {
+  world.start(kCloud);
+  // At each write of the withdrawal, in turn.
+  bool reached = true;
+  for (int at = 1; reached; ++at) {
+    reached = false;
+    world.apply(kBound);
+    OutputWatch watch(world.statuses, world.resources, world.elements);
+    int writes = 0;
+    watch.immediate = [&](const std::string&) {
+      if (++writes != at) return;
+      reached = true;
+      world.change("-bind q");
+    };
+    world.apply("-bind p");
+    watch.immediate = nullptr;
+    world.unbindAll();
+    EXPECT_THAT(withoutHistory(world.published()), IsEmpty()) << at;
+    ASSERT_LT(at, 100);
+  }
+}
+
 TEST_P(ForeignTest, ALevelTakenAwayByAWatcherOfItsWithdrawalIsWithdrawnOnce) {
   world.start(kCloud);
   bool reached = true;

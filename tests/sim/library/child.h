@@ -15,6 +15,7 @@ struct Progress {
   std::atomic<std::uint64_t> done;     // events of that stream
   std::atomic<std::uint64_t> total;    // events of all streams that are done
   std::atomic<std::uint64_t> streams;  // that were begun
+  std::atomic<std::uint64_t> faults;   // that were done
 };
 
 // What the work returns; where it stopped the process, a failure that says how, at the event after

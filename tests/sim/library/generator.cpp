@@ -80,7 +80,7 @@ Event Generator::event() {
 
 Event Generator::advance() {
   const double choices[] = {
-      0, 0.25, 1, 7, timeout_ / 2, timeout_ - 0.25, timeout_, timeout_ + 0.25, 1000};
+      0, 0.25, 1, 7, timeout_ / 2, timeout_ - 0.25, timeout_, timeout_ + 0.25, 1000, 1e9};
   return {.kind = Event::advance, .seconds = anyOf(choices)};
 }
 

@@ -9,6 +9,7 @@
 #include "OpenStackSm/detail/Toggle.h"
 #include "framework/Exceptions.h"
 #include "framework/FeatureToggle.h"
+#include "tests/sim/library/crowd.h"
 #include "tests/sim/library/names.h"
 #include "tests/sim/library/read.h"
 
@@ -77,6 +78,37 @@ struct Subject::World {
   }
   OpenStack::VlanAssignment& assignment(const Op& op) const {
     return *config->vlanAssignment()[name(Name::region, op.region)];
+  }
+
+  // Whether there is what an operation needs.
+  bool isThere(const Op& op) const {
+    switch (op.kind) {
+      case Op::regionDel:
+      case Op::regionIs:
+      case Op::driverIs:
+      case Op::assignmentDel:
+      case Op::assignmentIs:
+        return true;
+      case Op::vlanEntryDel:
+      case Op::vlanEntryIs:
+        return config->vlanAssignment().contains(name(Name::region, op.region));
+      default:
+        break;
+    }
+    const OpenStack::Region* in = cloud->region()[name(Name::region, op.region)];
+    if (in == nullptr) return false;
+    if (op.kind == Op::portBindingIs) return in->port().contains(string(Name::port, op.id));
+    if (op.kind > Op::bindingDel && op.kind != Op::bindingIs && op.kind != Op::levelIs) return true;
+    const OpenStack::PortBinding* binding = in->portBinding()[string(Name::port, op.id)];
+    if (binding == nullptr || op.kind == Op::bindingDel || op.kind == Op::bindingIs) {
+      return binding != nullptr;
+    }
+    if (op.kind == Op::levelIs && !in->segment().contains(string(Name::segment, op.value))) {
+      return false;
+    }
+    return op.place.onHost()
+               ? binding->portToHostBinding().contains(name(Name::element, op.place.element))
+               : binding->portToSwitchInterfaceBinding().contains(switchInterface(op.place));
   }
 
   // Calls `use` with the binding at the operation's place.
@@ -263,6 +295,45 @@ std::string Subject::misuse(int which) {
     return which % 5 == 4 ? "" : "a name in use";
   }
   return "a null entity is taken";
+}
+
+void Subject::visitedBy(Crowd& crowd) {
+  const World& w = *world_;
+  crowd.visit(*w.config, *w.cloud, *w.status, *w.resources, *w.elements);
+}
+
+void Subject::applyIfThere(const Operation& op) {
+  if (world_->isThere(op)) apply(op);
+}
+
+void Subject::removeOne(int number, bool whole) {
+  std::vector<std::pair<Kiv::Ptr<OpenStack::Region>, Kiv::Ptr<OpenStack::PortBinding>>> found;
+  for (const auto& region : world_->cloud->region()) {
+    for (const auto& binding : region->portBinding()) found.emplace_back(region, binding);
+  }
+  if (found.empty()) return;
+  const auto& [region, binding] = found[static_cast<std::size_t>(number) % found.size()];
+  if (whole) {
+    region->portBindingDel(binding->portId());
+  } else if (!binding->portToHostBinding().empty()) {
+    binding->portToHostBindingDel((*binding->portToHostBinding().begin())->host());
+  } else if (!binding->portToSwitchInterfaceBinding().empty()) {
+    binding->portToSwitchInterfaceBindingDel(
+        (*binding->portToSwitchInterfaceBinding().begin())->switchInterface());
+  }
+}
+
+void Subject::removeAll() {
+  for (const auto& region : world_->cloud->region()) region->portBindingDelAll();
+  idle();
+  for (const auto& region : world_->cloud->region()) {
+    region->segmentDelAll();
+    region->portDelAll();
+  }
+  idle();
+  world_->cloud->regionDelAll();
+  world_->config->vlanAssignmentDelAll();
+  idle();
 }
 
 Picture Subject::picture() const {

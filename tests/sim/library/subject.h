@@ -10,6 +10,8 @@
 
 namespace sim {
 
+class Crowd;
+
 class Subject {
  public:
   Subject(bool toggleOn, double timeout);
@@ -26,6 +28,17 @@ class Subject {
   void advance(double seconds);
   // Calls a mutator as it must not be called; returns what is wrong with the answer.
   std::string misuse(int which);
+
+  // Faults
+  // Lets a crowd of foreign notifiees in.
+  void visitedBy(Crowd& crowd);
+  // apply(), unless what the operation is about has gone.
+  void applyIfThere(const Operation& operation);
+  // Takes out the port binding that comes after so many others, around and around; or one of its
+  // bindings only. Does nothing when there is none.
+  void removeOne(int number, bool whole);
+  // Takes out every port binding, and when the loop has run everything else.
+  void removeAll();
 
   // What is published.
   Picture picture() const;

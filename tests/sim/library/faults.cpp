@@ -1,0 +1,192 @@
+// The simulation with faults: foreign notifiees that misbehave while the machines work.
+//
+// Streams as in the simulation of the library, with a crowd of watchers on inputs and outputs. Each
+// stream is of one kind:
+//
+//   antics    watchers leave, fall silent, move, end and send each other away, in the middle of
+//             rounds: everything published must be as if they were not there;
+//   throwing  one throws: once the cloud is taken out and put in again everything is as it should
+//             be, and nothing is left when it is taken out for good;
+//   meddling  one takes a port binding out, or one of its bindings, from within a notification:
+//   what
+//             is published then must be what machines made anew publish, and nothing is left.
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <string>
+#include <string_view>
+
+#include "tests/sim/library/child.h"
+#include "tests/sim/library/compare.h"
+#include "tests/sim/library/crowd.h"
+#include "tests/sim/library/generator.h"
+#include "tests/sim/library/heal.h"
+#include "tests/sim/library/model.h"
+#include "tests/sim/library/subject.h"
+
+namespace sim {
+namespace {
+
+constexpr int kLength = 60;  // events in a stream
+constexpr const char* kKinds[] = {"antics", "throwing", "meddling", "meddling at once"};
+
+enum Kind { antics, throwing, meddling, meddlingAtOnce };
+
+class Life {
+ public:
+  Life(const Stream& stream, Kind kind)
+      : kind_(kind),
+        toggleOn_(stream.toggleOn),
+        crowd_(stream.seed),
+        model_(stream.toggleOn, stream.timeout),
+        subject_(stream.toggleOn, stream.timeout) {}
+
+  // What is wrong after an event; nothing more is to come after a disturbance.
+  std::string step(const Event& event) {
+    subject_.visitedBy(crowd_);
+    model_.beginEvent();
+    if (event.kind == Event::patch) {
+      patch(event.edits);
+    } else if (event.kind == Event::advance) {
+      model_.advance(event.seconds);
+      subject_.advance(event.seconds);
+    } else if (event.kind == Event::timeout) {
+      model_.timeoutIs(event.seconds);
+      subject_.timeoutIs(event.seconds);
+    }
+    if (crowd_.threw()) return healed();
+    if (crowd_.meddled()) return kind_ == meddling ? followed() : healed();
+    const Picture picture = subject_.picture();
+    return difference(model_.facts(), picture.facts) + nativeDifference(model_, picture);
+  }
+  bool isOver() const { return over_; }
+
+ private:
+  void patch(const std::vector<Edit>& edits) {
+    Cloud after = patched(cloud_, edits);
+    if (!keepsRules(after)) return;
+    if (crowd_.below(5) == 0 && kind_ == throwing) crowd_.throwSoon();
+    if (crowd_.below(5) == 0 && kind_ >= meddling) {
+      // One of several bindings of a port cannot go alone where they share a host's element.
+      const bool whole = !toggleOn_ || crowd_.below(2) == 0;
+      crowd_.meddleSoon(kind_ == meddlingAtOnce,
+                        [this, whole] { subject_.removeOne(crowd_.below(100), whole); });
+    }
+    for (const Phase& phase : planOf(cloud_, after, edits, toggleOn_)) {
+      for (const Operation& operation : phase) {
+        through([&] { subject_.applyIfThere(operation); });
+        model_.apply(operation);
+      }
+      while (!through([&] { subject_.idle(); })) {
+      }
+      model_.idle();
+    }
+    crowd_.behave();
+    cloud_ = std::move(after);
+  }
+
+  // Whether the work came through without an antic's exception.
+  template <class Work>
+  static bool through(Work work) {
+    try {
+      work();
+      return true;
+    } catch (const Antic&) {
+      return false;
+    }
+  }
+
+  // Out, in, and out for good.
+  std::string healed() {
+    over_ = true;
+    ++sharedProgress().faults;
+    crowd_.leave();
+    return healDifference(subject_, cloud_, toggleOn_);
+  }
+
+  // After meddling: what the inputs ask for, whatever they are now.
+  std::string followed() {
+    over_ = true;
+    ++sharedProgress().faults;
+    crowd_.leave();
+    const std::string found = difference(present(subject_.rebuilt().facts, false),
+                                         present(subject_.picture().facts, false));
+    if (!found.empty()) return "after meddling:\n" + found;
+    return leftDifference(subject_);
+  }
+
+  Kind kind_;
+  bool toggleOn_;
+  bool over_ = false;
+  Cloud cloud_;
+  Crowd crowd_;
+  Model model_;
+  Subject subject_;
+};
+
+std::optional<Failure> run(const Stream& stream, Kind kind, Progress& progress) {
+  const std::string before = liveObjects();
+  {
+    Life life(stream, kind);
+    for (const Event& event : stream.events) {
+      std::string found;
+      try {
+        found = life.step(event);
+      } catch (const std::exception& e) {
+        found = std::string("exception: ") + e.what() + "\n";
+      }
+      ++progress.done;
+      if (!found.empty()) return Failure{progress.done, found};
+      if (life.isOver()) break;
+    }
+  }
+  const std::string after = liveObjects();
+  if (after == before) return std::nullopt;
+  return Failure{progress.done, "objects left behind\nbefore:\n" + before + "after:\n" + after};
+}
+
+int simulate(std::uint64_t events, std::uint64_t seed, int mostFailures) {
+  Progress& progress = sharedProgress();
+  int failures = 0;
+  for (; progress.total < events && failures < mostFailures; progress.streams += 1) {
+    const auto failure = inChild(progress, [&]() -> std::optional<Failure> {
+      while (progress.total < events) {
+        const std::uint64_t number = progress.streams;
+        progress.seed = seed + number / 8;
+        progress.toggleOn = number % 2 == 0;
+        progress.done = 0;
+        const Stream stream = Generator(progress.seed, progress.toggleOn).stream(kLength);
+        if (auto found = run(stream, static_cast<Kind>(number / 2 % 4), progress)) return found;
+        progress.total += progress.done;
+        ++progress.streams;
+      }
+      return std::nullopt;
+    });
+    if (!failure) break;
+    ++failures;
+    std::printf("FAILED  seed %llu, toggle %s, %s, event %zu:\n%s",
+                static_cast<unsigned long long>(progress.seed), progress.toggleOn ? "on" : "off",
+                kKinds[progress.streams / 2 % 4], failure->events, failure->text.c_str());
+  }
+  std::printf("%llu streams, %llu events, %llu faults, %d failures\n",
+              static_cast<unsigned long long>(progress.streams),
+              static_cast<unsigned long long>(progress.total),
+              static_cast<unsigned long long>(progress.faults), failures);
+  return failures == 0 ? 0 : 1;
+}
+
+}  // namespace
+}  // namespace sim
+
+int main(int count, char** arguments) {
+  const auto number = [&](int at, std::uint64_t otherwise) {
+    return count > at ? std::strtoull(arguments[at], nullptr, 10) : otherwise;
+  };
+  try {
+    return sim::simulate(number(1, 100000), number(2, 1), static_cast<int>(number(3, 3)));
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "library_faults: %s\nlibrary_faults [EVENTS [SEED [MOST-FAILURES]]]\n",
+                 e.what());
+    return 2;
+  }
+}
