@@ -116,6 +116,8 @@ void PortBindingSm::KivPortToHostBinding::doCleanup() {
   static constexpr auto here = detail::handler<PortBindingSm>("KivPortToHostBinding::doCleanup");
   trace(9, here, this, "");
   if (const Kiv::Ptr<PortToHostBindingSm> child{machine()->portToHostBindingSm()[fwkKey()]}) {
+    // What still waits for the machine, which lives until the loop deletes it, must not publish.
+    child->hasNotificationActiveIs(false);
     child->doCleanup();
   }
 }
@@ -190,6 +192,7 @@ void PortBindingSm::KivPortToSwitchInterfaceBinding::doCleanup() {
   trace(9, here, this, "");
   if (const Kiv::Ptr<PortToSwitchInterfaceBindingSm> child{
           machine()->portToSwitchInterfaceBindingSm()[fwkKey()]}) {
+    child->hasNotificationActiveIs(false);  // as above
     child->doCleanup();
   } else {
     trace(1, here, this, [&](auto& text) { text << "No machine for " << fwkKey(); });

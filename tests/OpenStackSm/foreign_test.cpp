@@ -219,6 +219,14 @@ TEST_P(ForeignTest, AnotherPortUnboundByAWatcherOfAWithdrawalGoesToo) {
   }
 }
 
+TEST_P(ForeignTest, ALevelOfABindingThatGoesBeforeTheLoopRunsIsNotPublished) {
+  world.start(kCloud);
+  world.apply("host p h1 0=vx; switch q sw e1 h3 0=vx");
+  world.change("host p h1 1=vl; -host p h1; switch q sw e1 h3 1=vl; -switch q sw e1");
+  world.run();
+  EXPECT_THAT(withoutHistory(world.published()), IsEmpty());
+}
+
 TEST_P(ForeignTest, ALevelTakenAwayByAWatcherOfItsWithdrawalIsWithdrawnOnce) {
   world.start(kCloud);
   bool reached = true;

@@ -95,8 +95,7 @@ std::string text(const Picture& picture) {
 
 void settle(std::vector<Fact>& facts) {
   std::ranges::sort(facts);
-  const auto repeated = std::ranges::unique(facts);
-  facts.erase(repeated.begin(), repeated.end());
+  facts.erase(std::unique(facts.begin(), facts.end()), facts.end());
 }
 
 }  // namespace sim

@@ -46,14 +46,15 @@ std::optional<int> Generator::freeSegment(int region, const Binding& binding,
                                           std::optional<int> type) {
   const auto& segments = cloud_.regions.at(region).segments;
   std::vector<int> free;
-  for (const auto& [id, segment] : segments) {
-    if (type && segment.type != *type) continue;
-    const bool clashes = std::ranges::any_of(binding.levels, [&](const auto& level) {
+  const auto clashes = [&](int id, const Segment& segment) {
+    return std::ranges::any_of(binding.levels, [&](const auto& level) {
       const auto other = segments.find(level.second);
       return level.second == id ||
              (segment.type == kVlan && other != segments.end() && other->second == segment);
     });
-    if (!clashes) free.push_back(id);
+  };
+  for (const auto& [id, segment] : segments) {
+    if ((!type || segment.type == *type) && !clashes(id, segment)) free.push_back(id);
   }
   if (free.empty()) return std::nullopt;
   return anyOf(free);
