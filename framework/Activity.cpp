@@ -1,6 +1,7 @@
 #include "framework/Activity.h"
 
 #include <cstdlib>
+#include <memory>
 #include <utility>
 
 #include "framework/Assert.h"
@@ -16,56 +17,30 @@ namespace detail {
 
 PendingQueue::~PendingQueue() {
   while (!empty()) release(take());
-  while (first_ != nullptr) delete std::exchange(first_, first_->next);
-  delete spare_;
-  freeBuckets();
 }
 
-Pending& PendingQueue::take() {
-  if (firstAt_ == kBlockSize) {
-    delete std::exchange(spare_, std::exchange(first_, first_->next));
-    firstAt_ = 0;
-  }
-  Pending& taken = first_->pending[firstAt_++];
-  --count_;
-  if (log2_ != 0) {
-    Pending** at = &buckets_[bucket(taken.hash_)];
-    while (*at != &taken) at = &(*at)->nextInBucket_;
-    *at = taken.nextInBucket_;
-  }
-  return taken;
-}
-
-void PendingQueue::addBlock() {
-  Block* block = spare_ != nullptr ? std::exchange(spare_, nullptr) : new Block;
-  block->next = nullptr;
-  (last_ == nullptr ? first_ : last_->next) = block;
-  last_ = block;
-  lastAt_ = 0;
-}
-
-// Doubles the buckets, and hangs all that wait anew. Where they cannot be had, chains are longer;
-// without any, nothing waits for sure, and a notification may come twice, which handlers bear.
+// Doubles the ring. What was taken and is being delivered stays where it is until it is released.
 void PendingQueue::grow() {
-  const U32 log2 = log2_ == 0 ? 6 : log2_ + 1;
-  auto** buckets = static_cast<Pending**>(std::calloc(std::size_t{1} << log2, sizeof(Pending*)));
-  if (buckets == nullptr) {
-    if (log2_ != 0) hang(last_->pending[lastAt_ - 1]);
-    return;
+  const U32 log2 = log2_ == 0 ? kLog2AtFirst : log2_ + 1;
+  const U32 mask = (U32{1} << log2) - 1;
+  auto youngest = std::make_unique<U32[]>(mask + 1);
+  auto ring = std::make_unique<Pending[]>(mask + 1);
+  auto outgrown = std::make_unique<Outgrown>();
+  for (U32 number = first_; number != first_ + count_; ++number) {
+    Pending& moved = ring[number & mask];
+    at(number).moveTo(moved);
+    moved.older_ = std::exchange(youngest[moved.hash_ >> (32 - log2)], number);
   }
-  freeBuckets();
-  buckets_ = buckets;
+  outgrown->ring = std::exchange(ring_, std::move(ring));
+  outgrown->before = std::move(outgrown_);
+  outgrown_ = std::move(outgrown);
+  youngest_ = std::move(youngest);
   log2_ = log2;
-  U32 at = firstAt_;
-  for (Block* block = first_; block != nullptr; block = block->next, at = 0) {
-    const U32 end = block == last_ ? lastAt_ : kBlockSize;
-    for (; at < end; ++at) hang(block->pending[at]);
-  }
 }
 
-void PendingQueue::freeBuckets() {
-  std::free(buckets_);
-  buckets_ = nullptr;
+void PendingQueue::freeRing() {
+  ring_ = nullptr;
+  youngest_ = nullptr;
   log2_ = 0;
 }
 
@@ -109,6 +84,7 @@ void ActivityManager::run() {
     const Taken taken(queue_);
     if (taken.pending.notifiee().listens()) taken.pending.deliver();
   }
+  queue_.shrink();
 }
 
 void ActivityManager::runTimers() {

@@ -16,8 +16,10 @@
 
 #include <concepts>
 #include <cstring>
+#include <memory>
 #include <new>
 #include <type_traits>
+#include <utility>
 
 #include "framework/Clock.h"
 #include "framework/Time.h"
@@ -38,7 +40,7 @@ std::uintptr_t handlerSlot(Handler handler) {
   return slot;
 }
 
-// One notification that waits. Its place in the queue is reused.
+// One notification that waits: a handler of a notifiee, and a key where it takes one.
 class Pending {
  public:
   Pending() = default;
@@ -46,61 +48,62 @@ class Pending {
   Pending& operator=(const Pending&) = delete;
 
   NotifieeBase& notifiee() const { return *notifiee_; }
-  // Calls the handler. REQUIRES: stands in the queue, or is the one taken from it.
-  void deliver() { operate_(*this, Operation::deliver); }
+  // Calls the handler. REQUIRES: not empty.
+  void deliver() { kind_->deliver(*this); }
 
  private:
   friend class PendingQueue;
-  enum class Operation : U8 { deliver, drop };
+
+  // What differs between handlers. Where a key needs nothing done, there is nothing to call.
+  struct Kind {
+    void (*deliver)(Pending&);
+    void (*moveKey)(Pending& from, Pending& to) noexcept;  // null: as bytes
+    void (*dropKey)(Pending&) noexcept;                    // null: not needed
+  };
 
   static constexpr std::size_t kKeyRoom = 2 * sizeof(void*);
 
-  // What the entry holds beside its notifiee: a handler of class N, and a key where it takes one.
-  // A key that has no room here lies elsewhere.
+  // A key that has no room in the entry lies elsewhere.
   template <class N, class K>
   struct Keyed {
     using Handler = void (N::*)(KeyArgument<K>);
-    static constexpr bool kInside = sizeof(K) <= kKeyRoom && alignof(K) <= alignof(void*);
+    static constexpr bool kInside = sizeof(K) <= kKeyRoom && alignof(K) <= alignof(void*) &&
+                                    std::is_nothrow_move_constructible_v<K>;
+    using Held = std::conditional_t<kInside, K, std::unique_ptr<K>>;
+    static constexpr bool kBytes = std::is_trivially_copyable_v<Held>;
 
-    static const K& key(const Pending& p) {
+    static Held& held(Pending& p) { return *std::launder(reinterpret_cast<Held*>(p.key_)); }
+    static const K& key(Pending& p) {
       if constexpr (kInside) {
-        return *std::launder(reinterpret_cast<const K*>(p.key_));
+        return held(p);
       } else {
-        return **std::launder(reinterpret_cast<const K* const*>(p.key_));
+        return *held(p);
       }
     }
     static void keyIs(Pending& p, const K& key) {
       if constexpr (kInside) {
         new (p.key_) K(key);
       } else {
-        new (p.key_) const K*(new K(key));
+        new (p.key_) std::unique_ptr<K>(std::make_unique<K>(key));
       }
     }
-    static void operate(Pending& p, Operation operation) {
-      if (operation == Operation::deliver) {
-        (static_cast<N&>(*p.notifiee_).*p.handler<Handler>())(key(p));
-      } else if constexpr (kInside) {
-        key(p).~K();
-      } else {
-        delete &key(p);
-      }
+    static void deliver(Pending& p) {
+      (static_cast<N&>(*p.notifiee_).*p.handler<Handler>())(key(p));
     }
+    static void moveKey(Pending& from, Pending& to) noexcept {
+      new (to.key_) Held(std::move(held(from)));
+      held(from).~Held();
+    }
+    static void dropKey(Pending& p) noexcept { held(p).~Held(); }
+    static constexpr Kind kind{&deliver, kBytes ? nullptr : &moveKey, kBytes ? nullptr : &dropKey};
   };
   template <class N>
   struct Plain {
     using Handler = void (N::*)();
-    static void operate(Pending& p, Operation operation) {
-      if (operation == Operation::deliver) {
-        (static_cast<N&>(*p.notifiee_).*p.handler<Handler>())();
-      }
-    }
+    static void deliver(Pending& p) { (static_cast<N&>(*p.notifiee_).*p.handler<Handler>())(); }
+    static constexpr Kind kind{&deliver, nullptr, nullptr};
   };
 
-  template <class Handler>
-  void handlerIs(Handler called) {
-    static_assert(sizeof(called) <= sizeof(handler_));
-    std::memcpy(handler_, &called, sizeof(called));
-  }
   template <class Handler>
   Handler handler() const {
     Handler called;
@@ -108,15 +111,45 @@ class Pending {
     return called;
   }
 
+  template <class Handler>
+  void fill(NotifieeBase& notifiee, Handler called, U32 hash, const Kind& kind) {
+    static_assert(sizeof(called) <= sizeof(handler_));
+    std::memcpy(handler_, &called, sizeof(called));
+    notifiee_ = Ptr<NotifieeBase>(&notifiee);
+    kind_ = &kind;
+    hash_ = hash;
+  }
+  // Lets go of what it holds.
+  void clear() noexcept {
+    if (kind_->dropKey != nullptr) kind_->dropKey(*this);
+    notifiee_ = nullptr;
+  }
+  // Gives what it holds to an empty one.
+  void moveTo(Pending& other) noexcept {
+    std::memcpy(other.handler_, handler_, sizeof(handler_));
+    if (kind_->moveKey == nullptr) {
+      std::memcpy(other.key_, key_, sizeof(key_));
+    } else {
+      kind_->moveKey(*this, other);
+    }
+    other.notifiee_ = std::move(notifiee_);
+    other.kind_ = kind_;
+    other.hash_ = hash_;
+  }
+
   Ptr<NotifieeBase> notifiee_;
-  void (*operate_)(Pending&, Operation) = nullptr;
-  alignas(void*) std::byte handler_[2 * sizeof(void*)];
-  alignas(void*) std::byte key_[kKeyRoom];
-  Pending* nextInBucket_ = nullptr;
+  const Kind* kind_ = nullptr;
+  alignas(void*) std::byte handler_[2 * sizeof(void*)]{};
+  alignas(void*) std::byte key_[kKeyRoom]{};
   U32 hash_ = 0;
+  U32 older_ = 0;  // the number of the one before it with such a hash
 };
 
-// The notifications that wait, in order, and by hash so that one that waits already is found.
+// The notifications that wait: a ring, in which one that waits already is found by its hash.
+//
+// Each has a number, one more than that of the one before it. A bucket keeps the number of the
+// youngest of its hash, and each entry that of the one before it; numbers of those that are gone
+// are left where they are, and known by being out of range.
 class PendingQueue {
  public:
   PendingQueue() = default;
@@ -127,110 +160,101 @@ class PendingQueue {
   bool empty() const { return count_ == 0; }
   std::size_t size() const { return count_; }
 
-  // Puts a call at the end, unless the same one waits.
+  // Puts a call at the end, unless the same one waits. Throws std::bad_alloc.
   template <class N>
   void push(N& notifiee, void (N::*handler)()) {
     const U32 hash = hashOf(notifiee, handlerSlot(handler), 0);
-    if (waits(notifiee, handler, hash, [](const Pending&) { return true; })) return;
+    if (waits(notifiee, handler, hash, [](Pending&) { return true; })) return;
     Pending& pending = place();
-    commit(pending, notifiee, handler, hash, &Pending::Plain<N>::operate);
+    pending.fill(notifiee, handler, hash, Pending::Plain<N>::kind);
+    commit(pending);
   }
   template <class N, class K>
   void push(N& notifiee, void (N::*handler)(KeyArgument<K>), const K& key) {
     using Keyed = Pending::Keyed<N, K>;
     const U32 hash = hashOf(notifiee, handlerSlot(handler), kivOrder(key));
-    const auto sameKey = [&key](const Pending& p) { return Keyed::key(p) == key; };
-    if (waits(notifiee, handler, hash, sameKey)) return;
+    if (waits(notifiee, handler, hash, [&](Pending& p) { return Keyed::key(p) == key; })) return;
     Pending& pending = place();
     Keyed::keyIs(pending, key);
-    commit(pending, notifiee, handler, hash, &Keyed::operate);
+    pending.fill(notifiee, handler, hash, Keyed::kind);
+    commit(pending);
   }
 
   // The first, taken out; stays as it is until it is released. REQUIRES: not empty, and what was
   // taken before is released.
-  [[nodiscard]] Pending& take();
+  [[nodiscard]] Pending& take() {
+    Pending& taken = at(first_);
+    ++first_;
+    --count_;
+    return taken;
+  }
   // Lets go of what a taken one holds.
   void release(Pending& taken) {
-    clear(taken);
-    if (count_ == 0 && first_ == last_) rewind();
+    taken.clear();
+    if (outgrown_ != nullptr) outgrown_.reset();
+  }
+  // Gives back the memory that a burst has left. REQUIRES: empty.
+  void shrink() {
+    if (log2_ > kLog2ToKeep) freeRing();
   }
 
  private:
-  static constexpr U32 kBlockSize = 64;
-  static constexpr U32 kLog2ToKeep = 10;  // buckets that a burst has left are given back
-  // A stretch of the queue.
-  struct Block {
-    Block* next = nullptr;
-    Pending pending[kBlockSize];
-  };
+  static constexpr U32 kLog2AtFirst = 6;
+  static constexpr U32 kLog2ToKeep = 10;
 
   static U32 hashOf(const NotifieeBase& notifiee, std::uintptr_t slot, U32 keyOrder) {
     U64 mixed = reinterpret_cast<std::uintptr_t>(&notifiee) ^ (slot << 32) ^ keyOrder;
     mixed *= 0x9e3779b97f4a7c15U;
     return static_cast<U32>(mixed >> 32);
   }
-  U32 bucket(U32 hash) const { return hash >> (32 - log2_); }
+  Pending& at(U32 number) const { return ring_[number & ((U32{1} << log2_) - 1)]; }
+  U32& youngest(U32 hash) const { return youngest_[hash >> (32 - log2_)]; }
 
   // Whether one waits for this notifiee and handler of which `same(pending)` holds.
   template <class Handler, class Same>
   bool waits(const NotifieeBase& notifiee, Handler handler, U32 hash, Same same) const {
-    if (count_ == 0 || log2_ == 0) return false;
-    for (const Pending* p = buckets_[bucket(hash)]; p != nullptr; p = p->nextInBucket_) {
-      if (p->hash_ == hash && p->notifiee_.get() == &notifiee &&
-          handlerSlot(p->template handler<Handler>()) == handlerSlot(handler) && same(*p)) {
+    // Each step goes to an older one, whatever a number that was left behind says.
+    U32 younger = count_;
+    for (U32 number = count_ == 0 ? 0 : youngest(hash); number - first_ < younger;) {
+      Pending& p = at(number);
+      if (p.hash_ == hash && p.notifiee_.get() == &notifiee &&
+          handlerSlot(p.template handler<Handler>()) == handlerSlot(handler) && same(p)) {
         return true;
       }
+      younger = number - first_;
+      number = p.older_;
     }
     return false;
   }
 
   // The place that comes next at the end, still empty. Throws std::bad_alloc.
   Pending& place() {
-    if (last_ == nullptr || lastAt_ == kBlockSize) addBlock();
-    return last_->pending[lastAt_];
+    // One place is left to what was taken, and is being delivered.
+    if (log2_ == 0 || count_ + 1 == U32{1} << log2_) grow();
+    return at(first_ + count_);
   }
-  template <class Handler>
-  void commit(Pending& pending, NotifieeBase& notifiee, Handler handler, U32 hash,
-              void (*operate)(Pending&, Pending::Operation)) {
-    pending.notifiee_ = Ptr<NotifieeBase>(&notifiee);
-    pending.operate_ = operate;
-    pending.handlerIs(handler);
-    pending.hash_ = hash;
-    ++lastAt_;
-    if (++count_ > (log2_ == 0 ? 0 : std::size_t{1} << log2_)) {
-      grow();  // takes in this one, too
-    } else {
-      hang(pending);
-    }
-  }
-  void hang(Pending& pending) {
-    Pending*& head = buckets_[bucket(pending.hash_)];
-    pending.nextInBucket_ = head;
-    head = &pending;
-  }
-  static void clear(Pending& pending) {
-    pending.operate_(pending, Pending::Operation::drop);
-    pending.notifiee_ = nullptr;
+  void commit(Pending& pending) {
+    U32& newest = youngest(pending.hash_);
+    pending.older_ = newest;
+    newest = first_ + count_;
+    ++count_;
   }
 
-  // Nothing waits: what comes next starts over, in memory that is warm.
-  void rewind() {
-    firstAt_ = lastAt_ = 0;
-    if (log2_ > kLog2ToKeep) freeBuckets();
-  }
-
-  void addBlock();
   void grow();
-  void freeBuckets();
+  void freeRing();
 
-  Block* first_ = nullptr;  // where the first one waits, or was taken last
-  Block* last_ = nullptr;
-  Block* spare_ = nullptr;  // to be used again
-  U32 firstAt_ = 0;         // in first_
-  U32 lastAt_ = 0;          // in last_
-  std::size_t count_ = 0;
-  Pending** buckets_ = nullptr;
-  U32 log2_ = 0;
+  // A ring that was outgrown while what had been taken from it was being delivered.
+  struct Outgrown {
+    std::unique_ptr<Pending[]> ring;
+    std::unique_ptr<Outgrown> before;
+  };
+
+  std::unique_ptr<Pending[]> ring_;  // those that wait, by number
+  std::unique_ptr<U32[]> youngest_;  // by hash
+  std::unique_ptr<Outgrown> outgrown_;
+  U32 log2_ = 0;   // of the size of both; 0 where there are none
+  U32 first_ = 0;  // the number of the first that waits
+  U32 count_ = 0;
 };
 
 }  // namespace detail

@@ -39,7 +39,7 @@ class NotifieeBase : public Member {
   bool isRegisteredNotifiee() const { return registered(); }
 
   // Whether a change is to be told to this notifiee.
-  bool listens() const { return registered() && hasNotificationActive() && !markedForDeletion(); }
+  bool listens() const { return listening(); }
 
   // Whether this notifiee has left a handler of its class empty; false where that cannot be told.
   template <class N, class Handler>

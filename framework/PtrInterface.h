@@ -70,6 +70,12 @@ class PtrInterface {
   bool registered() const { return flag(kRegistered); }
   void registeredIs(bool registered) { flagIs(kRegistered, registered); }
 
+  // Whether the object is registered, active and no zombie.
+  bool listening() const {
+    constexpr U32 kAll = kRegistered | kNotificationActive | kMarkedForDeletion;
+    return (word_.load(std::memory_order_relaxed) & kAll) == (kRegistered | kNotificationActive);
+  }
+
   // Whether the object is a member of a keyed collection.
   bool collected() const { return flag(kCollected); }
   void collectedIs(bool collected) { flagIs(kCollected, collected); }

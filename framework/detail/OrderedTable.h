@@ -105,6 +105,7 @@ class OrderedTable {
 
  private:
   static constexpr U32 kSmall = 4;
+  static constexpr U32 kAhead = 8;  // so many buckets ahead a walk asks for what hangs in one
   static constexpr U32 kRemovalsMask = (U32{1} << 27) - 1;
 
   Link** bucketOf(U32 order) const {
@@ -113,6 +114,7 @@ class OrderedTable {
 
   Link* firstFrom(U32 bucket) const {
     for (const U32 end = U32{1} << log2_; bucket < end; ++bucket) {
+      if (bucket + kAhead < end) __builtin_prefetch(buckets_[bucket + kAhead]);
       if (buckets_[bucket] != nullptr) return buckets_[bucket];
     }
     return nullptr;

@@ -112,6 +112,36 @@ TEST_F(ActivityTest, WhatAHandlerAddsComesAfterAllThatWaits) {
   EXPECT_THAT(delivered(), ElementsAre("slot 1", "slot", "slot 2", "label"));
 }
 
+TEST_F(ActivityTest, AHandlerMayAddManyTimesWhatWaitsAndKeepsItsKey) {
+  std::vector<std::string> keys;
+  class Grower final : public Box::NotifieeConst {
+   public:
+    std::function<void(const Kiv::String&)> grow;
+    void onMarble(const Kiv::String& id) override { grow(id); }
+  };
+  const auto grower = make<Grower>();
+  grower->grow = [&](const Kiv::String& id) {
+    keys.push_back(id.str());
+    if (keys.size() > 1) return;
+    for (int n = 0; n < 5000; ++n) box_->marbleIs(Kiv::String(std::to_string(n)));
+    keys.push_back(id.str());
+  };
+  grower->notifierIs(box_);
+  grower->isRegisteredNotifieeIs(true);
+  grower->hasNotificationActiveIs(true);
+  watcher_->isRegisteredNotifieeIs(false);
+  box_->marbleIs("a key of its own");
+  box_->marbleDel("a key of its own");
+  loop_.run();
+  ASSERT_EQ(keys.size(), 5002U);
+  EXPECT_EQ(keys[0], "a key of its own");
+  EXPECT_EQ(keys[1], "a key of its own");
+  for (int n = 0; n < 5000; ++n) {
+    ASSERT_EQ(keys[static_cast<std::size_t>(n) + 2], std::to_string(n));
+  }
+  (void)happened();
+}
+
 TEST_F(ActivityTest, RunCalledFromAHandlerDoesNothing) {
   watcher_->then = [&](const std::string& what) {
     if (what != "label") return;
