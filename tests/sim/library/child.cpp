@@ -1,9 +1,11 @@
 #include "tests/sim/library/child.h"
 
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <new>
@@ -50,6 +52,7 @@ class Note {
 
 [[noreturn]] void work(const std::function<std::optional<Failure>()>& task, Note& result,
                        Note& errors) {
+  prctl(PR_SET_PDEATHSIG, SIGKILL);  // whoever ends the parent means this process, too
   dup2(errors.descriptor(), STDERR_FILENO);
   const std::optional<Failure> failure = task();
   if (failure) result.write(std::to_string(failure->events) + "\n" + failure->text);
