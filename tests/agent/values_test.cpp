@@ -259,6 +259,7 @@ TEST(Events, AnythingElseIsRefused) {
       {"7", ": "},
       {"nonsense", ": not JSON"},
       {R"({"patch": {}, "advance": 1})", ": "},
+      {R"({"step": null})", "/step: "},
       {R"({"patch": null})", ": "},
       {R"({"patch": 5})", ": "},
       {R"({"Advance": 1})", "/Advance: "},
