@@ -21,7 +21,7 @@ PortToHostBindingSm::PortToHostBindingSm(
     const Kiv::Name& host, const Kiv::Ptr<const Port>& port,
     const Kiv::Ptr<const PortToHostBinding>& portToHostBinding,
     const Kiv::Ptr<VirtualNetwork::RequestedResourcesCollection>& requestedResourcesCollection)
-    : PublicationSm(port, portToHostBinding, requestedResourcesCollection), host_(host) {
+    : PublicationSm(this, port, portToHostBinding, requestedResourcesCollection), host_(host) {
   start();
 }
 

@@ -41,7 +41,7 @@ PortToSwitchInterfaceBindingSm::PortToSwitchInterfaceBindingSm(
     const Kiv::Ptr<const PortToSwitchInterfaceBinding>& portToSwitchInterfaceBinding,
     const Kiv::Ptr<VirtualNetwork::RequestedResourcesCollection>& requestedResourcesCollection,
     const Kiv::Ptr<VirtualNetwork::NetworkElementCollection>& networkElementCollection)
-    : PublicationSm(port, portToSwitchInterfaceBinding, requestedResourcesCollection),
+    : PublicationSm(this, port, portToSwitchInterfaceBinding, requestedResourcesCollection),
       switchInterface_(switchInterface),
       regionName_(regionName),
       networkElementCollection_(networkElementCollection) {

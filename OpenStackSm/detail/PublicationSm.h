@@ -121,11 +121,12 @@ class PublicationSm : public Kiv::Machine<M> {
   }
 
  protected:
+  // `machine` is the object itself, which is not a machine yet that could be found from here.
   PublicationSm(
-      const Kiv::Ptr<const Port>& port, const Kiv::Ptr<const B>& binding,
+      M* machine, const Kiv::Ptr<const Port>& port, const Kiv::Ptr<const B>& binding,
       const Kiv::Ptr<VirtualNetwork::RequestedResourcesCollection>& requestedResourcesCollection)
       : port_(port),
-        binding_(binding, &self()),
+        binding_(binding, machine),
         requestedResourcesCollection_(requestedResourcesCollection) {}
 
   // The last step of the machine's construction.
