@@ -1,7 +1,7 @@
 # The two commands of the README are `make run` and `make test`; `make` alone builds the release.
 # Each does everything on a fresh Debian 12: installs what is missing, configures, builds, runs.
 
-.PHONY: all build configure dependencies run test sim bench bench-quick docs clean
+.PHONY: all build configure dependencies run test sim fuzz bench bench-quick docs clean
 
 all: build
 
@@ -32,6 +32,16 @@ sim: configure
 	cmake --build --preset release --target library_simulation vnagent
 	build/release/bin/library_simulation --events $(EVENTS) --seed $(SEED) --toggle $(TOGGLE) \
 	  --out build/simulation-failures --vnagent build/release/bin/vnagent
+
+# The fuzz targets, each for so many seconds; TARGET=NAME runs one: see tests/fuzz/README.md.
+SECONDS ?= 60
+TARGET ?=
+
+fuzz:
+	packaging/install-build-dependencies clang libclang-rt-14-dev
+	cmake --preset fuzz
+	cmake --build --preset fuzz
+	tests/fuzz/run.py build/fuzz --seconds $(SECONDS) $(if $(TARGET),--target $(TARGET))
 
 # What it costs, as tables; up to 15 minutes, bench-quick up to 3. FILTER=REGEX runs a part: see
 # bench/README.md.

@@ -1,11 +1,10 @@
 // Keys and members for the tests of the keyed collections.
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <ostream>
 #include <random>
 #include <string>
+#include <type_traits>
 #include <utility>
 
 #include "framework/HashMap.h"

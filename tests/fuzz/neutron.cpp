@@ -1,0 +1,44 @@
+// Fuzz target: the answers of a Neutron server, as members of one JSON object. Either the import
+// refuses them as no such answers, or what it makes of them is a document without a fault.
+#include "agent/import/neutron.h"
+
+#include "agent/document/cloud_document.h"
+#include "agent/document/input.h"
+#include "tests/fuzz/fuzz.h"
+
+namespace {
+
+using Fuzz::require;
+using nlohmann::json;
+
+json memberOf(const json& answers, const char* key) {
+  return answers.is_object() ? answers.value(key, json()) : json();
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  const json answers = json::parse(data, data + size, nullptr, false);
+  if (answers.is_discarded()) return 0;
+  vnagent::NeutronDump dump{
+      memberOf(answers, "networks"), memberOf(answers, "segments"), memberOf(answers, "ports"), {}};
+  if (answers.contains("levels")) dump.bindingLevels = answers["levels"];
+  vnagent::NeutronImport result;
+  try {
+    result = importNeutron(dump);
+  } catch (const vnagent::BadDump&) {
+    return 0;
+  }
+  for (const auto& line : result.leftOut) {
+    require(!line.empty() && line.find('\n') == line.npos, "what is left out is said on a line");
+  }
+  std::string text;
+  vnagent::JsonWriter writer(text, vnagent::JsonWriter::Style::kIndented);
+  writeCloud(result, "RegionOne", writer);
+  const auto tree = vnagent::JsonTree::parse(text);
+  require(!tree.error(), "an import is JSON");
+  vnagent::CloudDocument document({.toggle = true, .regionSyncTimeout = 60});
+  const auto outcome = document.apply(tree.root(), faultsOfText(tree, nullptr));
+  for (const auto& fault : outcome.faults) require(false, "no fault: " + fault.message());
+  return 0;
+}
