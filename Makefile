@@ -1,7 +1,7 @@
 # The two commands of the README are `make run` and `make test`; `make` alone builds the release.
 # Each does everything on a fresh Debian 12: installs what is missing, configures, builds, runs.
 
-.PHONY: all build configure dependencies run test sim fuzz bench bench-quick docs clean
+.PHONY: all build configure dependencies run test sim fuzz bench bench-quick coverage docs clean
 
 all: build
 
@@ -53,6 +53,14 @@ bench bench-quick:
 	  --results=build/bench/results.json --vnagent=build/bench/bin/vnagent --filter='$(value FILTER)'
 	bench/table.py $(if $(filter bench-quick,$@),--quick) $(if $(FILTER),--partial) \
 	  build/bench/results.json
+
+# Which branches of framework, model and machines their tests take: a table, and
+# build/coverage/html. Fails below 95 %.
+coverage:
+	packaging/install-build-dependencies clang libclang-rt-14-dev llvm-14
+	cmake --preset coverage
+	cmake --build --preset coverage --target framework_test model_test OpenStackSm_test
+	tests/coverage/report.py build/coverage
 
 # The reference of the public headers, as build/docs/html, and the drawing of the architecture.
 docs:

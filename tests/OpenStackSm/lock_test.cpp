@@ -50,6 +50,18 @@ TEST_F(LockTest, AnEmptyRequestClearsTheLockWhoeverHoldsIt) {
   }
 }
 
+TEST_F(LockTest, ClearingIsAllThatAnEmptyRequestDoes) {
+  held("a", "1");
+  world.traces.take();
+  world.region()->requesterIs("");
+  world.run();
+  const auto* sm = world.regionSm().get();
+  EXPECT_THAT(world.traces.take(),
+              ElementsAre(said(9, sm, kLock, "R Received lock request from  with id "),
+                          said(3, sm, kLock, "Request id not set. Ignoring the request."),
+                          said(3, sm, kLock, "Clearing the lock")));
+}
+
 TEST_F(LockTest, ClearingWritesTheRequestIdThenTheOwner) {
   held("a", "1");
   OutputWatch watch(world.statuses, world.resources, world.elements);

@@ -10,7 +10,6 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::MatchesRegex;
-using testing::StartsWith;
 
 constexpr const char* kAssignment = "OpenStackSm::handleRegionVlanAssignment(Kiv::Name)";
 constexpr const char* kVlan = "OpenStackSm::KivVlanAssignment::handleVlanAssignment(U16)";
@@ -250,12 +249,13 @@ TEST_F(PoolTest, AStatusWithoutAPoolIsStampedAndSkipped) {
   world.root->handleRegionVlanAssignment("R");
   auto lines = world.traces.take();
   ASSERT_EQ(lines.size(), 3U);
-  EXPECT_THAT(lines[2], StartsWith("1 OpenStackSm handleRegionVlanAssignment: "));
+  EXPECT_EQ(lines[2], said(1, root(), kAssignment, "No VLAN pool in region R"));
   EXPECT_FALSE(status->vlanAssignmentUuid().empty());
   world.apply("assign R 20");
   lines = world.traces.take();
   ASSERT_EQ(lines.size(), 2U);
-  EXPECT_THAT(lines[1], StartsWith("1 OpenStackSm handleVlanAssignment: "));
+  EXPECT_EQ(lines[1],
+            said(1, world.root->vlanAssignment()["R"], kVlan, "No VLAN pool in region R"));
   EXPECT_FALSE(status->vlanPool());
 }
 
@@ -418,8 +418,23 @@ TEST_F(PoolTest, ADroppedConfigurationIsNotObserved) {
   world.root->handleRegionVlanAssignment("R");
   const auto lines = world.traces.take();
   ASSERT_EQ(lines.size(), 4U);
-  EXPECT_THAT(lines[1], StartsWith("1 OpenStackSm handleVlanTypeDriver: "));
-  EXPECT_THAT(lines[3], StartsWith("1 OpenStackSm handleRegionVlanAssignment: "));
+  EXPECT_EQ(lines[1], said(1, root(), kDriver, "No agent configuration"));
+  EXPECT_EQ(lines[3], said(1, root(), kAssignment, "No agent configuration"));
+}
+
+TEST_F(PoolTest, AChangedVlanThatArrivesAfterItsConfigurationWasDroppedIsSkipped) {
+  world.start("region R; assign R 10");
+  const std::string before = uuid();
+  const auto* found = world.root->vlanAssignment()["R"];
+  ASSERT_NE(found, nullptr);
+  const Kiv::Ptr<OpenStack::OpenStackSm::KivVlanAssignment> reactor(
+      world.root->vlanAssignmentIs(Kiv::Ptr<const OpenStack::VlanAssignment>(found->notifier())));
+  world.root->configDel();
+  world.traces.take();
+  reactor->handleVlanAssignment(10);
+  EXPECT_THAT(world.traces.take(),
+              ElementsAre(said(1, reactor.get(), kVlan, "No agent configuration")));
+  EXPECT_EQ(uuid(), before);
 }
 
 TEST_F(PoolTest, WatchersOfTheConfigurationSeeNoOtherAttributeHandled) {

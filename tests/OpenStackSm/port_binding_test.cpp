@@ -43,6 +43,16 @@ TEST_F(PortBindingTest, AMachineWithoutAPortBindingOnlyTraces) {
   EXPECT_THAT(world.published(), IsEmpty());
 }
 
+TEST_F(PortBindingTest, AllHostMachinesCanBeDropped) {
+  world.start("region R; host p h1; host p h2");
+  const auto sm = world.portSm("p");
+  ASSERT_EQ(sm->portToHostBindingSm().size(), 2U);
+  sm->portToHostBindingSmDelAll();
+  EXPECT_THAT(sm->portToHostBindingSm(), IsEmpty());
+  // Without a machine there is nobody who would withdraw the hosts' domains.
+  leaves({"host h1 domain R: p", "host h2 domain R: p"});
+}
+
 TEST_F(PortBindingTest, TheMachineHoldsWhatItWasMadeWith) {
   world.change("region R; bind p");
   const auto sm = make("p");

@@ -236,7 +236,61 @@ TEST_F(ReflectionTest, AMachineIsMadeFromTheArgumentsOfItsConstructor) {
   arguments.pop_back();
   EXPECT_THAT([&] { OpenStack::genericIfFromCtorArgs("OpenStack::OpenStackSm", arguments); },
               ThrowsMessage<Kiv::RangeException>(HasSubstr("takes 8 arguments, not 7")));
-  EXPECT_THROW(OpenStack::genericIfFromCtorArgs("OpenStack::Nobody", arguments),
+  EXPECT_THAT([&] { OpenStack::genericIfFromCtorArgs("OpenStack::Nobody", arguments); },
+              ThrowsMessage<Kiv::RangeException>(
+                  HasSubstr("there is no machine of type OpenStack::Nobody")));
+}
+
+TEST_F(ReflectionTest, AttributesAreFoundByNameAndByIndex) {
+  const GenericIf& machine = *OpenStack::machineReflection("OpenStack::RegionConfigSm");
+  EXPECT_EQ(machine.attribute("regionSyncTimeout")->index, 134);
+  EXPECT_EQ(machine.attribute(Kiv::U16{134})->name, "regionSyncTimeout");
+  EXPECT_EQ(machine.attribute("nothing"), nullptr);
+  EXPECT_EQ(machine.attribute(Kiv::U16{1}), nullptr);
+  EXPECT_THAT(
+      [&] { machine.read(*world.regionSm(), "nothing"); },
+      ThrowsMessage<Kiv::RangeException>("OpenStack::RegionConfigSm has no attribute nothing"));
+  EXPECT_THROW(
+      OpenStack::machineReflection("OpenStack::PortBindingSm")->read(*world.regionSm(), "portId"),
+      Kiv::RangeException);
+}
+
+TEST_F(ReflectionTest, AConstantMachineIsReadAndNotChanged) {
+  const auto sm = world.regionSm();
+  EXPECT_EQ(op(*sm, "regionSyncTimeout", GenericOp::kRead, {}, true).text(), "30");
+  EXPECT_EQ(op(*sm, "segment", GenericOp::kSize, {}, true).text(), "2");
+  const auto key = GenericValue::of(String("vl"));
+  EXPECT_THROW(
+      op(*sm, "regionSyncTimeout", GenericOp::kWrite, {GenericValue::of(Seconds{1})}, true),
+      Kiv::UnsupportedOperationException);
+  EXPECT_THROW(op(*sm, "segment", GenericOp::kDelete, {key}, true),
+               Kiv::UnsupportedOperationException);
+  EXPECT_THROW(op(*sm, "segment", GenericOp::kCreate,
+                  {GenericValue::of(Ptr<const OpenStack::Segment>(world.segment("vl")))}, true),
+               Kiv::UnsupportedOperationException);
+  EXPECT_THROW(op(*sm, "handleHeartbeat", GenericOp::kCall, {}, true),
+               Kiv::UnsupportedOperationException);
+  EXPECT_EQ(sm->regionSyncTimeout(), World::kTimeout);
+  EXPECT_EQ(sm->segment().size(), 2U);
+}
+
+TEST_F(ReflectionTest, TheLastColonOfASwitchInterfaceCounts) {
+  const auto read = [](const char* text) {
+    return GenericValue::of(String(text)).as<VirtualNetwork::SwitchInterface>();
+  };
+  EXPECT_EQ(read("sw:e1"), VirtualNetwork::SwitchInterface("sw", "e1"));
+  EXPECT_EQ(read("00:1c:73:e1"), VirtualNetwork::SwitchInterface("00:1c:73", "e1"));
+  EXPECT_EQ(read(":"), VirtualNetwork::SwitchInterface("", ""));
+  EXPECT_THROW(read("e1"), Kiv::RangeException);
+}
+
+TEST_F(ReflectionTest, AMapOfRoutingInstancesIsPrintedAndNotReadBack) {
+  OpenStack::ServiceAclTypeVrfMap map;
+  EXPECT_EQ(GenericValue::of(map).text(), "");
+  map.emplace("a", "x");
+  map.emplace("b", "y");
+  EXPECT_EQ(GenericValue::of(map).text(), "a=x,b=y");
+  EXPECT_THROW(GenericValue::of(String("a=x")).as<OpenStack::ServiceAclTypeVrfMap>(),
                Kiv::RangeException);
 }
 

@@ -15,6 +15,7 @@ constexpr const char* kSegmentCleanup = "RegionConfigSm::KivSegment::handleClean
 constexpr const char* kPortBinding = "RegionConfigSm::handlePortBinding(Kiv::String)";
 constexpr const char* kSyncStatus = "RegionConfigSm::handleSyncStatus()";
 constexpr const char* kHeartbeat = "RegionConfigSm::handleHeartbeat()";
+constexpr const char* kTimedOut = "RegionConfigSm::handleSyncHeartbeatTimeout()";
 constexpr const char* kLock = "RegionConfigSm::handleLockRequest()";
 constexpr const char* kPortInitialized = "PortBindingSm::handleInitialized()";
 
@@ -133,15 +134,50 @@ TEST_F(RegionTest, AMachineWithoutARegionIsInitializedAndHoldsNothing) {
   EXPECT_THAT(sm->segment(), IsEmpty());
   EXPECT_THAT(sm->portBindingSm(), IsEmpty());
   EXPECT_NE(sm->syncHeartbeatClock(), nullptr);
-  const auto lines = world.traces.take();
-  ASSERT_GE(lines.size(), 1U);
-  EXPECT_EQ(lines[0],
-            said(9, sm.get(), kInitialized, "void OpenStack::RegionConfigSm::handleInitialized()"));
+  EXPECT_THAT(world.traces.take(),
+              ElementsAre(said(9, sm.get(), kInitialized,
+                               "void OpenStack::RegionConfigSm::handleInitialized()"),
+                          said(1, sm.get(), kInitialized, "R has no region")));
   sm->handleSyncStatus();
   sm->handleLockRequest();
+  EXPECT_THAT(world.traces.take(), ElementsAre(said(1, sm.get(), kSyncStatus, "R has no region"),
+                                               said(1, sm.get(), kLock, "R has no region")));
   sm->handleSegment("s");
   sm->handlePortBinding("p");
   EXPECT_EQ(textOf(*status), "sync syncUnknown old syncUnknown owner  request ");
+}
+
+TEST_F(RegionTest, TheTimerOfAMachineWithoutARegionFiresAllTheSame) {
+  status = world.statuses->regionStatusIs("R");
+  const auto sm =
+      OpenStack::regionConfigSmFactory("R", nullptr, status, world.resources, 1, world.elements);
+  sm->handleHeartbeat();
+  world.traces.take();
+  world.passes(1);
+  EXPECT_THAT(world.traces.take(),
+              ElementsAre(said(9, sm.get(), kTimedOut, "R"),
+                          said(3, sm.get(), kTimedOut, "Releasing the lock from ")));
+  EXPECT_EQ(textOf(*status), "sync syncTimedOut old syncUnknown owner  request ");
+}
+
+TEST_F(RegionTest, AHeartbeatWithoutATimerIsSkipped) {
+  world.change("region R");
+  const auto sm = make();
+  sm->syncHeartbeatClockDel();
+  world.traces.take();
+  sm->handleHeartbeat();
+  EXPECT_THAT(world.traces.take(),
+              ElementsAre(said(9, sm.get(), kHeartbeat, ""),
+                          said(1, sm.get(), kHeartbeat, "No clock for the heartbeat")));
+}
+
+TEST_F(RegionTest, ACompletionWithoutATimerIsApplied) {
+  world.change("region R; sync progress");
+  const auto sm = make();
+  sm->syncHeartbeatClockDel();
+  world.apply("sync complete");
+  EXPECT_EQ(textOf(*status), "sync syncComplete old syncInProgress owner  request ");
+  EXPECT_EQ(world.loop.nextTimer(), Kiv::Clock::kNever);
 }
 
 TEST_F(RegionTest, MakingAndReleasingItOverAnEmptyRegionPublishesNothing) {

@@ -153,7 +153,7 @@ TEST_P(SwitchBindingTest, AReactorThatGoesBeforeItsChildCameIsSkipped) {
   const auto lines = world.traces.take();
   ASSERT_EQ(lines.size(), 2U);
   EXPECT_EQ(lines[0], said(9, reactor, kReactorCleanup, ""));
-  EXPECT_THAT(lines[1], StartsWith("1 OpenStackSm doCleanup: "));
+  EXPECT_EQ(lines[1], said(1, reactor, kReactorCleanup, "No machine for sw:e1"));
   world.run();
   EXPECT_THAT(world.published(), IsEmpty());
 }
@@ -262,6 +262,21 @@ TEST_P(SwitchPortBindingTest, AHostMayServeTwoRegions) {
   world.apply("region S; switch q sw e2 h1");
   EXPECT_THAT(world.published(), ElementsAre("port sw:e1 remote: h1", "port sw:e1: bm-p",
                                              "port sw:e2 remote: h1", "port sw:e2: bm-q"));
+}
+
+TEST_P(SwitchBindingTest, CleanupOfAnInterfaceIsToldBeforeThatOfItsMachine) {
+  world.apply("switch p sw e1 h1 0=vl");
+  const auto sm = world.portSm("p");
+  world.traces.take();
+  sm->doCleanupPortToSwitchInterfaceBinding({"sw", "e1"});
+  EXPECT_THAT(sm->portToSwitchInterfaceBindingSm(), IsEmpty());
+  const auto lines = world.traces.take();
+  ASSERT_GT(lines.size(), 1U);
+  EXPECT_EQ(lines[0], said(9, sm.get(), kDoCleanup, "sw:e1"));
+  // What the port published for the interface as such is withdrawn by the interface's machine.
+  leaves(on() ? Lines{"port sw:e1: bm-p"}
+              : Lines{"element h1 domain R: p", "element h1: bm-p", "element sw interface e1: h1",
+                      "element sw: bm-p"});
 }
 
 TEST_P(SwitchBindingTest, AHostAndTheHostBehindAnInterfaceAreApart) {
