@@ -22,7 +22,7 @@ class PtrInterface {
   PtrInterface& operator=(const PtrInterface&) = delete;
 
   // Counting. The count starts at one, owned by whoever constructed the object.
-  [[gnu::always_inline]] void referencesInc() const noexcept {
+  void referencesInc() const noexcept {
     if (enableThreadSafePointers) {
       word_.fetch_add(1, std::memory_order_relaxed);
     } else {
@@ -30,7 +30,7 @@ class PtrInterface {
     }
   }
   // Drops one reference; frees the object when it was the last.
-  [[gnu::always_inline]] void referencesDec() const noexcept {
+  void referencesDec() const noexcept {
     U32 before;
     if (enableThreadSafePointers) {
       before = word_.fetch_sub(1, std::memory_order_acq_rel);
