@@ -1,7 +1,7 @@
 # The two commands of the README are `make run` and `make test`; `make` alone builds the release.
 # Each does everything on a fresh Debian 12: installs what is missing, configures, builds, runs.
 
-.PHONY: all build configure dependencies run test sim fuzz bench bench-quick coverage docs clean
+.PHONY: all build configure dependencies run test sim fuzz bench bench-quick coverage mutation docs clean
 
 all: build
 
@@ -61,6 +61,14 @@ coverage:
 	cmake --preset coverage
 	cmake --build --preset coverage --target framework_test model_test OpenStackSm_test
 	tests/coverage/report.py build/coverage
+
+# Whether tests see it when the machines' code is changed in one place: every place, or SAMPLE of them
+# that SEED chooses. All take half an hour; see tests/mutation/survivors.md.
+SAMPLE ?= 0
+
+mutation:
+	packaging/install-build-dependencies python3-clang-14
+	nice -n 10 tests/mutation/run.py --sample $(SAMPLE) --seed $(SEED)
 
 # The reference of the public headers, as build/docs/html, and the drawing of the architecture.
 docs:

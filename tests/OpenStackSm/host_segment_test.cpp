@@ -314,6 +314,15 @@ TEST_F(HostSegmentTest, TheWholeCleanupTakesEveryLevelOfTheBindingAndKeepsTheRea
                           said(9, reactor(1), kSegmentCleanup, "p : vl")));
 }
 
+TEST_F(HostSegmentTest, WithoutACollectionThereIsNothingToWithdraw) {
+  const auto sm = OpenStack::portToHostBindingSmFactory("h1", world.port("p"), nullptr, nullptr);
+  sm->segmentIs(0, Kiv::Ptr<const OpenStack::Segment>(world.segment("vl")));
+  world.traces.take();
+  sm->segmentDel(0);
+  EXPECT_THAT(sm->segment(), IsEmpty());
+  EXPECT_THAT(world.traces.take(), IsEmpty());
+}
+
 TEST_F(HostSegmentTest, TheWholeCleanupSkipsALevelWithoutAReactor) {
   bind("0=vl 1=vm");
   const auto machine = world.hostSm("p", "h1");

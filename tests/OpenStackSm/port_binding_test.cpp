@@ -43,6 +43,14 @@ TEST_F(PortBindingTest, AMachineWithoutAPortBindingOnlyTraces) {
   EXPECT_THAT(world.published(), IsEmpty());
 }
 
+TEST_F(PortBindingTest, ALevelOfAHostBindingThatHasGoneIsNotPublishedEvenForAMoment) {
+  world.start("region R; segment vx vxlan 5000; segment vl vlan 10; host p h1 0=vx");
+  world.change("host p h1 1=vl; -host p h1");
+  OutputWatch watch(world.statuses, world.resources, world.elements);
+  world.run();
+  EXPECT_THAT(watch.take(), ElementsAre("host h1 domain R for p gone", "host h1 domain R gone"));
+}
+
 TEST_F(PortBindingTest, AllHostMachinesCanBeDropped) {
   world.start("region R; host p h1; host p h2");
   const auto sm = world.portSm("p");

@@ -226,6 +226,17 @@ TEST_P(SwitchCleanupTest, TheWholeCleanupWritesInOrder) {
   }
 }
 
+TEST_P(SwitchCleanupTest, WithoutCollectionsThereIsNothingToWithdraw) {
+  const auto sm = OpenStack::portToSwitchInterfaceBindingSmFactory(
+      {"sw", "e1"}, "R", world.port("n"), nullptr, nullptr, nullptr);
+  const auto segment = sm->segmentIs(0, Kiv::Ptr<const OpenStack::Segment>(world.segment("vl")));
+  world.traces.take();
+  sm->segmentDel(0);
+  EXPECT_THAT(world.traces.take(), ElementsAre(said(9, segment.get(), kSegmentCleanup, "n : vl")));
+  sm->doCleanup();
+  EXPECT_THAT(world.published(), IsEmpty());
+}
+
 TEST_P(SwitchCleanupTest, TheWholeCleanupSkipsALevelWithoutAReactor) {
   apply("switch p sw e1 h1 0=vl 1=vm");
   const auto machine = world.switchSm("p");

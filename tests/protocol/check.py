@@ -181,8 +181,8 @@ def plant(work: Path, defect: Defect) -> None:
     (work / SWITCH).write_text(text.replace(defect.old, defect.new), "utf-8")
 
 
-def conform(work: Path, program: str) -> None:
-    """Has the machine take every transition of the model in which drivers do what they like."""
+def print_graph(work: Path) -> Path:
+    """Every transition of the model in which drivers do what they like, in a file."""
     flags = ["-DSAFETY", "-DNOREDUCE", "-DPRINTF"]
     pan = make_search(work, ANY, ["GRAPH", f"PENDING={PENDING_IN_GRAPH}"], flags)
     graph = work / "graph"
@@ -191,9 +191,13 @@ def conform(work: Path, program: str) -> None:
     told = graph.read_text("ascii")
     if "search depth too small" in told or "errors: 0" not in told:
         raise Wrong("the search for the graph did not come to its end")
-    with graph.open(encoding="ascii") as lines:
-        done = subprocess.run([program], stdin=lines, text=True, stdout=subprocess.PIPE,
-                              check=False)
+    return graph
+
+
+def conform(work: Path, program: str) -> None:
+    """Has the machine take every transition of the model."""
+    graph = print_graph(work)
+    done = subprocess.run([program, str(graph)], text=True, stdout=subprocess.PIPE, check=False)
     graph.unlink()
     if done.returncode != 0:
         raise Wrong(f"{done.stdout}the machine does not do what the model says")
