@@ -114,15 +114,24 @@ def check_run(scenario: dict[str, Any], toggle: str, run: Run) -> list[str]:
     return found
 
 
+def toggles_of(scenario: dict[str, Any]) -> tuple[str, ...]:
+    """The answers of the toggle under which a scenario runs."""
+    return ("on", "off") if scenario["toggle"] == "both" else (scenario["toggle"],)
+
+
+def stream_of(scenario: dict[str, Any], toggle: str) -> Stream:
+    """What goes in."""
+    return Stream(scenario["cloud"], scenario["events"], toggle == "on",
+                  scenario.get("timeout", 60))
+
+
 def check_scenario(scenario: dict[str, Any], run: Callable[[Stream], Run]) -> list[str]:
     """Run a scenario under each toggle that it names."""
     unknown = scenario.keys() - MEMBERS
     found = [f"a member of an unknown kind: {sorted(unknown)}"] if unknown else []
-    toggles = ("on", "off") if scenario["toggle"] == "both" else (scenario["toggle"],)
-    for toggle in toggles:
-        stream = Stream(scenario["cloud"], scenario["events"], toggle == "on",
-                        scenario.get("timeout", 60))
-        found += [f"toggle {toggle}, {text}" for text in check_run(scenario, toggle, run(stream))]
+    for toggle in toggles_of(scenario):
+        seen = run(stream_of(scenario, toggle))
+        found += [f"toggle {toggle}, {text}" for text in check_run(scenario, toggle, seen)]
     return found
 
 

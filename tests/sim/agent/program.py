@@ -69,23 +69,29 @@ def event_line(event: Any) -> str:
     return event if isinstance(event, str) else json.dumps(event, ensure_ascii=False)
 
 
+def prepare(folder: Path, stream: Stream) -> list[str]:
+    """Write a stream into a folder. Returns the arguments with which the program runs it; its trace
+    goes to trace.jsonl there."""
+    cloud, events, trace = (folder / name for name in ("cloud.json", "events.jsonl", "trace.jsonl"))
+    cloud.write_text(json.dumps(stream.cloud, ensure_ascii=False), encoding="utf-8")
+    events.write_text("".join(event_line(event) + "\n" for event in stream.events),
+                      encoding="utf-8")
+    return ["run", str(cloud), "--events", str(events),
+            "--toggle", "on" if stream.toggle_on else "off",
+            "--region-sync-timeout", f"{stream.timeout:g}", "--each", "--keep-going",
+            "--format", "json", "--trace", "9", "--trace-file", str(trace)]
+
+
 def run_program(binary: Path, stream: Stream) -> Run:
     """Run a stream through the program."""
     with tempfile.TemporaryDirectory(prefix="stream-") as folder:
-        cloud, events, trace = (Path(folder, name) for name in ("cloud.json", "events.jsonl",
-                                                                "trace.jsonl"))
-        cloud.write_text(json.dumps(stream.cloud, ensure_ascii=False), encoding="utf-8")
-        events.write_text("".join(event_line(event) + "\n" for event in stream.events),
-                          encoding="utf-8")
-        command = [str(binary), "run", str(cloud), "--events", str(events),
-                   "--toggle", "on" if stream.toggle_on else "off",
-                   "--region-sync-timeout", f"{stream.timeout:g}", "--each", "--keep-going",
-                   "--format", "json", "--trace", "9", "--trace-file", str(trace)]
+        command = [str(binary), *prepare(Path(folder), stream)]
         try:
             done = subprocess.run(command, capture_output=True, timeout=TIME_LIMIT_SECONDS,
                                   check=False, stdin=subprocess.DEVNULL)
         except subprocess.TimeoutExpired:
             return Run([], [f"no end within {TIME_LIMIT_SECONDS} s"])
+        trace = Path(folder, "trace.jsonl")
         traced = trace.read_bytes() if trace.exists() else b""
     return read_run(done, traced, len(stream.events) + 1)
 
