@@ -166,12 +166,15 @@ struct CollectionAttribute {
   Delete del = nullptr;     // the one that deletes it, if any
 
   using Key = typename Map::Key;
+  // Whether members can be made and deleted.
+  static constexpr bool kWritable =
+      !std::is_null_pointer_v<Create> && !std::is_null_pointer_v<Delete>;
 
   // Adds what the code says of the attribute.
   void describe(KivAttr& described) const {
     described.type = memberType();
     described.keyType = ValueTraits<Key>::kTypeName;
-    described.writable = !std::is_null_pointer_v<Create> && !std::is_null_pointer_v<Delete>;
+    described.writable = kWritable;
   }
 
   // Runs one operation on an object of the class; throws where it has none such.

@@ -92,7 +92,9 @@ class GenericValue {
     using Plain = std::remove_const_t<Object>;
     if (form_ != ValueForm::object || typeName_ != Plain::kTypeName) throwOther(Plain::kTypeName);
     if (!object_) return nullptr;
-    if (constant_ && !std::is_const_v<Object>) throwOther(Plain::kTypeName);
+    if constexpr (!std::is_const_v<Object>) {
+      if (constant_) throwOther(Plain::kTypeName);
+    }
     return Ptr<Object>(static_cast<Object*>(const_cast<PtrInterface*>(object_.get())));
   }
   std::string objectText() const;

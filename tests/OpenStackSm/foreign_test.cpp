@@ -134,6 +134,31 @@ TEST_P(ForeignTest, AMachineWhoseEndMeetsThrowingWatchersEndsAllTheSame) {
   world.elements->networkElementDelAll();
 }
 
+TEST_P(ForeignTest, WhatAWatcherChangesDuringTheEndReachesNobody) {
+  world.start(kCloud);
+  world.apply(kBound);
+  const std::string before = world.vlans();
+  OutputWatch watch(world.statuses, world.resources, world.elements);
+  int changed = 0;
+  watch.immediate = [&](const std::string&) {
+    if (++changed == 1)
+      world.change("assign R 11; assign S 5; driver 1; segment vn vlan 30; bind r");
+  };
+  world.traces.take();
+  world.rootDel();
+  watch.immediate = nullptr;
+  EXPECT_GT(changed, 0);
+  EXPECT_THAT(machinesAlive(), IsEmpty());
+  world.run();
+  EXPECT_EQ(world.vlans(), before);
+  for (const std::string& line : world.traces.take()) {
+    EXPECT_NE(line.find("Cleanup()"), std::string::npos) << line;
+  }
+  world.resources->resourcesForHostnameDelAll();
+  world.resources->resourcesForSwitchportDelAll();
+  world.elements->networkElementDelAll();
+}
+
 TEST_P(ForeignTest, AThrowInAPoolLeavesTheMachineAliveAndTheNextRebuildHeals) {
   world.start("region R; segment vl vlan 10; assign R 10 20");
   OutputWatch watch(world.statuses, world.resources, world.elements);

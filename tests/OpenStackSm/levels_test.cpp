@@ -138,6 +138,17 @@ TEST_P(LevelsTest, OneSegmentAtTwoLevelsIsWithdrawnByTheFirst) {
   EXPECT_THAT(vlans(), IsEmpty());
 }
 
+TEST_P(LevelsTest, OneSegmentAtTwoLevelsIsSoughtFromTheTop) {
+  bind("0=vx 1=vl", "q");
+  bind("3=vl 4=vx 5=vl");
+  EXPECT_EQ(vlans(), (Lines{"vlan 10 vni 5000: p q", "vlan 10: p q"}));
+  // Found at level 3, above which there is no VXLAN.
+  bind("5=-");
+  EXPECT_EQ(vlans(), (Lines{"vlan 10 vni 5000: p q", "vlan 10: q"}));
+  world.apply("-bind q; -bind p");
+  EXPECT_THAT(vlans(), IsEmpty());
+}
+
 TEST_P(LevelsTest, SharedLevelsComeAndGoWithTheirPorts) {
   bind("0=vx 1=vl");
   bind("0=vx 1=vl", "q");

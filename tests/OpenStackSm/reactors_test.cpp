@@ -84,4 +84,65 @@ TEST_F(ReactorsTest, WithoutThePublishingMachineSegmentsMeanNothing) {
   expectSilence();
 }
 
+TEST_F(ReactorsTest, AZombieReactorThatIsGivenAnotherRegionHandlesNothing) {
+  world.start();
+  const auto sm = world.regionSm();
+  const std::string before = world.status();
+  sm->kivDoZombieReactors(true);
+  world.traces.take();
+  const auto other = Kiv::make<OpenStack::Region>("R");
+  other->syncStatusIs(OpenStack::SyncStatus::syncInProgress);
+  other->requestIdIs("1");
+  sm->regionConfigIs(other);
+  world.run();
+  EXPECT_EQ(world.status(), before);
+  EXPECT_THAT(world.traces.takeMessages(9), IsEmpty());
+  sm->regionConfigIs(world.region());
+  sm->kivDoZombieReactors(false);
+}
+
+TEST_F(ReactorsTest, AConfigurationReactorThatIsDisconnectedHandlesNothing) {
+  world.start();
+  const auto reactor = Kiv::make<OpenStack::OpenStackSm::KivConfig>(
+      Kiv::Ptr<const OpenStack::Config>(world.config), world.root.get());
+  const std::string before = world.vlans();
+  world.traces.take();
+  reactor->notifierIs(nullptr);
+  world.run();
+  EXPECT_THAT(world.traces.take(), IsEmpty());
+  EXPECT_EQ(world.vlans(), before);
+  reactor->machineDel();
+}
+
+TEST_F(ReactorsTest, AReactorThatIsDeletedByHandIsMadeAgainWithTheNextChange) {
+  world.start();
+  world.apply("segment vm vlan 20; bind s");
+  const auto sm = world.regionSm();
+  sm->segmentDel("vl");
+  sm->portBindingDel("p");
+  EXPECT_FALSE(sm->segment().contains("vl"));
+  EXPECT_FALSE(sm->portBinding().contains("p"));
+  world.apply("segment vx vxlan 7; bind r");
+  EXPECT_TRUE(sm->segment().contains("vl"));
+  EXPECT_TRUE(sm->segment().contains("vx"));
+  EXPECT_TRUE(sm->portBinding().contains("p"));
+}
+
+TEST_F(ReactorsTest, AReactorThatIsDeletedByHandBeforeTheLoopRunsIsMadeAgainByIt) {
+  world.start("segment vm vlan 20");
+  world.change("assign S 7; host p h1 1=vm; host p h2; switch q sw e2 h2");
+  const auto onHost = world.hostSm("p", "h1");
+  const auto p = world.portSm("p");
+  const auto q = world.portSm("q");
+  world.root->vlanAssignmentDel("S");
+  onHost->segmentDel(1);
+  p->portToHostBindingDel("h2");
+  q->portToSwitchInterfaceBindingDel({"sw", "e2"});
+  world.run();
+  EXPECT_TRUE(world.root->vlanAssignment().contains("S"));
+  EXPECT_TRUE(onHost->segment().contains(1));
+  EXPECT_TRUE(p->portToHostBinding().contains("h2"));
+  EXPECT_TRUE(q->portToSwitchInterfaceBinding().contains({"sw", "e2"}));
+}
+
 }  // namespace

@@ -54,6 +54,19 @@ TEST_F(RegionTest, AnEmptyRegionIsCountedItsTimerDisarmedItsSyncStatusApplied) {
   EXPECT_EQ(sm->fwkKey(), "R");
 }
 
+TEST_F(RegionTest, ItIsInitializedBeforeItHandlesTheSyncStatus) {
+  world.change("region R");
+  const auto sm = make();
+  sm->initializedIs(false);
+  std::vector<bool> initialized;
+  Kiv::_defaultTraceHandle().sinkIs([&](const Kiv::TraceLine& line) {
+    if (line.function == "handleSyncStatus") initialized.push_back(sm->initialized());
+  });
+  sm->handleInitialized();
+  Kiv::_defaultTraceHandle().sinkIs(nullptr);
+  EXPECT_THAT(initialized, ElementsAre(true));
+}
+
 TEST_F(RegionTest, TheInventoryIsCountedThenSegmentsThenPortBindingsThenSyncStatus) {
   world.change(R"(region R; vm v1; vm v2; vm v3; vm v4; dhcp d1; dhcp d2; dhcp d3
                   baremetal b1; baremetal b2; network n1; segment vl vlan 10; bind p)");

@@ -1,4 +1,6 @@
 // Sync status, heartbeats and the timer.
+#include <limits>
+
 #include "tests/OpenStackSm/MachineTest.h"
 
 namespace {
@@ -232,6 +234,21 @@ TEST_F(SyncTest, ANewTimeoutCountsFromTheNextHeartbeat) {
   world.passes(5);
   world.apply("heartbeat");
   EXPECT_EQ(deadline(), 1012);
+}
+
+TEST_F(SyncTest, ATimeoutThatIsNoFiniteNumberNeverComes) {
+  for (const double timeout :
+       {std::numeric_limits<double>::quiet_NaN(), std::numeric_limits<double>::infinity()}) {
+    world.root->regionSyncTimeoutIs(timeout);
+    world.apply("sync progress; heartbeat");
+    EXPECT_EQ(world.loop.nextTimer(), Kiv::Clock::kNever);
+    world.passes(1e9);
+    EXPECT_EQ(world.regionStatus()->syncStatus(), OpenStack::SyncStatus::syncInProgress);
+  }
+  world.root->regionSyncTimeoutIs(5);
+  world.apply("heartbeat");
+  world.passes(5);
+  EXPECT_EQ(world.regionStatus()->syncStatus(), OpenStack::SyncStatus::syncTimedOut);
 }
 
 TEST_F(SyncTest, ATimerThatFiresBeforeInitializationOnlyTraces) {

@@ -3,11 +3,14 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
+#include <new>
 #include <optional>
 #include <random>
 #include <stdexcept>
@@ -101,6 +104,78 @@ TEST(AllocationTest, WhatCannotBeHadThrowsOrIsNull) {
 TEST(AllocationTest, FreeingNothingDoesNothing) {
   Kiv::kivMemFree(nullptr, 16);
   Kiv::kivMemFree(nullptr, 4096);
+}
+
+TEST(AllocationTest, MemoryOfNoSizeMayBeHadAndFreed) {
+  void* first = Kiv::kivMemAllocOrNull(0);
+  void* second = Kiv::kivMemAllocOrNull(0);
+  EXPECT_TRUE(first == nullptr || first != second);
+  Kiv::kivMemFree(first, 0);
+  Kiv::kivMemFree(second, 0);
+}
+
+// Lets the process have no more memory of the system while it lives.
+class NoMoreMemory {
+ public:
+  NoMoreMemory() {
+    getrlimit(RLIMIT_AS, &before_);
+    const rlimit none{0, before_.rlim_max};
+    setrlimit(RLIMIT_AS, &none);
+  }
+  ~NoMoreMemory() { setrlimit(RLIMIT_AS, &before_); }
+  NoMoreMemory(const NoMoreMemory&) = delete;
+  NoMoreMemory& operator=(const NoMoreMemory&) = delete;
+
+ private:
+  rlimit before_{};
+};
+
+// What is left in memory that is had already, as a chain, until there is no more.
+struct Link {
+  Link* next;
+};
+Link* takeAllThatIsLeft(std::size_t size) {
+  const NoMoreMemory limit;
+  Link* chain = nullptr;
+  while (void* memory = Kiv::kivMemAllocOrNull(size)) chain = new (memory) Link{chain};
+  return chain;
+}
+
+std::size_t freeAll(Link* chain, std::size_t size) {
+  std::size_t count = 0;
+  for (Link* next = nullptr; chain != nullptr; chain = next, ++count) {
+    next = chain->next;
+    Kiv::kivMemFree(chain, size);
+  }
+  return count;
+}
+
+bool throwsWhenAskedFor(std::size_t size) {
+  const NoMoreMemory limit;
+  try {
+    (void)Kiv::kivMemAlloc(size);
+  } catch (const std::bad_alloc&) {
+    return true;
+  }
+  return false;
+}
+
+// Exits with 0 when memory of this size runs out, and all of it can be had again afterwards.
+void runOutOfMemory(std::size_t size) {
+  Kiv::kivMemFree(Kiv::kivMemAlloc(size), size);
+  const std::size_t had = freeAll(takeAllThatIsLeft(size), size);
+  Link* all = takeAllThatIsLeft(size);
+  const bool thrown = throwsWhenAskedFor(size);
+  const std::size_t again = freeAll(all, size);
+  all = takeAllThatIsLeft(size);
+  void* more = Kiv::kivMemAllocOrNull(size);  // of the system once more
+  std::exit(thrown && had > 0 && again == had && more != nullptr ? 0 : 1);
+}
+
+TEST(AllocationDeathTest, WhenMemoryRunsOutSmallSizesThrowOrAreNullAndNothingIsLost) {
+  if (kSanitized) GTEST_SKIP() << "a sanitizer needs the memory itself";
+  EXPECT_EXIT(runOutOfMemory(64), testing::ExitedWithCode(0), "");
+  EXPECT_EXIT(runOutOfMemory(512), testing::ExitedWithCode(0), "");
 }
 
 TEST(TrackerTest, ATypeIsListedFromItsFirstAllocationOn) {

@@ -8,6 +8,7 @@
 
 #include "framework/Attributes.h"
 #include "framework/FeatureToggle.h"
+#include "tests/framework/toys.h"
 
 namespace {
 
@@ -66,6 +67,9 @@ TEST(AttributeTableTest, AReactorsHandlerIsNamedWithoutItsClass) {
 
 TEST(AttributeTableTest, ANameThatIsNotInTheTableIsRefused) {
   EXPECT_THROW((void)kTable.handler("ToySm", "nothing"), const char*);
+  // Nor is an attribute a handler.
+  const auto withAttribute = Kiv::attributes(kTable, Kiv::plain("colour", &Toys::Marble::colour));
+  EXPECT_THROW((void)withAttribute.handler("ToySm", "colour"), const char*);
 }
 
 TEST(AttributeTableTest, ATableStandsBehindThatOfItsBase) {

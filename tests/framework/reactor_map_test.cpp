@@ -81,6 +81,9 @@ TEST_F(ReactorMapTest, ANullEntityThrowsTheFixedTextOfItsCollection) {
             "null _pot parameter to mutator for Toys::ShelfSm::pot not allowed\"");
   EXPECT_EQ(textOf([&] { machine_->jarIs(nullptr); }),
             "null _jar parameter to mutator for Toys::ShelfSm::jar not allowed\"");
+  ShelfSm::PotMap loose;
+  EXPECT_EQ(textOf([&] { loose.is(*machine_, nullptr); }),
+            "null _ parameter to mutator for Toys::ShelfSm:: not allowed\"");
   EXPECT_THAT(happened(), IsEmpty());
 }
 

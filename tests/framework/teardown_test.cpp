@@ -156,6 +156,23 @@ TEST_F(TeardownTest, ObserversThatThrowDoNotStopTheCleanupOfTheRest) {
   EXPECT_THAT(happened(), testing::Contains("end of PotSm c"));
 }
 
+TEST_F(TeardownTest, AnObserverThatThrowsThousandsOfTimesDoesNotKeepTheMachineFromItsEnd) {
+  for (int i = 0; i < 3000; ++i) shelf_->jarIs(std::to_string(i));
+  start();
+  (void)machine_->potSmIs("c", make<Marble>("c"), ledger_, "me", 30);
+  const auto thrower = Toys::watch<Thrower>(ledger_);
+  std::vector<Ptr<ShelfSm::KivJar>> outlive;
+  for (const auto& jar : machine_->jar()) outlive.emplace_back(jar);
+  machine_ = nullptr;
+  EXPECT_GT(thrower->times, 1000);
+  EXPECT_LT(thrower->times, 3000);
+  EXPECT_THAT(happened(), testing::Contains("end of PotSm c"));
+  // What was not reached any more has lost the machine all the same.
+  for (const auto& jar : outlive) jar->kivDoZombieReactors(true);
+  EXPECT_THAT(happened(), IsEmpty());
+  EXPECT_EQ(entries().size(), 3000U - static_cast<std::size_t>(thrower->times));
+}
+
 TEST_F(TeardownTest, WhatAnObserverThrewIsTraced) {
   shelf_->jarIs("a");
   start();

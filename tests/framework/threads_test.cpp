@@ -2,7 +2,12 @@
 // -fsanitize=thread.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
+#include <csignal>
+#include <cstring>
+#include <deque>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -101,6 +106,75 @@ TEST_F(ThreadsTest, EachThreadMayMakeAndFreeObjectsOfItsOwn) {
         for (const auto& thing : mine) EXPECT_EQ(thing->references(), 1U);
       },
       [] {});
+}
+
+// Holds up the thread that it is sent to, wherever that is, until the other one allocates.
+std::atomic<bool> otherAllocates{false};
+void holdUp(int /*signal*/) {
+  while (!otherAllocates) std::this_thread::yield();
+  for (int i = 0; i < 20; ++i) std::this_thread::yield();
+}
+
+TEST_F(ThreadsTest, AThreadThatIsHeldUpWhileItAllocatesMakesTheOthersWait) {
+  const auto before = std::signal(SIGUSR1, holdUp);
+  std::atomic<bool> stop{false};
+  std::atomic<std::size_t> rounds{0};
+  std::thread busy([&] {
+    while (!stop) {
+      void* memory = Kiv::kivMemAlloc(48);
+      std::memset(memory, 0xa5, 48);
+      Kiv::kivMemFree(memory, 48);
+      ++rounds;
+    }
+  });
+  while (rounds == 0) std::this_thread::yield();
+  for (int i = 0; i < 300; ++i) {
+    otherAllocates = false;
+    pthread_kill(busy.native_handle(), SIGUSR1);
+    std::this_thread::yield();
+    otherAllocates = true;
+    auto* memory = static_cast<unsigned char*>(Kiv::kivMemAlloc(48));
+    std::memset(memory, 0x5a, 48);
+    const std::size_t round = rounds;
+    while (rounds == round) std::this_thread::yield();
+    EXPECT_EQ(std::count(memory, memory + 48, 0x5a), 48);
+    Kiv::kivMemFree(memory, 48);
+  }
+  stop = true;
+  busy.join();
+  std::signal(SIGUSR1, before);
+}
+
+TEST_F(ThreadsTest, TypesAreListedOnceThoughTwoThreadsAreTheFirstToMakeThem) {
+  constexpr std::size_t kTypes = 2000;
+  static std::vector<std::string> names;  // as types are, of static storage
+  static std::deque<Kiv::AllocTrackTypeInfo> types;
+  for (std::size_t i = 0; i < kTypes; ++i) names.push_back("Test::First" + std::to_string(i));
+  for (const std::string& name : names) types.emplace_back(name);
+  std::atomic<std::size_t> arrived{0};
+  // Both at the same time: the same type, or one its neighbour.
+  const auto track = [&arrived](std::size_t thread) {
+    for (std::size_t i = 0; i < kTypes; ++i) {
+      ++arrived;
+      while (arrived < 2 * (i + 1)) std::this_thread::yield();
+      Kiv::AllocTrackTypeInfo::trackAllocation(types[i % 4 < 2 ? i : i ^ thread], 8);
+    }
+  };
+  std::thread other(track, 1);
+  track(0);
+  other.join();
+  std::size_t listed = 0;
+  for (const Kiv::AllocTrackRecord& record : Kiv::AllocTrackTypeInfo::report()) {
+    if (!record.typeName.starts_with("Test::First")) continue;
+    EXPECT_EQ(record.liveCount, 2U) << record.typeName;
+    ++listed;
+  }
+  EXPECT_EQ(listed, kTypes);
+  for (Kiv::AllocTrackTypeInfo& type : types) {
+    for (int thread = 0; thread < 2; ++thread) {
+      Kiv::AllocTrackTypeInfo::trackDeallocation(type, 8);
+    }
+  }
 }
 
 TEST_F(ThreadsTest, OneStringMayBeCopiedAndDroppedByManyThreads) {
