@@ -97,14 +97,19 @@ def main() -> int:
 
     lines = [f"{'file':48} {'branches':>8} {'taken':>7}  missed"]
     total = not_taken = 0
+    low = []
     for name, places in sorted(files.items()):
         without = missed(places)
         total += 2 * len(places)
         not_taken += len(without)
         share = 100.0 * (1 - len(without) / (2 * len(places)))
         lines.append(f"{name:48} {2 * len(places):8} {share:5.1f} %  {', '.join(without)}")
+        if share < arguments.least:
+            low.append(name)
     share = 100.0 * (1 - not_taken / max(1, total))
     lines.append(f"{'total':48} {total:8} {share:5.1f} %  {not_taken}")
+    if low:
+        lines.append(f"below {arguments.least} % by themselves: {', '.join(low)}")
     table = "\n".join(lines)
     (build / "branches.txt").write_text(table + "\n", "utf-8")
     print(table)
