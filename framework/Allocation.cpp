@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdlib>
+#include <mutex>
 #include <new>
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -39,6 +40,8 @@ struct Pool {
 
 constinit Pool pool;
 constinit std::atomic_flag poolBusy = ATOMIC_FLAG_INIT;
+// The types that are listed, each once; a new one is put in front.
+constinit std::mutex listing;
 constinit std::atomic<AllocTrackTypeInfo*> listedTypes{nullptr};
 
 // Holds the pool against other threads, where there are any.
@@ -128,10 +131,10 @@ void AllocTrackTypeInfo::trackAllocation(AllocTrackTypeInfo& type, std::size_t s
   add(type.liveCount_, 1);
   add(type.liveBytes_, size);
   if (type.listed_.load(std::memory_order_relaxed)) return;
+  const std::lock_guard lock(listing);
   if (type.listed_.exchange(true)) return;
-  type.next_ = listedTypes.load();
-  while (!listedTypes.compare_exchange_weak(type.next_, &type)) {
-  }
+  type.next_ = listedTypes.load(std::memory_order_relaxed);
+  listedTypes.store(&type);
 }
 
 void AllocTrackTypeInfo::trackDeallocation(AllocTrackTypeInfo& type, std::size_t size) noexcept {
