@@ -33,10 +33,11 @@ bench::Options optionsOf(int argc, char** argv) {
   return options;
 }
 
-// Tells Google Benchmark to interleave the repetitions of what is registered together.
+// Tells Google Benchmark to interleave the repetitions of what is registered together. It keeps the
+// first argument, to name the program in its results.
 void interleave() {
-  std::vector<std::string> arguments{"openstacksm_bench",
-                                     "--benchmark_enable_random_interleaving=true"};
+  static std::vector<std::string> arguments{"openstacksm_bench",
+                                            "--benchmark_enable_random_interleaving=true"};
   std::vector<char*> pointers;
   for (auto& argument : arguments) pointers.push_back(argument.data());
   int count = static_cast<int>(pointers.size());
