@@ -56,7 +56,7 @@ void notify(const EntityBase& entity, void (N::*handler)()) {
   NotifieeList& list = *entity.notifieeList();
   if (list.empty()) return;
   ActivityManager& loop = ActivityManager::instance();
-  list.forEach([&](NotifieeBase& n) {
+  list.forEachAtRest([&](NotifieeBase& n) {
     if (!NotifieeBase::ignores(static_cast<N&>(n), handler))
       loop.queue(static_cast<N&>(n), handler);
   });
@@ -84,12 +84,12 @@ void notifyChange(const EntityBase& entity, const On<N, K>& on, const K& changed
     ChangeUnderWay::innermost() = change.outer;
   }
   ActivityManager& loop = ActivityManager::instance();
-  list.forEach([&](NotifieeBase& n) {
+  list.forEachAtRest([&](NotifieeBase& n) {
     if (!NotifieeBase::ignores(static_cast<N&>(n), on.keyed)) {
       loop.queue(static_cast<N&>(n), on.keyed, key);
     }
   });
-  list.forEach([&](NotifieeBase& n) {
+  list.forEachAtRest([&](NotifieeBase& n) {
     if (!NotifieeBase::ignores(static_cast<N&>(n), on.whole))
       loop.queue(static_cast<N&>(n), on.whole);
   });

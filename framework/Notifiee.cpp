@@ -32,6 +32,27 @@ void NotifieeBase::isRegisteredNotifieeIs(bool registered) {
   registeredIs(registered);
 }
 
+void NotifieeList::Round::leaves(const NotifieeBase& notifiee) {
+  if (&notifiee == current_) {
+    hold();
+  } else if (current_ == nullptr && &notifiee == next_) {
+    next_ = next_ == last_ ? nullptr : next_->next_;
+  } else if (&notifiee == last_) {
+    last_ = last_->previous_;
+  }
+}
+
+void NotifieeList::Round::hold() {
+  next_ = current_ == last_ ? nullptr : current_->next_;
+  held_ = Ptr<NotifieeBase>(current_);
+  current_ = nullptr;
+}
+
+NotifieeBase* NotifieeList::Round::nextOfHeld() {
+  held_ = nullptr;  // may end it, and with it others
+  return next_;
+}
+
 void NotifieeList::join(NotifieeBase& notifiee) {
   if (first_ == nullptr) {
     first_ = notifiee.previous_ = notifiee.next_ = &notifiee;

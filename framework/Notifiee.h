@@ -85,62 +85,79 @@ class NotifieeList {
 
   bool empty() const { return first_ == nullptr; }
 
-  // Calls `call(notifiee)` for each that listens, in the order of their registration.
+  // Calls `call(notifiee)` for each that listens, in the order of their registration. The one that
+  // is called stays until the call returns, whoever lets go of it.
   template <class Call>
   void forEach(Call&& call) {
+    if (empty()) return;
     Round round(*this);
-    while (NotifieeBase* notifiee = round.take()) {
-      const Ptr<NotifieeBase> hold(notifiee);
+    for (NotifieeBase* notifiee = first_; notifiee != nullptr; notifiee = round.next(notifiee)) {
+      round.current_ = notifiee;
       if (notifiee->listens()) call(*notifiee);
     }
   }
 
+  // The same for a `call` that changes no list, and lets go of no notifiee.
+  template <class Call>
+  void forEachAtRest(Call&& call) const {
+    if (empty()) return;
+    NotifieeBase* notifiee = first_;
+    do {
+      if (notifiee->listens()) call(*notifiee);
+      notifiee = notifiee->next_;
+    } while (notifiee != first_);
+  }
+
  private:
   friend class NotifieeBase;
+  friend class PtrInterface;
 
-  // One walk over a list. Those under way are known, so that leaving can correct them.
+  // One walk over a list. Those under way are known, so that who leaves can correct them. Where
+  // nobody does, a walk costs little more than its calls: the notifiee that is being called is held
+  // only once it leaves, or loses its last reference.
   class Round {
    public:
     explicit Round(NotifieeList& list)
-        : list_(list),
-          next_(list.first_),
-          last_(list.first_ == nullptr ? nullptr : list.first_->previous_),
-          outer_(innermost_) {
+        : last_(list.first_->previous_), list_(list), outer_(innermost_) {
       innermost_ = this;
     }
     ~Round() { innermost_ = outer_; }
     Round(const Round&) = delete;
     Round& operator=(const Round&) = delete;
 
-    // The next notifiee of the walk; null at its end.
-    NotifieeBase* take() {
-      NotifieeBase* taken = next_;
-      if (taken != nullptr) next_ = taken == last_ ? nullptr : taken->next_;
-      return taken;
+    // The one after `called`, which was called; null at the end.
+    NotifieeBase* next(NotifieeBase* called) {
+      if (current_ != called) [[unlikely]]
+        return nextOfHeld();
+      return called == last_ ? nullptr : called->next_;
     }
     // Corrects all walks under way for a notifiee that is about to leave its list.
     static void allLeave(const NotifieeList& list, const NotifieeBase& notifiee) {
       for (Round* round = innermost_; round != nullptr; round = round->outer_) {
-        round->leaves(list, notifiee);
+        if (&round->list_ == &list) round->leaves(notifiee);
+      }
+    }
+    // Makes the walks in which this object is being called hold it.
+    static void allHold(const PtrInterface& object) {
+      for (Round* round = innermost_; round != nullptr; round = round->outer_) {
+        if (round->current_ == &object) round->hold();
       }
     }
 
+    NotifieeBase* current_ = nullptr;  // being called; null once it is held
+
    private:
-    void leaves(const NotifieeList& list, const NotifieeBase& notifiee) {
-      if (&list != &list_ || next_ == nullptr) return;
-      if (next_ == &notifiee) {
-        next_ = next_ == last_ ? nullptr : notifiee.next_;
-      } else if (last_ == &notifiee) {
-        last_ = notifiee.previous_;
-      }
-    }
+    void leaves(const NotifieeBase& notifiee);
+    void hold();
+    NotifieeBase* nextOfHeld();
 
     // The innermost of the walks under way, across all lists.
     inline static constinit Round* innermost_ = nullptr;
 
+    NotifieeBase* last_;  // the last of those that were there when the round began
     NotifieeList& list_;
-    NotifieeBase* next_;  // to be called next; null at the end
-    NotifieeBase* last_;  // the last that was there when the round began
+    NotifieeBase* next_ = nullptr;  // once the current one is held: to be called next
+    Ptr<NotifieeBase> held_;
     Round* outer_;
   };
 

@@ -1,8 +1,14 @@
 #include "framework/PtrInterface.h"
 
+#include "framework/Notifiee.h"
+
 namespace [[gnu::visibility("default")]] Kiv {
 
 void PtrInterface::free() const noexcept {
+  if (registered()) {
+    NotifieeList::Round::allHold(*this);
+    if (references() != 0) return;
+  }
   // A destructor may take and drop a Ptr to its own object; the bias keeps that from freeing twice.
   constexpr U32 kDying = (kCountMask + 1) / 2;
   word_.fetch_add(kDying, std::memory_order_relaxed);

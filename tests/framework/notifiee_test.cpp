@@ -9,6 +9,7 @@
 #include <initializer_list>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tests/framework/toys.h"
@@ -271,6 +272,58 @@ TEST_F(NotifieeTest, OneMayDropTheLastReferenceToItself) {
   all_[1]->then = [&](const std::string&) { all_[1] = nullptr; };
   EXPECT_THAT(round(), ElementsAre("1:slot!", "2:slot!", "3:slot!"));
   EXPECT_THAT(round(), ElementsAre("1:slot!", "3:slot!"));
+}
+
+TEST_F(NotifieeTest, OneThatDropsTheLastReferenceToItselfStaysUntilItReturns) {
+  watchers(2);
+  bool listened = false;
+  all_[0]->then = [&](const std::string&) {
+    const BoxWatcher* self = all_[0].get();
+    all_[0] = nullptr;
+    listened = self->listens();
+  };
+  EXPECT_THAT(round(), ElementsAre("1:slot!", "2:slot!"));
+  EXPECT_TRUE(listened);
+  EXPECT_THAT(round(), ElementsAre("2:slot!"));
+}
+
+TEST_F(NotifieeTest, OneThatIsToldInTwoRoundsStaysUntilTheOuterReturns) {
+  watchers(2);
+  int depth = 0;
+  bool listened = false;
+  const BoxWatcher* first = all_[0].get();
+  all_[0]->then = [&](const std::string& what) {
+    if (what != "slot!") return;
+    if (++depth == 2) {
+      all_[0] = nullptr;
+      return;
+    }
+    box_->slotIs(1000, true);
+    (void)delivered();
+    listened = first->listens();
+  };
+  (void)round();
+  EXPECT_EQ(depth, 2);
+  EXPECT_TRUE(listened);
+  EXPECT_THAT(round(), ElementsAre("2:slot!"));
+}
+
+TEST_F(NotifieeTest, OneThatGoesToAnotherEntityAndLosesItsLastReferenceStaysUntilItReturns) {
+  watchers(3);
+  bool went = false;
+  all_[1]->then = [&](const std::string&) {
+    if (std::exchange(went, true)) return;
+    BoxWatcher* self = all_[1].get();
+    const auto other = make<Box>();
+    self->notifierIs(other);
+    self->isRegisteredNotifieeIs(true);
+    all_[1] = nullptr;
+    all_[2] = nullptr;
+    other->slotIs(1, true);
+  };
+  EXPECT_THAT(round(), ElementsAre("1:slot!", "2:slot!", "2:slot!"));
+  EXPECT_THAT(delivered(), ElementsAre("2:slot 1", "2:slot", "1:slot 0", "1:slot"));
+  EXPECT_THAT(round(), ElementsAre("1:slot!"));
 }
 
 TEST_F(NotifieeTest, OneMayDropTheLastReferenceToTheNext) {
