@@ -1,36 +1,62 @@
-// Which function a virtual handler of an object comes down to, so that a notification which nobody
-// would hear is not queued. Read off the object's table of virtual functions, which stands as the
-// common C++ ABI of the compilers in use lays it out.
+// Pointers to virtual handlers, taken apart: which function one comes down to in an object, so that
+// a notification which nobody would hear is not queued; and its place, so that what waits is short.
+// Pointers and tables of virtual functions stand as the common C++ ABI of the compilers in use lays
+// them out.
 #pragma once
 
 #include <cstdint>
 #include <cstring>
 
+#include "framework/Integers.h"
+
 namespace [[gnu::visibility("default")]] Kiv {
 namespace detail {
+
+// What a pointer to a member function is made of.
+struct HandlerParts {
+  std::uintptr_t pointer;
+  std::ptrdiff_t adjustment;
+};
+
+#if defined(__arm__) || defined(__aarch64__)
+inline constexpr bool kVirtualIsInAdjustment = true;
+#else
+inline constexpr bool kVirtualIsInAdjustment = false;
+#endif
+
+// The place of a virtual handler of an object's first base in the table of virtual functions: its
+// offset in bytes, with the lowest bit set. Less than 2^16; 0 for any other handler.
+template <class Handler>
+U32 placeOf(Handler handler) {
+  HandlerParts parts;
+  static_assert(sizeof(parts) == sizeof(handler));
+  std::memcpy(&parts, &handler, sizeof(parts));
+  const bool isVirtual = kVirtualIsInAdjustment ? parts.adjustment == 1
+                                                : parts.adjustment == 0 && (parts.pointer & 1) != 0;
+  return isVirtual && parts.pointer >> 16 == 0 ? static_cast<U32>(parts.pointer) | 1 : 0;
+}
+
+// The handler at this place. REQUIRES: not 0.
+template <class Handler>
+Handler handlerAt(std::uintptr_t place) {
+  const HandlerParts parts = kVirtualIsInAdjustment ? HandlerParts{place & ~std::uintptr_t{1}, 1}
+                                                    : HandlerParts{place | 1, 0};
+  Handler handler;
+  static_assert(sizeof(parts) == sizeof(handler));
+  std::memcpy(&handler, &parts, sizeof(parts));
+  return handler;
+}
 
 // The final overrider of a virtual member function in an object of this class; null where it cannot
 // be told.
 template <class N, class Handler>
 const void* overrider(const N& object, Handler handler) {
-  struct {
-    std::uintptr_t pointer;
-    std::ptrdiff_t adjustment;
-  } parts;
-  static_assert(sizeof(parts) == sizeof(handler));
-  std::memcpy(&parts, &handler, sizeof(parts));
-#if defined(__arm__) || defined(__aarch64__)
-  const bool isVirtual = parts.adjustment == 1;
-  const std::uintptr_t offset = parts.pointer;
-#else
-  const bool isVirtual = parts.adjustment == 0 && (parts.pointer & 1) != 0;
-  const std::uintptr_t offset = parts.pointer - 1;
-#endif
-  if (!isVirtual) return nullptr;
+  const U32 place = placeOf(handler);
+  if (place == 0) return nullptr;
   const char* table = nullptr;
   std::memcpy(&table, static_cast<const void*>(&object), sizeof(table));
   const void* function = nullptr;
-  std::memcpy(&function, table + offset, sizeof(function));
+  std::memcpy(&function, table + (place & ~U32{1}), sizeof(function));
   return function;
 }
 

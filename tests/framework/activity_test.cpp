@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <initializer_list>
 #include <optional>
 #include <random>
 #include <set>
@@ -226,6 +227,61 @@ TEST_F(ActivityTest, AnEntryHoldsItsNotifieeUntilItIsDelivered) {
   EXPECT_TRUE(loop_.idle()) << "nobody is left to be told";
 }
 
+TEST_F(ActivityTest, EachOfSeveralEntriesHoldsItsNotifieeUntilTheLastIsDelivered) {
+  const auto second = watch<BoxWatcher>(box_, "2:");
+  for (const auto slot : std::initializer_list<Kiv::U16>{1, 2, 3}) box_->slotIs(slot, true);
+  (void)happened();
+  watcher_->then = [](const std::string& what) {
+    if (what == "slot 2") throw std::runtime_error("no");
+  };
+  watcher_ = nullptr;
+  EXPECT_THROW(loop_.run(), std::runtime_error);
+  EXPECT_THAT(happened(), ElementsAre("slot 1", "2:slot 1", "slot", "2:slot", "slot 2"));
+  EXPECT_THAT(delivered(), ElementsAre("2:slot 2", "slot 3", "2:slot 3"));
+  EXPECT_EQ(second->references(), 1U);
+  box_->labelIs("x");
+  EXPECT_THAT(delivered(), ElementsAre("2:label")) << "the other was let go";
+}
+
+TEST_F(ActivityTest, NeighboursOfOneNotifieeHoldItTogetherUntilTheLastIsDelivered) {
+  const Ptr<BoxWatcher> watched = watcher_;
+  std::vector<Kiv::U32> references;
+  watcher_->then = [&](const std::string& what) {
+    if (what.starts_with("slot ")) references.push_back(watched->references());
+    if (what == "slot 2") throw std::runtime_error("no");
+    if (what == "slot 3") box_->labelIs("queued when nothing else waits");
+  };
+  box_->slotIs(1, true);
+  box_->slotIs(2, true);
+  box_->slotIs(3, true);
+  (void)happened();
+  watcher_ = nullptr;
+  EXPECT_GT(watched->references(), 1U);
+  EXPECT_THROW(loop_.run(), std::runtime_error);
+  EXPECT_GT(watched->references(), 1U) << "one waits";
+  loop_.run();
+  EXPECT_THAT(happened(), ElementsAre("slot 1", "slot", "slot 2", "slot 3", "label"));
+  EXPECT_EQ(references.size(), 3U);
+  EXPECT_EQ(std::ranges::count_if(references, [](Kiv::U32 r) { return r < 2; }), 0);
+  EXPECT_EQ(watched->references(), 1U);
+}
+
+TEST_F(ActivityTest, OneThatIsSkippedIsLetGo) {
+  const auto second = watch<BoxWatcher>(box_, "2:");
+  for (int round = 0; round < 3; ++round) {
+    box_->labelIs("x");
+    box_->marbleIs(Kiv::String(std::to_string(round)));
+    (void)happened();
+    (round == 0 ? watcher_ : second)->hasNotificationActiveIs(false);
+    loop_.run();
+    (void)happened();
+    watcher_->hasNotificationActiveIs(true);
+    second->hasNotificationActiveIs(true);
+    EXPECT_EQ(watcher_->references(), 1U);
+    EXPECT_EQ(second->references(), 1U);
+  }
+}
+
 TEST_F(ActivityTest, ANotifieeMayBeFreedByItsOwnDelivery) {
   watcher_->then = [this](const std::string&) { watcher_ = nullptr; };
   box_->labelIs("x");
@@ -280,6 +336,123 @@ TEST_F(ActivityTest, KeysThatHashAlikeWaitEachForItself) {
   const auto watcher = watch<Watcher>(drawer);
   for (const int number : {3, 1, 2}) drawer->spoonIs(Drawer::Key{number});
   EXPECT_THAT(delivered(), ElementsAre("spoon 3", "spoon 1", "spoon 2"));
+}
+
+// Handlers and keys of other shapes: not virtual, in a class with a second base, too wide for an
+// entry.
+struct WideKey {
+  std::string text;
+  int number = 0;
+  Kiv::U32 hash() const { return static_cast<Kiv::U32>(number % 2); }
+  friend bool operator==(const WideKey&, const WideKey&) = default;
+};
+
+class Other {
+ public:
+  virtual ~Other() = default;
+  virtual void onOther() { Toys::journal.push_back("other"); }
+};
+
+class SpoonWatcher : public Drawer::NotifieeConst {
+ public:
+  void onSpoonkivImmediate() override { Toys::journal.push_back("spoon!"); }
+};
+
+class Odd final : public Other, public SpoonWatcher {
+ public:
+  void onPlain() { Toys::journal.push_back("plain"); }
+  void onAnother() { Toys::journal.push_back("another"); }
+  virtual void onNumber(Kiv::U64 number) {
+    Toys::journal.push_back("number " + std::to_string(number));
+  }
+  void onText(const Kiv::Name& text) { Toys::journal.push_back("text " + text.str()); }
+  virtual void onWide(const WideKey& key) {
+    Toys::journal.push_back("wide " + key.text + std::to_string(key.number));
+  }
+};
+
+class OddTest : public Toys::LoopTest {
+ protected:
+  OddTest() {
+    odd_->notifierIs(drawer_);
+    odd_->isRegisteredNotifieeIs(true);
+    odd_->hasNotificationActiveIs(true);
+  }
+  void queueAll() {
+    loop_.queue(*odd_, &Odd::onPlain);
+    loop_.queue(*odd_, &Odd::onAnother);
+    loop_.queue<Odd>(*odd_, &Odd::onOther);
+    loop_.queue<Odd>(*odd_, &SpoonWatcher::onSpoonkivImmediate);
+    for (const Kiv::U64 number : {Kiv::U64{1}, Kiv::U64{1} << 32, (Kiv::U64{1} << 32) + 1}) {
+      loop_.queue<Odd, Kiv::U64>(*odd_, &Odd::onNumber, number);
+    }
+    loop_.queue<Odd, Kiv::Name>(*odd_, &Odd::onText, Kiv::Name("a"));
+    loop_.queue<Odd, Kiv::Name>(*odd_, &Odd::onText, Kiv::Name("b"));
+    for (const int number : {1, 2, 3}) {
+      loop_.queue<Odd, WideKey>(*odd_, &Odd::onWide, WideKey{"w", number});
+    }
+  }
+
+  Ptr<Drawer> drawer_ = make<Drawer>();
+  Ptr<Odd> odd_ = make<Odd>();
+};
+
+TEST_F(OddTest, HandlersAndKeysOfAnyShapeWaitOnceAndInOrder) {
+  queueAll();
+  queueAll();
+  EXPECT_EQ(loop_.waiting(), 12U);
+  EXPECT_THAT(delivered(), ElementsAre("plain", "another", "other", "spoon!", "number 1",
+                                       "number 4294967296", "number 4294967297", "text a", "text b",
+                                       "wide w1", "wide w2", "wide w3"));
+  queueAll();
+  EXPECT_EQ(delivered().size(), 12U);
+}
+
+TEST_F(OddTest, WhatIsSkippedOrDroppedIsFreed) {
+  const Support::LiveObjects nothingIsLeft;
+  queueAll();
+  odd_->hasNotificationActiveIs(false);
+  EXPECT_THAT(delivered(), IsEmpty());
+  EXPECT_EQ(odd_->references(), 1U);
+}
+
+// Equal texts that are not the same object, and more than fit into the first ring.
+TEST_F(ActivityTest, EqualTextsWaitOnce) {
+  for (int times = 0; times < 2; ++times) {
+    for (int n = 0; n < 300; ++n) {
+      const Kiv::String id(std::to_string(n));
+      if (times == 0) {
+        box_->marbleIs(id);
+      } else {
+        box_->marbleDel(id);
+      }
+    }
+  }
+  (void)happened();
+  EXPECT_EQ(loop_.waiting(), 301U);
+  const std::vector<std::string> told = delivered();
+  ASSERT_EQ(told.size(), 301U);
+  EXPECT_EQ(told[0], "marble 0");
+  EXPECT_EQ(told[1], "marble");
+  EXPECT_EQ(told[300], "marble 299");
+}
+
+// The ring goes round many times without growing, and grows in the middle of a turn.
+TEST_F(ActivityTest, WhatWaitsIsFoundHoweverOftenTheQueueHasTurned) {
+  std::mt19937 random(7);
+  for (int turn = 0; turn < 400; ++turn) {
+    std::vector<std::string> expected;
+    std::set<unsigned> waits;
+    const std::size_t many = turn % 50 == 49 ? 500 : random() % 40;
+    for (std::size_t n = 0; n < many; ++n) {
+      const auto slot = static_cast<Kiv::U16>(random() % (2 * many));
+      box_->slotIs(slot, !box_->slot()[slot]);
+      if (waits.insert(slot).second) expected.push_back("slot " + std::to_string(slot));
+      if (n == 0) expected.push_back("slot");
+    }
+    (void)happened();
+    EXPECT_EQ(delivered(), expected);
+  }
 }
 
 // Many at once, against a reference: each notifiee, attribute and key waits once, in the order of
@@ -343,7 +516,8 @@ TEST(ActivityEndTest, WhatStillWaitsIsDroppedUndelivered) {
     const auto watcher = watch<BoxWatcher>(box);
     box->labelIs("x");
     box->marbleIs("a");
-    EXPECT_EQ(watcher->references(), 4U);
+    EXPECT_EQ(loop->waiting(), 3U);
+    EXPECT_EQ(watcher->references(), 2U);
     (void)happened();
     loop.reset();
     EXPECT_EQ(watcher->references(), 1U);

@@ -44,9 +44,9 @@ class Watcher final : public Board::NotifieeConst {
  public:
   explicit Watcher(std::function<void(int handler, int key)> told) : told_(std::move(told)) {}
 
-  void onPlain() { told_(0, 0); }
-  void onNumber(Kiv::U16 number) { told_(1, number); }
-  void onText(const Kiv::String& text) { told_(2, std::stoi(text.str())); }
+  virtual void onPlain() { told_(0, 0); }
+  virtual void onNumber(Kiv::U16 number) { told_(1, number); }
+  virtual void onText(const Kiv::String& text) { told_(2, std::stoi(text.str())); }
   void onWide(const WideKey& key) { told_(3, static_cast<int>(key.numbers[5])); }
 
  private:
