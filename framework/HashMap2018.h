@@ -20,7 +20,7 @@
 #include <optional>
 
 #include "framework/Hash.h"
-#include "framework/detail/OrderedTable.h"
+#include "framework/detail/OrderedArrays.h"
 
 namespace [[gnu::visibility("default")]] Kiv {
 
@@ -68,19 +68,17 @@ class HashMap2018 {
   // Gives the entry of this key the value, adding it when absent. Returns whether anything changed.
   // Throws std::bad_alloc where there is no memory for it; nothing has changed then.
   bool newMember(const K& key, const V& value) {
-    if (V* found = find(key)) {
-      const bool changed = !(*found == value);
-      *found = value;
-      return changed;
+    if (!hangs()) {
+      const unsigned at = indexInside(key);
+      if (at < inside_) return assign(values()[at], value);
+      if (inside_ < kInside) {
+        insertInside(placeInside(kivOrder(key), key), K(key), V(value));
+        return true;
+      }
+      hangAll();
     }
-    if (inside_ == kInside) hangAll();
-    const U32 order = kivOrder(key);
-    if (hangs()) {
-      table().insert(place(order, key), newHung(order, K(key), V(value)));
-    } else {
-      insertInside(placeInside(order, key), K(key), V(value));
-    }
-    return true;
+    const auto [entry, added] = table().insert(key, value);
+    return added || assign(*entry, value);
   }
   // Deletes the entry of this key. Returns whether there was one.
   bool deleteMember(const K& key) {
@@ -90,54 +88,47 @@ class HashMap2018 {
       [[maybe_unused]] const Node dropped = removeInside(at);
       return true;
     }
-    Hung** at = placeOf(key);
-    if (at == nullptr) return false;
-    [[maybe_unused]] const Node dropped = takeHung(table().remove(at));
+    const U32 at = table().find(key);
+    if (at == Table::kNowhere) return false;
+    [[maybe_unused]] const auto dropped = table().remove(at);
+    table().shrink();
     if (table().size() == kBackInside) hangNone();
     return true;
   }
   // Deletes every entry, in order.
   void emptyAllBuckets() {
-    while (!hangs() && inside_ > 0) {
-      [[maybe_unused]] const Node dropped = removeInside(0);
-    }
-    // As in HashMap.
+    // As in HashMap; what an entry's end puts in may hang, or not.
     while (!empty()) {
-      for (Iterator at = begin(); !(at == end()); ++at) deleteMember(at->key);
+      while (!hangs() && inside_ > 0) {
+        [[maybe_unused]] const Node dropped = removeInside(0);
+      }
+      for (U32 at = 0; hangs() && (at = table().next(at)) != Table::kNowhere;) {
+        [[maybe_unused]] const auto dropped = table().remove(at);
+        if (table().size() == 0) endTable();
+      }
     }
   }
 
   // Iteration
   Iterator begin() const {
     Iterator at(*this);
-    if (hangs()) {
-      at.stand(table().first());
-    } else {
-      at.stand(*this, 0);
-    }
+    at.stand(hangs() ? table().next(0) : 0);
     return at;
   }
   std::default_sentinel_t end() const { return {}; }
   // An iterator at the entry with this key; at the end when absent.
   Iterator iteratorAt(const K& key) const {
     Iterator at(*this);
-    if (const V* value = find(key)) at.stand(key, *value);
+    at.stand(hangs() ? table().find(key) : indexInside(key));
     return at;
   }
 
  private:
-  // An entry in the table.
-  struct Hung {
-    Hung* kivNext = nullptr;
-    U32 kivOrder = 0;
-    V value{};
-    K key{};
-  };
-  using Table = detail::OrderedTable<Hung>;
+  using Table = detail::OrderedArrays<K, V>;
 
   static constexpr U8 kInside = 4;
   static constexpr U8 kHang = 255;
-  // So many are left in the table when they move back; one less than would be moved out again.
+  // So many are left in the table when they move back.
   static constexpr U32 kBackInside = 2;
 
   // Inside, keys and values stand in an array each; the one that needs more alignment comes first.
@@ -155,13 +146,20 @@ class HashMap2018 {
     return order < otherOrder || (order == otherOrder && key < otherKey);
   }
 
-  V* find(const K& key) const {
+  // Returns whether that changes anything.
+  static bool assign(V& to, const V& value) {
+    if (to == value) return false;
+    to = value;
+    return true;
+  }
+
+  const V* find(const K& key) const {
     if (!hangs()) {
       const unsigned at = indexInside(key);
       return at == inside_ ? nullptr : values() + at;
     }
-    Hung** at = placeOf(key);
-    return at == nullptr ? nullptr : &(*at)->value;
+    const U32 at = table().find(key);
+    return at == Table::kNowhere ? nullptr : &table().value(at);
   }
 
   // Inside
@@ -197,52 +195,27 @@ class HashMap2018 {
   }
 
   // In the table
-  Hung** placeOf(const K& key) const {
-    return table().find(kivOrder(key), [&](const Hung& hung) { return hung.key == key; });
-  }
-  Hung** place(U32 order, const K& key) const {
-    return table().place(order, [&](const Hung& hung) { return hung.key < key; });
-  }
-  static Hung* newHung(U32 order, K&& key, V&& value) {
-    return new (kivMemAlloc(sizeof(Hung))) Hung{nullptr, order, std::move(value), std::move(key)};
-  }
-  static Node takeHung(Hung* hung) noexcept {
-    Node taken{std::move(hung->key), std::move(hung->value)};
-    hung->~Hung();
-    kivMemFree(hung, sizeof(Hung));
-    return taken;
-  }
-
-  // Moves the entries from the inside into a table.
+  // Moves the entries from the inside into a table with room for one more.
   void hangAll() {
-    std::array<void*, kInside> memory{};
-    try {
-      for (void*& each : memory) each = kivMemAlloc(sizeof(Hung));
-    } catch (...) {
-      for (void* each : memory) kivMemFree(each, sizeof(Hung));
-      throw;
-    }
-    std::array<Hung*, kInside> hung{};
+    Table hung(kInside + 1);
     for (unsigned i = 0; i < kInside; ++i) {
-      const U32 order = kivOrder(keys()[i]);
-      hung[i] = new (memory[i]) Hung{nullptr, order, std::move(values()[i]), std::move(keys()[i])};
+      hung.append(std::move(keys()[i]), std::move(values()[i]));
     }
     std::destroy_n(keys(), kInside);
     std::destroy_n(values(), kInside);
-    std::construct_at(reinterpret_cast<Table*>(room_));
+    std::construct_at(reinterpret_cast<Table*>(room_), std::move(hung));
     inside_ = kHang;
-    for (Hung* each : hung) table().insert(place(each->kivOrder, each->key), each);
   }
   // Moves the entries that are left in the table back inside, and ends the table.
   void hangNone() noexcept {
-    std::array<Hung*, kBackInside> left{};
-    for (Hung*& each : left) each = table().remove(placeOf(table().first()->key));
+    std::array<std::pair<K, V>, kBackInside> left;
+    for (auto& each : left) each = table().remove(table().next(0));
+    endTable();
+    for (auto& [key, value] : left) insertInside(inside_, std::move(key), std::move(value));
+  }
+  void endTable() {
     std::destroy_at(&table());
     inside_ = 0;
-    for (Hung* each : left) {
-      Node moved = takeHung(each);
-      insertInside(inside_, std::move(moved.key), std::move(moved.value));
-    }
   }
 
   alignas(std::max({alignof(K), alignof(V), alignof(Table)})) mutable std::byte room_[kRoom];
@@ -266,16 +239,13 @@ class HashMap2018<K, V>::Iterator {
   Iterator& operator++() {
     const HashMap2018& set = *set_;
     if (set.hangs()) {
-      stand(set.table().after(kivOrder(current_.key),
-                              [&](const Hung& hung) { return !(current_.key < hung.key); }));
+      const Table& table = set.table();
+      stand(table.stands(current_.key, at_) ? table.next(at_ + 1) : table.after(current_.key));
       return *this;
     }
     // The entry that follows the current one, which may have gone.
-    if (const unsigned at = set.indexInside(current_.key); at < set.inside_) {
-      stand(set, at + 1);
-    } else {
-      stand(set, set.placeInside(kivOrder(current_.key), current_.key));
-    }
+    const unsigned at = set.indexInside(current_.key);
+    stand(at < set.inside_ ? at + 1 : set.placeInside(kivOrder(current_.key), current_.key));
     return *this;
   }
   void operator++(int) { ++*this; }
@@ -288,21 +258,21 @@ class HashMap2018<K, V>::Iterator {
   friend class HashMap2018;
   explicit Iterator(const HashMap2018& set) : set_(&set) {}
 
-  void stand(const K& key, const V& value) {
-    current_ = {key, value};
-    atEnd_ = false;
-  }
-  void stand(const HashMap2018& set, unsigned at) {
-    atEnd_ = at >= set.inside_;
-    if (!atEnd_) stand(set.keys()[at], set.values()[at]);
-  }
-  void stand(const Hung* at) {
-    atEnd_ = at == nullptr;
-    if (!atEnd_) stand(at->key, at->value);
+  // Stands at a place inside or in the table; behind the last one at the end.
+  void stand(U32 at) {
+    at_ = at;
+    if (set_->hangs()) {
+      atEnd_ = at == Table::kNowhere;
+      if (!atEnd_) current_ = {set_->table().key(at), set_->table().value(at)};
+    } else {
+      atEnd_ = at >= set_->inside_;
+      if (!atEnd_) current_ = {set_->keys()[at], set_->values()[at]};
+    }
   }
 
   const HashMap2018* set_ = nullptr;
   Node current_;
+  U32 at_ = 0;  // its place, when the iterator came to it
   bool atEnd_ = true;
 };
 

@@ -99,24 +99,108 @@ TEST_F(ValueSetTest, AnIteratorCanBeginAtAKey) {
   EXPECT_TRUE(set_.iteratorAt(9) == set_.end());
 }
 
-TEST_F(ValueSetTest, UpToFourEntriesNeedNoTable) {
-  for (Kiv::U16 key = 0; key < 4; ++key) set_.newMember(key, true);
-  EXPECT_EQ(set_.buckets(), 0U);
-  set_.newMember(4, true);
-  EXPECT_EQ(set_.buckets(), 8U);
+TEST_F(ValueSetTest, UpToSixteenEntriesNeedNoBuckets) {
+  for (Kiv::U16 key = 0; key < 5; ++key) set_.newMember(key, true);
   EXPECT_THAT(keysOf(set_), ElementsAre(0, 4, 2, 1, 3));
+  for (Kiv::U16 key = 5; key < 16; ++key) set_.newMember(key, true);
+  EXPECT_EQ(set_.buckets(), 0U);
+  EXPECT_THAT(keysOf(set_), ElementsAre(0, 8, 4, 12, 2, 10, 6, 14, 1, 9, 5, 13, 3, 11, 7, 15));
+  set_.newMember(16, true);
+  EXPECT_EQ(set_.buckets(), 32U);
+  EXPECT_THAT(keysOf(set_), ElementsAre(0, 16, 8, 4, 12, 2, 10, 6, 14, 1, 9, 5, 13, 3, 11, 7, 15));
 }
 
-TEST_F(ValueSetTest, TheLastTwoOfATableNeedNoneAgain) {
-  for (Kiv::U16 key = 0; key < 40; ++key) set_.newMember(key, key % 2 == 1);
-  for (Kiv::U16 key = 0; key < 37; ++key) set_.deleteMember(key);
-  EXPECT_NE(set_.buckets(), 0U);
-  EXPECT_THAT(keysOf(set_), ElementsAre(38, 37, 39));
-  set_.deleteMember(38);
+TEST_F(ValueSetTest, BucketsFollowTheNumberOfEntries) {
+  for (Kiv::U16 key = 0; key < 1000; ++key) set_.newMember(key, key % 2 == 1);
+  EXPECT_EQ(set_.buckets(), 2048U);
+  for (Kiv::U16 key = 999; key >= 128; --key) set_.deleteMember(key);
+  EXPECT_EQ(set_.buckets(), 1024U);
+  for (Kiv::U16 key = 127; key >= 2; --key) set_.deleteMember(key);
   EXPECT_EQ(set_.buckets(), 0U);
-  EXPECT_THAT(keysOf(set_), ElementsAre(37, 39));
-  EXPECT_TRUE(set_[37]);
+  EXPECT_THAT(keysOf(set_), ElementsAre(0, 1));
+  EXPECT_FALSE(set_[0]);
+  EXPECT_TRUE(set_[1]);
   EXPECT_EQ(set_.size(), 2U);
+}
+
+// A key whose hash the test chooses.
+struct Chosen {
+  Kiv::U32 number = 0;
+  Kiv::U32 chosenHash = 0;
+  Kiv::U32 hash() const { return chosenHash; }
+  friend bool operator==(const Chosen& a, const Chosen& b) { return a.number == b.number; }
+  friend bool operator<(const Chosen& a, const Chosen& b) { return a.number < b.number; }
+};
+
+// Puts all in, takes every third out, and holds order, size and look-ups against what must be left.
+void expectAllFound(Kiv::U32 hash) {
+  constexpr Kiv::U32 kEntries = 600;
+  Kiv::HashMap2018<Chosen> set;
+  for (Kiv::U32 n = 0; n < kEntries; ++n) {
+    EXPECT_TRUE(set.newMember({n * 7 % kEntries, hash}, true));  // 7 and 600 share no factor
+  }
+  EXPECT_FALSE(set.newMember({5, hash}, true));
+  for (Kiv::U32 n = 0; n < kEntries; n += 3) EXPECT_TRUE(set.deleteMember({n, hash}));
+  EXPECT_EQ(set.size(), kEntries / 3 * 2);
+  Kiv::U32 next = 1;
+  for (const auto& entry : set) {
+    EXPECT_EQ(entry.key.number, next);
+    EXPECT_TRUE(set.contains(entry.key));
+    next += next % 3 == 1 ? 1 : 2;
+  }
+  EXPECT_EQ(next, kEntries + 1);
+  EXPECT_FALSE(set.contains({3, hash}));
+}
+
+TEST_F(ValueSetTest, KeysOfOneHashAreToldApartAndStandInTheirOrder) {
+  expectAllFound(0);
+  expectAllFound(0x5555);
+}
+TEST_F(ValueSetTest, KeysOfTheHighestOrderToo) {
+  expectAllFound(~Kiv::U32{0});
+}
+
+// The iterator's own order is what mirrors are filled in. With a cost in proportion to the square
+// of the entries this would not end.
+TEST_F(ValueSetTest, ASetMayBeFilledAndEmptiedInItsOwnOrder) {
+  using Numbers = Kiv::HashMap2018<Kiv::U32>;
+  constexpr Kiv::U32 kEntries = 300000;
+  Numbers set;
+  for (Kiv::U32 n = 0; n < kEntries; ++n) set.newMember(n * 2654435761U, true);
+  Numbers mirror;
+  for (const auto& entry : set) EXPECT_TRUE(mirror.newMember(entry.key, true));
+  EXPECT_EQ(mirror.size(), kEntries);
+  auto at = mirror.begin();
+  for (const auto& entry : set) {
+    ASSERT_EQ(at->key, entry.key);
+    ++at;
+  }
+  std::size_t left = kEntries;
+  for (const auto& entry : mirror) {
+    ASSERT_TRUE(mirror.deleteMember(entry.key));
+    ASSERT_EQ(mirror.size(), --left);
+  }
+  EXPECT_TRUE(mirror.empty());
+}
+
+TEST_F(ValueSetTest, WhatIsLeftAfterHalfHasGoneInOrderIsFoundAndTakesNewEntries) {
+  using Numbers = Kiv::HashMap2018<Kiv::U32>;
+  Numbers set;
+  for (Kiv::U32 n = 0; n < 4096; ++n) set.newMember(n, true);
+  std::size_t gone = 0;
+  for (const auto& entry : set) {
+    if (++gone > 4000) break;
+    set.deleteMember(entry.key);
+  }
+  EXPECT_EQ(set.size(), 96U);
+  for (Kiv::U32 n = 10000; n < 14000; ++n) EXPECT_TRUE(set.newMember(n, true));
+  EXPECT_EQ(set.size(), 4096U);
+  Kiv::U32 before = 0;
+  for (const auto& entry : set) {
+    EXPECT_LE(before, Kiv::kivOrder(entry.key));
+    before = Kiv::kivOrder(entry.key);
+    EXPECT_TRUE(set.contains(entry.key));
+  }
 }
 
 TEST_F(ValueSetTest, AnIteratorFindsItsWayWhileEntriesMoveInAndOut) {
