@@ -222,15 +222,16 @@ class OrderedArrays {
     std::destroy_at(&value);
     return taken;
   }
-  // Moves so many entries from one place to another, of the same arrays or of others; keys and
-  // values are such that their bytes can be moved.
-  void relocate(U32 from, OrderedArrays& into, U32 to, U32 count) noexcept {
-    moveBytes(into.orders_ + to, orders_ + from, count);
-    moveBytes(into.keys(into.capacity()) + to, keys(capacity()) + from, count);
-    moveBytes(into.values(into.capacity()) + to, values(capacity()) + from, count);
+  // Moves so many entries from one place to another; keys and values are such that their bytes can
+  // be moved.
+  void relocate(U32 from, U32 to, U32 count) noexcept {
+    const U32 capacity = this->capacity();
+    moveBytes(orders_ + to, orders_ + from, count);
+    moveBytes(keys(capacity) + to, keys(capacity) + from, count);
+    moveBytes(values(capacity) + to, values(capacity) + from, count);
   }
   template <class T>
-  static void moveBytes(T* to, const T* from, U32 count) noexcept {
+  static void moveBytes(T* to, const T* from, std::size_t count) noexcept {
     std::memmove(static_cast<void*>(to), static_cast<const void*>(from), count * sizeof(T));
   }
 
@@ -280,7 +281,7 @@ class OrderedArrays {
       // Entries keep their places in arrays with more places behind them.
       if (gap == capacity() - 1) moveTo({shape_.log2, static_cast<U8>(shape_.step + 1)});
     }
-    if (gap > at) relocate(at, *this, at + 1, gap - at);
+    if (gap > at) relocate(at, at + 1, gap - at);
   }
   // Moves back what stood on because of the entry that has gone from this place.
   void closeUp(U32 at) noexcept {
@@ -291,7 +292,7 @@ class OrderedArrays {
       // A gap ends it, and so does an entry that stands in its bucket.
       while (orders_[end] != kGap && bucketOf(orders_[end], shape_) < end) ++end;
     }
-    relocate(at + 1, *this, at, end - at - 1);
+    if (end > at + 1) relocate(at + 1, at, end - at - 1);
     if (!dense()) orders_[end - 1] = kGap;
   }
 
@@ -345,13 +346,15 @@ class OrderedArrays {
     if (orders == nullptr) return false;
     if (shape.log2 != 0) std::memset(orders, 0xff, keysAt(capacity));
     OrderedArrays into(orders, shape);
-    if (dense() && into.dense()) {
-      if (count_ != 0) relocate(0, into, 0, count_);
-    } else {
-      for (U32 at = next(0), to = 0; at != kNowhere; at = next(at + 1), ++to) {
-        to = std::max(to, bucketOf(orders_[at], shape));
-        relocate(at, into, to, 1);
-      }
+    const K* keysBefore = keys(this->capacity());
+    const V* valuesBefore = values(this->capacity());
+    K* keysAfter = into.keys(capacity);
+    V* valuesAfter = into.values(capacity);
+    for (U32 at = next(0), to = 0; at != kNowhere; at = next(at + 1), ++to) {
+      to = std::max(to, bucketOf(orders_[at], shape));
+      into.orders_[to] = orders_[at];
+      moveBytes(keysAfter + to, keysBefore + at, 1);
+      moveBytes(valuesAfter + to, valuesBefore + at, 1);
     }
     std::swap(orders_, into.orders_);
     std::swap(shape_, into.shape_);

@@ -5,11 +5,16 @@
 // buckets one after the other walks all members in order, whatever the number of buckets. Growth
 // cuts each chain in place and changes nothing that an iterator could see.
 //
+// Beside each bucket stands a byte that says which orders may hang in it, told apart by the three
+// bits that follow those that select the bucket. A look-up of what is absent mostly ends there, and
+// what comes first or alone in its bucket is put in without a look at the others.
+//
 // Up to kSmall links hang in one chain that needs no bucket array; an empty table owns nothing. A
 // bucket array that cannot be had is done without: chains are then longer, nothing else changes.
 #pragma once
 
 #include <cstring>
+#include <utility>
 
 #include "framework/Allocation.h"
 #include "framework/Integers.h"
@@ -43,6 +48,7 @@ class OrderedTable {
   template <class Before>
   Link** place(U32 order, Before before) const {
     Link** at = bucketOf(order);
+    if (log2_ != 0 && (filterOf(order) & (2 * bitOf(order) - 1)) == 0) return at;
     while (*at != nullptr &&
            ((*at)->kivOrder < order || ((*at)->kivOrder == order && before(**at)))) {
       at = &(*at)->kivNext;
@@ -53,6 +59,7 @@ class OrderedTable {
   // The place where the link with this order stands of which `is(link)` holds; null when absent.
   template <class Is>
   Link** find(U32 order, Is is) const {
+    if (log2_ != 0 && (filterOf(order) & bitOf(order)) == 0) return nullptr;
     for (Link** at = bucketOf(order); *at != nullptr && (*at)->kivOrder <= order;
          at = &(*at)->kivNext) {
       if ((*at)->kivOrder == order && is(**at)) return at;
@@ -65,6 +72,7 @@ class OrderedTable {
     link->kivNext = *at;
     *at = link;
     ++count_;
+    if (log2_ != 0) filterOf(link->kivOrder) |= static_cast<U8>(bitOf(link->kivOrder));
     if (count_ > (log2_ == 0 ? kSmall : U32{1} << log2_)) resize(log2_ == 0 ? 3 : log2_ + 1);
   }
 
@@ -73,6 +81,8 @@ class OrderedTable {
     Link* link = *at;
     *at = link->kivNext;
     link->kivNext = nullptr;
+    // The bit of one of several stays, as others may have it too.
+    if (log2_ != 0 && *bucketOf(link->kivOrder) == nullptr) filterOf(link->kivOrder) = 0;
     --count_;
     removals_ = (removals_ + 1) & kRemovalsMask;
     if (count_ == 0) {
@@ -112,6 +122,11 @@ class OrderedTable {
     return log2_ == 0 ? const_cast<Link**>(&head_) : &buckets_[order >> (32 - log2_)];
   }
 
+  U8& filterOf(U32 order) const {
+    return reinterpret_cast<U8*>(buckets_ + (std::size_t{1} << log2_))[order >> (32 - log2_)];
+  }
+  U32 bitOf(U32 order) const { return U32{1} << ((order << log2_) >> 29); }
+
   Link* firstFrom(U32 bucket) const {
     for (const U32 end = U32{1} << log2_; bucket < end; ++bucket) {
       if (bucket + kAhead < end) __builtin_prefetch(buckets_[bucket + kAhead]);
@@ -120,7 +135,7 @@ class OrderedTable {
     return nullptr;
   }
 
-  static std::size_t bytes(U32 log2) { return sizeof(Link*) << log2; }
+  static std::size_t bytes(U32 log2) { return (sizeof(Link*) + sizeof(U8)) << log2; }
 
   void freeBuckets() {
     if (log2_ != 0) kivMemFree(buckets_, bytes(log2_));
@@ -133,6 +148,9 @@ class OrderedTable {
     auto** buckets = static_cast<Link**>(kivMemAllocOrNull(bytes(log2)));
     if (buckets == nullptr) return;
     std::memset(static_cast<void*>(buckets), 0, bytes(log2));
+    OrderedTable into;
+    into.buckets_ = buckets;
+    into.log2_ = log2 & 31;
     Link** end = buckets;
     U32 bucket = 0;
     for (Link* link = first(); link != nullptr;) {
@@ -144,11 +162,13 @@ class OrderedTable {
       *end = link;
       link->kivNext = nullptr;
       end = &link->kivNext;
+      into.filterOf(link->kivOrder) |= static_cast<U8>(into.bitOf(link->kivOrder));
       link = next;
     }
-    if (log2_ != 0) kivMemFree(buckets_, bytes(log2_));
-    buckets_ = buckets;
+    freeBuckets();
+    buckets_ = std::exchange(into.buckets_, nullptr);
     log2_ = log2 & 31;
+    into.log2_ = 0;
   }
 
   union {
