@@ -43,7 +43,7 @@ void PortToHostBindingSm::handleSegment(Kiv::U8 level) {
   static constexpr auto here = detail::handler<PortToHostBindingSm>("handleSegment");
   const auto bound = binding();
   const auto hostName = bound ? bound->host() : host_;
-  const auto segment = at(level);
+  const Kiv::Ptr<const Segment> segment(at(level));
   if (!segment) {
     trace(2, here, this, [&](auto& text) {
       text << "Port on " << hostName << " unbound at level " << static_cast<char>(level);
@@ -58,18 +58,18 @@ void PortToHostBindingSm::handleSegment(Kiv::U8 level) {
   });
   const Kiv::String& referrer = given(port())->id();
   const auto host = given(requestedResourcesCollection())->resourcesForHostnameIs(hostName);
-  if (isVlan(segment)) {
+  if (isVlan(segment.get())) {
     const auto vlan = host->vlanIs(id);
     vlan->referrerIs(referrer, true);
-    if (const auto parent = above(level); level != 0 && isVxlan(parent)) {
+    if (const Segment* parent = above(level); level != 0 && isVxlan(parent)) {
       trace(2, here, this, [&](auto& text) {
         text << "Establishing a VLAN to VNI mapping from " << id << " to "
              << parent->segmentationId();
       });
       mapVni(*vlan, parent->segmentationId());
     }
-  } else if (isVxlan(segment)) {
-    if (const auto child = below(level); isVlan(child)) {
+  } else if (isVxlan(segment.get())) {
+    if (const Segment* child = below(level); isVlan(child)) {
       trace(2, here, this, [&](auto& text) {
         text << "Establishing a VNI to VLAN mapping from " << id << " to "
              << child->segmentationId();
@@ -90,7 +90,7 @@ void PortToHostBindingSm::withdrawSegment(const KivSegment& reactor) {
       requestedResourcesCollection()->resourcesForHostname()[hostName]);
   if (!host) return;
   const Kiv::U8 level = levelOf(reactor, here);
-  if (!isVlan(segment)) return;
+  if (!isVlan(segment.get())) return;
   const Kiv::U32 id = segment->segmentationId();
   const Kiv::Ptr<VirtualNetwork::VlanReferences> vlan(host->vlan()[id]);
   if (!vlan) return;

@@ -114,7 +114,7 @@ void PortToSwitchInterfaceBindingSm::handleSegment(Kiv::U8 level) {
     trace(1, here, this, "Map is empty!!!");
     return;
   }
-  const auto segment = at(level);
+  const Kiv::Ptr<const Segment> segment(at(level));
   if (!segment) return;
   const Kiv::U32 id = segment->segmentationId();
   trace(2, here, this, [&](auto& text) {
@@ -123,10 +123,10 @@ void PortToSwitchInterfaceBindingSm::handleSegment(Kiv::U8 level) {
          << " at level : " << static_cast<char>('0' + level);
   });
   const auto interface = requiredTarget();
-  if (isVlan(segment)) {
+  if (isVlan(segment.get())) {
     publishVlan(*interface, *segment, level);
-  } else if (isVxlan(segment)) {
-    if (const auto child = below(level); isVlan(child)) {
+  } else if (isVxlan(segment.get())) {
+    if (const Segment* child = below(level); isVlan(child)) {
       trace(2, here, this, [&](auto& text) {
         text << "Establishing a VNI to VLAN mapping from " << id << " to "
              << child->segmentationId();
@@ -153,7 +153,7 @@ void PortToSwitchInterfaceBindingSm::publishVlan(VirtualNetwork::Interface& targ
     trace(3, here, this, [&](auto& text) { text << "Adding native vlan " << id; });
     target.nativeVlanIs(id);
   }
-  if (const auto parent = above(level); level != 0 && isVxlan(parent)) {
+  if (const Segment* parent = above(level); level != 0 && isVxlan(parent)) {
     mapVni(*vlan, parent->segmentationId());
   }
 }
@@ -167,7 +167,7 @@ void PortToSwitchInterfaceBindingSm::withdrawSegment(const KivSegment& reactor) 
   const Kiv::U8 level = levelOf(reactor, here);
   const auto interface = target();
   if (!interface) return;
-  if (!isVlan(segment)) return;
+  if (!isVlan(segment.get())) return;
   const auto si = boundTo();
   const Kiv::U32 id = segment->segmentationId();
   // Made when absent, exactly as in publication; the entry goes again below.

@@ -103,6 +103,14 @@ class HashMap {
   iterator begin() { return iterator(*this); }
   const_iterator begin() const { return const_iterator(*this); }
   std::default_sentinel_t end() const { return {}; }
+  // Calls each(member) for every member, in order. REQUIRES: it leaves the collection as it is.
+  // Costs less than a loop, which holds its member.
+  template <class Each>
+  void forEachAtRest(Each each) const {
+    for (Member* at = table_.first(); at != nullptr; at = table_.following(at)) {
+      each(static_cast<V&>(*at));
+    }
+  }
   // An iterator at the member with this key; at the end when absent.
   iterator iteratorAt(const K& key) { return iterator(*this, find(key)); }
 

@@ -54,6 +54,15 @@ class HashMap2018 {
     return value == nullptr ? std::nullopt : std::optional<Node>({key, *value});
   }
   bool contains(const K& key) const { return find(key) != nullptr; }
+  // The value of the key's entry, borrowed until the set changes; null when absent.
+  const V* find(const K& key) const {
+    if (!hangs()) {
+      const unsigned at = indexInside(key);
+      return at == inside_ ? nullptr : values() + at;
+    }
+    const U32 at = table().find(key);
+    return at == Table::kNowhere ? nullptr : &table().value(at);
+  }
   // The value of the key's entry; that of an empty V (false, null) when absent.
   V operator[](const K& key) const {
     const V* value = find(key);
@@ -151,15 +160,6 @@ class HashMap2018 {
     if (to == value) return false;
     to = value;
     return true;
-  }
-
-  const V* find(const K& key) const {
-    if (!hangs()) {
-      const unsigned at = indexInside(key);
-      return at == inside_ ? nullptr : values() + at;
-    }
-    const U32 at = table().find(key);
-    return at == Table::kNowhere ? nullptr : &table().value(at);
   }
 
   // Inside

@@ -160,7 +160,7 @@ class ChildMap : public HashMap<C, K> {
 
   // What the machine passes on to all that it owns.
   void hasNotificationActiveIs(bool active) {
-    for (const auto& child : *this) child->hasNotificationActiveIs(active);
+    this->forEachAtRest([active](C& child) { child.hasNotificationActiveIs(active); });
   }
 
  private:

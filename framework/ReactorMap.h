@@ -127,16 +127,16 @@ class ReactorMap : public HashMap<R, K, typename R::Entity> {
   // What the machine passes on to all that it owns: the switch of notifications, the zombie mark,
   // the loss of the machine, and that an input is about to be replaced.
   void hasNotificationActiveIs(bool active) {
-    for (const auto& reactor : *this) reactor->hasNotificationActiveIs(active);
+    this->forEachAtRest([active](R& reactor) { reactor.hasNotificationActiveIs(active); });
   }
   void kivDoZombieReactors(bool zombie) {
     for (const auto& reactor : *this) reactor->kivDoZombieReactors(zombie);
   }
   void machineDel() {
-    for (const auto& reactor : *this) {
-      reactor->machineDel();
-      reactor->hasNotificationActiveIs(false);
-    }
+    this->forEachAtRest([](R& reactor) {
+      reactor.machineDel();
+      reactor.hasNotificationActiveIs(false);
+    });
   }
   void outOfLine() { inLineAt_ = kOutOfLine; }
 

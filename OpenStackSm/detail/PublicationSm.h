@@ -21,11 +21,11 @@
 namespace [[gnu::visibility("default")]] OpenStack {
 namespace detail {
 
-inline bool isVlan(const Kiv::Ptr<const Segment>& segment) {
-  return segment && segment->segmentationType() == SegmentationType::vlan;
+inline bool isVlan(const Segment* segment) {
+  return segment != nullptr && segment->segmentationType() == SegmentationType::vlan;
 }
-inline bool isVxlan(const Kiv::Ptr<const Segment>& segment) {
-  return segment && segment->segmentationType() == SegmentationType::vxlan;
+inline bool isVxlan(const Segment* segment) {
+  return segment != nullptr && segment->segmentationType() == SegmentationType::vxlan;
 }
 
 // M: the machine, which gives kAttributes, kReactorTypeNames, handleSegment() and
@@ -140,13 +140,16 @@ class PublicationSm : public Kiv::Machine<M> {
   void bindingIs(const Kiv::Ptr<const B>& v) { binding_.is(self(), v); }
   void bindingDel() { binding_.del(); }
 
-  // The binding's segment at a level, and those right above and below; null when there is none.
-  Kiv::Ptr<const Segment> at(Kiv::U8 level) const {
+  // The binding's segment at a level, and those right above and below, borrowed until something is
+  // written; null when there is none.
+  const Segment* at(Kiv::U8 level) const {
     const B* b = binding_.notifier();
-    return b == nullptr ? nullptr : b->segment(level);
+    if (b == nullptr) return nullptr;
+    const Kiv::Ptr<const Segment>* segment = b->segment().find(level);
+    return segment == nullptr ? nullptr : segment->get();
   }
-  Kiv::Ptr<const Segment> above(Kiv::U8 level) const { return at(static_cast<Kiv::U8>(level - 1)); }
-  Kiv::Ptr<const Segment> below(Kiv::U8 level) const { return at(static_cast<Kiv::U8>(level + 1)); }
+  const Segment* above(Kiv::U8 level) const { return at(static_cast<Kiv::U8>(level - 1)); }
+  const Segment* below(Kiv::U8 level) const { return at(static_cast<Kiv::U8>(level + 1)); }
 
   // Makes the VLAN carry the VNI, for this port.
   void mapVni(VirtualNetwork::VlanReferences& vlan, Kiv::U32 vni) const {
@@ -156,7 +159,7 @@ class PublicationSm : public Kiv::Machine<M> {
   // Withdraws this port from the VNI that the segment right above a level gives its VLAN. Returns
   // the VNI when nobody needs it any more, for the caller to delete.
   std::optional<Kiv::U32> unmapVni(VirtualNetwork::VlanReferences& vlan, Kiv::U8 level) const {
-    const auto parent = above(level);
+    const Segment* parent = above(level);
     if (!isVxlan(parent)) return std::nullopt;
     const Kiv::U32 vni = parent->segmentationId();
     const Kiv::Ptr<VirtualNetwork::VniReferences> mapping(vlan.mappedVni()[vni]);
@@ -177,11 +180,9 @@ class PublicationSm : public Kiv::Machine<M> {
   // machine's collection.
   Kiv::U8 levelOf(const KivSegment& reactor, const Kiv::TraceSource& here) const {
     const KivSegment* found = nullptr;
-    for (const auto& member : segment_) {
-      if (member->notifier() != reactor.notifier()) continue;
-      found = member.get();
-      break;
-    }
+    segment_.forEachAtRest([&](const KivSegment& member) {
+      if (found == nullptr && member.notifier() == reactor.notifier()) found = &member;
+    });
     KIV_ASSERT(found, here.file, here.function);
     return found->level();
   }
