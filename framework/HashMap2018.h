@@ -101,7 +101,7 @@ class HashMap2018 {
     if (at == Table::kNowhere) return false;
     [[maybe_unused]] const auto dropped = table().remove(at);
     table().shrink();
-    if (table().size() == kBackInside) hangNone();
+    if (table().size() <= kBackInside) hangNone();
     return true;
   }
   // Deletes every entry, in order.
@@ -137,7 +137,7 @@ class HashMap2018 {
 
   static constexpr U8 kInside = 4;
   static constexpr U8 kHang = 255;
-  // So many are left in the table when they move back.
+  // So many are left in the table, or fewer, when they move back.
   static constexpr U32 kBackInside = 2;
 
   // Inside, keys and values stand in an array each; the one that needs more alignment comes first.
@@ -209,9 +209,12 @@ class HashMap2018 {
   // Moves the entries that are left in the table back inside, and ends the table.
   void hangNone() noexcept {
     std::array<std::pair<K, V>, kBackInside> left;
-    for (auto& each : left) each = table().remove(table().next(0));
+    const U32 count = table().size();
+    for (U32 i = 0; i < count; ++i) left[i] = table().remove(table().next(0));
     endTable();
-    for (auto& [key, value] : left) insertInside(inside_, std::move(key), std::move(value));
+    for (U32 i = 0; i < count; ++i) {
+      insertInside(inside_, std::move(left[i].first), std::move(left[i].second));
+    }
   }
   void endTable() {
     std::destroy_at(&table());

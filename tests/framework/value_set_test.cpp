@@ -244,4 +244,30 @@ TEST_F(ValueSetTest, ValuesMayBePointersWhichAreHeldAndLetGo) {
   EXPECT_EQ(item->references(), 1U);
 }
 
+// A member that takes another entry out of the set that lets go of it.
+class Meddler final : public Kiv::Member {
+ public:
+  static constexpr std::string_view kTypeName = "Test::Meddler";
+  using Set = Kiv::HashMap2018<Kiv::U8, Kiv::Ptr<const Meddler>>;
+
+  Meddler(Set& set, Kiv::U8 other) : set_(set), other_(other) {}
+  ~Meddler() override { set_.deleteMember(other_); }
+  const Kiv::Type& fwkType() const override { return Kiv::typeRecord<Meddler>; }
+
+ private:
+  Set& set_;
+  Kiv::U8 other_;
+};
+
+TEST_F(ValueSetTest, WhatGoesMayTakeOthersAlongWhileAllGo) {
+  Meddler::Set set;
+  for (Kiv::U8 key = 0; key < 7; ++key) {
+    set.newMember(key, Kiv::make<Meddler>(set, static_cast<Kiv::U8>(6 - key)));
+  }
+  set.emptyAllBuckets();
+  EXPECT_TRUE(set.empty());
+  EXPECT_EQ(set.size(), 0U);
+  EXPECT_TRUE(set.begin() == set.end());
+}
+
 }  // namespace
