@@ -346,19 +346,23 @@ class OrderedArrays {
     if (orders == nullptr) return false;
     if (shape.log2 != 0) std::memset(orders, 0xff, keysAt(capacity));
     OrderedArrays into(orders, shape);
-    const K* keysBefore = keys(this->capacity());
-    const V* valuesBefore = values(this->capacity());
-    K* keysAfter = into.keys(capacity);
-    V* valuesAfter = into.values(capacity);
+    if (count_ != 0) relocateAllTo(into);
+    std::swap(orders_, into.orders_);
+    std::swap(shape_, into.shape_);
+    return true;
+  }
+  // REQUIRES: there is an entry, and so a block to take it from.
+  void relocateAllTo(OrderedArrays& into) noexcept {
+    const K* keysBefore = keys(capacity());
+    const V* valuesBefore = values(capacity());
+    K* keysAfter = into.keys(into.capacity());
+    V* valuesAfter = into.values(into.capacity());
     for (U32 at = next(0), to = 0; at != kNowhere; at = next(at + 1), ++to) {
-      to = std::max(to, bucketOf(orders_[at], shape));
+      to = std::max(to, bucketOf(orders_[at], into.shape_));
       into.orders_[to] = orders_[at];
       moveBytes(keysAfter + to, keysBefore + at, 1);
       moveBytes(valuesAfter + to, valuesBefore + at, 1);
     }
-    std::swap(orders_, into.orders_);
-    std::swap(shape_, into.shape_);
-    return true;
   }
   OrderedArrays(U32* orders, Shape shape) : orders_(orders), shape_(shape) {}
 
