@@ -11,7 +11,7 @@
 // they share with the inputs not counted again).
 //
 // Memory is the rise of what malloc has handed out, its own overhead included, and so counted the
-// same for every side; what the framework has taken for its pool counts as a whole.
+// same for every side, and what the framework has taken for its pool, in use or not.
 #include <malloc.h>
 #include <unistd.h>
 
@@ -26,13 +26,14 @@
 #include "bench/groups.h"
 #include "bench/limit/Limit.h"
 #include "bench/machines/World.h"
+#include "framework/Allocation.h"
 
 namespace bench {
 namespace {
 
 double allocated() {
   const auto info = ::mallinfo2();
-  return static_cast<double>(info.uordblks + info.hblkhd);
+  return static_cast<double>(info.uordblks + info.hblkhd + Kiv::kivMemTaken());
 }
 
 // Prints the bytes a port that came into use since it was made.

@@ -6,6 +6,8 @@
 #include <mutex>
 #include <new>
 
+#include "framework/detail/SystemMemory.h"
+
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define KIV_SYSTEM_ALLOCATOR 1
 #elif defined(__has_feature)
@@ -25,7 +27,6 @@ namespace {
 
 constexpr std::size_t kGranule = kMemAlignment;
 constexpr std::size_t kLargest = 512;
-constexpr std::size_t kBlockSize = 256 * 1024;
 
 struct FreeCell {
   FreeCell* next;
@@ -73,15 +74,15 @@ constexpr std::size_t sizeClass(std::size_t size) {
 void* cutCell(std::size_t index) {
   const std::size_t bytes = index * kGranule;
   if (static_cast<std::size_t>(pool.end - pool.cut) < bytes) {
-    char* block = static_cast<char*>(std::malloc(kBlockSize));
-    if (block == nullptr) return nullptr;
+    const detail::MemoryBlock block = detail::takePoolBlock();
+    if (block.size == 0) return nullptr;
     if (const std::size_t rest = static_cast<std::size_t>(pool.end - pool.cut); rest >= kGranule) {
       auto* cell = reinterpret_cast<FreeCell*>(pool.cut);
       cell->next = pool.free[rest / kGranule];
       pool.free[rest / kGranule] = cell;
     }
-    pool.cut = block;
-    pool.end = block + kBlockSize;
+    pool.cut = block.begin;
+    pool.end = block.begin + block.size;
   }
   void* cell = pool.cut;
   pool.cut += bytes;
@@ -99,7 +100,7 @@ void add(std::atomic<U64>& counter, U64 amount) noexcept {
 }  // namespace
 
 void* kivMemAllocOrNull(std::size_t size) noexcept {
-  if (KIV_SYSTEM_ALLOCATOR || size > kLargest || size == 0) return std::malloc(size);
+  if (KIV_SYSTEM_ALLOCATOR || size > kLargest || size == 0) return detail::takeLargeMemory(size);
   const std::size_t index = sizeClass(size);
   const PoolLock lock;
   if (FreeCell* cell = pool.free[index]) {
@@ -125,6 +126,10 @@ void kivMemFree(void* memory, std::size_t size) noexcept {
   auto* cell = static_cast<FreeCell*>(memory);
   cell->next = pool.free[index];
   pool.free[index] = cell;
+}
+
+std::size_t kivMemTaken() noexcept {
+  return detail::poolMemoryTaken();
 }
 
 void AllocTrackTypeInfo::trackAllocation(AllocTrackTypeInfo& type, std::size_t size) noexcept {

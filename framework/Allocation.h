@@ -1,8 +1,9 @@
 // Memory of the framework's objects, and the tracker that says what is alive.
 //
-// kivMemAlloc() serves small sizes from free lists, one for each size class, that are fed by large
-// blocks; other sizes go to the system. In a sanitizer build everything goes to the system, so that
-// misuse is seen. Blocks are kept for the life of the process.
+// kivMemAlloc() serves small sizes from free lists, one for each size class, that are fed by
+// blocks, which are huge pages once there are many; other sizes go to the system. In a sanitizer
+// build everything goes to the system, so that misuse is seen. Blocks are kept for the life of the
+// process.
 //
 // Threads: any, once enableThreadSafePointers is set; else the activity thread only. The counters
 // of the tracker may be read on any thread at any time.
@@ -32,6 +33,10 @@ inline constexpr std::size_t kMemAlignment = 8;
 
 // Gives back what kivMemAlloc(size) returned; `size` must be the same.
 void kivMemFree(void* memory, std::size_t size) noexcept;
+
+// How many bytes of the system's memory small sizes have taken, in use or not; other sizes are the
+// system's to count. 0 in a sanitizer build. Any thread.
+std::size_t kivMemTaken() noexcept;
 
 // What the tracker knows about one type of object.
 struct AllocTrackRecord {

@@ -114,6 +114,33 @@ TEST(AllocationTest, MemoryOfNoSizeMayBeHadAndFreed) {
   Kiv::kivMemFree(second, 0);
 }
 
+TEST(AllocationTest, WhatSmallSizesTookOfTheSystemServesThemAgain) {
+  if (kSanitized) GTEST_SKIP() << "everything is the system's in a sanitizer build";
+  constexpr std::size_t size = 504;
+  constexpr std::size_t count = 100000;
+  const auto takeAndFree = [] {
+    std::vector<void*> all(count);
+    for (void*& memory : all) memory = std::memset(Kiv::kivMemAlloc(size), 0x5a, size);
+    for (void* memory : all) Kiv::kivMemFree(memory, size);
+  };
+  const std::size_t before = Kiv::kivMemTaken();
+  takeAndFree();
+  const std::size_t after = Kiv::kivMemTaken();
+  EXPECT_GE(after - before, count * size / 2) << "some may have been there";
+  EXPECT_LE(after - before, count * size + (4 << 20));
+  takeAndFree();
+  EXPECT_EQ(Kiv::kivMemTaken(), after);
+}
+
+TEST(AllocationTest, LargeMemoryIsWritableFromEndToEnd) {
+  for (const std::size_t size : {std::size_t{4} << 20, (std::size_t{9} << 20) + 1}) {
+    auto* memory = static_cast<unsigned char*>(Kiv::kivMemAlloc(size));
+    std::memset(memory, 0xa5, size);
+    EXPECT_EQ(std::count(memory, memory + size, 0xa5), static_cast<std::ptrdiff_t>(size));
+    Kiv::kivMemFree(memory, size);
+  }
+}
+
 // Lets the process have no more memory of the system while it lives.
 class NoMoreMemory {
  public:
@@ -172,10 +199,17 @@ void runOutOfMemory(std::size_t size) {
   std::exit(thrown && had > 0 && again == had && more != nullptr ? 0 : 1);
 }
 
+// The same, when so many bytes of it are in use that the system is asked for larger pieces.
+void runOutOfMuchMemory(std::size_t size, std::size_t inUse) {
+  for (; inUse > size; inUse -= size) std::memset(Kiv::kivMemAlloc(size), 0x5a, size);
+  runOutOfMemory(size);
+}
+
 TEST(AllocationDeathTest, WhenMemoryRunsOutSmallSizesThrowOrAreNullAndNothingIsLost) {
   if (kSanitized) GTEST_SKIP() << "a sanitizer needs the memory itself";
   EXPECT_EXIT(runOutOfMemory(64), testing::ExitedWithCode(0), "");
   EXPECT_EXIT(runOutOfMemory(512), testing::ExitedWithCode(0), "");
+  EXPECT_EXIT(runOutOfMuchMemory(512, 50 << 20), testing::ExitedWithCode(0), "");
 }
 
 TEST(TrackerTest, ATypeIsListedFromItsFirstAllocationOn) {
