@@ -72,7 +72,7 @@ class OrderedTable {
     link->kivNext = *at;
     *at = link;
     ++count_;
-    if (log2_ != 0) filterOf(link->kivOrder) |= static_cast<U8>(bitOf(link->kivOrder));
+    if (log2_ != 0) addToFilter(link);
     if (count_ > (log2_ == 0 ? kSmall : U32{1} << log2_)) resize(log2_ == 0 ? 3 : log2_ + 1);
   }
 
@@ -143,7 +143,7 @@ class OrderedTable {
     head_ = nullptr;
   }
 
-  // Hangs all links into 2^log2 buckets. Walks them in order, so each goes to the end of its chain.
+  // Hangs all links into 2^log2 buckets.
   void resize(U32 log2) {
     auto** buckets = static_cast<Link**>(kivMemAllocOrNull(bytes(log2)));
     if (buckets == nullptr) return;
@@ -151,24 +151,60 @@ class OrderedTable {
     OrderedTable into;
     into.buckets_ = buckets;
     into.log2_ = log2 & 31;
-    Link** end = buckets;
-    U32 bucket = 0;
-    for (Link* link = first(); link != nullptr;) {
-      Link* next = following(link);
-      if (const U32 mine = link->kivOrder >> (32 - log2); mine != bucket) {
-        bucket = mine;
-        end = &buckets[mine];
-      }
-      *end = link;
-      link->kivNext = nullptr;
-      end = &link->kivNext;
-      into.filterOf(link->kivOrder) |= static_cast<U8>(into.bitOf(link->kivOrder));
-      link = next;
+    if (log2_ != 0 && log2 == log2_ + 1U) {
+      splitInto(into);
+    } else {
+      hangInto(into);
     }
     freeBuckets();
     buckets_ = std::exchange(into.buckets_, nullptr);
     log2_ = log2 & 31;
     into.log2_ = 0;
+  }
+
+  // Into twice as many buckets: cuts each chain in two. Most are of one link, and stay as they are.
+  void splitInto(OrderedTable& into) const {
+    const U32 end = U32{1} << log2_;
+    for (U32 bucket = 0; bucket < end; ++bucket) {
+      if (bucket + kAhead < end) __builtin_prefetch(buckets_[bucket + kAhead]);
+      Link* link = buckets_[bucket];
+      if (link == nullptr) continue;
+      into.beginChain(link);
+      for (Link* next = link->kivNext; next != nullptr; link = next, next = link->kivNext) {
+        if (into.bucketOf(next->kivOrder) == into.bucketOf(link->kivOrder)) {
+          into.addToFilter(next);
+        } else {
+          link->kivNext = nullptr;
+          into.beginChain(next);
+        }
+      }
+    }
+  }
+
+  // Into any number of buckets. Walks all links in order, so each goes to the end of its chain.
+  void hangInto(OrderedTable& into) const {
+    Link* last = nullptr;
+    for (Link* link = first(); link != nullptr;) {
+      Link* next = following(link);
+      link->kivNext = nullptr;
+      if (last != nullptr && into.bucketOf(last->kivOrder) == into.bucketOf(link->kivOrder)) {
+        last->kivNext = link;
+        into.addToFilter(link);
+      } else {
+        into.beginChain(link);
+      }
+      last = link;
+      link = next;
+    }
+  }
+
+  // Hangs a link, and what hangs on it, into its bucket, which is empty.
+  void beginChain(Link* link) {
+    *bucketOf(link->kivOrder) = link;
+    addToFilter(link);
+  }
+  void addToFilter(const Link* link) {
+    filterOf(link->kivOrder) |= static_cast<U8>(bitOf(link->kivOrder));
   }
 
   union {
