@@ -114,7 +114,7 @@ TEST(AllocationTest, MemoryOfNoSizeMayBeHadAndFreed) {
   Kiv::kivMemFree(second, 0);
 }
 
-TEST(AllocationTest, WhatSmallSizesTookOfTheSystemServesThemAgain) {
+TEST(PoolTest, WhatItTookOfTheSystemServesAgain) {
   if (kSanitized) GTEST_SKIP() << "everything is the system's in a sanitizer build";
   constexpr std::size_t size = 504;
   constexpr std::size_t count = 100000;
