@@ -33,15 +33,18 @@ sim: configure
 	build/release/bin/library_simulation --events $(EVENTS) --seed $(SEED) --toggle $(TOGGLE) \
 	  --out build/simulation-failures --vnagent build/release/bin/vnagent
 
-# The fuzz targets, each for so many seconds; TARGET=NAME runs one: see tests/fuzz/README.md.
+# The fuzz targets, each for so many seconds, so many at a time; TARGET=NAME runs one: see
+# tests/fuzz/README.md.
 SECONDS ?= 60
+JOBS ?= 1
 TARGET ?=
 
 fuzz:
 	packaging/install-build-dependencies clang libclang-rt-14-dev
 	cmake --preset fuzz
 	cmake --build --preset fuzz
-	tests/fuzz/run.py build/fuzz --seconds $(SECONDS) $(if $(TARGET),--target $(TARGET))
+	tests/fuzz/run.py build/fuzz --seconds $(SECONDS) --jobs $(JOBS) \
+	  $(if $(TARGET),--target $(TARGET))
 
 # What it costs, as tables; up to 15 minutes, bench-quick up to 3. FILTER=REGEX runs a part: see
 # bench/README.md.

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Runs the fuzz targets, one after the other, each for a time.
+"""Runs the fuzz targets, each for a time, one after the other or some side by side.
 
 A target starts from the inputs that the tree keeps for it (corpus/) and those that earlier runs
 found worth keeping (BUILD/corpus/). What it finds is left in BUILD/findings/, named TARGET-KIND-HASH.
@@ -7,6 +7,7 @@ Prints a table in the end; the exit status is 1 when a target stopped, 2 when on
 """
 
 import argparse
+import concurrent.futures
 import re
 import subprocess
 import sys
@@ -52,24 +53,30 @@ def run(target: str, build: Path, seconds: int) -> tuple[int, int, str]:
     return done.returncode, int(inputs[1]) if inputs else 0, done.stdout
 
 
+def report(target: str, options: argparse.Namespace) -> int:
+    """Runs a target and prints its row, after all that it said if it stopped; 1 if it did."""
+    begin = time.monotonic()
+    status, inputs, said = run(target, options.build.resolve(), options.seconds)
+    content = status == 0 and inputs > 0
+    if not content:
+        print(said[-12000:], file=sys.stderr)
+    print(f"{target:12} {inputs:>12} inputs {time.monotonic() - begin:8.0f} s  "
+          f"{'nothing found' if content else 'STOPPED'}", flush=True)
+    return 0 if content else 1
+
+
 def main() -> int:
     parser = argparse.ArgumentParser(description=__doc__,
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("build", type=Path, help="the build folder of the preset `fuzz`")
     parser.add_argument("--seconds", type=int, default=60, help="for each target")
     parser.add_argument("--target", choices=TARGETS, help="this one alone")
+    parser.add_argument("--jobs", type=int, default=1, help="so many at a time")
     options = parser.parse_args()
-    rows = []
-    worst = 0
-    for target in [options.target] if options.target else TARGETS:
-        begin = time.monotonic()
-        status, inputs, said = run(target, options.build.resolve(), options.seconds)
-        verdict = "nothing found" if status == 0 and inputs > 0 else "STOPPED"
-        if verdict == "STOPPED":
-            print(said[-12000:], file=sys.stderr)
-            worst = 1
-        rows.append(f"{target:12} {inputs:>12} inputs {time.monotonic() - begin:8.0f} s  {verdict}")
-        print(rows[-1], flush=True)
+    targets = [options.target] if options.target else list(TARGETS)
+    with concurrent.futures.ThreadPoolExecutor(options.jobs) as pool:
+        runs = [pool.submit(report, target, options) for target in targets]
+        worst = max(run.result() for run in runs)
     if worst:
         print(f"what was found is in {options.build}/findings", file=sys.stderr)
     return worst
