@@ -1,6 +1,6 @@
 // What the library is trained on: a small cloud as a host agent meets it. It is loaded, its ports
-// are bound and unbound one by one, on hosts and on switch interfaces, under both toggles; its
-// segments come and go while it syncs; it is taken apart.
+// are bound and unbound, one by one and all at once, on hosts and on switch interfaces, under both
+// toggles; its segments come and go while it syncs; it is taken apart.
 //
 // Does the same each time: the counts are part of what is built.
 #include <algorithm>
@@ -65,6 +65,7 @@ class TrainedCloud {
     for (unsigned round = 0; round < kRounds; ++round) {
       sync();
       portsOnHosts();
+      portsAtOnce();
       portsOnSwitches();
       segmentsComeAndGo();
     }
@@ -117,6 +118,13 @@ class TrainedCloud {
       bindToHost(port);
       loop().run();
     }
+  }
+  // Many changes before the loop runs, as when a driver has been away.
+  void portsAtOnce() {
+    for (const unsigned port : order_) bindingOf(port).portToHostBindingDel(hostOf(port));
+    loop().run();
+    for (const unsigned port : order_) bindToHost(port);
+    loop().run();
   }
   void portsOnSwitches() {
     for (unsigned port = 0; port < kPorts; port += 10) {
