@@ -41,7 +41,7 @@ class ActivityManager {
   // Delivers until nothing waits, also what the handlers add meanwhile. Called from a handler it
   // does nothing. What a handler throws passes through: its notification is spent, the rest waits
   // for the next call.
-  void run();
+  [[gnu::hot]] void run();
   // Whether nothing waits.
   bool idle() const { return queue_.empty(); }
   // How many notifications wait.

@@ -269,9 +269,9 @@ class PendingQueue {
   }
   // Adds an entry, unless it waits; returns whether it did. What is not usual is a function of its
   // own, and called last, so that the usual one needs no room on the stack.
-  bool add(NotifieeBase& notifiee, Callee callee, U64 key, U32 keyHash);
-  [[gnu::noinline]] bool addUnlessWaiting(NotifieeBase& notifiee, Callee callee, U64 key,
-                                          U32 keyHash);
+  [[gnu::hot]] bool add(NotifieeBase& notifiee, Callee callee, U64 key, U32 keyHash);
+  [[gnu::hot, gnu::noinline]] bool addUnlessWaiting(NotifieeBase& notifiee, Callee callee, U64 key,
+                                                    U32 keyHash);
   [[gnu::noinline]] bool addAtLimit(NotifieeBase& notifiee, Callee callee, U64 key, U32 keyHash);
   bool append(U32& newest, NotifieeBase& notifiee, Callee callee, U64 key);
   void grow();
