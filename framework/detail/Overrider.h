@@ -18,10 +18,22 @@ struct HandlerParts {
   std::ptrdiff_t adjustment;
 };
 
+// How a virtual handler of an object's first base is told from others, and what it is made of; the
+// offset is that in the table of virtual functions, in bytes.
 #if defined(__arm__) || defined(__aarch64__)
-inline constexpr bool kVirtualIsInAdjustment = true;
+constexpr bool isVirtual(HandlerParts parts) {
+  return parts.adjustment == 1;
+}
+constexpr HandlerParts virtualAt(std::uintptr_t offset) {
+  return {offset, 1};
+}
 #else
-inline constexpr bool kVirtualIsInAdjustment = false;
+constexpr bool isVirtual(HandlerParts parts) {
+  return parts.adjustment == 0 && (parts.pointer & 1) != 0;
+}
+constexpr HandlerParts virtualAt(std::uintptr_t offset) {
+  return {offset | 1, 0};
+}
 #endif
 
 // The place of a virtual handler of an object's first base in the table of virtual functions: its
@@ -31,16 +43,14 @@ U32 placeOf(Handler handler) {
   HandlerParts parts;
   static_assert(sizeof(parts) == sizeof(handler));
   std::memcpy(&parts, &handler, sizeof(parts));
-  const bool isVirtual = kVirtualIsInAdjustment ? parts.adjustment == 1
-                                                : parts.adjustment == 0 && (parts.pointer & 1) != 0;
-  return isVirtual && parts.pointer >> 16 == 0 ? static_cast<U32>(parts.pointer) | 1 : 0;
+  const bool near = parts.pointer >> 16 == 0;
+  return isVirtual(parts) && near ? static_cast<U32>(parts.pointer) | 1 : 0;
 }
 
 // The handler at this place. REQUIRES: not 0.
 template <class Handler>
 Handler handlerAt(std::uintptr_t place) {
-  const HandlerParts parts = kVirtualIsInAdjustment ? HandlerParts{place & ~std::uintptr_t{1}, 1}
-                                                    : HandlerParts{place | 1, 0};
+  const HandlerParts parts = virtualAt(place & ~std::uintptr_t{1});
   Handler handler;
   static_assert(sizeof(parts) == sizeof(handler));
   std::memcpy(&handler, &parts, sizeof(parts));

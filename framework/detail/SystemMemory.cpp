@@ -32,7 +32,7 @@ char* mappedHuge() noexcept {
   if (memory == nullptr) return nullptr;
   const std::size_t before = toHugePage(memory);
   char* begin = memory + before;
-  if (before != 0) (void)::munmap(memory, before);
+  (void)::munmap(memory, before);  // refused, without harm, where it is nothing
   (void)::munmap(begin + kHugePage, kHugePage - before);
   (void)::madvise(begin, kHugePage, MADV_HUGEPAGE);
   return begin;
