@@ -58,7 +58,7 @@ bench bench-quick:
 	  build/bench/results.json
 
 # Which branches of framework, model and machines their tests take: a table, and
-# build/coverage/html. Fails below 95 %.
+# build/coverage/html. Fails when a file is below 95 %.
 coverage:
 	packaging/install-build-dependencies clang libclang-rt-14-dev llvm-14
 	cmake --preset coverage

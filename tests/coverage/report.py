@@ -5,7 +5,8 @@ they took.
     tests/coverage/report.py build/coverage
 
 A table by file, with the outcomes that no test had, goes to standard output and branches.txt, the
-sources line by line to html/, both in the build folder. The exit status is 1 when fewer than --least percent of the branches were taken.
+sources line by line to html/, both in the build folder. The exit status is 1 when
+fewer than --least percent of a file's branches were taken.
 
 A branch is an outcome of a condition in the source: true and false of each part of an `if`, a loop,
 a `?:`, && and ||. Clang counts them in the source, so that nothing need be left out that a compiler
@@ -80,7 +81,7 @@ def main() -> int:
     parser = argparse.ArgumentParser(description=__doc__,
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("build", type=Path, help="the folder of the coverage build")
-    parser.add_argument("--least", type=float, default=95.0, help="percent of the branches")
+    parser.add_argument("--least", type=float, default=95.0, help="percent of each file's branches")
     arguments = parser.parse_args()
     build = arguments.build.resolve()
 
@@ -113,8 +114,9 @@ def main() -> int:
     table = "\n".join(lines)
     (build / "branches.txt").write_text(table + "\n", "utf-8")
     print(table)
-    if share < arguments.least or total == 0:
-        print(f"{share:.2f} % of the branches were taken; {arguments.least} % at least")
+    if total == 0:
+        print("no file with a branch was found")
+    if low or total == 0:
         return 1
     return 0
 

@@ -73,6 +73,8 @@ def main() -> int:
     parser.add_argument("--target", choices=TARGETS, help="this one alone")
     parser.add_argument("--jobs", type=int, default=1, help="so many at a time")
     options = parser.parse_args()
+    if options.jobs < 1:
+        parser.error("--jobs: at least 1")
     targets = [options.target] if options.target else list(TARGETS)
     with concurrent.futures.ThreadPoolExecutor(options.jobs) as pool:
         runs = [pool.submit(report, target, options) for target in targets]
