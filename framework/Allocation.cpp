@@ -1,11 +1,11 @@
 #include "framework/Allocation.h"
 
 #include <algorithm>
-#include <array>
 #include <cstdlib>
 #include <mutex>
 #include <new>
 
+#include "framework/detail/Pool.h"
 #include "framework/detail/SystemMemory.h"
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -25,21 +25,7 @@ bool enableThreadSafePointers = false;
 
 namespace {
 
-constexpr std::size_t kGranule = kMemAlignment;
-constexpr std::size_t kLargest = 512;
-
-struct FreeCell {
-  FreeCell* next;
-};
-
-// The free lists by size class, and the block that is being cut up.
-struct Pool {
-  std::array<FreeCell*, kLargest / kGranule + 1> free{};
-  char* cut = nullptr;
-  char* end = nullptr;
-};
-
-constinit Pool pool;
+constinit detail::Pool pool;
 constinit std::atomic_flag poolBusy = ATOMIC_FLAG_INIT;
 // The types that are listed, each once; a new one is put in front.
 constinit std::mutex listing;
@@ -65,28 +51,23 @@ class PoolLock {
   bool locked_;
 };
 
-constexpr std::size_t sizeClass(std::size_t size) {
-  return (size + kGranule - 1) / kGranule;
+bool pooled(std::size_t size) {
+  return !KIV_SYSTEM_ALLOCATOR && size - 1 < detail::Pool::kLargest;
 }
 
-// Cuts a cell from the current block, or from a new one. The tail of a block that is too short for
-// this class serves as cells of its own class.
-void* cutCell(std::size_t index) {
-  const std::size_t bytes = index * kGranule;
-  if (static_cast<std::size_t>(pool.end - pool.cut) < bytes) {
-    const detail::MemoryBlock block = detail::takePoolBlock();
-    if (block.size == 0) return nullptr;
-    if (const std::size_t rest = static_cast<std::size_t>(pool.end - pool.cut); rest >= kGranule) {
-      auto* cell = reinterpret_cast<FreeCell*>(pool.cut);
-      cell->next = pool.free[rest / kGranule];
-      pool.free[rest / kGranule] = cell;
-    }
-    pool.cut = block.begin;
-    pool.end = block.begin + block.size;
+[[gnu::noinline]] void* takeMemory(std::size_t size) noexcept {
+  if (!pooled(size)) return detail::takeLargeMemory(size);
+  const PoolLock lock;
+  return pool.take(size);
+}
+
+[[gnu::noinline]] void giveBackMemory(void* memory, std::size_t size) noexcept {
+  if (!pooled(size) || memory == nullptr) {
+    std::free(memory);
+    return;
   }
-  void* cell = pool.cut;
-  pool.cut += bytes;
-  return cell;
+  const PoolLock lock;
+  pool.giveBack(memory, size);
 }
 
 void add(std::atomic<U64>& counter, U64 amount) noexcept {
@@ -100,14 +81,11 @@ void add(std::atomic<U64>& counter, U64 amount) noexcept {
 }  // namespace
 
 void* kivMemAllocOrNull(std::size_t size) noexcept {
-  if (KIV_SYSTEM_ALLOCATOR || size > kLargest || size == 0) return detail::takeLargeMemory(size);
-  const std::size_t index = sizeClass(size);
-  const PoolLock lock;
-  if (FreeCell* cell = pool.free[index]) {
-    pool.free[index] = cell->next;
-    return cell;
+  if (pooled(size) && !enableThreadSafePointers) [[likely]] {
+    if (void* memory = pool.takeAtHand(size)) [[likely]]
+      return memory;
   }
-  return cutCell(index);
+  return takeMemory(size);
 }
 
 void* kivMemAlloc(std::size_t size) {
@@ -117,15 +95,11 @@ void* kivMemAlloc(std::size_t size) {
 }
 
 void kivMemFree(void* memory, std::size_t size) noexcept {
-  if (KIV_SYSTEM_ALLOCATOR || size > kLargest || size == 0 || memory == nullptr) {
-    std::free(memory);
-    return;
+  if (pooled(size) && memory != nullptr && !enableThreadSafePointers) [[likely]] {
+    if (pool.giveBackAtHand(memory, size)) [[likely]]
+      return;
   }
-  const std::size_t index = sizeClass(size);
-  const PoolLock lock;
-  auto* cell = static_cast<FreeCell*>(memory);
-  cell->next = pool.free[index];
-  pool.free[index] = cell;
+  giveBackMemory(memory, size);
 }
 
 std::size_t kivMemTaken() noexcept {

@@ -35,6 +35,7 @@ install(DIRECTORY ${PROJECT_SOURCE_DIR}/framework ${PROJECT_SOURCE_DIR}/model
                   ${PROJECT_SOURCE_DIR}/OpenStackSm
   DESTINATION ${headers_dir} COMPONENT development
   FILES_MATCHING PATTERN "*.h"
+  PATTERN "framework/detail/Pool.h" EXCLUDE
   PATTERN "framework/detail/SystemMemory.h" EXCLUDE
   PATTERN "OpenStackSm/detail/Given.h" EXCLUDE
   PATTERN "OpenStackSm/detail/Referrer.h" EXCLUDE

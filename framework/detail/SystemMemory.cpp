@@ -10,44 +10,40 @@ namespace Kiv {
 namespace detail {
 namespace {
 
-constexpr std::size_t kSmallBlock = 256 * 1024;
-constexpr std::size_t kHugePage = 2 * 1024 * 1024;
-constexpr std::size_t kMuch = 8 * kHugePage;
+constexpr std::size_t kHugePage = kPoolRegion;
+constexpr std::size_t kMuch = 8 * kPoolRegion;
 
 constinit std::atomic<std::size_t> taken{0};
-
-char* mapped(std::size_t size) noexcept {
-  void* memory = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-  return memory == MAP_FAILED ? nullptr : static_cast<char*>(memory);
-}
+constinit bool lastIsHuge = false;
 
 // Bytes from this address to the next where a huge page can begin.
-std::size_t toHugePage(const char* address) {
+std::size_t toHugePage(char* address) {
   return -reinterpret_cast<std::uintptr_t>(address) % kHugePage;
 }
 
-// A range that can be a huge page, and is one where the system has one.
-char* mappedHuge() noexcept {
-  char* memory = mapped(2 * kHugePage);
-  if (memory == nullptr) return nullptr;
-  const std::size_t before = toHugePage(memory);
-  char* begin = memory + before;
-  (void)::munmap(memory, before);  // refused, without harm, where it is nothing
-  (void)::munmap(begin + kHugePage, kHugePage - before);
-  (void)::madvise(begin, kHugePage, MADV_HUGEPAGE);
-  return begin;
+void take(std::size_t size) noexcept {
+  taken.store(poolMemoryTaken() + size, std::memory_order_relaxed);
 }
 
 }  // namespace
 
-MemoryBlock takePoolBlock() noexcept {
-  const std::size_t before = poolMemoryTaken();
-  const bool huge = before >= kMuch;
-  const std::size_t size = huge ? kHugePage : kSmallBlock;
-  char* begin = huge ? mappedHuge() : mapped(size);
-  if (begin == nullptr) return {};
-  taken.store(before + size, std::memory_order_relaxed);
-  return {begin, size};
+char* takePoolRegion() noexcept {
+  void* mapped =
+      ::mmap(nullptr, 2 * kPoolRegion, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (mapped == MAP_FAILED) return nullptr;
+  char* memory = static_cast<char*>(mapped);
+  const std::size_t before = toHugePage(memory);
+  char* region = memory + before;
+  (void)::munmap(memory, before);  // refused, without harm, where it is nothing
+  (void)::munmap(region + kPoolRegion, kPoolRegion - before);
+  lastIsHuge = poolMemoryTaken() >= kMuch;
+  (void)::madvise(region, kPoolRegion, lastIsHuge ? MADV_HUGEPAGE : MADV_NOHUGEPAGE);
+  if (lastIsHuge) take(kPoolRegion);
+  return region;
+}
+
+void usePoolRegion(std::size_t size) noexcept {
+  if (!lastIsHuge) take(size);
 }
 
 std::size_t poolMemoryTaken() noexcept {

@@ -7,17 +7,19 @@
 namespace Kiv {
 namespace detail {
 
-struct MemoryBlock {
-  char* begin = nullptr;
-  std::size_t size = 0;  // bytes
-};
+// So many bytes has a region of the pool of small sizes, and is aligned to as many: those of a huge
+// page.
+inline constexpr std::size_t kPoolRegion = 2 * 1024 * 1024;
 
-// Returns a block for the pool of small sizes to cut up, which never gives it back; of no size when
-// there is no memory. It is a huge page when the pool has so many that this one is but little more,
-// which also spares the faults of its small pages; else it is much smaller. One thread at a time.
-MemoryBlock takePoolBlock() noexcept;
+// Returns a region for the pool, which never gives it back; null when there is no memory. It is a
+// huge page when the pool has so many that this one is but little more, which also spares the
+// faults of its small pages; else it takes memory as it is used. One thread at a time.
+char* takePoolRegion() noexcept;
 
-// How many bytes takePoolBlock() has returned. Any thread.
+// Says that so many bytes more of the region that was taken last are used.
+void usePoolRegion(std::size_t size) noexcept;
+
+// How many bytes the pool's regions have taken of the system. Any thread.
 std::size_t poolMemoryTaken() noexcept;
 
 // Returns what std::malloc() returns for this size, which is for std::free() to take back. Any

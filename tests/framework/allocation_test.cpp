@@ -132,6 +132,39 @@ TEST(PoolTest, WhatItTookOfTheSystemServesAgain) {
   EXPECT_EQ(Kiv::kivMemTaken(), after);
 }
 
+TEST(PoolTest, WhatComesAfterMostHasGoneLiesSideBySide) {
+  if (kSanitized) GTEST_SKIP() << "everything is the system's in a sanitizer build";
+  constexpr std::size_t size = 488;  // which no other test has
+  constexpr std::size_t count = 100000;
+  std::vector<char*> all(count);
+  const auto takeAll = [&] {
+    for (char*& memory : all) memory = static_cast<char*>(Kiv::kivMemAlloc(size));
+  };
+  takeAll();
+  std::shuffle(all.begin(), all.end(), std::mt19937(1));
+  for (char* memory : all) Kiv::kivMemFree(memory, size);
+  takeAll();
+  std::size_t neighbours = 0;
+  for (std::size_t i = 1; i < count; ++i)
+    neighbours += all[i] > all[i - 1] && all[i] - all[i - 1] < 16 * 1024;
+  EXPECT_GE(neighbours, count / 2);
+  for (char* memory : all) Kiv::kivMemFree(memory, size);
+}
+
+TEST(PoolTest, WhatOneSizeHasGivenBackServesAnother) {
+  if (kSanitized) GTEST_SKIP() << "everything is the system's in a sanitizer build";
+  const auto takeAndFree = [&](std::size_t size, std::size_t bytes) {
+    std::vector<void*> all(bytes / size);
+    for (void*& memory : all) memory = std::memset(Kiv::kivMemAlloc(size), 0x5a, size);
+    for (void* memory : all) Kiv::kivMemFree(memory, size);
+  };
+  constexpr std::size_t kMuch = 40 << 20;
+  takeAndFree(472, kMuch);
+  const std::size_t before = Kiv::kivMemTaken();
+  takeAndFree(232, kMuch / 2);
+  EXPECT_LE(Kiv::kivMemTaken() - before, kMuch / 8);
+}
+
 TEST(AllocationTest, LargeMemoryIsWritableFromEndToEnd) {
   for (const std::size_t size : {std::size_t{4} << 20, (std::size_t{9} << 20) + 1}) {
     auto* memory = static_cast<unsigned char*>(Kiv::kivMemAlloc(size));

@@ -1,0 +1,114 @@
+// The pool of small sizes, from which objects and texts come.
+//
+// Memory is cut in the order in which it is asked for, whatever the sizes: what is made together
+// lies together. A piece that is given back hangs at hand, in a chain for its size, and what was
+// given back last is handed out first, while it is in the caches.
+//
+// When most pieces of a size hang at hand, those that were given back first are put away: each
+// returns to the block that it was cut from. When none is left at hand, all pieces that a block has
+// are brought back, in the order of their addresses; a block to which all pieces have returned is
+// cut anew. So after many objects have gone, in any order, those that come next lie side by side
+// again, and memory serves other sizes than before.
+//
+// One thread at a time.
+#pragma once
+
+#include <array>
+#include <cstddef>
+
+#include "framework/Allocation.h"
+#include "framework/Integers.h"
+
+namespace Kiv {
+namespace detail {
+
+class Pool {
+ public:
+  // The largest size that it has.
+  static constexpr std::size_t kLargest = 512;
+
+  constexpr Pool() = default;
+  Pool(const Pool&) = delete;
+  Pool& operator=(const Pool&) = delete;
+
+  // Sizes are in bytes, from 1 to kLargest; memory is aligned to kMemAlignment.
+
+  // Returns memory of this size; null when there is none.
+  void* take(std::size_t size) noexcept;
+  // The same where some hangs at hand; null where not.
+  void* takeAtHand(std::size_t size) noexcept {
+    Chain& chain = atHand_[classOf(size)];
+    Piece* const piece = chain.first;
+    if (piece == nullptr) return nullptr;
+    chain.first = piece->next;
+    --chain.count;
+    return piece;
+  }
+
+  // Takes back what was taken as memory of this size.
+  void giveBack(void* memory, std::size_t size) noexcept;
+  // The same where it can hang at hand; returns whether it does.
+  bool giveBackAtHand(void* memory, std::size_t size) noexcept {
+    Chain& chain = atHand_[classOf(size)];
+    if (chain.count >= chain.most) return false;
+    push(chain, static_cast<Piece*>(memory));
+    return true;
+  }
+
+ private:
+  struct Block;
+
+  // What is written into memory that is free.
+  struct Piece {
+    Piece* next;
+    U32 sizeClass;  // of one that is put away
+  };
+  struct Chain {
+    Piece* first = nullptr;
+    U32 count = 0;
+    U32 most = kAtHand;
+  };
+
+  static constexpr std::size_t kClasses = kLargest / kMemAlignment + 1;
+  static constexpr std::size_t kLeast = 2;  // the class that a piece fits in
+  static constexpr U32 kAtHand = 2048;      // so many may always hang at hand
+
+  // The size in units of alignment; small sizes are rounded up.
+  static constexpr std::size_t classOf(std::size_t size) {
+    const std::size_t sizeClass = (size + kMemAlignment - 1) / kMemAlignment;
+    return sizeClass < kLeast ? kLeast : sizeClass;
+  }
+
+  static void push(Chain& chain, Piece* piece) noexcept {
+    piece->next = chain.first;
+    chain.first = piece;
+    ++chain.count;
+  }
+
+  // Brings memory of this class to hand, where none is, if it has returned to a block.
+  void bring(std::size_t sizeClass) noexcept;
+  void bringFrom(Block& block) noexcept;
+  // Puts away some of the pieces that were at hand before; those at hand then follow, when none of
+  // these is left.
+  void putAway(std::size_t sizeClass) noexcept;
+  // Cuts new memory; null when there is none.
+  void* cut(std::size_t sizeClass) noexcept;
+  // Goes on with another block; returns whether there is one.
+  bool nextBlock() noexcept;
+  // Counts a piece that was cut or, with -1, is none any more.
+  void countPiece(std::size_t sizeClass, U32 one) noexcept;
+
+  std::array<Chain, kClasses> atHand_{};
+  std::array<Chain, kClasses> before_{};  // those that were at hand before
+  std::array<U32, kClasses> pieces_{};    // how many there are, in use or not
+  Block* withPieces_ = nullptr;           // the blocks to which pieces have returned, in a list
+  Block* unused_ = nullptr;               // those to which all have
+  // What is left of the block that is being cut, and of the region: how many blocks, from where on.
+  char* cut_ = nullptr;
+  char* end_ = nullptr;
+  char* fresh_ = nullptr;
+  std::size_t freshBlocks_ = 0;
+};
+
+}  // namespace detail
+}  // namespace Kiv
