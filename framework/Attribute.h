@@ -159,17 +159,12 @@ class Collection : public HashMap<V, K> {
   using Map::deleteMember;
   using Map::emptyAllBuckets;
   using Map::newMember;
+  using Map::replaceMember;
 
   template <class N>
   Ptr<V> add(const EntityBase& entity, const On<N, K>& on, const Ptr<V>& child) {
     const U32 before = this->changes();
-    const Ptr<V> replaced = Map::deleteMember(child->fwkKey());
-    try {
-      Map::newMember(child);
-    } catch (...) {
-      if (replaced) Map::newMember(replaced);
-      throw;
-    }
+    const Ptr<V> replaced = Map::replaceMember(child);
     notifyChange(entity, on, child->fwkKey(), this, before);
     return child;
   }

@@ -1,8 +1,8 @@
 // Kiv::HashMap<V, K, E>: a keyed collection of objects that it holds a reference to.
 //
-// Intrusive: a member derives from Kiv::Member, which carries its link, and says its own key with
-// fwkKey(). An object is a member of one HashMap at a time. Members stand in the order of their
-// bit-reversed key hashes; the order does not change while a member is in.
+// A member derives from Kiv::Member and says its own key with fwkKey(). An object is a member of
+// one HashMap at a time. Members stand in the order of their bit-reversed key hashes; the order
+// does not change while a member is in.
 //
 //   for (const auto& region : config->region()) { ... }   // region: Ptr<Region const> const&
 //
@@ -13,35 +13,22 @@
 #pragma once
 
 #include <iterator>
+#include <memory>
+#include <utility>
 
 #include "framework/Hash.h"
+#include "framework/Member.h"
 #include "framework/Ptr.h"
-#include "framework/detail/OrderedTable.h"
+#include "framework/detail/MemberTable.h"
+#include "framework/detail/Stand.h"
 
 namespace [[gnu::visibility("default")]] Kiv {
-
-// An object that can be a member of a HashMap.
-class Member : public PtrInterface {
- protected:
-  Member() = default;
-
- private:
-  template <class, class, class>
-  friend class HashMap;
-  friend class detail::OrderedTable<Member>;
-
-  using PtrInterface::collected;
-  using PtrInterface::collectedIs;
-
-  U32 kivOrder = 0;
-  Member* kivNext = nullptr;
-};
 
 // V: the class of the members. K: their key. E: what a member stands for, where that is another
 // object (the entity that a reactor observes).
 template <class V, class K, class E = V>
 class HashMap {
-  using Table = detail::OrderedTable<Member>;
+  using Table = detail::MemberTable;
 
  public:
   using Key = K;
@@ -64,82 +51,116 @@ class HashMap {
   bool contains(const K& key) const { return find(key) != nullptr; }
   std::size_t size() const { return table_.size(); }
   bool empty() const { return table_.size() == 0; }
-  // How many buckets the members hang in; 0 while they are few and hang in one chain.
+  // How many buckets the members stand in; 0 while they are few.
   std::size_t buckets() const { return table_.buckets(); }
   // Rises by one with each member that comes and each that goes; wraps around.
   U32 changes() const { return table_.changes(); }
 
   // Change
   // Inserts a member. REQUIRES: no member has its key. Throws a range exception for an object that
-  // is a member of a collection already.
+  // is a member of a collection already, and std::bad_alloc; nothing has changed then.
   void newMember(const Ptr<V>& member) {
-    if (static_cast<Member&>(*member).collected()) {
-      throwRangeException("an object can be a member of one collection only");
+    requireFree(*member);
+    insert(*member, orderOf(member->fwkKey()));
+  }
+  // Inserts a member in place of the one with its key, which it hands to the caller; null when
+  // there was none. Throws as newMember() does.
+  Ptr<V> replaceMember(const Ptr<V>& member) {
+    requireFree(*member);
+    const Found found = foundAt(member->fwkKey());
+    if (found.member == nullptr) {
+      insert(*member, orderOf(member->fwkKey()));
+      return nullptr;
     }
-    static_cast<Member&>(*member).collectedIs(true);
-    const K& key = member->fwkKey();
-    member->kivOrder = kivOrder(key);
-    table_.insert(place(member->kivOrder, key), member.get());
-    member->referencesInc();
+    (void)table_.exchange(found.at, member.get());
+    enter(*member);
+    return leave(found.member);
   }
   // Takes out the member with this key and hands it to the caller; null when absent.
   Ptr<V> deleteMember(const K& key) {
-    Member** at = placeOf(key);
-    if (at == nullptr) return nullptr;
-    Member* removed = table_.remove(at);
-    removed->collectedIs(false);
-    return Ptr<V>::adopt(static_cast<V*>(removed));
+    const Found found = foundAt(key);
+    return found.member == nullptr ? nullptr : leave(table_.remove(found.at));
   }
-  // Takes out every member, in order.
+  // Takes out every member, in order; also what the end of one puts in.
   void emptyAllBuckets() {
-    // Walks, as to look for the first anew would pass by all that are gone, each time. What a
-    // member's end puts in behind the walk is for the next.
     while (!empty()) {
-      for (iterator at = begin(); !(at == end()); ++at) (void)deleteMember(at.key());
+      U32 at = 0;
+      while (Member* removed = table_.removeFrom(at)) (void)leave(removed);
     }
   }
 
   // Iteration
-  iterator begin() { return iterator(*this); }
-  const_iterator begin() const { return const_iterator(*this); }
+  iterator begin() { return iterator(*this, 0); }
+  const_iterator begin() const { return const_iterator(*this, 0); }
   std::default_sentinel_t end() const { return {}; }
   // Calls each(member) for every member, in order. REQUIRES: it leaves the collection as it is.
   // Costs less than a loop, which holds its member.
   template <class Each>
   void forEachAtRest(Each each) const {
-    for (Member* at = table_.first(); at != nullptr; at = table_.following(at)) {
-      each(static_cast<V&>(*at));
-    }
+    Table::Walk walk = table_.walkFrom(0);
+    while (Member* at = table_.next(walk)) each(static_cast<V&>(*at));
   }
   // An iterator at the member with this key; at the end when absent.
-  iterator iteratorAt(const K& key) { return iterator(*this, find(key)); }
+  iterator iteratorAt(const K& key) {
+    const Found found = foundAt(key);
+    return found.member == nullptr ? iterator() : iterator(*this, found.at);
+  }
 
  private:
-  static const K& keyOf(const Member& member) { return static_cast<const V&>(member).fwkKey(); }
+  using Found = Table::Found;
 
-  Member** place(U32 order, const K& key) const {
-    return table_.place(order, [&](const Member& m) { return keyOf(m) < key; });
+  static const K& keyOf(const Member& member) { return static_cast<const V&>(member).fwkKey(); }
+  static U32 orderOf(const K& key) { return Table::usable(kivOrder(key)); }
+
+  Found foundAt(const K& key) const {
+    const Found found = table_.find(orderOf(key));
+    if (found.member == nullptr || keyOf(*found.member) == key) return found;
+    return foundBehind(found, key);
   }
-  Member** placeOf(const K& key) const {
-    return table_.find(kivOrder(key), [&](const Member& m) { return keyOf(m) == key; });
+  // Goes on from a member of the key's order that has another key.
+  [[gnu::noinline, gnu::cold]] Found foundBehind(Found found, const K& key) const {
+    do {
+      found = table_.behind(found.at + 1, orderOf(key));
+    } while (found.member != nullptr && !(keyOf(*found.member) == key));
+    return found;
   }
-  V* find(const K& key) const {
-    Member** at = placeOf(key);
-    return at == nullptr ? nullptr : static_cast<V*>(*at);
+  V* find(const K& key) const { return static_cast<V*>(foundAt(key).member); }
+  // The place behind all members of this order of whose keys `passes(key)` holds, and how many they
+  // are.
+  template <class Passes>
+  std::pair<U32, U32> behind(U32 order, Passes passes) const {
+    Found found = table_.seek(order);
+    U32 passed = 0;
+    while (found.member != nullptr && passes(keyOf(*found.member))) {
+      found = table_.behind(found.at + 1, order);
+      ++passed;
+    }
+    return {found.at, passed};
   }
-  // The member that follows one with the given key, which may have gone.
-  V* findNextG(const K& key) const {
-    return static_cast<V*>(
-        table_.after(kivOrder(key), [&](const Member& m) { return !(key < keyOf(m)); }));
+
+  static void requireFree(const Member& member) {
+    if (member.collected()) throwRangeException("an object can be a member of one collection only");
   }
-  // The member that follows one that is still in.
-  V* findNextBucket(const V& member) const { return static_cast<V*>(table_.following(&member)); }
-  V* findFirst() const { return static_cast<V*>(table_.first()); }
+  static void enter(Member& member) {
+    member.collectedIs(true);
+    member.referencesInc();
+  }
+  static Ptr<V> leave(Member* member) {
+    detail::Stand::leaves(*member);
+    member->collectedIs(false);
+    return Ptr<V>::adopt(static_cast<V*>(member));
+  }
+  void insert(V& member, U32 order) {
+    const auto [at, passed] =
+        behind(order, [&](const K& other) { return other < member.fwkKey(); });
+    table_.insert(at, passed, &member, order);
+    enter(member);
+  }
 
   Table table_;
 };
 
-// Holds the current member, so that it stays usable after its deletion.
+// Holds the member that it stands on from the member's deletion on. Stays on its thread.
 template <class V, class K, class E>
 template <class T>
 class HashMap<V, K, E>::Iterator {
@@ -148,37 +169,66 @@ class HashMap<V, K, E>::Iterator {
   using difference_type = std::ptrdiff_t;
 
   Iterator() = default;
+  Iterator(const Iterator& other) : Iterator() { *this = other; }
+  Iterator& operator=(const Iterator& other) {
+    map_ = other.map_;
+    walk_ = other.walk_;
+    changes_ = other.changes_;
+    stand_ = other.stand_;
+    show();
+    return *this;
+  }
+  ~Iterator() = default;
 
-  const Ptr<T>& operator*() const { return current_; }
-  T* operator->() const { return current_.get(); }
+  const Ptr<T>& operator*() const { return shown_.pointer; }
+  T* operator->() const { return current(); }
   // Its key, also after its deletion.
-  const K& key() const { return current_->fwkKey(); }
+  const K& key() const { return current()->fwkKey(); }
 
   Iterator& operator++() {
-    V* next = map_->table_.removals() == removals_ ? map_->findNextBucket(*current_)
-                                                   : map_->findNextG(key());
-    stand(next);
+    // What follows the current one, which may have gone.
+    if (map_->changes() != changes_) {
+      walkFrom(
+          map_->behind(orderOf(key()), [&](const K& other) { return !(key() < other); }).first);
+    }
+    stand_.goOn(map_->table_.next(walk_));
+    show();
     return *this;
   }
   void operator++(int) { ++*this; }
 
   friend bool operator==(const Iterator& iterator, std::default_sentinel_t) {
-    return !iterator.current_;
+    return iterator.stand_.member() == nullptr;
   }
 
  private:
   friend class HashMap;
-  explicit Iterator(const HashMap& map) : Iterator(map, map.findFirst()) {}
-  Iterator(const HashMap& map, V* at) : map_(&map) { stand(at); }
+  // A pointer that shows the member without counting it.
+  union Shown {
+    Shown() : pointer() {}
+    ~Shown() {}
+    Ptr<T> pointer;
+  };
 
-  void stand(V* at) {
-    removals_ = map_->table_.removals();
-    current_ = Ptr<T>(at);
+  // Stands at the first member at this place or behind, which may be none.
+  Iterator(const HashMap& map, U32 place) : map_(&map) {
+    walkFrom(place);
+    stand_.begin(map_->table_.next(walk_));
+    show();
   }
 
+  V* current() const { return static_cast<V*>(stand_.member()); }
+  void walkFrom(U32 place) {
+    changes_ = map_->changes();
+    walk_ = map_->table_.walkFrom(place);
+  }
+  void show() { std::construct_at(&shown_.pointer, Ptr<T>::adopt(current())); }
+
   const HashMap* map_ = nullptr;
-  Ptr<T> current_;
-  U32 removals_ = 0;
+  detail::Stand stand_;
+  Shown shown_;
+  Table::Walk walk_;
+  U32 changes_ = 0;  // those of the map when the walk was begun
 };
 
 }  // namespace Kiv

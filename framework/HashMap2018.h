@@ -20,7 +20,7 @@
 #include <optional>
 
 #include "framework/Hash.h"
-#include "framework/detail/OrderedArrays.h"
+#include "framework/detail/EntryTable.h"
 
 namespace [[gnu::visibility("default")]] Kiv {
 
@@ -111,7 +111,7 @@ class HashMap2018 {
       while (!hangs() && inside_ > 0) {
         [[maybe_unused]] const Node dropped = removeInside(0);
       }
-      for (U32 at = 0; hangs() && (at = table().next(at)) != Table::kNowhere;) {
+      for (U32 at = 0; hangs() && (at = table().nextFrom(at)) != Table::kNowhere;) {
         [[maybe_unused]] const auto dropped = table().remove(at);
         if (table().size() == 0) endTable();
       }
@@ -121,7 +121,7 @@ class HashMap2018 {
   // Iteration
   Iterator begin() const {
     Iterator at(*this);
-    at.stand(hangs() ? table().next(0) : 0);
+    at.stand(hangs() ? table().nextFrom(0) : 0);
     return at;
   }
   std::default_sentinel_t end() const { return {}; }
@@ -133,7 +133,7 @@ class HashMap2018 {
   }
 
  private:
-  using Table = detail::OrderedArrays<K, V>;
+  using Table = detail::EntryTable<K, V>;
 
   static constexpr U8 kInside = 4;
   static constexpr U8 kHang = 255;
@@ -210,7 +210,7 @@ class HashMap2018 {
   void hangNone() noexcept {
     std::array<std::pair<K, V>, kBackInside> left;
     const U32 count = table().size();
-    for (U32 i = 0; i < count; ++i) left[i] = table().remove(table().next(0));
+    for (U32 i = 0; i < count; ++i) left[i] = table().remove(table().nextFrom(0));
     endTable();
     for (U32 i = 0; i < count; ++i) {
       insertInside(inside_, std::move(left[i].first), std::move(left[i].second));
@@ -243,7 +243,7 @@ class HashMap2018<K, V>::Iterator {
     const HashMap2018& set = *set_;
     if (set.hangs()) {
       const Table& table = set.table();
-      stand(table.stands(current_.key, at_) ? table.next(at_ + 1) : table.after(current_.key));
+      stand(table.stands(current_.key, at_) ? table.nextFrom(at_ + 1) : table.after(current_.key));
       return *this;
     }
     // The entry that follows the current one, which may have gone.

@@ -167,6 +167,7 @@ class ChildMap : public HashMap<C, K> {
   using Map::deleteMember;
   using Map::emptyAllBuckets;
   using Map::newMember;
+  using Map::replaceMember;
 };
 
 }  // namespace Kiv

@@ -144,6 +144,7 @@ class ReactorMap : public HashMap<R, K, typename R::Entity> {
   using Map::deleteMember;
   using Map::emptyAllBuckets;
   using Map::newMember;
+  using Map::replaceMember;
 
   [[noreturn]] void throwNull(const Machine& machine) const {
     std::string_view name;

@@ -29,6 +29,10 @@ Text::Text(std::string_view a, std::string_view b) {
   rep_ = rep;
 }
 
+bool Text::hasSameCharacters(const Text& other) const {
+  return view() == other.view();
+}
+
 void Text::free() const noexcept {
   const std::size_t bytes = sizeof(Rep) + rep_->size;
   rep_->~Rep();

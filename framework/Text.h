@@ -57,9 +57,7 @@ class Text {
 
   // Whether the characters are the same.
   bool equals(const Text& other) const {
-    if (rep_ == other.rep_) return true;
-    if (order() != other.order()) return false;
-    return view() == other.view();
+    return rep_ == other.rep_ || (order() == other.order() && hasSameCharacters(other));
   }
 
  private:
@@ -72,6 +70,7 @@ class Text {
     char* text() { return reinterpret_cast<char*>(this + 1); }
   };
   static Rep* newRep(std::size_t size);
+  bool hasSameCharacters(const Text& other) const;
   void inc() const noexcept {
     if (rep_ == nullptr) return;
     if (enableThreadSafePointers) {

@@ -271,6 +271,123 @@ TEST(IteratorTest, TheMemberUnderAnIteratorStaysUsableAfterItsDeletion) {
   EXPECT_TRUE(at == map.end());
 }
 
+class StandTest : public testing::Test {
+ protected:
+  using Item = Keys::Item<Kiv::U8>;
+  StandTest() {
+    for (Kiv::U8 key = 0; key < 9; ++key) map_.newMember(make<Item>(key));
+  }
+
+ private:
+  Support::LiveObjects nothingIsLeft_;
+
+ protected:
+  Kiv::HashMap<Item, Kiv::U8> map_;
+};
+
+TEST_F(StandTest, ALoopHoldsItsMemberFromItsDeletionOn) {
+  for (const auto& member : map_) {
+    EXPECT_EQ(member->references(), 1U) << "the collection's";
+    const auto removed = map_.deleteMember(member->fwkKey());
+    EXPECT_EQ(removed->references(), 2U) << "the loop's and this one";
+  }
+  EXPECT_TRUE(map_.empty());
+}
+
+TEST_F(StandTest, EachOfSeveralLoopsHoldsTheMember) {
+  auto first = map_.iteratorAt(3);
+  const auto second = map_.iteratorAt(3);
+  auto third = map_.iteratorAt(4);
+  (void)map_.deleteMember(3);
+  EXPECT_EQ(second->references(), 2U);
+  ++first;
+  EXPECT_EQ(first.key(), 4);
+  EXPECT_EQ(second->references(), 1U);
+  ++third;
+  EXPECT_EQ(third.key(), 5);
+}
+
+TEST_F(StandTest, ACopyStaysWhereItIsWhenTheOtherGoesOn) {
+  auto at = map_.iteratorAt(2);
+  auto copy = at;
+  (void)map_.deleteMember(2);
+  auto late = at;  // of one that holds its member
+  EXPECT_EQ(late->references(), 3U);
+  at = map_.iteratorAt(7);
+  EXPECT_EQ(copy.key(), 2);
+  EXPECT_EQ(late->references(), 2U);
+  copy = copy;
+  ++copy;
+  EXPECT_EQ(copy.key(), 3);
+  EXPECT_EQ(late.key(), 2);
+  EXPECT_EQ(at.key(), 7);
+  late = decltype(late)();
+  EXPECT_TRUE(late == map_.end());
+}
+
+TEST_F(StandTest, IteratorsMayEndInAnyOrder) {
+  using Iterator = decltype(map_)::iterator;
+  std::optional<Iterator> at[3] = {map_.iteratorAt(1), map_.iteratorAt(1), map_.iteratorAt(1)};
+  at[1].reset();
+  (void)map_.deleteMember(1);
+  EXPECT_EQ((*at[0])->references(), 2U);
+  at[0].reset();
+  EXPECT_EQ((*at[2])->references(), 1U);
+  at[2].reset();
+}
+
+TEST_F(StandTest, ALoopThatWasLeftHoldsNothing) {
+  Kiv::Ptr<Item> met;
+  for (const auto& member : map_) {
+    met = member;
+    if (member->fwkKey() == 4) break;
+  }
+  EXPECT_EQ(met->references(), 2U);
+  (void)map_.deleteMember(4);
+  EXPECT_EQ(met->references(), 1U);
+}
+
+TEST_F(StandTest, AMemberMayLeaveAndComeBackUnderALoop) {
+  int met = 0;
+  for (const auto& member : map_) {
+    const Kiv::Ptr<Item> kept = map_.deleteMember(member->fwkKey());
+    map_.newMember(kept);
+    ++met;
+    EXPECT_EQ(member->references(), 3U);
+  }
+  EXPECT_EQ(met, 9);
+  for (const auto& member : map_) EXPECT_EQ(member->references(), 1U);
+}
+
+// Takes the one that stands after it along when it ends.
+class Last final : public Kiv::Member {
+ public:
+  static constexpr std::string_view kTypeName = "Test::Last";
+  using Map = Kiv::HashMap<Last, Kiv::U8>;
+  Last(Map& map, Kiv::U8 key) : map_(map), key_(key) {}
+  ~Last() override { (void)map_.deleteMember(static_cast<Kiv::U8>(key_ + 1)); }
+  const Kiv::U8& fwkKey() const { return key_; }
+  const Kiv::Type& fwkType() const override { return Kiv::typeRecord<Last>; }
+
+ private:
+  Map& map_;
+  const Kiv::U8 key_;
+};
+
+TEST(IteratorTest, WhereALoopGoesOnToIsThereEvenWhenTheOneBeforeTakesItAlong) {
+  const Support::LiveObjects nothingIsLeft;
+  Last::Map map;
+  for (Kiv::U8 key = 0; key < 6; ++key) map.newMember(make<Last>(map, key));
+  std::vector<int> met;
+  for (const auto& member : map) {
+    met.push_back(member->fwkKey());
+    (void)map.deleteMember(member->fwkKey());
+  }
+  // Each ends when the loop leaves it, and the next is met all the same.
+  EXPECT_EQ(met, (std::vector<int>{0, 1, 2, 3, 4, 5}));
+  EXPECT_TRUE(map.empty());
+}
+
 TEST(IteratorTest, SatisfiesTheConceptsOfTheStandardLibrary) {
   using Item = Keys::Item<Kiv::Name>;
   using Map = Kiv::HashMap<Item, Kiv::Name>;

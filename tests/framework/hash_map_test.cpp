@@ -211,14 +211,36 @@ TEST(HashMapMembershipTest, AReplacedMemberLeavesItsPlaceToTheNewOne) {
   std::vector<std::string> before;
   for (const auto& member : map) before.push_back(member->fwkKey().str());
 
-  const auto old = map.deleteMember("c");
   const auto fresh = make<Item>("c");
-  map.newMember(fresh);
+  const auto old = map.replaceMember(fresh);
+  ASSERT_TRUE(old);
+  EXPECT_EQ(old->references(), 1U);
+  EXPECT_EQ(fresh->references(), 2U);
   EXPECT_EQ(map["c"], fresh.get());
   EXPECT_EQ(map.size(), 6U);
   std::vector<std::string> after;
   for (const auto& member : map) after.push_back(member->fwkKey().str());
   EXPECT_EQ(after, before);
+}
+
+TYPED_TEST(HashMapTest, EveryMemberCanBeReplacedAtEverySize) {
+  using K = TypeParam;
+  for (const int count : {0, 1, 2, 3, 4, 5, 16, 17, 60}) {
+    typename TestFixture::Map map;
+    TestFixture::insert(map, TestFixture::upTo(count));
+    const std::vector<K> before = TestFixture::keysOf(map);
+    for (int n = 0; n < count; ++n) {
+      const auto* old = map[keyOf<K>(n)];
+      const auto fresh = make<typename TestFixture::Item>(keyOf<K>(n));
+      EXPECT_EQ(map.replaceMember(fresh).get(), old);
+      EXPECT_EQ(map[keyOf<K>(n)], fresh.get());
+    }
+    EXPECT_EQ(TestFixture::keysOf(map), before);
+    const auto another = make<typename TestFixture::Item>(keyOf<K>(count));
+    EXPECT_EQ(map.replaceMember(another), nullptr);
+    EXPECT_EQ(map[keyOf<K>(count)], another.get());
+    EXPECT_THROW((void)map.replaceMember(another), Kiv::RangeException);
+  }
 }
 
 TEST(HashMapMembershipTest, EachChangeIsCounted) {
@@ -240,7 +262,7 @@ TEST(HashMapMembershipTest, EachChangeIsCounted) {
   EXPECT_EQ(map.changes(), 6U);
 }
 
-TEST(HashMapBucketsTest, AFewMembersHangInOneChainAndBucketsFollowTheirNumber) {
+TEST(HashMapBucketsTest, AFewMembersNeedNoneAndBucketsFollowTheirNumber) {
   const Support::LiveObjects nothingIsLeft;
   Map map;
   const auto insertUpTo = [&](std::size_t size) {
@@ -251,26 +273,42 @@ TEST(HashMapBucketsTest, AFewMembersHangInOneChainAndBucketsFollowTheirNumber) {
     while (map.size() > size)
       (void)map.deleteMember(keyOf<Kiv::Name>(static_cast<int>(map.size()) - 1));
   };
-  insertUpTo(4);
+  insertUpTo(16);
   EXPECT_EQ(map.buckets(), 0U);
-  insertUpTo(5);
-  EXPECT_EQ(map.buckets(), 8U);
-  insertUpTo(8);
-  EXPECT_EQ(map.buckets(), 8U);
-  insertUpTo(9);
-  EXPECT_EQ(map.buckets(), 16U);
+  insertUpTo(17);
+  EXPECT_EQ(map.buckets(), 32U);
+  insertUpTo(26);
+  EXPECT_EQ(map.buckets(), 32U);
+  insertUpTo(27);
+  EXPECT_EQ(map.buckets(), 64U);
   insertUpTo(1000);
-  EXPECT_EQ(map.buckets(), 1024U);
+  EXPECT_EQ(map.buckets(), 2048U);
+  removeDownTo(129);
+  EXPECT_EQ(map.buckets(), 2048U);
   removeDownTo(128);
   EXPECT_EQ(map.buckets(), 1024U);
-  removeDownTo(127);
-  EXPECT_EQ(map.buckets(), 256U);
   insertUpTo(200);
-  EXPECT_EQ(map.buckets(), 256U);
-  removeDownTo(1);
-  EXPECT_LE(map.buckets(), 8U);
+  EXPECT_EQ(map.buckets(), 1024U);
+  removeDownTo(2);
+  EXPECT_EQ(map.buckets(), 0U);
   removeDownTo(0);
   EXPECT_EQ(map.buckets(), 0U);
+}
+
+// A collection that mirrors another one is filled in its order.
+TEST(HashMapBucketsTest, MembersThatComeInOrderAreFoundAndStandInIt) {
+  const Support::LiveObjects nothingIsLeft;
+  using Number = Keys::Item<Kiv::U32>;
+  Kiv::HashMap<Number, Kiv::U32> map;
+  constexpr Kiv::U32 kCount = 20'000;
+  for (Kiv::U32 n = 0; n < kCount; ++n) map.newMember(make<Number>(Kiv::bitReverse(n)));
+  Kiv::U32 expected = 0;
+  for (const auto& member : map) ASSERT_EQ(member->fwkKey(), Kiv::bitReverse(expected++));
+  EXPECT_EQ(expected, kCount);
+  for (Kiv::U32 n = 0; n < kCount; n += 7) EXPECT_TRUE(map.deleteMember(Kiv::bitReverse(n)));
+  for (Kiv::U32 n = 0; n < kCount; ++n) {
+    ASSERT_EQ(map.contains(Kiv::bitReverse(n)), n % 7 != 0) << n;
+  }
 }
 
 // With a cost in proportion to the square of the members this would not end.

@@ -45,8 +45,8 @@ class Objects {
 
   // Replaces what stands under the key.
   void put(const K& key, const Value& value) {
-    (void)map.deleteMember(key);
-    map.newMember(value);
+    const Value before(map[key]);
+    require(map.replaceMember(value) == before, "a replacement gives what was there");
   }
   bool remove(const K& key, const Value& expected) { return map.deleteMember(key) == expected; }
   bool holds(const K& key, const Value& expected) const { return map[key] == expected.get(); }

@@ -1,0 +1,51 @@
+// Comparison of eight orders at once: what stands at the places from a bucket on.
+#pragma once
+
+#include "framework/Integers.h"
+
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
+
+namespace [[gnu::visibility("default")]] Kiv {
+namespace detail {
+
+// So many orders are compared.
+inline constexpr U32 kOrderGroup = 8;
+
+// Which orders of a group are less than this one: a bit for each, the first one's lowest.
+inline U32 lessInGroup(const U32* group, U32 order) {
+#ifdef __SSE2__
+  // There is but a comparison of signed numbers; the highest bit turned over makes up for that.
+  const __m128i turn = _mm_set1_epi32(static_cast<int>(U32{1} << 31));
+  const __m128i sought = _mm_xor_si128(_mm_set1_epi32(static_cast<int>(order)), turn);
+  const auto* four = reinterpret_cast<const __m128i*>(group);
+  const __m128i low = _mm_cmplt_epi32(_mm_xor_si128(_mm_loadu_si128(four), turn), sought);
+  const __m128i high = _mm_cmplt_epi32(_mm_xor_si128(_mm_loadu_si128(four + 1), turn), sought);
+  return static_cast<U32>(_mm_movemask_ps(_mm_castsi128_ps(low)) |
+                          _mm_movemask_ps(_mm_castsi128_ps(high)) << 4);
+#else
+  U32 less = 0;
+  for (U32 i = 0; i < kOrderGroup; ++i) less |= (group[i] < order ? U32{1} : U32{0}) << i;
+  return less;
+#endif
+}
+
+// Which are equal to it.
+inline U32 equalInGroup(const U32* group, U32 order) {
+#ifdef __SSE2__
+  const __m128i sought = _mm_set1_epi32(static_cast<int>(order));
+  const auto* four = reinterpret_cast<const __m128i*>(group);
+  const __m128i low = _mm_cmpeq_epi32(_mm_loadu_si128(four), sought);
+  const __m128i high = _mm_cmpeq_epi32(_mm_loadu_si128(four + 1), sought);
+  return static_cast<U32>(_mm_movemask_ps(_mm_castsi128_ps(low)) |
+                          _mm_movemask_ps(_mm_castsi128_ps(high)) << 4);
+#else
+  U32 equal = 0;
+  for (U32 i = 0; i < kOrderGroup; ++i) equal |= (group[i] == order ? U32{1} : U32{0}) << i;
+  return equal;
+#endif
+}
+
+}  // namespace detail
+}  // namespace Kiv
