@@ -51,8 +51,11 @@ class PoolLock {
   bool locked_;
 };
 
+// The largest size that comes from the pool.
+constexpr std::size_t kLargestPooled = KIV_SYSTEM_ALLOCATOR ? 0 : detail::Pool::kLargest;
+
 bool pooled(std::size_t size) {
-  return !KIV_SYSTEM_ALLOCATOR && size - 1 < detail::Pool::kLargest;
+  return size != 0 && size <= kLargestPooled;
 }
 
 [[gnu::noinline]] void* takeMemory(std::size_t size) noexcept {

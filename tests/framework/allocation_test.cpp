@@ -16,8 +16,10 @@
 #include <stdexcept>
 #include <vector>
 
+#include "framework/HashMap.h"
 #include "framework/Ptr.h"
 #include "framework/Text.h"
+#include "tests/framework/keys.h"
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define TEST_SANITIZED true
@@ -243,6 +245,67 @@ TEST(AllocationDeathTest, WhenMemoryRunsOutSmallSizesThrowOrAreNullAndNothingIsL
   EXPECT_EXIT(runOutOfMemory(64), testing::ExitedWithCode(0), "");
   EXPECT_EXIT(runOutOfMemory(512), testing::ExitedWithCode(0), "");
   EXPECT_EXIT(runOutOfMuchMemory(512, 50 << 20), testing::ExitedWithCode(0), "");
+}
+
+using Item = Keys::Item<Kiv::U32>;
+using Map = Kiv::HashMap<Item, Kiv::U32>;
+
+bool holdsExactly(const Map& map, Kiv::U32 count) {
+  Kiv::U32 met = 0;
+  for (const auto& member : map) met += member->fwkKey() < count ? 1U : 0U;
+  return map.size() == count && met == count;
+}
+
+bool isRefused(Map& map, const Kiv::Ptr<Item>& item) {
+  try {
+    map.newMember(item);
+  } catch (const std::bad_alloc&) {
+    return item->references() == 1;
+  }
+  return false;
+}
+
+// Exits with 0 when a collection of so many members stays as it is where there is no memory for one
+// more, serves on without, and takes the other one in later.
+void runOutOfMemoryForAMember(Kiv::U32 count) {
+  Map map;
+  for (Kiv::U32 key = 0; key < count; ++key) map.newMember(Kiv::make<Item>(key));
+  const auto more = Kiv::make<Item>(count);
+  const auto another = Kiv::make<Item>(Kiv::U32{0});
+  std::vector<Link*> taken;
+  for (std::size_t size = 512; size > 0; size -= 8) taken.push_back(takeAllThatIsLeft(size));
+  bool well = false;
+  {
+    const NoMoreMemory limit;
+    well = isRefused(map, more) && holdsExactly(map, count) && isRefused(map, more) &&
+           map.replaceMember(another) != nullptr && map[0] == another.get();
+  }
+  for (std::size_t i = 0; i < taken.size(); ++i) freeAll(taken[i], 512 - 8 * i);
+  map.newMember(more);
+  std::exit(well && holdsExactly(map, count + 1) ? 0 : 1);
+}
+
+// The same, when members go and there is no memory for a smaller table.
+void runOutOfMemoryForFewer() {
+  Map map;
+  for (Kiv::U32 key = 0; key < 5; ++key) map.newMember(Kiv::make<Item>(key));
+  std::vector<Link*> taken;
+  for (std::size_t size = 512; size > 0; size -= 8) taken.push_back(takeAllThatIsLeft(size));
+  bool well = true;
+  for (Kiv::U32 count = 5; count-- > 0;) {
+    const NoMoreMemory limit;
+    const auto gone = map.deleteMember(count);
+    well = well && gone != nullptr && holdsExactly(map, count);
+  }
+  std::exit(well ? 0 : 1);
+}
+
+TEST(CollectionDeathTest, WhenMemoryRunsOutACollectionStaysAsItIs) {
+  if (kSanitized) GTEST_SKIP() << "a sanitizer needs the memory itself";
+  EXPECT_EXIT(runOutOfMemoryForAMember(1), testing::ExitedWithCode(0), "");
+  EXPECT_EXIT(runOutOfMemoryForAMember(2), testing::ExitedWithCode(0), "");
+  EXPECT_EXIT(runOutOfMemoryForAMember(4), testing::ExitedWithCode(0), "");
+  EXPECT_EXIT(runOutOfMemoryForFewer(), testing::ExitedWithCode(0), "");
 }
 
 TEST(TrackerTest, ATypeIsListedFromItsFirstAllocationOn) {

@@ -316,7 +316,8 @@ TEST_F(StandTest, ACopyStaysWhereItIsWhenTheOtherGoesOn) {
   at = map_.iteratorAt(7);
   EXPECT_EQ(copy.key(), 2);
   EXPECT_EQ(late->references(), 2U);
-  copy = copy;
+  const auto& itself = copy;
+  copy = itself;
   ++copy;
   EXPECT_EQ(copy.key(), 3);
   EXPECT_EQ(late.key(), 2);
@@ -351,6 +352,8 @@ TEST_F(StandTest, AMemberMayLeaveAndComeBackUnderALoop) {
   int met = 0;
   for (const auto& member : map_) {
     const Kiv::Ptr<Item> kept = map_.deleteMember(member->fwkKey());
+    map_.newMember(kept);
+    (void)map_.deleteMember(member->fwkKey());
     map_.newMember(kept);
     ++met;
     EXPECT_EQ(member->references(), 3U);

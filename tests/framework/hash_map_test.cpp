@@ -352,6 +352,33 @@ TEST(HashMapMembershipTest, EmptyingAlsoTakesOutWhatTheEndOfAMemberPutsIn) {
   EXPECT_TRUE(family.empty());
 }
 
+// Has an even key, and puts in one with the odd key that follows when it ends.
+class Even final : public Kiv::Member {
+ public:
+  static constexpr std::string_view kTypeName = "Test::Even";
+  using Family = Kiv::HashMap<Even, Kiv::U32>;
+  Even(Family& family, Kiv::U32 key) : family_(family), key_(key) {}
+  ~Even() override {
+    if (key_ % 2 == 0) family_.newMember(make<Even>(family_, key_ + 1));
+  }
+  const Kiv::U32& fwkKey() const { return key_; }
+  const Kiv::Type& fwkType() const override { return Kiv::typeRecord<Even>; }
+
+ private:
+  Family& family_;
+  const Kiv::U32 key_;
+};
+
+TEST(HashMapMembershipTest, EmptyingManyAlsoTakesOutWhatComesInBeforeAndBehindTheWalk) {
+  const Support::LiveObjects nothingIsLeft;
+  for (const Kiv::U32 distance : {2U, 1U << 25, 3U << 24}) {  // in hashes, and so in places
+    Even::Family family;
+    for (Kiv::U32 i = 0; i < 40; ++i) family.newMember(make<Even>(family, distance * i));
+    family.emptyAllBuckets();
+    EXPECT_TRUE(family.empty());
+  }
+}
+
 TEST(HashMapMembershipTest, AnEmptyCollectionIsTwoWords) {
   static_assert(sizeof(Map) == 2 * sizeof(void*));
 }
