@@ -295,6 +295,8 @@ class OrderedArrays {
   [[gnu::noinline]] U32 leapToNotBelow(U32 order, U32 below) const {
     const U32* orders = this->orders();
     const U32 end = capacity();
+    // Where all crowd from the first place on, this is the last of them.
+    if (count_ - 1 > below && orders[count_ - 1] < order) below = count_ - 1;
     U32 leap = kGroup;
     while (leap < end - below && orders[below + leap] < order) {
       below += leap;
