@@ -45,15 +45,19 @@ struct Pool::Block {
 
 void* Pool::take(std::size_t size) noexcept {
   const std::size_t sizeClass = classOf(size);
-  if (atHand_[sizeClass].first == nullptr) bring(sizeClass);
+  if (atHand_[sizeClass].first == nullptr &&
+      (before_[sizeClass].first != nullptr || withPieces_ != nullptr)) {
+    bring(sizeClass);
+  }
   void* memory = takeAtHand(size);
   return memory != nullptr ? memory : cut(sizeClass);
 }
 
 void Pool::giveBack(void* memory, std::size_t size) noexcept {
-  if (giveBackAtHand(memory, size)) return;
-  putAway(classOf(size));
-  push(atHand_[classOf(size)], static_cast<Piece*>(memory));
+  Chain& chain = atHand_[classOf(size)];
+  chain.most = std::max(kAtHand, pieces_[classOf(size)] / kMany);
+  if (chain.count >= chain.most) putAway(classOf(size));
+  push(chain, static_cast<Piece*>(memory));
 }
 
 void Pool::bring(std::size_t sizeClass) noexcept {
@@ -72,7 +76,7 @@ void Pool::bring(std::size_t sizeClass) noexcept {
       continue;
     }
     for (const Piece* piece = block.returned; piece != nullptr; piece = piece->next) {
-      countPiece(piece->sizeClass, ~U32{0});
+      --pieces_[piece->sizeClass];
     }
     block = {.next = std::exchange(unused_, &block)};
   }
@@ -121,7 +125,7 @@ void Pool::putAway(std::size_t sizeClass) noexcept {
 void* Pool::cut(std::size_t sizeClass) noexcept {
   const std::size_t size = sizeClass * kMemAlignment;
   if (static_cast<std::size_t>(end_ - cut_) < size && !nextBlock()) return nullptr;
-  countPiece(sizeClass, 1);
+  ++pieces_[sizeClass];
   return std::exchange(cut_, cut_ + size);
 }
 
@@ -148,11 +152,6 @@ bool Pool::nextBlock() noexcept {
   fresh_ = end_;
   --freshBlocks_;
   return true;
-}
-
-void Pool::countPiece(std::size_t sizeClass, U32 one) noexcept {
-  pieces_[sizeClass] += one;
-  atHand_[sizeClass].most = std::max(kAtHand, pieces_[sizeClass] / kMany);
 }
 
 }  // namespace detail

@@ -66,7 +66,7 @@ class Pool {
   struct Chain {
     Piece* first = nullptr;
     U32 count = 0;
-    U32 most = kAtHand;
+    U32 most = kAtHand;  // at the last count
   };
 
   static constexpr std::size_t kClasses = kLargest / kMemAlignment + 1;
@@ -95,8 +95,6 @@ class Pool {
   void* cut(std::size_t sizeClass) noexcept;
   // Goes on with another block; returns whether there is one.
   bool nextBlock() noexcept;
-  // Counts a piece that was cut or, with -1, is none any more.
-  void countPiece(std::size_t sizeClass, U32 one) noexcept;
 
   std::array<Chain, kClasses> atHand_{};
   std::array<Chain, kClasses> before_{};  // those that were at hand before
