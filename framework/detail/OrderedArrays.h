@@ -71,8 +71,7 @@ class OrderedArrays {
   // How many buckets there are; 0 while the entries stand without a gap.
   U32 buckets() const { return dense() ? 0 : U32{1} << log2(); }
 
-  // The order of the entry at a place, and its parts in the first column and in another one.
-  U32 orderAt(U32 at) const { return orders()[at]; }
+  // The parts of the entry at a place, in the first column and in another one.
   First& primary(U32 at) const { return *(static_cast<First*>(block_) - 1 - at); }
   template <std::size_t I>
   auto& other(U32 at) const {
