@@ -108,7 +108,7 @@ void MemberTable::growFew() {
     kivMemFree(beginOfFew(), bytesOfFew());
   }
   block_ = larger;
-  form_ = form_ == kOne ? kTwo : kFour;
+  form_ = (form_ == kOne ? kTwo : kFour) & 255;
 }
 
 void MemberTable::toArrays() {
@@ -143,7 +143,7 @@ void MemberTable::shrinkToFew() {
   }
   freeBlock();
   block_ = few;
-  form_ = count_ > 1 ? kTwo : kOne;
+  form_ = (count_ > 1 ? kTwo : kOne) & 255;
 }
 
 void MemberTable::freeFew() {
