@@ -169,6 +169,7 @@ class HashMap<V, K, E>::Iterator {
   using difference_type = std::ptrdiff_t;
 
   Iterator() = default;
+  // Another loop that stands on the same member and goes on alone.
   Iterator(const Iterator& other) : Iterator() { *this = other; }
   Iterator& operator=(const Iterator& other) {
     map_ = other.map_;
