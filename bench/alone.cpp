@@ -3,8 +3,7 @@
 //
 //   memory/SHAPE/PORTS/SIDE      what the data of the binding benchmarks takes, in bytes a port
 //   load/SHAPE/PORTS/machines    a region with all its ports is added in one go; counters: load,
-//   and
-//                                teardown, the end of the machines (ns a port)
+//                                and teardown, the end of the machines (ns a port)
 //
 // Sides: intern; outputs, the output entities alone; machines, with the counters inputs (the input
 // entities), machines (machines and reactors) and outputs (the output entities, with the texts that

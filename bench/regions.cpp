@@ -1,17 +1,14 @@
 // Whole regions, and what is not a port on a host.
 //
 //   load/SHAPE/PORTS/machines     a region with all its ports is added in one go; counters: load,
-//   and
-//                                 teardown, the end of the machines (ns a port)
+//                                 and teardown, the end of the machines (ns a port)
 //   switch/SIDE                   bindings of 10,000 ports to switch interfaces; sides:
-//   switchports,
-//                                 elements (the toggle on, off)
+//                                 switchports, elements (the toggle on, off)
 //   segments                      VLAN segments that arrive and leave
 //   assignment                    4,094 VLANs assigned to a region, and taken away (ns a VLAN)
 //   heartbeats                    heartbeats of 1,000 regions that sync
 //   hosts/SIDE                    a port that moves over 10,000 hosts, from each to the next;
-//   sides:
-//                                 machines, intern
+//                                 sides: machines, intern
 #include <algorithm>
 
 #include "bench/groups.h"

@@ -85,7 +85,7 @@ void add(std::atomic<U64>& counter, U64 amount) noexcept {
 
 void* kivMemAllocOrNull(std::size_t size) noexcept {
   if (pooled(size) && !enableThreadSafePointers) [[likely]] {
-    if (void* memory = pool.takeAtHand(size)) [[likely]]
+    if (void* memory = pool.takeAtOnce(size)) [[likely]]
       return memory;
   }
   return takeMemory(size);

@@ -53,10 +53,13 @@ class HashMap {
   bool empty() const { return table_.size() == 0; }
   // How many buckets the members stand in; 0 while they are few.
   std::size_t buckets() const { return table_.buckets(); }
-  // Rises by one with each member that comes and each that goes; wraps around.
+  // Rises by one with each member that comes and each that goes, and when room is made; wraps
+  // around.
   U32 changes() const { return table_.changes(); }
 
   // Change
+  // Makes room for so many members at once, where there is memory for it: they come faster then.
+  void reserve(std::size_t members) noexcept { table_.reserve(static_cast<U32>(members)); }
   // Inserts a member. REQUIRES: no member has its key. Throws a range exception for an object that
   // is a member of a collection already, and std::bad_alloc; nothing has changed then.
   void newMember(const Ptr<V>& member) {

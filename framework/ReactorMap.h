@@ -106,11 +106,9 @@ class ReactorMap : public HashMap<R, K, typename R::Entity> {
     if (change != nullptr && change->collection == &input && inLineAt_ == change->before) {
       resynchroniseOne(machine, input, *static_cast<const K*>(change->key), hook);
     } else {
+      Map::reserve(input.size());
       for (const auto& member : input) is(machine, member, hook);
-      for (const auto& reactor : std::as_const(*this)) {
-        const K key = reactor->fwkKey();
-        if (!input.contains(key)) del(key, hook);
-      }
+      if (Map::size() > input.size()) delOthers(input, hook);
     }
     inLineAt_ = input.changes();
   }
@@ -145,6 +143,15 @@ class ReactorMap : public HashMap<R, K, typename R::Entity> {
   using Map::emptyAllBuckets;
   using Map::newMember;
   using Map::replaceMember;
+  using Map::reserve;
+
+  template <class Input, class Hook>
+  void delOthers(const Input& input, Hook hook) {
+    for (const auto& reactor : std::as_const(*this)) {
+      const K key = reactor->fwkKey();
+      if (!input.contains(key)) del(key, hook);
+    }
+  }
 
   [[noreturn]] void throwNull(const Machine& machine) const {
     std::string_view name;

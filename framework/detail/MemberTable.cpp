@@ -50,6 +50,11 @@ void MemberTable::insertAmong(U32 at, U32 passed, Member* member, U32 order) {
   primary(at) = member;
 }
 
+void MemberTable::reserve(U32 count) noexcept {
+  const bool larger = few() ? count > kMostFew : count > room();
+  if (larger && (few() ? toArrays(count) : reserved(count))) countChanges(1);
+}
+
 Member* MemberTable::takeOut(U32 at) {
   countChanges(1);
   Member* const taken = primary(at);
@@ -96,7 +101,7 @@ MemberTable::Places MemberTable::placesFrom(U32 at) const {
 
 void MemberTable::growFew() {
   if (form_ == kFour) {
-    toArrays();
+    if (!toArrays(kMostFew + 1)) throw std::bad_alloc();
     return;
   }
   Member** const larger = endOfNew(2 * capacityOfFew());
@@ -111,24 +116,22 @@ void MemberTable::growFew() {
   form_ = (form_ == kOne ? kTwo : kFour) & 255;
 }
 
-void MemberTable::toArrays() {
-  void* const few = block_;
-  Member** const begin = beginOfFew();
-  const U32 count = std::exchange(count_, 0);
-  block_ = nullptr;
-  form_ = 0;
-  if (!reserved(count + 1)) {
-    block_ = few;
-    form_ = kFour;
-    count_ = count;
-    throw std::bad_alloc();
+bool MemberTable::toArrays(U32 count) noexcept {
+  MemberTable arrays;
+  arrays.form_ = 0;
+  if (!arrays.reserved(count)) return false;
+  U32 passed = 0;
+  for (U32 at = 0; at < count_; ++at) {
+    Member* const member = one() ? static_cast<Member*>(block_) : primary(at);
+    const U32 order = member->kivOrder;
+    const U32 first = arrays.firstNotBelow(order);
+    passed = arrays.isOf(order, first) ? passed + 1 : 0;
+    arrays.primary(arrays.open(first + passed, passed, order)) = member;
   }
-  for (U32 at = 0; at < count; ++at) {
-    Member* const member = *(begin + count - 1 - at);
-    (void)open(at, 0, member->kivOrder);
-    primary(at) = member;
-  }
-  kivMemFree(begin, count * sizeof(Member*));
+  if (!one()) kivMemFree(beginOfFew(), bytesOfFew());
+  block_ = std::exchange(arrays.block_, nullptr);
+  form_ = arrays.form_;
+  return true;
 }
 
 void MemberTable::shrinkToFew() {

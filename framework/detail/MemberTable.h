@@ -47,11 +47,15 @@ class MemberTable : private OrderedArrays<Member*> {
 
   MemberTable() { form_ = kOne; }
   // REQUIRES: it is empty.
-  ~MemberTable() = default;
+  ~MemberTable() {
+    if (form_ < kOne) [[unlikely]]
+      freeBlock();  // it never came to what was reserved
+  }
 
   // How many buckets there are; 0 while the members are few.
   U32 buckets() const { return few() ? 0 : OrderedArrays::buckets(); }
-  // Rises by one with each member that comes and each that goes; wraps around.
+  // Rises by one with each member that comes and each that goes, and when room is made; wraps
+  // around.
   U32 changes() const { return note_; }
 
   // The first member of this order, and its place; null when there is none.
@@ -84,6 +88,8 @@ class MemberTable : private OrderedArrays<Member*> {
     member->kivOrder = order;
     countChanges(1);
   }
+  // Makes room for so many members, where there is memory: they come faster then.
+  void reserve(U32 count) noexcept;
   // Puts a member in the place of another one of the same key, and returns that.
   Member* exchange(U32 at, Member* member);
   // Takes out the member at this place, and returns it.
@@ -127,6 +133,7 @@ class MemberTable : private OrderedArrays<Member*> {
   static constexpr U32 kOne = kOwners;
   static constexpr U32 kTwo = kOne + kOwnersStep;
   static constexpr U32 kFour = kTwo + kOwnersStep;
+  static constexpr U32 kMostFew = 4;
   // So many go back from the arrays to being few, when the rest has gone.
   static constexpr U32 kBackToFew = 2;
 
@@ -159,13 +166,16 @@ class MemberTable : private OrderedArrays<Member*> {
   // REQUIRES: there are gaps.
   Places placesFrom(U32 at) const;
 
-  Member* takeOut(U32 at);
-  void growFew();
-  void toArrays();
-  void shrinkToFew();
-  void freeFew();
+  // What the library alone calls.
+  [[gnu::visibility("hidden")]] Member* takeOut(U32 at);
+  [[gnu::visibility("hidden")]] void growFew();
+  // Moves the members, which are few, to arrays with room for so many; returns whether there was
+  // memory for these.
+  [[gnu::visibility("hidden")]] bool toArrays(U32 count) noexcept;
+  [[gnu::visibility("hidden")]] void shrinkToFew();
+  [[gnu::visibility("hidden")]] void freeFew();
   // Where a new array for so many that are few ends; null when there is no memory.
-  static Member** endOfNew(U32 capacity);
+  [[gnu::visibility("hidden")]] static Member** endOfNew(U32 capacity);
 };
 
 }  // namespace detail

@@ -142,6 +142,8 @@ class OrderedArrays {
     relocate(at + 1, at, count_ - at);
   }
 
+  // So many entries find room before the arrays grow.
+  U32 room() const { return mostIn(shape()); }
   // Makes room for so many entries at least. REQUIRES: there is no block, or there are arrays in
   // it. Throws std::bad_alloc; nothing has changed then.
   void reserve(U32 count) { moveTo(shapeFor(count)); }

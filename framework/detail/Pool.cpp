@@ -15,10 +15,8 @@ namespace {
 constexpr std::size_t kBlockSize = 16 * 1024;
 constexpr std::size_t kBlocks = kPoolRegion / kBlockSize;
 constexpr std::size_t kLine = 64;  // of a cache
-// At hand are two of so many parts of all pieces of a size, at most.
+// At hand is one of so many parts of all pieces of a size, at most.
 constexpr U32 kMany = 16;
-// So many pieces are put away at a time.
-constexpr U32 kPutAway = 64;
 // So many blocks are searched for a size before new memory is cut.
 constexpr int kSearched = 8;
 
@@ -43,31 +41,26 @@ struct Pool::Block {
   }
 };
 
-void* Pool::take(std::size_t size) noexcept {
-  const std::size_t sizeClass = classOf(size);
-  if (atHand_[sizeClass].first == nullptr &&
-      (before_[sizeClass].first != nullptr || withPieces_ != nullptr)) {
-    bring(sizeClass);
-  }
-  void* memory = takeAtHand(size);
-  return memory != nullptr ? memory : cut(sizeClass);
+void* Pool::takeElsewhere(std::size_t sizeClass) noexcept {
+  bring(sizeClass);
+  if (atHand_[sizeClass].first == nullptr && !nextBlock()) return nullptr;
+  return takeAtOnce(bytesOf(sizeClass));
 }
 
 void Pool::giveBack(void* memory, std::size_t size) noexcept {
-  Chain& chain = atHand_[classOf(size)];
-  chain.most = std::max(kAtHand, pieces_[classOf(size)] / kMany);
-  if (chain.count >= chain.most) putAway(classOf(size));
-  push(chain, static_cast<Piece*>(memory));
+  const std::size_t sizeClass = classOf(size);
+  Chain& chain = atHand_[sizeClass];
+  auto* piece = static_cast<Piece*>(memory);
+  chain.most = std::max(kAtHand, pieces_[sizeClass] / kMany);
+  if (chain.count < chain.most) {
+    push(chain, piece);
+  } else {
+    putAway(piece, sizeClass);
+  }
 }
 
 void Pool::bring(std::size_t sizeClass) noexcept {
-  Chain& chain = atHand_[sizeClass];
-  Chain& before = before_[sizeClass];
-  if (before.first != nullptr) {
-    chain.first = std::exchange(before.first, nullptr);
-    chain.count = std::exchange(before.count, 0);
-    return;
-  }
+  const Chain& chain = atHand_[sizeClass];
   for (int i = 0; i < kSearched && withPieces_ != nullptr && chain.first == nullptr; ++i) {
     Block& block = *withPieces_;
     withPieces_ = block.next;
@@ -105,28 +98,12 @@ void Pool::bringFrom(Block& block) noexcept {
   }
 }
 
-void Pool::putAway(std::size_t sizeClass) noexcept {
-  Chain& before = before_[sizeClass];
-  for (U32 i = 0; i < kPutAway && before.first != nullptr; ++i) {
-    Piece* const piece = std::exchange(before.first, before.first->next);
-    --before.count;
-    Block& block = Block::of(piece);
-    if (block.returned == nullptr) block.next = std::exchange(withPieces_, &block);
-    piece->sizeClass = static_cast<U32>(sizeClass);
-    piece->next = std::exchange(block.returned, piece);
-    block.bytes += static_cast<U32>(sizeClass * kMemAlignment);
-  }
-  if (before.first != nullptr) return;
-  Chain& chain = atHand_[sizeClass];
-  before.first = std::exchange(chain.first, nullptr);
-  before.count = std::exchange(chain.count, 0);
-}
-
-void* Pool::cut(std::size_t sizeClass) noexcept {
-  const std::size_t size = sizeClass * kMemAlignment;
-  if (static_cast<std::size_t>(end_ - cut_) < size && !nextBlock()) return nullptr;
-  ++pieces_[sizeClass];
-  return std::exchange(cut_, cut_ + size);
+void Pool::putAway(Piece* piece, std::size_t sizeClass) noexcept {
+  Block& block = Block::of(piece);
+  if (block.returned == nullptr) block.next = std::exchange(withPieces_, &block);
+  piece->sizeClass = static_cast<U32>(sizeClass);
+  piece->next = std::exchange(block.returned, piece);
+  block.bytes += static_cast<U32>(bytesOf(sizeClass));
 }
 
 bool Pool::nextBlock() noexcept {
@@ -136,7 +113,7 @@ bool Pool::nextBlock() noexcept {
     fresh_ = region;
     freshBlocks_ = kBlocks;
   }
-  if (cut_ != end_) Block::of(cut_).rest = static_cast<U32>(end_ - cut_);
+  if (cut_ != end_) Block::of(cut_).rest = static_cast<U32>(room());
   if (unused_ != nullptr) {
     cut_ = unused_->begin();
     end_ = cut_ + kBlockSize;

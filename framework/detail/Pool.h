@@ -4,17 +4,18 @@
 // lies together. A piece that is given back hangs at hand, in a chain for its size, and what was
 // given back last is handed out first, while it is in the caches.
 //
-// When most pieces of a size hang at hand, those that were given back first are put away: each
-// returns to the block that it was cut from. When none is left at hand, all pieces that a block has
-// are brought back, in the order of their addresses; a block to which all pieces have returned is
-// cut anew. So after many objects have gone, in any order, those that come next lie side by side
-// again, and memory serves other sizes than before.
+// When many pieces of a size hang at hand, others are put away: each returns to the block that it
+// was cut from. When none is left at hand and the block that is being cut has no room, all pieces
+// that a block has are brought back, in the order of their addresses; a block to which all pieces
+// have returned is cut anew. So after many objects have gone, in any order, those that come next
+// lie side by side again, and memory serves other sizes than before.
 //
 // One thread at a time.
 #pragma once
 
 #include <array>
 #include <cstddef>
+#include <utility>
 
 #include "framework/Allocation.h"
 #include "framework/Integers.h"
@@ -34,12 +35,16 @@ class Pool {
   // Sizes are in bytes, from 1 to kLargest; memory is aligned to kMemAlignment.
 
   // Returns memory of this size; null when there is none.
-  void* take(std::size_t size) noexcept;
-  // The same where some hangs at hand; null where not.
-  void* takeAtHand(std::size_t size) noexcept {
-    Chain& chain = atHand_[classOf(size)];
+  void* take(std::size_t size) noexcept {
+    void* const memory = takeAtOnce(size);
+    return memory != nullptr ? memory : takeElsewhere(classOf(size));
+  }
+  // The same where some hangs at hand or the block that is being cut has room; null where not.
+  void* takeAtOnce(std::size_t size) noexcept {
+    const std::size_t sizeClass = classOf(size);
+    Chain& chain = atHand_[sizeClass];
     Piece* const piece = chain.first;
-    if (piece == nullptr) return nullptr;
+    if (piece == nullptr) return room() < bytesOf(sizeClass) ? nullptr : cut(sizeClass);
     chain.first = piece->next;
     --chain.count;
     return piece;
@@ -79,28 +84,35 @@ class Pool {
     return sizeClass < kLeast ? kLeast : sizeClass;
   }
 
+  static constexpr std::size_t bytesOf(std::size_t sizeClass) { return sizeClass * kMemAlignment; }
+
   static void push(Chain& chain, Piece* piece) noexcept {
     piece->next = chain.first;
     chain.first = piece;
     ++chain.count;
   }
 
+  // Memory that has been given back, or else of another block.
+  void* takeElsewhere(std::size_t sizeClass) noexcept;
   // Brings memory of this class to hand, where none is, if it has returned to a block.
   void bring(std::size_t sizeClass) noexcept;
   void bringFrom(Block& block) noexcept;
-  // Puts away some of the pieces that were at hand before; those at hand then follow, when none of
-  // these is left.
-  void putAway(std::size_t sizeClass) noexcept;
-  // Cuts new memory; null when there is none.
-  void* cut(std::size_t sizeClass) noexcept;
+  // Returns a piece to its block.
+  void putAway(Piece* piece, std::size_t sizeClass) noexcept;
+  // What is left of the block that is being cut, in bytes.
+  std::size_t room() const { return static_cast<std::size_t>(end_ - cut_); }
+  // Cuts new memory. REQUIRES: there is room.
+  void* cut(std::size_t sizeClass) noexcept {
+    ++pieces_[sizeClass];
+    return std::exchange(cut_, cut_ + bytesOf(sizeClass));
+  }
   // Goes on with another block; returns whether there is one.
   bool nextBlock() noexcept;
 
   std::array<Chain, kClasses> atHand_{};
-  std::array<Chain, kClasses> before_{};  // those that were at hand before
-  std::array<U32, kClasses> pieces_{};    // how many there are, in use or not
-  Block* withPieces_ = nullptr;           // the blocks to which pieces have returned, in a list
-  Block* unused_ = nullptr;               // those to which all have
+  std::array<U32, kClasses> pieces_{};  // how many there are, in use or not
+  Block* withPieces_ = nullptr;         // the blocks to which pieces have returned, in a list
+  Block* unused_ = nullptr;             // those to which all have
   // What is left of the block that is being cut, and of the region: how many blocks, from where on.
   char* cut_ = nullptr;
   char* end_ = nullptr;

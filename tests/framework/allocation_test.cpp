@@ -265,8 +265,8 @@ bool isRefused(Map& map, const Kiv::Ptr<Item>& item) {
   return false;
 }
 
-// Exits with 0 when a collection of so many members stays as it is where there is no memory for one
-// more, serves on without, and takes the other one in later.
+// Exits with 0 when a collection of so many members stays as it is where there is no memory for
+// more room, serves on without, and takes the other one in later.
 void runOutOfMemoryForAMember(Kiv::U32 count) {
   Map map;
   for (Kiv::U32 key = 0; key < count; ++key) map.newMember(Kiv::make<Item>(key));
@@ -277,6 +277,7 @@ void runOutOfMemoryForAMember(Kiv::U32 count) {
   bool well = false;
   {
     const NoMoreMemory limit;
+    map.reserve(12);
     well = isRefused(map, more) && holdsExactly(map, count) && isRefused(map, more) &&
            map.replaceMember(another) != nullptr && map[0] == another.get();
   }

@@ -377,6 +377,19 @@ class Last final : public Kiv::Member {
   const Kiv::U8 key_;
 };
 
+TEST(IteratorTest, GoesOnWhenRoomIsMadeUnderIt) {
+  for (const int count : {1, 3, 9, 40}) {
+    Kiv::HashMap<Keys::Item<Kiv::U32>, Kiv::U32> map;
+    for (int n = 0; n < count; ++n) map.newMember(make<Keys::Item<Kiv::U32>>(keyOf<Kiv::U32>(n)));
+    std::size_t met = 0;
+    for (const auto& member : map) {
+      EXPECT_EQ(map[member->fwkKey()], member.get());
+      map.reserve(10 * ++met);
+    }
+    EXPECT_EQ(met, map.size());
+  }
+}
+
 TEST(IteratorTest, WhereALoopGoesOnToIsThereEvenWhenTheOneBeforeTakesItAlong) {
   const Support::LiveObjects nothingIsLeft;
   Last::Map map;

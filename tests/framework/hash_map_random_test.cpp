@@ -72,6 +72,7 @@ TYPED_TEST(RandomTest, ACollectionOfObjectsAgreesWithItsReference) {
       }
       ASSERT_EQ(map.size(), reference.size());
       if (random() % 50 != 0) return;
+      map.reserve(random() % 300);
       auto at = reference.begin();
       for (const auto& member : map) {
         ASSERT_TRUE(at != reference.end());

@@ -295,6 +295,41 @@ TEST(HashMapBucketsTest, AFewMembersNeedNoneAndBucketsFollowTheirNumber) {
   EXPECT_EQ(map.buckets(), 0U);
 }
 
+TYPED_TEST(HashMapTest, RoomThatIsMadeAtAnySizeServesThoseWhoComeAndChangesNoOther) {
+  using K = TypeParam;
+  for (const int count : {0, 1, 2, 4, 5, 16, 17, 60}) {
+    for (const std::size_t room : {0U, 1U, 4U, 5U, 16U, 17U, 300U}) {
+      typename TestFixture::Map map;
+      TestFixture::insert(map, TestFixture::upTo(count));
+      map.reserve(room);
+      ASSERT_THAT(TestFixture::keysOf(map),
+                  ElementsAreArray(TestFixture::inOrder(TestFixture::upTo(count))));
+      for (int n = count; n < 100; ++n) TestFixture::insert(map, {n});
+      ASSERT_THAT(TestFixture::keysOf(map),
+                  ElementsAreArray(TestFixture::inOrder(TestFixture::upTo(100))));
+      for (int n = 0; n < 100; ++n) ASSERT_TRUE(map.deleteMember(keyOf<K>(n)));
+      ASSERT_TRUE(map.empty());
+    }
+  }
+}
+
+TEST(HashMapBucketsTest, WithRoomThereAreAsManyBucketsAsTheMembersWillNeed) {
+  const Support::LiveObjects nothingIsLeft;
+  Map map;
+  map.reserve(1000);
+  EXPECT_EQ(map.buckets(), 2048U);
+  map.reserve(10);
+  EXPECT_EQ(map.buckets(), 2048U);
+  for (int n = 0; n < 1000; ++n) map.newMember(make<Item>(keyOf<Kiv::Name>(n)));
+  EXPECT_EQ(map.buckets(), 2048U);
+}
+
+TEST(HashMapBucketsTest, RoomThatNobodyTookIsLetGoWithTheCollection) {
+  const std::size_t before = Kiv::kivMemTaken();
+  for (int i = 0; i < 100'000; ++i) Map().reserve(12);
+  EXPECT_LE(Kiv::kivMemTaken(), before + (2U << 20));
+}
+
 // A collection that mirrors another one is filled in its order.
 TEST(HashMapBucketsTest, MembersThatComeInOrderAreFoundAndStandInIt) {
   const Support::LiveObjects nothingIsLeft;

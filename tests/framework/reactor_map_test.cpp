@@ -352,6 +352,7 @@ class CountingInput {
     return shelf_.pot().begin();
   }
   auto end() const { return shelf_.pot().end(); }
+  std::size_t size() const { return shelf_.pot().size(); }
   Kiv::U32 changes() const { return shelf_.pot().changes(); }
   mutable int looks = 0;
   mutable int walks = 0;
@@ -405,6 +406,18 @@ TEST_F(ResynchroniseTest, LooksAtAllWhenOutOfLine) {
   resynchronise(&input_, "b", before);
   EXPECT_EQ(input_.walks, 2);
   EXPECT_EQ(machine_->pot().size(), 3U);
+}
+
+TEST_F(ResynchroniseTest, AsManyAsBeforeMayBeOthers) {
+  shelf_->potIs("stays");
+  shelf_->potIs("goes");
+  machine_->pot().resynchronise(*machine_, input_);
+  shelf_->potDel("goes");
+  shelf_->potIs("comes");
+  machine_->pot().resynchronise(*machine_, input_);
+  EXPECT_EQ(machine_->pot().size(), 2U);
+  EXPECT_NE(machine_->pot()["stays"], nullptr);
+  EXPECT_NE(machine_->pot()["comes"], nullptr);
 }
 
 TEST_F(ResynchroniseTest, LooksAtAllWhenTheChangeIsThatOfAnotherCollection) {

@@ -61,6 +61,8 @@ class Objects {
     require(refused, "a member is refused");
   }
 
+  void makeRoomFor(std::size_t members) { map.reserve(members); }
+
   Kiv::HashMap<Item, K> map;
 };
 
@@ -85,6 +87,7 @@ class Values {
     return map[key] == expected && map.lookupNodeG(key).has_value() == (expected != 0);
   }
   void putAgain(const Value&) {}
+  void makeRoomFor(std::size_t) {}
 
   Kiv::HashMap2018<K, int> map;
 };
@@ -155,11 +158,16 @@ class Run {
       case kWalk:
         walk();
         break;
-      case kEmpty:
-        if (bytes_.next() % 8 != 0) break;  // rarely, to let it grow
+      case kEmpty: {
+        const uint8_t byte = bytes_.next();
+        if (byte % 8 != 0) {  // it is emptied rarely, to let it grow
+          subject_.makeRoomFor(byte);
+          break;
+        }
         subject_.map.emptyAllBuckets();
         reference_.clear();
         break;
+      }
     }
     require(subject_.map.size() == reference_.size(), "it knows its size");
     require(subject_.map.empty() == reference_.empty(), "it knows whether it is empty");
