@@ -50,7 +50,7 @@ class PortBindingSm final : public Kiv::Machine<PortBindingSm> {
 
   // Stands for one host binding; its removal runs the cleanup of the host's machine.
   class KivPortToHostBinding final
-      : public Kiv::Reactor<KivPortToHostBinding, PortBindingSm, PortToHostBinding> {
+      : public Kiv::StandIn<KivPortToHostBinding, PortBindingSm, PortToHostBinding> {
    public:
     static constexpr std::string_view kTypeName = "OpenStack::PortBindingSm::KivPortToHostBinding";
     using Reactor::Reactor;
@@ -65,7 +65,7 @@ class PortBindingSm final : public Kiv::Machine<PortBindingSm> {
 
   // Stands for one switch-interface binding; its removal runs the cleanup of its machine.
   class KivPortToSwitchInterfaceBinding final
-      : public Kiv::Reactor<KivPortToSwitchInterfaceBinding, PortBindingSm,
+      : public Kiv::StandIn<KivPortToSwitchInterfaceBinding, PortBindingSm,
                             PortToSwitchInterfaceBinding> {
    public:
     static constexpr std::string_view kTypeName =

@@ -76,7 +76,7 @@ class RegionConfigSm final : public Kiv::Machine<RegionConfigSm> {
   };
 
   // Stands for one segment; its removal returns the segment's VLAN to the pool.
-  class KivSegment final : public Kiv::Reactor<KivSegment, RegionConfigSm, Segment> {
+  class KivSegment final : public Kiv::StandIn<KivSegment, RegionConfigSm, Segment> {
    public:
     static constexpr std::string_view kTypeName = "OpenStack::RegionConfigSm::KivSegment";
     using Reactor::Reactor;
@@ -88,7 +88,7 @@ class RegionConfigSm final : public Kiv::Machine<RegionConfigSm> {
   };
 
   // Stands for one port binding; its removal withdraws what the binding published.
-  class KivPortBinding final : public Kiv::Reactor<KivPortBinding, RegionConfigSm, PortBinding> {
+  class KivPortBinding final : public Kiv::StandIn<KivPortBinding, RegionConfigSm, PortBinding> {
    public:
     static constexpr std::string_view kTypeName = "OpenStack::RegionConfigSm::KivPortBinding";
     using Reactor::Reactor;

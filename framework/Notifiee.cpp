@@ -23,11 +23,10 @@ void NotifieeBase::notifierIs(const Ptr<const PtrInterface>& entity) {
 
 void NotifieeBase::isRegisteredNotifieeIs(bool registered) {
   if (registered == this->registered() || !notifier_) return;
-  NotifieeList& list = *notifier_->notifieeList();
   if (registered) {
-    list.join(*this);
-  } else {
-    list.leave(*this);
+    notifier_->notifieeList()->join(*this);
+  } else if (next_ != nullptr) {
+    notifier_->notifieeList()->leave(*this);
   }
   registeredIs(registered);
 }

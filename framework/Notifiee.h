@@ -34,7 +34,7 @@ class NotifieeBase : public Member {
   // another type.
   virtual void notifierIs(const Ptr<const PtrInterface>& entity);
 
-  // Whether this notifiee stands in its entity's list. Without an entity it never does.
+  // Whether this notifiee is told what its entity notifies of. Without an entity it never is.
   void isRegisteredNotifieeIs(bool registered);
   bool isRegisteredNotifiee() const { return registered(); }
 
@@ -61,6 +61,9 @@ class NotifieeBase : public Member {
 
   // The observed entity, its class unknown; null when not connected.
   const EntityBase* notifierBase() const { return notifier_.get(); }
+  // Registers a notifiee that has left every handler empty: as nothing can be told to it, it stands
+  // in no list. Does nothing without an entity.
+  void registerSilently() { registeredIs(notifier_ != nullptr); }
 
  private:
   friend class NotifieeList;
@@ -72,7 +75,7 @@ class NotifieeBase : public Member {
 
   Ptr<const EntityBase> notifier_;
   NotifieeBase* previous_ = nullptr;  // in a ring with the other notifiees of the entity
-  NotifieeBase* next_ = nullptr;
+  NotifieeBase* next_ = nullptr;      // null where it stands in no list
 };
 
 // The notifiees of one entity. Tolerates, in the middle of a round, that a notifiee leaves (it is

@@ -19,7 +19,8 @@
 
 namespace [[gnu::visibility("default")]] Kiv {
 
-template <class Self, class M, class E>
+// Silent: of a class that leaves every handler empty; see StandIn.
+template <class Self, class M, class E, bool Silent = false>
 class Reactor : public E::NotifieeConst {
  public:
   using Machine = M;
@@ -30,7 +31,7 @@ class Reactor : public E::NotifieeConst {
   // clear itself with machineDel().
   Reactor(const Ptr<const E>& entity, M* machine) : machine_(machine) {
     Notifiee::notifierIs(entity);
-    this->isRegisteredNotifieeIs(true);
+    enlist();
   }
 
   const Type& fwkType() const final { return typeRecord<Self>; }
@@ -54,7 +55,7 @@ class Reactor : public E::NotifieeConst {
     if (static_cast<const PtrInterface*>(this->notifier()) == entity.get()) return;
     Notifiee::notifierIs(entity);
     resynchronise();
-    this->isRegisteredNotifieeIs(true);
+    enlist();
   }
 
   // Makes the reactor a zombie, or brings it back. On each change, first the notifications are
@@ -78,6 +79,13 @@ class Reactor : public E::NotifieeConst {
   Ptr<M> machine() const { return Ptr<M>(machine_); }
 
  private:
+  void enlist() {
+    if constexpr (Silent) {
+      this->registerSilently();
+    } else {
+      this->isRegisteredNotifieeIs(true);
+    }
+  }
   // Brings what the reactor mirrors in line with a new entity; a reactor that mirrors nothing
   // leaves it empty.
   virtual void resynchronise() {}
@@ -86,6 +94,13 @@ class Reactor : public E::NotifieeConst {
 
   M* machine_;
 };
+
+// A reactor that stands for a member of an input's collection, so that its coming and going can be
+// handled, and overrides no handler of the member's own. It keeps out of the member's list: a
+// change of the member passes it by, and it comes and goes without a look at those that stand
+// there.
+template <class Self, class M, class E>
+using StandIn = Reactor<Self, M, E, true>;
 
 // The reactor of a machine's single observed entity; null where there is no entity.
 template <class R>

@@ -55,7 +55,7 @@ class PublicationSm : public Kiv::Machine<M> {
   };
 
   // Stands for the segment at one level; its removal withdraws what the segment published.
-  class KivSegment final : public Kiv::Reactor<KivSegment, M, Segment> {
+  class KivSegment final : public Kiv::StandIn<KivSegment, M, Segment> {
    public:
     static constexpr std::string_view kTypeName = M::kSegmentReactorTypeName;
 

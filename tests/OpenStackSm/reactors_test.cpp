@@ -114,6 +114,51 @@ TEST_F(ReactorsTest, AConfigurationReactorThatIsDisconnectedHandlesNothing) {
   reactor->machineDel();
 }
 
+// One with a handler would never be called.
+TEST_F(ReactorsTest, ThoseThatStandInNoListHaveNoHandlers) {
+  world.start();
+  const auto sm = world.regionSm();
+  const auto leavesEmpty = [](const auto& reactor, auto... handlers) {
+    EXPECT_TRUE(reactor.isRegisteredNotifiee());
+    return (Kiv::NotifieeBase::ignores(reactor, handlers) && ...);
+  };
+  using OfSegment = OpenStack::Segment::NotifieeConst;
+  const auto noneOfSegment = [&](const OfSegment& reactor) {
+    return leavesEmpty(reactor, &OfSegment::onSegmentationType, &OfSegment::onSegmentationId);
+  };
+  using OfPort = OpenStack::PortBinding::NotifieeConst;
+  const auto noneOfPort = [&](const OfPort& reactor) {
+    using Interface = VirtualNetwork::SwitchInterface;
+    return leavesEmpty(
+        reactor, static_cast<void (OfPort::*)(const Kiv::Name&)>(&OfPort::onPortToHostBinding),
+        &OfPort::onPortToHostBindingkivImmediate,
+        static_cast<void (OfPort::*)()>(&OfPort::onPortToHostBinding),
+        static_cast<void (OfPort::*)(const Interface&)>(&OfPort::onPortToSwitchInterfaceBinding),
+        &OfPort::onPortToSwitchInterfaceBindingkivImmediate,
+        static_cast<void (OfPort::*)()>(&OfPort::onPortToSwitchInterfaceBinding), &OfPort::onPort);
+  };
+  const auto noneOfBinding = [&]<class N>(const N& reactor) {
+    return leavesEmpty(reactor, static_cast<void (N::*)(Kiv::U8)>(&N::onSegment),
+                       &N::onSegmentkivImmediate, static_cast<void (N::*)()>(&N::onSegment));
+  };
+  EXPECT_TRUE(noneOfSegment(*sm->segment()["vl"]));
+  EXPECT_TRUE(noneOfPort(*sm->portBinding()["p"]));
+  const auto& p = *sm->portBindingSm()["p"];
+  const OpenStack::PortToHostBinding::NotifieeConst& host = *p.portToHostBinding()["h1"];
+  EXPECT_TRUE(noneOfBinding(host));
+  EXPECT_TRUE(noneOfSegment(*p.portToHostBindingSm()["h1"]->segment()[0]));
+  const auto& q = *sm->portBindingSm()["q"];
+  using OfInterface = OpenStack::PortToSwitchInterfaceBinding::NotifieeConst;
+  const OfInterface& interface = **q.portToSwitchInterfaceBinding().begin();
+  EXPECT_TRUE(noneOfBinding(interface));
+  EXPECT_TRUE(leavesEmpty(interface, &OfInterface::onHost));
+
+  // So that it is known that one with handlers is told from these.
+  const auto listening = Kiv::make<OpenStack::PortBindingSm::KivPortBinding>(
+      Kiv::Ptr<const OpenStack::PortBinding>(world.binding("p")), nullptr);
+  EXPECT_FALSE(noneOfPort(*listening));
+}
+
 TEST_F(ReactorsTest, AReactorThatIsDeletedByHandIsMadeAgainWithTheNextChange) {
   world.start();
   world.apply("segment vm vlan 20; bind s");

@@ -44,6 +44,31 @@ TEST_F(ReactorMapTest, ANewMemberGetsAnActiveReactorAndThenTheHookRuns) {
   EXPECT_THAT(delivered(), ElementsAre("handleColour a"));
 }
 
+TEST_F(ReactorMapTest, AStandInIsRegisteredAndKeepsOutOfTheListOfItsEntity) {
+  const auto jar = make<Marble>("a");
+  const auto reactor = make<ShelfSm::KivJar>(Ptr<const Marble>(jar), nullptr);
+  EXPECT_EQ(reactor->entity(), jar);
+  EXPECT_TRUE(reactor->isRegisteredNotifiee());
+  EXPECT_TRUE(jar->notifieeList()->empty());
+
+  const auto other = make<Marble>("b");
+  reactor->notifierIs(other);
+  EXPECT_EQ(reactor->entity(), other);
+  EXPECT_TRUE(reactor->isRegisteredNotifiee());
+  EXPECT_TRUE(other->notifieeList()->empty());
+  reactor->notifierIs(nullptr);
+  EXPECT_FALSE(reactor->isRegisteredNotifiee());
+
+  // By hand it may stand in the list, as any notifiee, and leaves it again.
+  reactor->notifierIs(jar);
+  reactor->isRegisteredNotifieeIs(false);
+  EXPECT_FALSE(reactor->isRegisteredNotifiee());
+  reactor->isRegisteredNotifieeIs(true);
+  EXPECT_FALSE(jar->notifieeList()->empty());
+  reactor->isRegisteredNotifieeIs(false);
+  EXPECT_TRUE(jar->notifieeList()->empty());
+}
+
 TEST_F(ReactorMapTest, TheSameEntityAgainReturnsTheReactorAndRunsNoHook) {
   const auto pot = make<Marble>("a");
   const auto reactor = machine_->potIs(pot);

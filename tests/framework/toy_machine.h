@@ -188,8 +188,8 @@ class ShelfSm final : public Kiv::Machine<ShelfSm> {
     void resynchronise() override { onColour(); }
   };
 
-  // With a cleanup.
-  class KivJar final : public Kiv::Reactor<KivJar, ShelfSm, Marble> {
+  // With a cleanup, and without a handler.
+  class KivJar final : public Kiv::StandIn<KivJar, ShelfSm, Marble> {
    public:
     static constexpr std::string_view kTypeName = "Toys::ShelfSm::KivJar";
     using Reactor::Reactor;
