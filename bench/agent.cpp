@@ -135,7 +135,7 @@ void addAgent(Suite& suite) {
   runPatches.insert(runPatches.end(), {"--events", files.events()});
   addProcess(suite, "agent/run", 10, runCloud);
   addProcess(suite, "agent/parse", 10, {"/proc/self/exe", "--parse=" + files.cloud()});
-  addProcess(suite, "agent/patches", 3, runPatches);
+  addProcess(suite, "agent/patches", suite.quick() ? 3 : 10, runPatches);
 }
 
 }  // namespace bench
