@@ -43,6 +43,7 @@ RegionConfigSm::RegionConfigSm(
       networkElementCollection_(networkElementCollection) {
   if (regionConfig) {
     mirrorSegments(*regionConfig);
+    portBindingSm_.reserve(regionConfig->portBinding().size());
     mirrorPortBindings(*regionConfig);
   }
   handleInitialized();

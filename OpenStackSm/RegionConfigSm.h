@@ -231,7 +231,6 @@ class RegionConfigSm final : public Kiv::Machine<RegionConfigSm> {
     portBinding_.resynchroniseOne(*this, region.portBinding(), portId);
   }
   void mirrorPortBindings(const Region& region) {
-    portBindingSm_.reserve(region.portBinding().size());
     portBinding_.resynchronise(*this, region.portBinding());
   }
 

@@ -1,9 +1,8 @@
 // Memory of the framework's objects, and the tracker that says what is alive.
 //
-// kivMemAlloc() serves small sizes from free lists, one for each size class, that are fed by
-// blocks, which are huge pages once there are many; other sizes go to the system. In a sanitizer
-// build everything goes to the system, so that misuse is seen. Blocks are kept for the life of the
-// process.
+// kivMemAlloc() serves small sizes from a pool, which takes regions of the system that are huge
+// pages once there are many; other sizes go to the system. In a sanitizer build everything goes to
+// the system, so that misuse is seen. Regions are kept for the life of the process.
 //
 // Threads: any, once enableThreadSafePointers is set; else the activity thread only. The counters
 // of the tracker may be read on any thread at any time.

@@ -6,8 +6,9 @@
 //
 //   for (const auto& region : config->region()) { ... }   // region: Ptr<Region const> const&
 //
-// The loop body may delete any member, the current one too, and may insert: each member that stays
-// is met once, one that has gone is not met again. It may not end the life of the collection.
+// The loop body may delete any member, the current one too, and may insert, less than 2^24 times in
+// one turn: each member that stays is met once, one that has gone is not met again. It may not end
+// the life of the collection.
 //
 // Threads: the activity thread only.
 #pragma once
@@ -53,8 +54,8 @@ class HashMap {
   bool empty() const { return table_.size() == 0; }
   // How many buckets the members stand in; 0 while they are few.
   std::size_t buckets() const { return table_.buckets(); }
-  // Rises by one with each member that comes and each that goes, and when room is made; wraps
-  // around.
+  // Rises with each member that comes and each that goes, by one, and when room is made; wraps
+  // around at 2^24.
   U32 changes() const { return table_.changes(); }
 
   // Change
@@ -97,7 +98,7 @@ class HashMap {
   const_iterator begin() const { return const_iterator(*this, 0); }
   std::default_sentinel_t end() const { return {}; }
   // Calls each(member) for every member, in order. REQUIRES: it leaves the collection as it is.
-  // Costs less than a loop, which holds its member.
+  // Costs less than a loop, which takes note of its member.
   template <class Each>
   void forEachAtRest(Each each) const {
     Table::Walk walk = table_.walkFrom(0);

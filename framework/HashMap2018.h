@@ -81,7 +81,7 @@ class HashMap2018 {
       const unsigned at = indexInside(key);
       if (at < inside_) return assign(values()[at], value);
       if (inside_ < kInside) {
-        insertInside(placeInside(kivOrder(key), key), K(key), V(value));
+        insertInside(placeInside(Table::orderOf(key), key), K(key), V(value));
         return true;
       }
       hangAll();
@@ -172,7 +172,7 @@ class HashMap2018 {
   // The index of the first entry that does not stand before the given order and key.
   unsigned placeInside(U32 order, const K& key) const {
     unsigned at = 0;
-    while (at < inside_ && isBefore(kivOrder(keys()[at]), keys()[at], order, key)) ++at;
+    while (at < inside_ && isBefore(Table::orderOf(keys()[at]), keys()[at], order, key)) ++at;
     return at;
   }
   void insertInside(unsigned at, K&& key, V&& value) noexcept {
@@ -248,7 +248,7 @@ class HashMap2018<K, V>::Iterator {
     }
     // The entry that follows the current one, which may have gone.
     const unsigned at = set.indexInside(current_.key);
-    stand(at < set.inside_ ? at + 1 : set.placeInside(kivOrder(current_.key), current_.key));
+    stand(at < set.inside_ ? at + 1 : set.placeInside(Table::orderOf(current_.key), current_.key));
     return *this;
   }
   void operator++(int) { ++*this; }

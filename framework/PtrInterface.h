@@ -66,7 +66,7 @@ class PtrInterface {
   PtrInterface() = default;
   virtual ~PtrInterface() = default;
 
-  // Whether the object stands in its notifier's list; kept here because the word has room.
+  // Whether the object is a notifiee that is registered; kept here because the word has room.
   bool registered() const { return flag(kRegistered); }
   void registeredIs(bool registered) { flagIs(kRegistered, registered); }
 

@@ -105,12 +105,12 @@ class ReactorMap : public HashMap<R, K, typename R::Entity> {
     const ChangeUnderWay* change = ChangeUnderWay::innermost();
     if (change != nullptr && change->collection == &input && inLineAt_ == change->before) {
       resynchroniseOne(machine, input, *static_cast<const K*>(change->key), hook);
+      inLineAt_ = input.changes();
     } else {
-      Map::reserve(input.size());
-      for (const auto& member : input) is(machine, member, hook);
-      if (Map::size() > input.size()) delOthers(input, hook);
+      const U32 before = input.changes();
+      resynchroniseAll(machine, input, hook);
+      inLineAt_ = input.changes() == before ? before : kOutOfLine;
     }
-    inLineAt_ = input.changes();
   }
   // The same for one member.
   template <class Input, class Hook = NoHook>
@@ -146,7 +146,17 @@ class ReactorMap : public HashMap<R, K, typename R::Entity> {
   using Map::reserve;
 
   template <class Input, class Hook>
-  void delOthers(const Input& input, Hook hook) {
+  void resynchroniseAll(Machine& machine, const Input& input, Hook hook) {
+    Map::reserve(input.size());
+    const U32 inputBefore = input.changes();
+    const U32 before = Map::changes();
+    const std::size_t size = Map::size();
+    for (const auto& member : input) is(machine, member, hook);
+    // Where nothing has gone meanwhile and the input is what it was, all of it is here, and others
+    // show in the number. A hook may change either.
+    const bool told =
+        input.changes() == inputBefore && Map::changes() - before == Map::size() - size;
+    if (told && Map::size() == input.size()) return;
     for (const auto& reactor : std::as_const(*this)) {
       const K key = reactor->fwkKey();
       if (!input.contains(key)) del(key, hook);

@@ -56,6 +56,9 @@ class EntryTable : public OrderedArrays<Room<sizeof(K), alignof(K)>, Room<sizeof
     return *std::launder(reinterpret_cast<V*>(&Arrays::template other<0>(at)));
   }
 
+  // The order that a key has in the table.
+  static U32 orderOf(const K& key) { return Arrays::usable(kivOrder(key)); }
+
   // The place of the entry with this key; kNowhere when absent.
   U32 find(const K& key) const {
     const U32 order = orderOf(key);
@@ -106,8 +109,6 @@ class EntryTable : public OrderedArrays<Room<sizeof(K), alignof(K)>, Room<sizeof
   }
 
  private:
-  static U32 orderOf(const K& key) { return Arrays::usable(kivOrder(key)); }
-
   [[gnu::always_inline]] V& put(U32 at, U32 passed, U32 order, K&& key, V&& value) {
     at = Arrays::open(at, passed, order);
     std::construct_at(reinterpret_cast<K*>(&Arrays::primary(at)), std::move(key));

@@ -48,14 +48,16 @@ class MemberTable : private OrderedArrays<Member*> {
   MemberTable() { form_ = kOne; }
   // REQUIRES: it is empty.
   ~MemberTable() {
+    // Arrays are left only where room was made and nobody came. They have no places behind the last
+    // bucket, and so a form below the others'.
     if (form_ < kOne) [[unlikely]]
-      freeBlock();  // it never came to what was reserved
+      freeBlock();
   }
 
   // How many buckets there are; 0 while the members are few.
   U32 buckets() const { return few() ? 0 : OrderedArrays::buckets(); }
-  // Rises by one with each member that comes and each that goes, and when room is made; wraps
-  // around.
+  // Rises with each member that comes and each that goes, by one, and when room is made; wraps
+  // around at 2^24.
   U32 changes() const { return note_; }
 
   // The first member of this order, and its place; null when there is none.
@@ -77,8 +79,9 @@ class MemberTable : private OrderedArrays<Member*> {
   }
 
   // Puts a member before what stands at this place, which is where one of its order belongs behind
-  // `passed` others of the same order. Throws std::bad_alloc; nothing has changed then.
+  // `passed` others of the same order. Throws std::bad_alloc; nothing but places has changed then.
   void insert(U32 at, U32 passed, Member* member, U32 order) {
+    countChanges(1);  // also where it throws, as the others may stand elsewhere then
     if (count_ == 0 && one()) {
       block_ = member;
       count_ = 1;
@@ -86,7 +89,6 @@ class MemberTable : private OrderedArrays<Member*> {
       insertAmong(at, passed, member, order);
     }
     member->kivOrder = order;
-    countChanges(1);
   }
   // Makes room for so many members, where there is memory: they come faster then.
   void reserve(U32 count) noexcept;

@@ -17,7 +17,7 @@ constexpr std::size_t kBlocks = kPoolRegion / kBlockSize;
 constexpr std::size_t kLine = 64;  // of a cache
 // At hand is one of so many parts of all pieces of a size, at most.
 constexpr U32 kMany = 16;
-// So many blocks are searched for a size before new memory is cut.
+// So many blocks are searched for one that is to be cut anew.
 constexpr int kSearched = 8;
 
 }  // namespace
@@ -61,7 +61,8 @@ void Pool::giveBack(void* memory, std::size_t size) noexcept {
 
 void Pool::bring(std::size_t sizeClass) noexcept {
   const Chain& chain = atHand_[sizeClass];
-  for (int i = 0; i < kSearched && withPieces_ != nullptr && chain.first == nullptr; ++i) {
+  for (int searched = 0; chain.first == nullptr && withPieces_ != nullptr; ++searched) {
+    if (away_[sizeClass] == 0 && searched >= kSearched) break;
     Block& block = *withPieces_;
     withPieces_ = block.next;
     if (block.bytes + block.rest < kBlockSize) {
@@ -70,6 +71,7 @@ void Pool::bring(std::size_t sizeClass) noexcept {
     }
     for (const Piece* piece = block.returned; piece != nullptr; piece = piece->next) {
       --pieces_[piece->sizeClass];
+      --away_[piece->sizeClass];
     }
     block = {.next = std::exchange(unused_, &block)};
   }
@@ -93,6 +95,7 @@ void Pool::bringFrom(Block& block) noexcept {
       const auto bit = static_cast<std::size_t>(std::bit_width(bits)) - 1;
       bits ^= U64{1} << bit;
       auto* piece = reinterpret_cast<Piece*>(begin + (word * 64 + bit) * kMemAlignment);
+      --away_[piece->sizeClass];
       push(atHand_[piece->sizeClass], piece);
     }
   }
@@ -101,6 +104,7 @@ void Pool::bringFrom(Block& block) noexcept {
 void Pool::putAway(Piece* piece, std::size_t sizeClass) noexcept {
   Block& block = Block::of(piece);
   if (block.returned == nullptr) block.next = std::exchange(withPieces_, &block);
+  ++away_[sizeClass];
   piece->sizeClass = static_cast<U32>(sizeClass);
   piece->next = std::exchange(block.returned, piece);
   block.bytes += static_cast<U32>(bytesOf(sizeClass));

@@ -94,7 +94,8 @@ class Pool {
 
   // Memory that has been given back, or else of another block.
   void* takeElsewhere(std::size_t sizeClass) noexcept;
-  // Brings memory of this class to hand, where none is, if it has returned to a block.
+  // Brings memory of this class to hand, where none is, if any has returned to a block; all that it
+  // passes is brought along, so that it passes no piece twice.
   void bring(std::size_t sizeClass) noexcept;
   void bringFrom(Block& block) noexcept;
   // Returns a piece to its block.
@@ -111,6 +112,7 @@ class Pool {
 
   std::array<Chain, kClasses> atHand_{};
   std::array<U32, kClasses> pieces_{};  // how many there are, in use or not
+  std::array<U32, kClasses> away_{};    // how many of them have returned to their blocks
   Block* withPieces_ = nullptr;         // the blocks to which pieces have returned, in a list
   Block* unused_ = nullptr;             // those to which all have
   // What is left of the block that is being cut, and of the region: how many blocks, from where on.

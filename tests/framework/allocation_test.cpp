@@ -167,6 +167,25 @@ TEST(PoolTest, WhatOneSizeHasGivenBackServesAnother) {
   EXPECT_LE(Kiv::kivMemTaken() - before, kMuch / 8);
 }
 
+TEST(PoolTest, SizesThatTakeTurnsNeedNoMoreThanAllOfThemAtOnce) {
+  if (kSanitized) GTEST_SKIP() << "everything is the system's in a sanitizer build";
+  std::mt19937 random(1);
+  constexpr std::size_t kMuch = 4 << 20;
+  const auto takeAndFree = [&](std::size_t size) {
+    std::vector<void*> all(kMuch / size);
+    for (void*& memory : all) memory = std::memset(Kiv::kivMemAlloc(size), 0x5a, size);
+    std::shuffle(all.begin(), all.end(), random);
+    for (void* memory : all) Kiv::kivMemFree(memory, size);
+  };
+  const auto turn = [&] {
+    for (const std::size_t size : {24U, 40U, 64U, 120U}) takeAndFree(size);
+  };
+  turn();
+  const std::size_t before = Kiv::kivMemTaken();
+  for (int i = 0; i < 40; ++i) turn();
+  EXPECT_LE(Kiv::kivMemTaken() - before, kMuch / 4);
+}
+
 TEST(AllocationTest, LargeMemoryIsWritableFromEndToEnd) {
   for (const std::size_t size : {std::size_t{4} << 20, (std::size_t{9} << 20) + 1}) {
     auto* memory = static_cast<unsigned char*>(Kiv::kivMemAlloc(size));

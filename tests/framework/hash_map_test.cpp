@@ -313,6 +313,28 @@ TYPED_TEST(HashMapTest, RoomThatIsMadeAtAnySizeServesThoseWhoComeAndChangesNoOth
   }
 }
 
+// A key that says where it stands.
+struct Placed {
+  Kiv::U32 place = 0;
+  int number = 0;
+  Kiv::U32 order() const { return place; }
+  friend bool operator==(const Placed&, const Placed&) = default;
+  friend bool operator<(const Placed& a, const Placed& b) { return a.number < b.number; }
+};
+
+// The two highest orders are one, as the highest marks gaps.
+TEST(HashMapBucketsTest, TheHighestOrdersAreOneWhereverTheyStand) {
+  Kiv::HashMap2018<Placed> set;
+  set.newMember({~0U - 1, 9}, true);
+  set.newMember({~0U, 5}, true);
+  for (int n = 0; n < 40; ++n) {
+    EXPECT_TRUE(set.newMember({static_cast<Kiv::U32>(n), n}, true));
+    EXPECT_FALSE(set.newMember({~0U, 5}, true));
+    EXPECT_FALSE(set.newMember({~0U - 1, 9}, true));
+  }
+  EXPECT_EQ(set.size(), 42U);
+}
+
 TEST(HashMapBucketsTest, WithRoomThereAreAsManyBucketsAsTheMembersWillNeed) {
   const Support::LiveObjects nothingIsLeft;
   Map map;

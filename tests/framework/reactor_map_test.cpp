@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/framework/keys.h"
 #include "tests/framework/toy_machine.h"
 
 namespace {
@@ -443,6 +444,33 @@ TEST_F(ResynchroniseTest, AsManyAsBeforeMayBeOthers) {
   EXPECT_EQ(machine_->pot().size(), 2U);
   EXPECT_NE(machine_->pot()["stays"], nullptr);
   EXPECT_NE(machine_->pot()["comes"], nullptr);
+}
+
+TEST_F(ResynchroniseTest, WhatAHookTakesOutDoesNotHideWhatIsLeftOver) {
+  machine_->potIs(make<Marble>("left over"));
+  for (const char* id : {"a", "b"}) shelf_->potIs(id);
+  machine_->onHandlePot = [&](const Kiv::String& id) {
+    const Kiv::String other = id == "a" ? "b" : "a";
+    if (machine_->pot().contains(other)) machine_->potDel(other);
+  };
+  machine_->pot().resynchronise(*machine_, input_, ShelfSm::PotHook{*machine_});
+  EXPECT_EQ(machine_->pot()["left over"], nullptr);
+}
+
+TEST_F(ResynchroniseTest, WhatAHookPutsIntoTheInputIsMirroredAtTheNextChange) {
+  machine_->potIs(make<Marble>("left over"));
+  shelf_->potIs("a");
+  machine_->onHandlePot = [&](const Kiv::String& id) {
+    if (id != "a") return;
+    for (int i = 0; i < 20; ++i) shelf_->potIs(Keys::keyOf<Kiv::String>(i));
+  };
+  machine_->pot().resynchronise(*machine_, input_, ShelfSm::PotHook{*machine_});
+  EXPECT_EQ(machine_->pot()["left over"], nullptr);
+
+  const Kiv::U32 before = input_.changes();
+  shelf_->potIs("b");
+  resynchronise(&input_, "b", before);
+  EXPECT_EQ(machine_->pot().size(), 22U);
 }
 
 TEST_F(ResynchroniseTest, LooksAtAllWhenTheChangeIsThatOfAnotherCollection) {
