@@ -4,8 +4,8 @@
 
 #include "agent/cli/commands.h"
 #include "agent/cli/input_file.h"
-#include "agent/document/json_tree.h"
 #include "agent/import/neutron.h"
+#include "agent/json/json_tree.h"
 
 namespace vnagent {
 namespace {

@@ -14,9 +14,9 @@
 #include "agent/document/change.h"
 #include "agent/document/cloud_state.h"
 #include "agent/document/fault.h"
-#include "agent/document/json_tree.h"
 #include "agent/document/operations.h"
 #include "agent/document/plan.h"
+#include "agent/json/json_tree.h"
 
 namespace vnagent {
 

@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-#include "agent/document/json_tree.h"
+#include "agent/json/json_tree.h"
 
 namespace vnagent {
 

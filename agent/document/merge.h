@@ -10,7 +10,7 @@
 #include "agent/document/change.h"
 #include "agent/document/cloud_state.h"
 #include "agent/document/fault.h"
-#include "agent/document/json_tree.h"
+#include "agent/json/json_tree.h"
 
 namespace vnagent {
 

@@ -11,7 +11,7 @@
 #include <variant>
 
 #include "agent/document/fault.h"
-#include "agent/document/json_tree.h"
+#include "agent/json/json_tree.h"
 
 namespace vnagent {
 

@@ -23,7 +23,7 @@
 #include <utility>
 #include <vector>
 
-#include "agent/output/json_writer.h"
+#include "agent/json/json_writer.h"
 
 namespace vnagent {
 

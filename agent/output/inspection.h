@@ -10,7 +10,7 @@
 #include <string>
 #include <string_view>
 
-#include "agent/output/json_writer.h"
+#include "agent/json/json_writer.h"
 #include "framework/PtrInterface.h"
 
 namespace vnagent {

@@ -1,7 +1,7 @@
 // The output document as JSON.
 #pragma once
 
-#include "agent/output/json_writer.h"
+#include "agent/json/json_writer.h"
 #include "agent/output/output_document.h"
 
 namespace vnagent {

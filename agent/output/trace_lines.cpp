@@ -5,7 +5,7 @@
 
 #include <fmt/format.h>
 
-#include "agent/output/json_writer.h"
+#include "agent/json/json_writer.h"
 
 namespace vnagent {
 namespace {

@@ -1,5 +1,5 @@
 // Reading JSON text in place.
-#include "agent/document/json_tree.h"
+#include "agent/json/json_tree.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

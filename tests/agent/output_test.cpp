@@ -2,7 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "agent/output/json_writer.h"
+#include "agent/json/json_writer.h"
 #include "agent/output/output_json.h"
 #include "agent/output/trace_lines.h"
 #include "agent/output/tree.h"

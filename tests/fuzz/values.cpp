@@ -12,8 +12,8 @@
 
 #include "agent/cloud/cloud.h"
 #include "agent/document/cloud_document.h"
+#include "agent/json/json_writer.h"
 #include "agent/output/inspection.h"
-#include "agent/output/json_writer.h"
 #include "framework/Exceptions.h"
 #include "framework/GenericIf.h"
 #include "model/OpenStack/Values.h"

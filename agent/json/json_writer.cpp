@@ -1,4 +1,4 @@
-#include "agent/output/json_writer.h"
+#include "agent/json/json_writer.h"
 
 #include <algorithm>
 #include <cmath>

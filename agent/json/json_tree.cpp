@@ -1,4 +1,4 @@
-#include "agent/document/json_tree.h"
+#include "agent/json/json_tree.h"
 
 #include <algorithm>
 #include <cstring>
