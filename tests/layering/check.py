@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
-"""Holds the tree to its architecture: who may include whom, and what no file may contain.
+"""Checks the architecture of the tree: who may include whom, and what no file may contain.
 
-A file includes only from its own floor or a lower one, and never in a circle; what is private to a
-floor (its detail/ folder) is included from there alone. Each fault is printed as one line: the place,
-the rule, the remedy. The last line counts; the exit status is 1 when there is a fault.
+A file includes only from its own layer or a lower one, and never in a cycle. Headers in a layer's
+detail/ folder are private: only that layer includes them. Each fault is printed as one line: the
+place, the rule, the remedy. The last line is the number of faults; with any, the exit status is 1.
 """
 
 import argparse
@@ -15,7 +15,7 @@ from pathlib import Path
 FRAMEWORK = ["framework"]
 MODEL = FRAMEWORK + ["model/VirtualNetwork"]
 LIBRARY = MODEL + ["model/OpenStack", "OpenStackSm"]
-FLOORS = {
+LAYERS = {
     "framework": [],
     "model/VirtualNetwork": FRAMEWORK,
     "model/OpenStack": MODEL,
@@ -35,50 +35,50 @@ LEFTOVER = re.compile(r"\b(TODO|FIXME|XXX|HACK)\b")
 LONGEST_LINE = 100
 
 
-def floor_of(path: str) -> str | None:
-    """The floor that a path lies on: the longest folder of FLOORS that holds it."""
-    folders = [f for f in FLOORS if path.startswith(f + "/")]
+def layer_of(path: str) -> str | None:
+    """The layer of a path: the longest folder of LAYERS that contains it."""
+    folders = [f for f in LAYERS if path.startswith(f + "/")]
     return max(folders, key=len, default=None)
 
 
 def private_to(path: str) -> str | None:
-    """The floor that a header is private to; None for a public one."""
-    return floor_of(path) if "/detail/" in path else None
+    """The layer that a header is private to; None for a public header."""
+    return layer_of(path) if "/detail/" in path else None
 
 
 def include_faults(path: str, text: str) -> list[str]:
-    """Includes that go up, sideways, or into another floor's private part."""
-    floor = floor_of(path)
-    if floor is None:
+    """Includes of a higher layer, of a layer beside it, or of another layer's private headers."""
+    layer = layer_of(path)
+    if layer is None:
         return []
     faults = []
     for included in INCLUDE.findall(text):
-        target = floor_of(included)
+        target = layer_of(included)
         if target is None:
-            faults.append(f"{path}: includes \"{included}\", which is in no floor; "
+            faults.append(f"{path}: includes \"{included}\", which is in no layer; "
                           "name the header from the project's root")
-        elif target != floor and target not in FLOORS[floor]:
-            faults.append(f"{path}: {floor} may not include from {target} (\"{included}\"); "
-                          "move what is shared to a lower floor")
-        elif private_to(included) not in (None, floor):
+        elif target != layer and target not in LAYERS[layer]:
+            faults.append(f"{path}: {layer} may not include from {target} (\"{included}\"); "
+                          "move what is shared to a lower layer")
+        elif private_to(included) not in (None, layer):
             faults.append(f"{path}: \"{included}\" is private to {target}; "
-                          "use a public header of that floor")
+                          "use a public header of that layer")
     return faults
 
 
-def circle_faults(includes: dict[str, list[str]]) -> list[str]:
-    """Headers that include each other in a circle."""
+def cycle_faults(includes: dict[str, list[str]]) -> list[str]:
+    """Headers that include each other in a cycle."""
     faults: list[str] = []
     state: dict[str, int] = {}
 
-    def visit(path: str, way: list[str]) -> None:
+    def visit(path: str, chain: list[str]) -> None:
         state[path] = 1
         for target in includes.get(path, []):
             if state.get(target) == 1:
-                circle = " -> ".join(way[way.index(target):] + [target])
-                faults.append(f"{path}: includes in a circle: {circle}; break it")
+                cycle = " -> ".join(chain[chain.index(target):] + [target])
+                faults.append(f"{path}: includes in a cycle: {cycle}; break it")
             elif target in includes and target not in state:
-                visit(target, way + [target])
+                visit(target, chain + [target])
         state[path] = 2
 
     for path in sorted(includes):
@@ -88,7 +88,7 @@ def circle_faults(includes: dict[str, list[str]]) -> list[str]:
 
 
 def text_faults(path: str, text: str) -> list[str]:
-    """Leftover marks, overlong lines, headers without a guard or an opening comment."""
+    """Leftover marks, long lines, headers without a guard or an opening comment."""
     faults = []
     for number, line in enumerate(text.splitlines(), 1):
         if LEFTOVER.search(line):
@@ -99,7 +99,7 @@ def text_faults(path: str, text: str) -> list[str]:
         if "#pragma once" not in text:
             faults.append(f"{path}: no #pragma once; add it")
         if not text.startswith("//"):
-            faults.append(f"{path}: opens without saying what it is for; begin with a comment")
+            faults.append(f"{path}: has no opening comment; say what it is for")
     return faults
 
 
@@ -121,7 +121,7 @@ def check(root: Path) -> list[str]:
                 text = file.read_text(encoding="utf-8")
                 includes[path] = INCLUDE.findall(text)
                 faults += include_faults(path, text) + text_faults(path, text)
-    return faults + circle_faults(includes) + dead_faults(includes)
+    return faults + cycle_faults(includes) + dead_faults(includes)
 
 
 def main() -> int:
@@ -130,7 +130,7 @@ def main() -> int:
     parser.add_argument("root", type=Path, help="the project's root folder")
     faults = check(parser.parse_args().root)
     print(*faults, sep="\n", end="\n" if faults else "")
-    print("the tree keeps its architecture" if not faults else f"{len(faults)} faults")
+    print("the tree follows its architecture" if not faults else f"{len(faults)} faults")
     return 1 if faults else 0
 
 
