@@ -1,7 +1,8 @@
 # The two commands of the README are `make run` and `make test`; `make` alone builds the release.
 # Each does everything on a fresh Debian 12: installs what is missing, configures, builds, runs.
 
-.PHONY: all build configure dependencies run test sim fuzz bench bench-quick coverage mutation docs clean
+.PHONY: all build configure dependencies run test sim fuzz bench bench-quick coverage mutation docs \
+  packages clean
 
 all: build
 
@@ -20,7 +21,7 @@ run: build
 
 test: configure
 	cmake --build --preset release
-	ctest --preset release
+	tests/run.py --preset release
 
 # The simulation of the library, for as many events as wanted, from a seed, with the feature toggle
 # on, off or both.
@@ -79,6 +80,13 @@ docs:
 	docs/draw
 	mkdir -p build/docs
 	doxygen docs/doxygen/Doxyfile
+
+# The Debian packages, in build/package/packages.
+packages:
+	packaging/install-build-dependencies dpkg-dev file
+	cmake --preset package
+	cmake --build --preset package
+	cpack --preset package
 
 clean:
 	rm -rf build

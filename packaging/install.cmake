@@ -3,7 +3,7 @@
 #   include/OpenStackSm/    the headers, below the paths that #include names; nothing else of ours
 #                           lies on an embedder's include path
 #   lib/                    libOpenStackSm.so, its CMake package and its pkg-config file
-#   share/doc/OpenStackSm/  the pages for embedders, and the example host agent
+#   share/doc/OpenStackSm/  the licence, the pages for embedders, the example host agent
 #   bin/vnagent             with its man page and the completions of three shells
 #
 # Components: `library` is what a program needs at run time, `development` what building one needs,
@@ -70,6 +70,10 @@ install(FILES ${PROJECT_SOURCE_DIR}/docs/embedding.md ${PROJECT_SOURCE_DIR}/docs
               ${PROJECT_SOURCE_DIR}/docs/framework.md ${PROJECT_SOURCE_DIR}/docs/output-model.md
               ${PROJECT_SOURCE_DIR}/docs/sync-protocol.md ${PROJECT_SOURCE_DIR}/CHANGELOG.md
   DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development)
+if(NOT OPENSTACKSM_PACKAGES)  # they have a copyright file each
+  install(FILES ${PROJECT_SOURCE_DIR}/LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR}
+    COMPONENT development)
+endif()
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs/examples ${PROJECT_SOURCE_DIR}/docs/sync
                   ${PROJECT_SOURCE_DIR}/docs/output
   DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development)

@@ -1,5 +1,8 @@
-# The Debian packages that `cpack --preset package` builds, one for each component of install.cmake.
-# The preset configures for the prefix /usr, without tests.
+# The Debian packages that `make packages` builds, one for each component of install.cmake. Included
+# where OPENSTACKSM_PACKAGES is set, as in the preset `package`: it configures for the prefix /usr,
+# without tests.
+include(${CMAKE_CURRENT_LIST_DIR}/package_tools.cmake)
+
 set(library_package libopenstacksm${soversion})
 set(same_version "${library_package} (= ${PROJECT_VERSION})")
 
@@ -14,7 +17,8 @@ set(CPACK_OUTPUT_FILE_PREFIX packages)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
   OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
-set(CPACK_PRE_BUILD_SCRIPTS ${CMAKE_CURRENT_LIST_DIR}/compress_manual.cmake)
+set(CPACK_PRE_BUILD_SCRIPTS ${CMAKE_CURRENT_LIST_DIR}/package_tools.cmake
+                            ${CMAKE_CURRENT_LIST_DIR}/compress_manual.cmake)
 set(CPACK_COMPONENTS_ALL library development agent)
 set(CPACK_COMPONENTS_GROUPING IGNORE)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
@@ -50,5 +54,12 @@ vnagent mirrors a document of an OpenStack cloud into live entities, plays
 changes on it, and prints which VLANs and VNIs each host and switch
 interface needs, who needs them, and how the synchronisation of each region
 stands.")
+
+# Debian policy: each package brings its copyright file.
+foreach(component library development agent)
+  string(TOUPPER ${component} upper)
+  install(FILES ${CMAKE_CURRENT_LIST_DIR}/copyright COMPONENT ${component}
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${CPACK_DEBIAN_${upper}_PACKAGE_NAME})
+endforeach()
 
 include(CPack)

@@ -27,6 +27,15 @@ for file in "${files[@]}"; do
   ! dpkg-query -W "$name" >/dev/null 2>&1 || fail "$name is installed already; purge it first"
 done
 
+echo "-- metadata"
+for file in "${files[@]}"; do
+  name=$(dpkg-deb --field "$file" Package)
+  dpkg-deb --fsys-tarfile "$file" | tar --to-stdout -x "./usr/share/doc/$name/copyright" |
+    grep -q '^License: Apache-2.0$' || fail "$name has no copyright file with the licence"
+  [ "$name" = libopenstacksm-dev ] || dpkg-deb --field "$file" Depends | grep -q 'libstdc++6 (>=' ||
+    fail "$name does not depend on the libraries that it needs"
+done
+
 echo "-- install"
 apt update
 before=$(mktemp)
