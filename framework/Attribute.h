@@ -9,7 +9,8 @@
 // The entity's class declares one as a private member and forwards to it by name; the mutators take
 // the entity and the notifications to raise:
 //
-//   Kiv::Ptr<Segment> segmentIs(const Kiv::String& id) { return segment_.is(*this, kOnSegment, id);
+//   Kiv::Ptr<Segment> segmentIs(const Kiv::String& id) {
+//     return segment_.is(*this, kOnSegment, id);
 //   }
 //
 // A change of a collection calls on...kivImmediate() at once, after the change, and queues the

@@ -23,10 +23,10 @@
 namespace [[gnu::visibility("default")]] Kiv {
 
 // What the generic value must know of type T:
-//   static constexpr std::string_view kTypeName;             the type's name
-//   static std::string text(const T&);                       as text, for people
-//   static std::optional<T> parse(std::string_view text);    from that text; none when it is not
-//   one
+//   static constexpr std::string_view kTypeName;           the type's name
+//   static constexpr ValueForm kForm;                      how it is written in a document
+//   static std::string text(const T&);                     the value as text, for people
+//   static std::optional<T> parse(std::string_view text);  from that text; none when it is not one
 template <class T>
 struct ValueTraits;
 
