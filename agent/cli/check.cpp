@@ -21,7 +21,7 @@ std::vector<Fault> check(std::string_view line, CloudDocument& document, bool st
 }  // namespace
 
 ExitStatus check(const CheckOptions& options) {
-  CloudDocument document({});
+  CloudDocument document;
   std::unique_ptr<LineReader> events;
   if (!options.events.empty()) events = std::make_unique<LineReader>(options.events);
   const CloudFile cloud = applyCloudFile(options.cloud, document);

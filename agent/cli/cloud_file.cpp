@@ -23,7 +23,7 @@ CloudFile applyCloudFile(const std::string& name, CloudDocument& document) {
     const auto line = lineOf(tree.root(), fault.place);
     result.faults.push_back({line, std::move(fault)});
   }
-  result.plan = std::move(outcome.plan);
+  result.change = outcome.change;
   return result;
 }
 

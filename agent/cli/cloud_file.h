@@ -14,8 +14,8 @@ struct CloudFile {
     uint32_t line;
     Fault fault;
   };
-  std::vector<Located> faults;  // none: the document was taken
-  Plan plan;
+  std::vector<Located> faults;     // none: the document was taken
+  const Change* change = nullptr;  // good until the document takes the next patch
 };
 
 // Applies the file to an empty document. Throws UnreadableFile, also for what is not JSON.

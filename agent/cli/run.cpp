@@ -13,6 +13,7 @@
 #include "agent/output/inspection.h"
 #include "agent/output/output_json.h"
 #include "agent/output/tree.h"
+#include "agent/plan/plan.h"
 
 namespace vnagent {
 namespace {
@@ -48,10 +49,7 @@ TraceFile openTraceFile(const RunOptions& options) {
 class Run {
  public:
   explicit Run(const RunOptions& options)
-      : options_(options),
-        document_({options.toggle, options.regionSyncTimeout}),
-        traceFile_(openTraceFile(options)),
-        trace_(startTrace()) {
+      : options_(options), traceFile_(openTraceFile(options)), trace_(startTrace()) {
     // Traced from its making on, but not in its end, which is nobody's step.
     cloud_.emplace(CloudSettings{options.toggle, options.regionSyncTimeout});
   }
@@ -95,7 +93,7 @@ class Run {
     CloudFile file;
     if (!options_.cloud.empty()) file = applyCloudFile(options_.cloud, document_);
     if (file.faults.empty()) {
-      cloud_->apply(file.plan);
+      if (file.change != nullptr) apply(*file.change);
       endStep();
       return true;
     }
@@ -116,7 +114,7 @@ class Run {
       if (const auto* patch = std::get_if<PatchEvent>(&*reading.event)) {
         Outcome outcome = document_.apply(*patch->patch, std::move(faults));
         faults = std::move(outcome.faults);
-        if (faults.empty()) cloud_->apply(outcome.plan);
+        if (faults.empty()) apply(*outcome.change);
       } else if (faults.empty()) {
         applyToClock(*reading.event);
       }
@@ -131,6 +129,11 @@ class Run {
     reportFault(events.name(), events.line(), faults.front());
     endRefusedStep(faults.front());
     return false;
+  }
+
+  void apply(const Change& change) {
+    const PlanSettings settings{options_.toggle, options_.regionSyncTimeout};
+    cloud_->apply(makePlan(document_.state(), change, settings));
   }
 
   void applyToClock(const Event& event) {

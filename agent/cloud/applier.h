@@ -7,7 +7,7 @@
 
 #include <string_view>
 
-#include "agent/document/operations.h"
+#include "agent/plan/operations.h"
 #include "framework/Ptr.h"
 #include "model/OpenStack/Config.h"
 #include "model/OpenStack/OpenStackConfig.h"

@@ -13,8 +13,8 @@
 
 #include <string_view>
 
-#include "agent/document/operations.h"
 #include "agent/output/output_document.h"
+#include "agent/plan/operations.h"
 #include "framework/Activity.h"
 #include "model/OpenStack/Config.h"
 #include "model/OpenStack/NameResolution.h"

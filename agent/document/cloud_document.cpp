@@ -12,10 +12,10 @@ Outcome CloudDocument::apply(const JsonValue& patch, std::vector<Fault> found) {
   Faults faults(patch);
   merge(patch, state_, last_, faults);
   checkRules(state_, last_, faults);
-  if (found.empty() && faults.none()) return {{}, makePlan(state_, last_, settings_)};
+  if (found.empty() && faults.none()) return {{}, &last_};
   last_.undo(state_);
   for (Fault& fault : faults.take()) found.push_back(std::move(fault));
-  return {std::move(found), {}};
+  return {std::move(found), nullptr};
 }
 
 }  // namespace vnagent

@@ -11,11 +11,7 @@ using ::testing::HasSubstr;
 
 class LiveCloud : public DocumentTest {
  protected:
-  void patch(std::string_view text) {
-    const Outcome outcome = apply(text);
-    for (const Fault& fault : outcome.faults) ADD_FAILURE() << fault.message();
-    cloud_.apply(outcome.plan);
-  }
+  void patch(std::string_view text) { cloud_.apply(planOf(text)); }
 
   std::string shown() const {
     std::string text;

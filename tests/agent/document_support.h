@@ -10,6 +10,7 @@
 
 #include "agent/document/cloud_document.h"
 #include "agent/document/input.h"
+#include "agent/plan/plan.h"
 
 namespace vnagent {
 
@@ -18,14 +19,13 @@ using Lines = std::vector<std::string>;
 // A document and what it says to each patch. JSON is written with ' for ", which no text here has.
 class DocumentTest : public ::testing::Test {
  protected:
-  explicit DocumentTest(PlanSettings settings = {true, 60}) : document_(settings) {}
+  explicit DocumentTest(PlanSettings settings = {true, 60}) : settings_(settings) {}
 
   // The operations of a patch that must be taken, all four steps in one list. "|" ends a step.
   Lines take(std::string_view patch) {
-    const Outcome outcome = apply(patch);
-    for (const Fault& fault : outcome.faults) ADD_FAILURE() << fault.message();
+    const Plan plan = planOf(patch);
     Lines lines;
-    for (const auto& step : outcome.plan.steps) {
+    for (const auto& step : plan.steps) {
       for (const Operation& operation : step) lines.push_back(describe(operation));
       lines.emplace_back("|");
     }
@@ -34,13 +34,20 @@ class DocumentTest : public ::testing::Test {
 
   // The operations of one step.
   Lines take(Plan::Step step, std::string_view patch) {
-    const Outcome outcome = apply(patch);
-    for (const Fault& fault : outcome.faults) ADD_FAILURE() << fault.message();
+    const Plan plan = planOf(patch);
     Lines lines;
-    for (const Operation& operation : outcome.plan.steps.at(step)) {
+    for (const Operation& operation : plan.steps.at(step)) {
       lines.push_back(describe(operation));
     }
     return lines;
+  }
+
+  // The plan of a patch that must be taken.
+  Plan planOf(std::string_view patch) {
+    const Outcome outcome = apply(patch);
+    for (const Fault& fault : outcome.faults) ADD_FAILURE() << fault.message();
+    if (outcome.change == nullptr) return {};
+    return makePlan(document_.state(), *outcome.change, settings_);
   }
 
   // The faults of a patch, which must be refused and leave the document as it was.
@@ -61,10 +68,11 @@ class DocumentTest : public ::testing::Test {
     std::string text(patch);
     for (char& c : text) c = c == '\'' ? '"' : c;
     const JsonTree tree = JsonTree::parse(text);
-    if (tree.error()) return {faultsOfText(tree, nullptr), {}};
+    if (tree.error()) return {faultsOfText(tree, nullptr), nullptr};
     return document_.apply(tree.root(), faultsOfText(tree, &tree.root()));
   }
 
+  PlanSettings settings_;
   CloudDocument document_;
 };
 

@@ -72,7 +72,7 @@ struct Server {
     std::string text;
     JsonWriter writer(text, JsonWriter::Style::kIndented);
     writeCloud(result, "R", writer);
-    CloudDocument document({});
+    CloudDocument document;
     const JsonTree tree = JsonTree::parse(text);
     EXPECT_FALSE(tree.error());
     for (const Fault& fault : document.apply(tree.root()).faults) ADD_FAILURE() << fault.message();

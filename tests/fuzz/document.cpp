@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "agent/document/input.h"
+#include "agent/plan/plan.h"
 #include "tests/fuzz/fuzz.h"
 
 namespace {
@@ -39,21 +40,22 @@ void requireGoodFaults(const std::vector<vnagent::Fault>& faults, const JsonTree
 }
 
 void apply(const JsonTree& tree, std::string_view text, bool toggle) {
-  CloudDocument document({.toggle = toggle, .regionSyncTimeout = 60});
+  CloudDocument document;
   const auto found = faultsOfText(tree, nullptr);
   const auto first = document.apply(tree.root(), found);
   requireGoodFaults(first.faults, tree, text);
   const bool refused = !first.faults.empty();
   if (refused) {
     require(isEmpty(document.state()), "a refused document leaves nothing");
-    for (const auto& step : first.plan.steps) require(step.empty(), "a refused one has no plan");
+    require(first.change == nullptr, "a refused one has no change");
   }
   const auto faults = first.faults;
   const auto second = document.apply(tree.root(), found);
   require(second.faults == faults, "the second answer is the first");
   if (refused) return;
-  require(second.plan.steps[Plan::kRemovals].empty(), "a document taken again removes nothing");
-  require(second.plan.steps[Plan::kAdditions].empty(), "a document taken again adds nothing");
+  const Plan plan = makePlan(document.state(), *second.change, {toggle, 60});
+  require(plan.steps[Plan::kRemovals].empty(), "a document taken again removes nothing");
+  require(plan.steps[Plan::kAdditions].empty(), "a document taken again adds nothing");
 }
 
 }  // namespace

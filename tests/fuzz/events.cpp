@@ -12,6 +12,7 @@
 #include "agent/output/output_json.h"
 #include "agent/output/trace_lines.h"
 #include "agent/output/tree.h"
+#include "agent/plan/plan.h"
 #include "framework/Trace.h"
 #include "tests/fuzz/fuzz.h"
 
@@ -53,7 +54,7 @@ class Run {
     const JsonTree tree = JsonTree::parse(line);
     if (tree.error()) return;
     const auto outcome = document_.apply(tree.root(), faultsOfText(tree, nullptr));
-    if (outcome.faults.empty()) cloud_.apply(outcome.plan);
+    if (outcome.faults.empty()) apply(*outcome.change);
   }
 
   void event(std::string_view line) {
@@ -82,7 +83,7 @@ class Run {
     if (!reading.event) return false;
     if (const auto* patch = std::get_if<vnagent::PatchEvent>(&*reading.event)) {
       const auto outcome = document_.apply(*patch->patch, std::move(reading.faults));
-      if (outcome.faults.empty()) cloud_.apply(outcome.plan);
+      if (outcome.faults.empty()) apply(*outcome.change);
       return outcome.faults.empty();
     }
     if (!reading.faults.empty()) return false;
@@ -94,6 +95,10 @@ class Run {
     return true;
   }
 
+  void apply(const vnagent::Change& change) {
+    cloud_.apply(makePlan(document_.state(), change, {kToggle, kTimeout}));
+  }
+
   std::string output() const {
     std::string text;
     JsonWriter json(text, JsonWriter::Style::kOneLine);
@@ -101,7 +106,7 @@ class Run {
     return text;
   }
 
-  CloudDocument document_{{.toggle = kToggle, .regionSyncTimeout = kTimeout}};
+  CloudDocument document_;
   vnagent::Cloud cloud_{{.toggle = kToggle, .regionSyncTimeout = kTimeout}};
 };
 

@@ -37,7 +37,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   writeCloud(result, "RegionOne", writer);
   const auto tree = vnagent::JsonTree::parse(text);
   require(!tree.error(), "an import is JSON");
-  vnagent::CloudDocument document({.toggle = true, .regionSyncTimeout = 60});
+  vnagent::CloudDocument document;
   const auto outcome = document.apply(tree.root(), faultsOfText(tree, nullptr));
   for (const auto& fault : outcome.faults) require(false, "no fault: " + fault.message());
   return 0;

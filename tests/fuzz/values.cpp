@@ -14,6 +14,7 @@
 #include "agent/document/cloud_document.h"
 #include "agent/json/json_writer.h"
 #include "agent/output/inspection.h"
+#include "agent/plan/plan.h"
 #include "framework/Exceptions.h"
 #include "framework/GenericIf.h"
 #include "model/OpenStack/Values.h"
@@ -83,7 +84,7 @@ class Tool {
     const auto tree = JsonTree::parse(kCloud);
     const auto outcome = document_.apply(tree.root());
     require(outcome.faults.empty(), "the cloud has no fault");
-    cloud_.apply(outcome.plan);
+    cloud_.apply(makePlan(document_.state(), *outcome.change, {true, 60}));
   }
 
   void request(std::string_view line) {
@@ -159,7 +160,7 @@ class Tool {
            (operation == GenericOp::kCreate || operation == GenericOp::kDelete);
   }
 
-  vnagent::CloudDocument document_{{.toggle = true, .regionSyncTimeout = 60}};
+  vnagent::CloudDocument document_;
   vnagent::Cloud cloud_{{.toggle = true, .regionSyncTimeout = 60}};
 };
 

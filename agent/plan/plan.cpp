@@ -1,4 +1,4 @@
-#include "agent/document/plan.h"
+#include "agent/plan/plan.h"
 
 #include <algorithm>
 #include <unordered_set>

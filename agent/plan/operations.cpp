@@ -1,4 +1,4 @@
-#include "agent/document/operations.h"
+#include "agent/plan/operations.h"
 
 #include <fmt/format.h>
 

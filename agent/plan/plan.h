@@ -13,7 +13,7 @@
 
 #include "agent/document/change.h"
 #include "agent/document/cloud_state.h"
-#include "agent/document/operations.h"
+#include "agent/plan/operations.h"
 
 namespace vnagent {
 
