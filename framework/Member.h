@@ -7,10 +7,10 @@ namespace [[gnu::visibility("default")]] Kiv {
 
 namespace detail {
 class MemberTable;
-class Stand;
 }
 
-// Carries its place in the order of the collection that it is in; of one at a time.
+// Carries its sort key in the collection that it is in; it is in one at a time. A class of members
+// has `const K& fwkKey() const`, its own key, which stays the same while it is a member.
 class Member : public PtrInterface {
  protected:
   Member() = default;
@@ -19,7 +19,6 @@ class Member : public PtrInterface {
   template <class, class, class>
   friend class HashMap;
   friend class detail::MemberTable;
-  friend class detail::Stand;
 
   using PtrInterface::collected;
   using PtrInterface::collectedIs;

@@ -109,6 +109,11 @@ class MemberTable : private OrderedArrays<Member*> {
     return at < count_ ? remove(at) : nullptr;
   }
 
+  // The place of the first member in this bucket or after it. REQUIRES: there is such a bucket.
+  U32 bucketBegin(U32 bucket) const {
+    return firstNotBelow(bucket << (32 - std::countr_zero(OrderedArrays::buckets())));
+  }
+
   // Begins a walk with the first member that stands at this place or behind.
   Walk walkFrom(U32 at) const {
     if (one()) return {&block_ + 1, count_ > at ? U64{1} : U64{0}};

@@ -271,10 +271,10 @@ TEST(IteratorTest, TheMemberUnderAnIteratorStaysUsableAfterItsDeletion) {
   EXPECT_TRUE(at == map.end());
 }
 
-class StandTest : public testing::Test {
+class CursorTest : public testing::Test {
  protected:
   using Item = Keys::Item<Kiv::U8>;
-  StandTest() {
+  CursorTest() {
     for (Kiv::U8 key = 0; key < 9; ++key) map_.newMember(make<Item>(key));
   }
 
@@ -285,7 +285,7 @@ class StandTest : public testing::Test {
   Kiv::HashMap<Item, Kiv::U8> map_;
 };
 
-TEST_F(StandTest, ALoopHoldsItsMemberFromItsDeletionOn) {
+TEST_F(CursorTest, ALoopHoldsItsMemberFromItsDeletionOn) {
   for (const auto& member : map_) {
     EXPECT_EQ(member->references(), 1U) << "the collection's";
     const auto removed = map_.deleteMember(member->fwkKey());
@@ -294,7 +294,7 @@ TEST_F(StandTest, ALoopHoldsItsMemberFromItsDeletionOn) {
   EXPECT_TRUE(map_.empty());
 }
 
-TEST_F(StandTest, EachOfSeveralLoopsHoldsTheMember) {
+TEST_F(CursorTest, EachOfSeveralLoopsHoldsTheMember) {
   auto first = map_.iteratorAt(3);
   const auto second = map_.iteratorAt(3);
   auto third = map_.iteratorAt(4);
@@ -307,7 +307,7 @@ TEST_F(StandTest, EachOfSeveralLoopsHoldsTheMember) {
   EXPECT_EQ(third.key(), 5);
 }
 
-TEST_F(StandTest, ACopyStaysWhereItIsWhenTheOtherGoesOn) {
+TEST_F(CursorTest, ACopyStaysWhereItIsWhenTheOtherGoesOn) {
   auto at = map_.iteratorAt(2);
   auto copy = at;
   (void)map_.deleteMember(2);
@@ -326,7 +326,7 @@ TEST_F(StandTest, ACopyStaysWhereItIsWhenTheOtherGoesOn) {
   EXPECT_TRUE(late == map_.end());
 }
 
-TEST_F(StandTest, IteratorsMayEndInAnyOrder) {
+TEST_F(CursorTest, IteratorsMayEndInAnyOrder) {
   using Iterator = decltype(map_)::iterator;
   std::optional<Iterator> at[3] = {map_.iteratorAt(1), map_.iteratorAt(1), map_.iteratorAt(1)};
   at[1].reset();
@@ -337,7 +337,7 @@ TEST_F(StandTest, IteratorsMayEndInAnyOrder) {
   at[2].reset();
 }
 
-TEST_F(StandTest, ALoopThatWasLeftHoldsNothing) {
+TEST_F(CursorTest, ALoopThatWasLeftHoldsNothing) {
   Kiv::Ptr<Item> met;
   for (const auto& member : map_) {
     met = member;
@@ -348,7 +348,7 @@ TEST_F(StandTest, ALoopThatWasLeftHoldsNothing) {
   EXPECT_EQ(met->references(), 1U);
 }
 
-TEST_F(StandTest, AMemberMayLeaveAndComeBackUnderALoop) {
+TEST_F(CursorTest, AMemberMayLeaveAndComeBackUnderALoop) {
   int met = 0;
   for (const auto& member : map_) {
     const Kiv::Ptr<Item> kept = map_.deleteMember(member->fwkKey());
@@ -360,6 +360,121 @@ TEST_F(StandTest, AMemberMayLeaveAndComeBackUnderALoop) {
   }
   EXPECT_EQ(met, 9);
   for (const auto& member : map_) EXPECT_EQ(member->references(), 1U);
+}
+
+// The number of changes after which a version of 24 bits is what it was before.
+constexpr int kVersions = 1 << 24;
+
+TEST_F(CursorTest, ALoopNoticesChangesWhateverTheirNumber) {
+  map_.emptyAllBuckets();
+  for (const Kiv::U8 key : std::vector<Kiv::U8>{10, 20, 30}) map_.newMember(make<Item>(key));
+  const auto other = make<Item>(Kiv::U8{40});
+  std::vector<int> visited;
+  for (const auto& member : map_) {
+    visited.push_back(member->fwkKey());
+    if (visited.size() > 1) continue;
+    for (int changes = 2; changes < kVersions; changes += 2) {
+      map_.newMember(other);
+      (void)map_.deleteMember(40);
+    }
+    // The last two move the members that are there.
+    map_.newMember(make<Item>(Kiv::U8{1}));
+    map_.newMember(make<Item>(Kiv::U8{2}));
+  }
+  EXPECT_EQ(visited, (std::vector<int>{10, 20, 30}));
+}
+
+TEST_F(CursorTest, ALoopIsNotDisturbedByChangesOfAnotherCollection) {
+  Kiv::HashMap<Item, Kiv::U8> other;
+  std::vector<int> visited;
+  for (const auto& member : map_) {
+    visited.push_back(member->fwkKey());
+    other.newMember(make<Item>(member->fwkKey()));
+    (void)other.deleteMember(static_cast<Kiv::U8>(member->fwkKey() - 1));
+  }
+  EXPECT_EQ(visited, (std::vector<int>{0, 1, 2, 3, 4, 5, 6, 7, 8}));
+}
+
+// Iteration by hand
+template <class K>
+class StepTest : public testing::Test {
+ protected:
+  using Item = Keys::Item<K>;
+  using Map = Kiv::HashMap<Item, K>;
+
+  static void fill(Map& map, int count) {
+    for (int n = 0; n < count; ++n) map.newMember(make<Item>(keyOf<K>(n)));
+  }
+  static std::vector<K> keysOf(const Map& map) {
+    std::vector<K> keys;
+    for (const auto& member : map) keys.push_back(member->fwkKey());
+    return keys;
+  }
+};
+using StepKeys = testing::Types<Kiv::U8, Kiv::U32, Kiv::Name, Keys::AllAlike, Keys::FewHashes>;
+TYPED_TEST_SUITE(StepTest, StepKeys, Keys::TypeNames);
+
+TYPED_TEST(StepTest, TheStepsVisitWhatALoopVisits) {
+  using K = TypeParam;
+  for (const int count : {0, 1, 2, 4, 5, 16, 17, 60, 250}) {
+    typename TestFixture::Map map;
+    TestFixture::fill(map, count);
+    std::vector<K> keys;
+    for (auto* member = map.findNextBucket(0); member != nullptr;
+         member = map.findNextG(keys.back())) {
+      keys.push_back(member->fwkKey());
+    }
+    EXPECT_EQ(keys, TestFixture::keysOf(map));
+  }
+}
+
+TYPED_TEST(StepTest, TheMemberAfterADeletedKeyIsFound) {
+  using K = TypeParam;
+  for (const int count : {1, 3, 9, 40}) {
+    typename TestFixture::Map map;
+    TestFixture::fill(map, count);
+    const std::vector<K> keys = TestFixture::keysOf(map);
+    for (std::size_t i = 0; i < keys.size(); ++i) {
+      ASSERT_TRUE(map.deleteMember(keys[i]));
+      const auto* next = std::as_const(map).findNextG(keys[i]);
+      if (i + 1 == keys.size()) {
+        EXPECT_EQ(next, nullptr);
+      } else {
+        ASSERT_NE(next, nullptr);
+        EXPECT_EQ(next->fwkKey(), keys[i + 1]);
+      }
+    }
+  }
+}
+
+TYPED_TEST(StepTest, ABucketBeginsWithItsFirstMember) {
+  using K = TypeParam;
+  typename TestFixture::Map map;
+  TestFixture::fill(map, 100);
+  ASSERT_GT(map.buckets(), 1U);
+  for (std::size_t bucket = 0; bucket < map.buckets(); ++bucket) {
+    const K* expected = nullptr;
+    const std::vector<K> keys = TestFixture::keysOf(map);
+    for (const K& key : keys) {
+      const auto of = Kiv::U64{Kiv::kivOrder(key)} * map.buckets() >> 32;
+      if (of >= bucket && expected == nullptr) expected = &key;
+    }
+    const auto* member = std::as_const(map).findNextBucket(bucket);
+    ASSERT_EQ(member != nullptr, expected != nullptr) << bucket;
+    if (member != nullptr) {
+      EXPECT_EQ(member->fwkKey(), *expected) << bucket;
+    }
+  }
+  EXPECT_EQ(map.findNextBucket(map.buckets()), nullptr);
+}
+
+TYPED_TEST(StepTest, WithoutBucketsAllMembersAreInTheFirst) {
+  typename TestFixture::Map map;
+  EXPECT_EQ(map.findNextBucket(0), nullptr);
+  TestFixture::fill(map, 3);
+  ASSERT_NE(map.findNextBucket(0), nullptr);
+  EXPECT_EQ(map.findNextBucket(0)->fwkKey(), TestFixture::keysOf(map).front());
+  EXPECT_EQ(map.findNextBucket(1), nullptr);
 }
 
 // Takes the one that stands after it along when it ends.
