@@ -1,3 +1,4 @@
+#include <memory>
 #include <variant>
 
 #include "agent/cli/cloud_file.h"
@@ -8,13 +9,13 @@
 namespace vnagent {
 namespace {
 
-// The faults of one event. A patch without a fault is kept in the document, for those after it;
-// with no right document to start from, only its form can be checked.
-std::vector<Fault> check(std::string_view line, CloudDocument& document, bool started) {
+// The faults of one event. A patch without a fault is kept in the document, for those after it; a
+// document that was refused gives patches nothing to be checked against but their form.
+std::vector<Fault> checkEvent(std::string_view line, CloudDocument& document, bool isRefused) {
   const JsonTree tree = JsonTree::parse(line);
   EventReading reading = readEvent(tree);
   const auto* patch = reading.event ? std::get_if<PatchEvent>(&*reading.event) : nullptr;
-  if (patch == nullptr || !started) return std::move(reading.faults);
+  if (patch == nullptr || isRefused) return std::move(reading.faults);
   return document.apply(*patch->patch, std::move(reading.faults)).faults;
 }
 
@@ -22,22 +23,31 @@ std::vector<Fault> check(std::string_view line, CloudDocument& document, bool st
 
 ExitStatus check(const CheckOptions& options) {
   CloudDocument document;
+  // Opened first: a name that leads nowhere is said before a long document is read.
   std::unique_ptr<LineReader> events;
-  if (!options.events.empty()) events = std::make_unique<LineReader>(options.events);
-  const CloudFile cloud = applyCloudFile(options.cloud, document);
-  for (const auto& [line, fault] : cloud.faults) reportFault(options.cloud, line, fault);
-  const bool started = cloud.faults.empty();
-  ExitStatus status = started ? ExitStatus::kOk : ExitStatus::kRefused;
+  if (!options.events.empty()) {
+    events = std::make_unique<LineReader>(options.events, options.maxInputBytes);
+  }
+  FaultReport report;
+  const Outcome cloud = applyCloudFile(options.cloud, document, options.maxInputBytes);
+  for (const Fault& fault : cloud.faults) {
+    report.add(inputName(options.cloud), fault.position.line, fault);
+  }
+  const bool isRefused = !cloud.faults.empty();
   while (events) {
     const auto line = events->next();
     if (!line) break;
     if (isSkipped(*line)) continue;
-    for (const Fault& fault : check(*line, document, started)) {
-      reportFault(events->name(), events->line(), fault);
-      status = ExitStatus::kRefused;
+    for (const Fault& fault : checkEvent(*line, document, isRefused)) {
+      report.add(events->name(), events->line(), fault);
     }
   }
-  return status;
+  report.finish();
+  if (isRefused && events) {
+    reportNote(inputName(options.cloud) + ": refused, so that only the form of the events in " +
+               events->name() + " was checked");
+  }
+  return report.count() == 0 ? ExitStatus::kOk : ExitStatus::kRefused;
 }
 
 }  // namespace vnagent

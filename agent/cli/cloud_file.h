@@ -3,22 +3,15 @@
 
 #include <cstdint>
 #include <string>
-#include <vector>
 
+#include "agent/cli/input_file.h"
 #include "agent/document/cloud_document.h"
 
 namespace vnagent {
 
-struct CloudFile {
-  struct Located {
-    uint32_t line;
-    Fault fault;
-  };
-  std::vector<Located> faults;     // none: the document was taken
-  const Change* change = nullptr;  // good until the document takes the next patch
-};
-
-// Applies the file to an empty document. Throws UnreadableFile, also for what is not JSON.
-CloudFile applyCloudFile(const std::string& name, CloudDocument& document);
+// Applies the file to an empty document. The positions of faults are those in the file. "-" is
+// standard input. Throws UnreadableFile, also for what is not JSON.
+Outcome applyCloudFile(const std::string& name, CloudDocument& document,
+                       uint64_t maxBytes = kDefaultMaxInputBytes);
 
 }  // namespace vnagent

@@ -1,12 +1,18 @@
 #include "agent/cli/command_line.h"
 
 #include <CLI/CLI.hpp>
-#include <cmath>
+#include <algorithm>
+#include <charconv>
+#include <climits>
 #include <exception>
 #include <functional>
+#include <sstream>
+
+#include <fmt/format.h>
 
 #include "agent/cli/commands.h"
 #include "agent/cli/input_file.h"
+#include "agent/cli/nearest_word.h"
 #include "agent/document/vocabulary.h"
 
 namespace vnagent {
@@ -30,6 +36,8 @@ constexpr const char* kRunAbout =
     "The clock is virtual: it starts at 0 and moves only by \"advance\" events.";
 
 constexpr const char* kRunFooter =
+    "CLOUD or the events, not both, may be -, standard input.\n"
+    "\n"
     "Events, one JSON object a line; empty lines and lines that start with # are skipped:\n"
     "  {\"patch\": {...}}             apply a JSON Merge Patch to the cloud document\n"
     "  {\"advance\": 12.5}            move the clock forward by so many seconds\n"
@@ -39,6 +47,12 @@ constexpr const char* kRunFooter =
     "  vnagent run cloud.json\n"
     "  vnagent run cloud.json --events day.jsonl --each --keep-going\n"
     "  vnagent run cloud.json --format json --trace 3 --trace-text";
+
+constexpr const char* kCheckFooter =
+    "CLOUD or the events, not both, may be -, standard input. The faults of the document come in\n"
+    "the order of its lines; the first 100 faults are printed, and then how many there are. A\n"
+    "refused event is skipped, and those after it are checked without it. On a refused document\n"
+    "only the form of events can be checked.";
 
 constexpr const char* kImportFooter =
     "DIR holds networks.json, segments.json and ports.json, the answers of GET /v2.0/networks,\n"
@@ -50,57 +64,107 @@ constexpr const char* kImportFooter =
     "Example:\n"
     "  vnagent import-neutron --region RegionOne dump/ > cloud.json && vnagent run cloud.json";
 
-// Seconds that a timeout may have.
-std::string faultOfTimeout(const std::string& text) {
-  try {
-    size_t used = 0;
-    const double seconds = std::stod(text, &used);
-    if (used == text.size() && seconds > 0 && seconds <= kMaxSeconds) return {};
-  } catch (const std::exception&) {
-    // Said below.
+// A number in decimal notation; nothing for other text. CLI11 would take 0x10, and 010 for 8.
+template <class Number>
+std::optional<Number> decimal(const std::string& text) {
+  Number number{};
+  const auto result = std::from_chars(text.data(), text.data() + text.size(), number);
+  const bool whole = result.ptr == text.data() + text.size();
+  return whole && result.ec == std::errc() ? std::optional(number) : std::nullopt;
+}
+
+// The numbers that an option takes, and how a message says so.
+template <class Number>
+struct Range {
+  Number low;
+  bool hasLow;
+  Number high;
+  const char* what;
+
+  bool contains(Number number) const {
+    return (hasLow ? number >= low : number > low) && number <= high;
   }
-  return "'" + text + "' is not a number of seconds (more than 0, at most 1000000000)";
+};
+constexpr Range<double> kTimeouts{0, false, kMaxSeconds,
+                                  "a number of seconds, more than 0 and at most 1000000000"};
+constexpr Range<int> kTraceLevels{0, true, INT_MAX, "a trace level, 0 to 9"};
+constexpr Range<uint64_t> kByteCounts{1, true, UINT64_MAX, "a number of bytes, 1 or more"};
+
+template <class Number, class Target>
+CLI::Option* addNumber(CLI::App& command, const char* name, Target& target,
+                       const Range<Number>& range, const char* about) {
+  const auto store = [&target](const std::string& text) { target = *decimal<Number>(text); };
+  const auto faultOf = [range](const std::string& text) {
+    const auto number = decimal<Number>(text);
+    return number && range.contains(*number) ? std::string()
+                                             : fmt::format("'{}' is not {}", text, range.what);
+  };
+  return command.add_option_function<std::string>(name, store, about)->check(faultOf);
+}
+
+// Checks that a value is one of two words.
+auto oneOf(const char* first, const char* second) {
+  return [first, second](const std::string& text) {
+    if (text == first || text == second) return std::string();
+    return fmt::format("'{}' is neither {} nor {}", text, first, second);
+  };
+}
+
+void addEvents(CLI::App& command, std::string& events, const char* about) {
+  command.add_option("--events", events, about)->type_name("FILE");
+}
+
+void addMaxInput(CLI::App& command, uint64_t& maxInputBytes) {
+  addNumber(command, "--max-input", maxInputBytes, kByteCounts,
+            "read no file, and no line of events, of more than so many bytes")
+      ->type_name("BYTES")
+      ->default_str(std::to_string(maxInputBytes));
+}
+
+void addFlag(CLI::App& command, const char* name, bool& flag, const char* about) {
+  command.add_flag(name, flag, about)->disable_flag_override();
 }
 
 void addRun(CLI::App& app, RunOptions& options) {
   CLI::App* run = app.add_subcommand("run", kRunAbout);
   run->footer(kRunFooter);
-  run->add_option("CLOUD", options.cloud, "cloud document to start from; none is an empty cloud")
+  run->add_option("CLOUD", options.cloud,
+                  "cloud document to start from, - is standard input; none is an empty cloud")
       ->type_name("FILE");
-  run->add_option("--events", options.events, "events to apply, one a line; - is standard input")
-      ->type_name("FILE");
-  run->add_option("--region-sync-timeout", options.regionSyncTimeout,
-                  "region sync timeout to start with, where the document has none")
+  addEvents(*run, options.events, "events to apply, one a line; - is standard input");
+  addNumber(*run, "--region-sync-timeout", options.regionSyncTimeout, kTimeouts,
+            "region sync timeout to start with, where the document has none")
       ->type_name("SECONDS")
-      ->check(faultOfTimeout)
-      ->capture_default_str();
+      ->default_str("60");
   run->add_option_function<std::string>(
          "--toggle", [&options](const std::string& word) { options.toggle = word == "on"; },
          "the answer for the toggle VirtualNetworkAgentToggle: on publishes switch ports, off "
          "network elements [on]")
       ->type_name("on|off")
-      ->check(CLI::IsMember({"on", "off"}).description(""));
+      ->check(oneOf("on", "off"));
   run->add_option_function<std::string>(
          "--format", [&options](const std::string& word) { options.tree = word == "tree"; },
          "form of the final document [tree on a terminal, else json]")
       ->type_name("tree|json")
-      ->check(CLI::IsMember({"tree", "json"}).description(""));
+      ->check(oneOf("tree", "json"));
   run->add_option("--inspect", options.inspect,
                   "print what stands at this place of the machines instead of the final document, "
                   "for example /openStackSm/regionConfigSm/RegionOne/portBindingSm")
       ->type_name("PATH");
-  run->add_flag("--each", options.each,
-                "print one line of JSON for the loaded document and for each event, instead of the "
-                "final document");
-  run->add_flag("--keep-going", options.keepGoing, "report a refused event, skip it and go on");
-  CLI::Option* trace =
-      run->add_option("--trace", options.traceLevel, "print the machines' trace lines up to LEVEL")
-          ->type_name("LEVEL")
-          ->check(CLI::NonNegativeNumber.description(""));
+  addFlag(*run, "--each", options.each,
+          "print one line of JSON for the loaded document and for each event, instead of the final "
+          "document");
+  addFlag(*run, "--keep-going", options.keepGoing, "report a refused event, skip it and go on");
+  CLI::Option* trace = addNumber(*run, "--trace", options.traceLevel, kTraceLevels,
+                                 "print the machines' trace lines up to LEVEL, 0 to 9")
+                           ->type_name("LEVEL");
   run->add_option("--trace-file", options.traceFile, "where they go, instead of standard error")
       ->type_name("FILE")
       ->needs(trace);
-  run->add_flag("--trace-text", options.traceText, "as plain text, instead of JSON")->needs(trace);
+  run->add_flag("--trace-text", options.traceText, "as plain text, instead of JSON")
+      ->disable_flag_override()
+      ->needs(trace);
+  addMaxInput(*run, options.maxInputBytes);
 }
 
 void addCheck(CLI::App& app, CheckOptions& options) {
@@ -108,15 +172,12 @@ void addCheck(CLI::App& app, CheckOptions& options) {
       app.add_subcommand("check",
                          "Check a cloud document, and events on it, and say all that is "
                          "wrong. Nothing is run.");
-  check->footer(
-      "A refused event is skipped, and those after it are checked without it. On a refused "
-      "document\n"
-      "only the form of events can be checked.");
-  check->add_option("CLOUD", options.cloud, "cloud document to check")
+  check->footer(kCheckFooter);
+  check->add_option("CLOUD", options.cloud, "cloud document to check; - is standard input")
       ->type_name("FILE")
       ->required();
-  check->add_option("--events", options.events, "events to check, one a line; - is standard input")
-      ->type_name("FILE");
+  addEvents(*check, options.events, "events to check, one a line; - is standard input");
+  addMaxInput(*check, options.maxInputBytes);
 }
 
 void addImport(CLI::App& app, ImportOptions& options) {
@@ -132,6 +193,90 @@ void addImport(CLI::App& app, ImportOptions& options) {
   command->add_option("DIR", options.directory, "folder with the server's answers")
       ->type_name("DIR")
       ->required();
+  addMaxInput(*command, options.maxInputBytes);
+}
+
+// Two inputs cannot both be standard input. Throws CLI::ParseError.
+void checkInputs(const std::string& cloud, const std::string& events) {
+  if (cloud != "-" || events != "-") return;
+  throw CLI::ValidationError("--events", "CLOUD is standard input already");
+}
+
+// What is wrong with the command line.
+
+std::vector<std::string> commandNames(const CLI::App& app) {
+  std::vector<std::string> names;
+  for (const CLI::App* command : app.get_subcommands({})) names.push_back(command->get_name());
+  return names;
+}
+
+std::vector<std::string> optionNames(const CLI::App& command) {
+  std::vector<std::string> names;
+  for (const CLI::Option* option : command.get_options()) {
+    for (const auto& name : option->get_lnames()) names.push_back("--" + name);
+  }
+  return names;
+}
+
+std::string faultOfCommand(const CLI::App& app, const std::string& word) {
+  const auto names = commandNames(app);
+  const auto near = nearestWord(word, names);
+  const std::string help = near.empty() ? fmt::format("the commands are {}", fmt::join(names, ", "))
+                                        : fmt::format("did you mean '{}'", near);
+  return fmt::format("there is no command '{}'; {}", word, help);
+}
+
+std::string faultOfOption(const CLI::App& command, const std::string& argument) {
+  const std::string option = argument.substr(0, argument.find('='));
+  const auto near = nearestWord(option, optionNames(command));
+  return fmt::format("there is no option '{}'{}", option,
+                     near.empty() ? "" : fmt::format("; did you mean '{}'", near));
+}
+
+// The words that no option or argument took. CLI11 tells of them last, but they explain what else
+// is missing.
+std::string faultOfExtras(const CLI::App& app, const CLI::App* command) {
+  const auto isOption = [](const std::string& word) { return word.size() > 1 && word[0] == '-'; };
+  const auto before = app.remaining();
+  if (!before.empty()) {
+    const std::string& word = before.front();
+    if (!isOption(word)) return faultOfCommand(app, word);
+    const bool isMisplaced =
+        command != nullptr && std::ranges::count(optionNames(*command), word) > 0;
+    return isMisplaced ? fmt::format("option '{}' must follow the command", word)
+                       : faultOfOption(app, word);
+  }
+  if (command == nullptr) return {};
+  const auto after = command->remaining();
+  if (after.empty()) return {};
+  const std::string& word = after.front();
+  return isOption(word) ? faultOfOption(*command, word)
+                        : fmt::format("there is one argument too many: '{}'", word);
+}
+
+// An option that has no value and needs one, or the reverse. Every value here is a single one.
+std::string faultOfMismatch(const CLI::ArgumentMismatch& error) {
+  const std::string_view text = error.what();
+  const auto option = text.substr(0, text.find_first_of(": "));
+  if (text.find("flag override") != text.npos) return fmt::format("--{} takes no value", option);
+  if (text.find("At Most") != text.npos) return fmt::format("{} is given more than once", option);
+  return fmt::format("{} needs a value", option);
+}
+
+int reportUsage(const CLI::App& app, const CLI::ParseError& error) {
+  const auto commands = app.get_subcommands();
+  const CLI::App* command = commands.empty() ? nullptr : commands.front();
+  std::string fault = faultOfExtras(app, command);
+  if (fault.empty() && command == nullptr) {
+    fault = fmt::format("a command is needed: {}", fmt::join(commandNames(app), ", "));
+  } else if (const auto* mismatch = dynamic_cast<const CLI::ArgumentMismatch*>(&error)) {
+    if (fault.empty()) fault = faultOfMismatch(*mismatch);
+  } else if (fault.empty()) {
+    fault = error.what();
+  }
+  const std::string name = command == nullptr ? "vnagent" : "vnagent " + command->get_name();
+  reportError(fmt::format("{}; see {} --help", fault, name));
+  return static_cast<int>(ExitStatus::kUsage);
 }
 
 ExitStatus guarded(const std::function<ExitStatus()>& command) {
@@ -164,9 +309,18 @@ int runCommandLine(int argc, char** argv, const Finished& finished) {
   addImport(app, importOptions);
   try {
     app.parse(argc, argv);
+    checkInputs(runOptions.cloud, runOptions.events);
+    checkInputs(checkOptions.cloud, checkOptions.events);
+  } catch (const CLI::Success& asked) {
+    // Help or the version.
+    std::ostringstream text;
+    app.exit(asked, text, text);
+    return static_cast<int>(guarded([&] {
+      printOut(text.str());
+      return ExitStatus::kOk;
+    }));
   } catch (const CLI::ParseError& error) {
-    const int code = app.exit(error);
-    return code == 0 ? 0 : static_cast<int>(ExitStatus::kUsage);
+    return reportUsage(app, error);
   }
   const ExitStatus status = guarded([&] {
     if (app.got_subcommand("run")) return run(runOptions, finished);

@@ -1,18 +1,21 @@
 // The commands of vnagent, each with what its command line chose.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
 
+#include "agent/cli/input_file.h"
 #include "agent/cli/report.h"
 #include "agent/output/trace_lines.h"
 
 namespace vnagent {
 
 struct RunOptions {
-  std::string cloud;   // empty for none
-  std::string events;  // empty for none, "-" for standard input
+  std::string cloud;   // empty for none, "-" for standard input
+  std::string events;  // likewise
+  uint64_t maxInputBytes = kDefaultMaxInputBytes;
   double regionSyncTimeout = 60;
   bool toggle = true;
   std::optional<bool> tree;  // the form of the final document; by the terminal where unset
@@ -25,13 +28,15 @@ struct RunOptions {
 };
 
 struct CheckOptions {
-  std::string cloud;
-  std::string events;  // empty for none
+  std::string cloud;   // "-" for standard input
+  std::string events;  // likewise; empty for none
+  uint64_t maxInputBytes = kDefaultMaxInputBytes;
 };
 
 struct ImportOptions {
   std::string region;
   std::string directory;
+  uint64_t maxInputBytes = kDefaultMaxInputBytes;  // of each file
 };
 
 // Called with the exit status of a run once all is said and written, and before what the run holds

@@ -1,4 +1,3 @@
-#include <cstdio>
 #include <filesystem>
 #include <utility>
 
@@ -11,21 +10,22 @@ namespace vnagent {
 namespace {
 
 // Throws UnreadableFile.
-nlohmann::json readJson(const std::string& name) {
-  const std::string text = readFile(name);
-  auto value = nlohmann::json::parse(text, nullptr, false);
-  if (!value.is_discarded()) return value;
-  // The document's own parser says where.
+nlohmann::json readJson(const std::string& name, uint64_t maxBytes) {
+  const std::string text = readFile(name, maxBytes);
   const JsonTree tree = JsonTree::parse(text);
-  const JsonError error = tree.error().value_or(JsonError{});
-  throw UnreadableFile(placeInFile(name, error.line) + ": not JSON: " + error.text);
+  if (const auto& error = tree.error()) {
+    throw UnreadableFile(placeInFile(name, error->position.line) + ": not JSON: " + error->text);
+  }
+  return nlohmann::json::parse(text);
 }
 
 }  // namespace
 
 ExitStatus importNeutron(const ImportOptions& options) {
   const std::filesystem::path directory(options.directory);
-  const auto read = [&](const char* file) { return readJson((directory / file).string()); };
+  const auto read = [&](const char* file) {
+    return readJson((directory / file).string(), options.maxInputBytes);
+  };
   NeutronDump dump{read("networks.json"), read("segments.json"), read("ports.json"), {}};
   if (std::filesystem::exists(directory / "db_binding_levels.json")) {
     dump.bindingLevels = read("db_binding_levels.json");
@@ -41,10 +41,7 @@ ExitStatus importNeutron(const ImportOptions& options) {
   JsonWriter json(out, JsonWriter::Style::kIndented);
   writeCloud(result, options.region, json);
   out += '\n';
-  const bool written = std::fwrite(out.data(), 1, out.size(), stdout) == out.size();
-  if (!written || std::fflush(stdout) != 0) {
-    throw std::runtime_error("cannot write to standard output");
-  }
+  printOut(out);
   for (const std::string& line : result.leftOut) reportNote(line);
   return ExitStatus::kOk;
 }

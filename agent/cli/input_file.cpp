@@ -1,60 +1,89 @@
 #include "agent/cli/input_file.h"
 
-#include <array>
+#include <algorithm>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <system_error>
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "agent/cli/report.h"
 
 namespace vnagent {
 namespace {
+
+constexpr size_t kReadBytes = size_t{1} << 16;
 
 [[noreturn]] void fail(const std::string& name) {
   throw UnreadableFile(name + ": " + std::strerror(errno));
 }
 
-std::FILE* open(const std::string& name) {
-  std::FILE* file = std::fopen(name.c_str(), "rb");
-  if (file == nullptr) fail(name);
-  return file;
+int open(const std::string& name) {
+  const int descriptor = ::open(name.c_str(), O_RDONLY | O_CLOEXEC);
+  if (descriptor < 0) fail(name);
+  return descriptor;
 }
 
 }  // namespace
 
-std::string readFile(const std::string& name) {
-  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(open(name), std::fclose);
+std::string inputName(const std::string& name) {
+  return name == "-" ? "<stdin>" : name;
+}
+
+InputFile::InputFile(const std::string& name)
+    : name_(inputName(name)), descriptor_(name == "-" ? STDIN_FILENO : open(name)) {}
+
+InputFile::~InputFile() {
+  if (descriptor_ != STDIN_FILENO) ::close(descriptor_);
+}
+
+bool InputFile::appendTo(std::string& content, size_t size) {
+  const size_t before = content.size();
+  content.resize(before + size);
+  ssize_t got = 0;
+  do {
+    got = ::read(descriptor_, content.data() + before, size);
+  } while (got < 0 && errno == EINTR);
+  if (got < 0) fail(name_);
+  content.resize(before + static_cast<size_t>(got));
+  return got > 0;
+}
+
+std::string readFile(const std::string& name, uint64_t maxBytes) {
+  InputFile file(name);
   std::string content;
-  // Only a regular file knows its size ahead, and it may change.
-  std::error_code unknown;
-  if (const auto size = std::filesystem::file_size(name, unknown); !unknown) content.reserve(size);
-  std::array<char, size_t{1} << 16> buffer;
-  while (const size_t got = std::fread(buffer.data(), 1, buffer.size(), file.get())) {
-    content.append(buffer.data(), got);
+  while (file.appendTo(content, kReadBytes)) {
+    if (content.size() <= maxBytes) continue;
+    throw UnreadableFile(
+        fmt::format("{}: it has more than {} bytes (--max-input)", file.name(), maxBytes));
   }
-  if (std::ferror(file.get()) != 0) fail(name);
   return content;
 }
 
-LineReader::LineReader(const std::string& name)
-    : name_(name == "-" ? "<stdin>" : name),
-      opened_(name == "-" ? nullptr : open(name)),
-      file_(opened_ ? opened_.get() : stdin) {}
-
-LineReader::~LineReader() {
-  std::free(buffer_);
-}
+LineReader::LineReader(const std::string& name, uint64_t maxBytes)
+    : file_(name), maxBytes_(maxBytes) {}
 
 std::optional<std::string_view> LineReader::next() {
-  errno = 0;
-  const auto got = getline(&buffer_, &capacity_, file_);
-  if (got < 0) {
-    if (std::ferror(file_) != 0) fail(name_);
-    return std::nullopt;
+  size_t end = buffer_.find('\n', scanned_);
+  bool more = true;
+  while (end == std::string::npos && more && buffer_.size() - begin_ <= maxBytes_) {
+    buffer_.erase(0, begin_);
+    begin_ = 0;
+    scanned_ = buffer_.size();
+    more = file_.appendTo(buffer_, kReadBytes);
+    end = buffer_.find('\n', scanned_);
   }
+  end = std::min(end, buffer_.size());
+  if (end == begin_ && !more) return std::nullopt;
   ++line_;
-  std::string_view text(buffer_, static_cast<size_t>(got));
-  if (text.ends_with('\n')) text.remove_suffix(1);
+  const std::string_view text = std::string_view(buffer_).substr(begin_, end - begin_);
+  if (text.size() > maxBytes_) {
+    throw UnreadableFile(fmt::format("{}: the line has more than {} bytes (--max-input)",
+                                     placeInFile(file_.name(), line_), maxBytes_));
+  }
+  begin_ = scanned_ = std::min(end + 1, buffer_.size());
   return text;
 }
 

@@ -1,14 +1,19 @@
 #include "agent/cli/report.h"
 
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
+#include <stdexcept>
 
 #include <fmt/format.h>
 #include <spdlog/sinks/stdout_color_sinks.h>
 #include <spdlog/spdlog.h>
 #include <unistd.h>
+
+#include "agent/json/utf8.h"
 
 namespace vnagent {
 namespace {
@@ -16,6 +21,9 @@ namespace {
 // Work that takes less is not worth a word.
 constexpr double kPatience = 1.0;
 constexpr double kInterval = 0.2;
+
+// Who has more faults than this corrects these first.
+constexpr uint64_t kMaxReportedFaults = 100;
 
 spdlog::logger& log() {
   static const auto logger = [] {
@@ -41,15 +49,32 @@ std::string placeInFile(std::string_view file, uint64_t line) {
 }
 
 void reportError(std::string_view text) {
-  log().error("{}", text);
+  log().error("{}", escapeControls(text));
 }
 
 void reportNote(std::string_view text) {
-  log().warn("{}", text);
+  log().warn("{}", escapeControls(text));
 }
 
 void reportFault(std::string_view file, uint64_t line, const Fault& fault) {
   reportError(placeInFile(file, line) + ": " + fault.message());
+}
+
+void FaultReport::add(std::string_view file, uint64_t line, const Fault& fault) {
+  if (++count_ <= kMaxReportedFaults) reportFault(file, line, fault);
+}
+
+void FaultReport::finish() const {
+  if (count_ <= kMaxReportedFaults) return;
+  reportError(fmt::format("{} faults; the first {} are shown", count_, kMaxReportedFaults));
+}
+
+void printOut(std::string_view text) {
+  const bool written = std::fwrite(text.data(), 1, text.size(), stdout) == text.size();
+  if (!written || std::fflush(stdout) != 0) {
+    throw std::runtime_error(std::string("cannot write to standard output: ") +
+                             std::strerror(errno));
+  }
 }
 
 bool mayColour(int descriptor) {

@@ -1,4 +1,5 @@
-// What the agent says about itself and its input, on standard error; and its exit status.
+// What the agent says about itself and its input on standard error, its results on standard output,
+// and its exit status.
 #pragma once
 
 #include <cstdint>
@@ -20,10 +21,27 @@ enum class ExitStatus : int {
 // Names a place in a file: "cloud.json:12". A line of 0 is not known.
 std::string placeInFile(std::string_view file, uint64_t line);
 
-// Writes one line to the log.
+// Writes one line to standard error: "vnagent: error: ..." or "vnagent: warning: ...". Control
+// characters are escaped.
 void reportError(std::string_view text);
 void reportNote(std::string_view text);
 void reportFault(std::string_view file, uint64_t line, const Fault& fault);
+
+// Reports many faults: the first hundred one by one, and then how many there are.
+class FaultReport {
+ public:
+  void add(std::string_view file, uint64_t line, const Fault& fault);
+  // Says how many there are, where not all were reported. Call it once, after the last.
+  void finish() const;
+
+  uint64_t count() const { return count_; }
+
+ private:
+  uint64_t count_ = 0;
+};
+
+// Writes to standard output at once. Throws std::runtime_error when it cannot, as on a full disk.
+void printOut(std::string_view text);
 
 // True where escape sequences for colour may be written to this file descriptor: a terminal whose
 // user has not asked for none.

@@ -56,7 +56,9 @@ class Run {
 
   ExitStatus run() {
     std::unique_ptr<LineReader> events;
-    if (!options_.events.empty()) events = std::make_unique<LineReader>(options_.events);
+    if (!options_.events.empty()) {
+      events = std::make_unique<LineReader>(options_.events, options_.maxInputBytes);
+    }
     bool stopped = !loadCloud();
     while (!stopped && events) {
       const auto line = events->next();
@@ -90,8 +92,10 @@ class Run {
 
   // Step 0. Returns whether the run can go on.
   bool loadCloud() {
-    CloudFile file;
-    if (!options_.cloud.empty()) file = applyCloudFile(options_.cloud, document_);
+    Outcome file;
+    if (!options_.cloud.empty()) {
+      file = applyCloudFile(options_.cloud, document_, options_.maxInputBytes);
+    }
     if (file.faults.empty()) {
       if (file.change != nullptr) apply(*file.change);
       endStep();
@@ -100,8 +104,8 @@ class Run {
     status_ = ExitStatus::kRefused;
     const auto& first = file.faults.front();
     if (trace_) trace_->flush();
-    reportFault(options_.cloud, first.line, first.fault);
-    endRefusedStep(first.fault);
+    reportFault(inputName(options_.cloud), first.position.line, first);
+    endRefusedStep(first);
     return options_.keepGoing;
   }
 

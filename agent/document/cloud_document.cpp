@@ -9,13 +9,12 @@ namespace vnagent {
 
 Outcome CloudDocument::apply(const JsonValue& patch, std::vector<Fault> found) {
   last_.settle(state_);
-  Faults faults(patch);
+  Faults faults(patch, std::move(found));
   merge(patch, state_, last_, faults);
   checkRules(state_, last_, faults);
-  if (found.empty() && faults.none()) return {{}, &last_};
+  if (faults.none()) return {{}, &last_};
   last_.undo(state_);
-  for (Fault& fault : faults.take()) found.push_back(std::move(fault));
-  return {std::move(found), nullptr};
+  return {faults.take(), nullptr};
 }
 
 }  // namespace vnagent

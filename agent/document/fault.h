@@ -4,7 +4,6 @@
 #include <string>
 #include <string_view>
 #include <unordered_set>
-#include <utility>
 #include <vector>
 
 #include "agent/json/json_tree.h"
@@ -14,6 +13,8 @@ namespace vnagent {
 struct Fault {
   std::string place;  // JSON Pointer into the cloud document, or into the event around it
   std::string text;   // the value and the rule that it breaks
+  // In the text of the input. Of something that the text does not name: of the nearest around it.
+  JsonPosition position;
 
   std::string message() const { return place + ": " + text; }
   friend bool operator==(const Fault&, const Fault&) = default;
@@ -23,22 +24,24 @@ struct Fault {
 // in an event that is the patch inside it.
 class Faults {
  public:
-  explicit Faults(const JsonValue& root) : root_(root) {}
+  // `found` is what was found before.
+  explicit Faults(const JsonValue& root, std::vector<Fault> found = {});
 
-  void add(const JsonValue& at, std::string text) { add(pointerTo(at, root_), std::move(text)); }
-  void add(std::string place, std::string text) {
-    Fault fault{std::move(place), std::move(text)};
-    if (seen_.insert(fault.message()).second) found_.push_back(std::move(fault));
-  }
+  // A value that is flawed has a fault already, and gets no other.
+  void add(const JsonValue& at, std::string text);
+  // `place` may be one that the input does not name.
+  void add(std::string place, std::string text);
 
   bool none() const { return found_.empty(); }
-  // All of them, in the order in which they were found.
-  std::vector<Fault> take() { return std::move(found_); }
+  // All of them, in the order of their positions.
+  std::vector<Fault> take();
 
  private:
+  void add(const JsonValue& at, Fault fault);
+
   const JsonValue& root_;
   std::vector<Fault> found_;
-  std::unordered_set<std::string> seen_;
+  std::unordered_set<std::string> seen_;  // messages
 };
 
 }  // namespace vnagent

@@ -39,41 +39,31 @@ std::optional<Event> readMember(const JsonValue& member, Faults& faults) {
 
 std::vector<Fault> faultsOfText(const JsonTree& tree, const JsonValue* root) {
   if (const auto& error = tree.error()) {
-    const bool json = error->kind == JsonError::Kind::kUnusable;
-    return {{error->place, json ? error->text : "not JSON: " + error->text}};
+    return {{"", "not JSON: " + error->text, error->position}};
   }
   std::vector<Fault> faults;
-  for (const JsonValue* member : tree.repeated()) {
-    const JsonValue& from = root != nullptr && isBelow(*member, *root) ? *root : tree.root();
-    faults.push_back({pointerTo(*member, from),
-                      fmt::format("the key {} is repeated in its object", shown(member->key))});
+  for (const JsonFlaw& flaw : tree.flaws()) {
+    const JsonValue& from = root != nullptr && isBelow(*flaw.value, *root) ? *root : tree.root();
+    faults.push_back({pointerTo(*flaw.value, from), flaw.message(), flaw.value->position});
   }
   return faults;
 }
 
 EventReading readEvent(const JsonTree& line) {
-  if (line.error()) {
-    // The place of something in a patch counts from the patch.
-    auto faults = faultsOfText(line, nullptr);
-    constexpr std::string_view kPatch = "/patch/";
-    std::string& place = faults.front().place;
-    if (place.starts_with(kPatch)) place.erase(0, kPatch.size() - 1);
-    return {std::nullopt, std::move(faults)};
-  }
+  if (line.error()) return {std::nullopt, faultsOfText(line, nullptr)};
   const JsonValue& root = line.root();
-  if (!root.isObject() || root.size != 1) {
-    auto faults = faultsOfText(line, nullptr);
-    faults.push_back({"", fmt::format("{} is no event: an object with exactly one member of "
-                                      "patch, advance, regionSyncTimeout",
-                                      root.isObject() ? "this object" : shown(root))});
-    return {std::nullopt, std::move(faults)};
+  const bool hasOne = root.isObject() && root.size == 1;
+  const bool isPatch = hasOne && root.members[0]->key == "patch";
+  const JsonValue& about = isPatch ? *root.members[0] : root;
+  Faults faults(about, faultsOfText(line, &about));
+  if (hasOne) {
+    auto event = readMember(*root.members[0], faults);
+    return {event, faults.take()};
   }
-  const JsonValue& member = *root.members[0];
-  Faults faults(member.key == "patch" ? member : root);
-  EventReading reading{readMember(member, faults), {}};
-  reading.faults = faultsOfText(line, member.key == "patch" ? &member : nullptr);
-  for (Fault& fault : faults.take()) reading.faults.push_back(std::move(fault));
-  return reading;
+  faults.add(root, fmt::format("{} is no event: an object with exactly one member of patch, "
+                               "advance, regionSyncTimeout",
+                               root.isObject() ? "this object" : shown(root)));
+  return {std::nullopt, faults.take()};
 }
 
 bool isSkipped(std::string_view line) {

@@ -2,10 +2,10 @@
 
 #include <algorithm>
 #include <cstring>
-#include <iterator>
-#include <nlohmann/json.hpp>
 
 #include <fmt/format.h>
+
+#include "agent/json/utf8.h"
 
 namespace vnagent {
 namespace {
@@ -13,42 +13,16 @@ namespace {
 // How much of a string an error message shows.
 constexpr size_t kShownBytes = 80;
 
-// Walks over the text for the parser and counts the lines that it has consumed.
-class LineCounter {
- public:
-  using iterator_category = std::input_iterator_tag;
-  using value_type = char;
-  using difference_type = std::ptrdiff_t;
-  using pointer = const char*;
-  using reference = const char&;
-
-  LineCounter(const char* at, uint32_t* line) : at_(at), line_(line) {}
-
-  reference operator*() const { return *at_; }
-  LineCounter& operator++() {
-    if (*at_ == '\n') ++*line_;
-    ++at_;
-    return *this;
+// The encoding that a text other than UTF-8 gives away by its first bytes: a byte order mark, or
+// zero bytes beside the first character. Empty for none.
+std::string_view otherEncoding(std::string_view text) {
+  using namespace std::string_view_literals;
+  if (text.starts_with("\xff\xfe\0\0"sv) || text.starts_with("\0\0\xfe\xff"sv)) return "UTF-32";
+  if (text.starts_with("\xff\xfe"sv) || text.starts_with("\xfe\xff"sv)) return "UTF-16";
+  if (text.size() < 2 || (text[0] != 0) == (text[1] != 0)) {
+    return text.starts_with("\0\0\0"sv) ? "UTF-32" : "";
   }
-  bool operator==(const LineCounter& other) const { return at_ == other.at_; }
-  bool operator!=(const LineCounter& other) const { return at_ != other.at_; }
-
- private:
-  const char* at_;
-  uint32_t* line_;
-};
-
-// The parser's own words from the column on, every odd byte replaced: they quote the input.
-std::string cleaned(std::string_view message) {
-  constexpr std::string_view kLead = ", column ";
-  if (const auto at = message.find(kLead); at != message.npos) {
-    message.remove_prefix(at + 2);
-  }
-  std::string result(message);
-  for (char& c : result) {
-    if (c < 0x20 || c > 0x7e) c = '?';
-  }
-  return result;
+  return text.substr(1).starts_with("\0\0\0"sv) ? "UTF-32" : "UTF-16";
 }
 
 }  // namespace
@@ -59,123 +33,202 @@ const JsonValue* JsonValue::find(std::string_view wanted) const {
   return at != members_.end() && (*at)->key == wanted ? *at : nullptr;
 }
 
-// Receives the parser's events and builds the tree. Containers that are still open form a chain by
-// `parent`; their members so far lie above `base` on one common stack until the container closes.
+std::string JsonFlaw::message() const {
+  switch (kind) {
+    case Kind::kRepeatedKey:
+      return fmt::format("the key {} is repeated in its object", shown(value->key));
+    case Kind::kNumberTooLarge:
+      return fmt::format("the number {} is too large", shown(*value));
+    case Kind::kLoneSurrogate:
+      return "the string is not valid Unicode: it has half of a surrogate pair";
+  }
+  return {};
+}
+
+// Builds the tree while it reads. Containers that are still open form a chain by `parent`; their
+// members so far lie above `base` on one common stack until the container closes.
 class JsonTree::Builder {
  public:
-  explicit Builder(JsonTree& tree) : tree_(tree) {}
+  Builder(JsonTree& tree, std::string_view text, const JsonLimits& limits)
+      : tree_(tree), scanner_(text), limits_(limits) {}
 
-  uint32_t* line() { return &line_; }
-
-  bool null() { return add(JsonValue::Kind::kNull); }
-  bool boolean(bool value) {
-    add(JsonValue::Kind::kBool)->boolean = value;
-    return true;
-  }
-  bool number_integer(int64_t value) {
-    JsonValue* made = add(JsonValue::Kind::kInteger);
-    made->integer = value;
-    made->real = static_cast<double>(value);
-    return true;
-  }
-  bool number_unsigned(uint64_t value) {
-    // Beyond every integer that an attribute takes: it stays a number, but is no longer exact.
-    if (value > static_cast<uint64_t>(INT64_MAX)) {
-      return number_float(static_cast<double>(value), std::to_string(value));
+  // Reads the whole text. The tree has an error where that fails.
+  void read() {
+    bool good = value();
+    while (good && open_ != nullptr) good = open_->isObject() ? member() : element();
+    if (good && scanner_.next(), good && !scanner_.isAtEnd()) {
+      scanner_.failExpected("the end of the text");
     }
-    return number_integer(static_cast<int64_t>(value));
-  }
-  bool number_float(double value, const std::string& written) {
-    JsonValue* made = add(JsonValue::Kind::kReal);
-    made->real = value;
-    made->text = kept(written);
-    return true;
-  }
-  bool string(const std::string& value) {
-    add(JsonValue::Kind::kString)->text = kept(value);
-    return true;
-  }
-  bool binary(const std::vector<uint8_t>&) { return false; }
-
-  bool start_object(size_t) { return open(JsonValue::Kind::kObject); }
-  bool start_array(size_t) { return open(JsonValue::Kind::kArray); }
-  bool key(const std::string& value) {
-    key_ = kept(value);
-    keyLine_ = line_;
-    return true;
-  }
-  bool end_object() {
-    const std::span<const JsonValue*> members(stack_.begin() + bases_.back(), stack_.end());
-    auto size = members.size();
-    if (!std::ranges::is_sorted(members, std::ranges::less_equal{}, &JsonValue::key)) {
-      size = sortMembers(members);
-    }
-    return close(size);
-  }
-  bool end_array() { return close(stack_.size() - static_cast<size_t>(bases_.back())); }
-
-  bool parse_error(size_t, const std::string&, const nlohmann::detail::exception& fault) {
-    const std::string_view message = fault.what();
-    JsonError error{JsonError::Kind::kNotJson, line_, {}, cleaned(message)};
-    // A number beyond all floating point and half of a surrogate pair are good JSON all the same.
-    const bool overflow = fault.id == 406;
-    if (overflow || message.find("surrogate U+") != message.npos) {
-      error.kind = JsonError::Kind::kUnusable;
-      error.text = overflow ? "the number is too large" : "the string is not valid Unicode";
-      if (open_ != nullptr) {
-        const JsonValue* top = open_;
-        while (top->parent != nullptr) top = top->parent;
-        error.place = pointerTo(*open_, *top);
-        if (!key_.empty()) appendToken(error.place, key_);
-      }
-    }
-    tree_.error_ = std::move(error);
-    return false;
+    tree_.error_ = scanner_.error();
   }
 
  private:
-  JsonValue* add(JsonValue::Kind kind) {
+  using Kind = JsonValue::Kind;
+
+  // Each of these reads on and returns whether all is well so far.
+
+  bool value() {
+    switch (scanner_.next()) {
+      case '{':
+        return openContainer(Kind::kObject, '{');
+      case '[':
+        return openContainer(Kind::kArray, '[');
+      case '"':
+        return string();
+      case 'n':
+        return word("null", Kind::kNull);
+      case 't':
+        return word("true", Kind::kBool);
+      case 'f':
+        return word("false", Kind::kBool);
+      case '-':
+      case '0':
+      case '1':
+      case '2':
+      case '3':
+      case '4':
+      case '5':
+      case '6':
+      case '7':
+      case '8':
+      case '9':
+        return number();
+      default:
+        scanner_.failExpected("a value");
+        return false;
+    }
+  }
+
+  bool word(std::string_view text, Kind kind) {
+    JsonValue* made = add(kind);
+    made->boolean = text == "true";
+    if (scanner_.skipWord(text)) return true;
+    scanner_.failExpected("a value");
+    return false;
+  }
+
+  bool number() {
+    JsonValue* made = add(Kind::kReal);
+    const auto number = scanner_.number();
+    if (!number) return false;
+    made->real = number->real;
+    if (number->isInteger) {
+      made->kind = Kind::kInteger;
+      made->integer = number->integer;
+    } else {
+      made->text = kept(number->written);
+    }
+    if (number->isTooLarge) addFlaw(JsonFlaw::Kind::kNumberTooLarge, made);
+    return true;
+  }
+
+  bool string() {
+    JsonValue* made = add(Kind::kString);
+    const auto string = scanner_.string();
+    if (!string) return false;
+    made->text = kept(string->text);
+    if (string->hasLoneSurrogate) addFlaw(JsonFlaw::Kind::kLoneSurrogate, made);
+    return true;
+  }
+
+  bool openContainer(Kind kind, char bracket) {
+    if (bases_.size() >= limits_.depth) {
+      scanner_.fail(JsonError::Kind::kTooDeep,
+                    fmt::format("nested deeper than {} objects and arrays", limits_.depth));
+      return false;
+    }
+    open_ = add(kind);
+    bases_.push_back(stack_.size());
+    return scanner_.skip(bracket);
+  }
+
+  // The next member of the open object, or its end.
+  bool member() {
+    const char next = scanner_.next();
+    if (next == '}') {
+      closeObject();
+      return scanner_.skip('}');
+    }
+    if (openSize() > 0 && !comma("',' or '}'")) return false;
+    if (scanner_.next() != '"') {
+      scanner_.failExpected(openSize() > 0 ? "a key in quotes" : "a key in quotes or '}'");
+      return false;
+    }
+    key_.position = scanner_.position();
+    const auto key = scanner_.string();
+    if (!key) return false;
+    key_.text = kept(key->text);
+    key_.isFlawed = key->hasLoneSurrogate;
+    scanner_.next();
+    if (scanner_.skip(':')) return value();
+    scanner_.failExpected("':'");
+    return false;
+  }
+
+  // The next element of the open array, or its end.
+  bool element() {
+    if (scanner_.next() == ']') {
+      close(openSize());
+      return scanner_.skip(']');
+    }
+    return (openSize() == 0 || comma("',' or ']'")) && value();
+  }
+
+  bool comma(std::string_view expected) {
+    if (scanner_.skip(',')) return true;
+    scanner_.failExpected(expected);
+    return false;
+  }
+
+  JsonValue* add(Kind kind) {
     void* memory = tree_.arena_->allocate(sizeof(JsonValue), alignof(JsonValue));
     auto* made = new (memory) JsonValue;
     made->kind = kind;
-    made->line = line_;
+    made->position = scanner_.position();
     made->parent = open_;
     if (open_ == nullptr) {
       tree_.root_ = made;
       return made;
     }
     if (open_->isObject()) {
-      made->key = key_;
-      made->line = keyLine_;
-      key_ = {};
+      made->key = key_.text;
+      made->position = key_.position;
+      if (key_.isFlawed) tree_.flaws_.push_back({JsonFlaw::Kind::kLoneSurrogate, made});
     } else {
-      made->key = kept(std::to_string(stack_.size() - static_cast<size_t>(bases_.back())));
+      made->key = kept(std::to_string(openSize()));
     }
     stack_.push_back(made);
     return made;
   }
 
-  bool open(JsonValue::Kind kind) {
-    JsonValue* made = add(kind);
-    open_ = made;
-    bases_.push_back(static_cast<std::ptrdiff_t>(stack_.size()));
-    key_ = {};
-    return true;
+  void addFlaw(JsonFlaw::Kind kind, JsonValue* value) {
+    value->isFlawed = true;
+    tree_.flaws_.push_back({kind, value});
   }
 
-  bool close(size_t size) {
+  // How many members the open container has so far.
+  size_t openSize() const { return stack_.size() - bases_.back(); }
+
+  void closeObject() {
+    const std::span members(stack_.data() + bases_.back(), openSize());
+    auto size = members.size();
+    if (!std::ranges::is_sorted(members, std::ranges::less_equal{}, &JsonValue::key)) {
+      size = sortMembers(members);
+    }
+    close(size);
+  }
+
+  void close(size_t size) {
     const auto base = bases_.back();
     const size_t bytes = size * sizeof(JsonValue*);
     auto* members = static_cast<const JsonValue**>(
         tree_.arena_->allocate(std::max<size_t>(bytes, 1), alignof(JsonValue*)));
-    std::copy_n(stack_.begin() + base, size, members);
+    std::copy_n(stack_.data() + base, size, members);
     open_->members = members;
     open_->size = static_cast<uint32_t>(size);
-    stack_.resize(static_cast<size_t>(base));
+    stack_.resize(base);
     bases_.pop_back();
     open_ = const_cast<JsonValue*>(open_->parent);  // NOLINT: built here, const for readers only
-    key_ = {};
-    return true;
   }
 
   // A member with the first bytes of its key as a number, which decide most comparisons without a
@@ -194,7 +247,7 @@ class JsonTree::Builder {
     }
   };
 
-  // Sorts by key, sets members aside that repeat one, and returns how many are left.
+  // Sorts by key, leaves members out that repeat one, and returns how many remain.
   size_t sortMembers(std::span<const JsonValue*> members) {
     std::vector<Sorted> sorted(members.begin(), members.end());
     std::stable_sort(sorted.begin(), sorted.end());
@@ -202,7 +255,7 @@ class JsonTree::Builder {
     size_t last = 0;
     for (size_t next = 1; next < members.size(); ++next) {
       if (members[next]->key == members[last]->key) {
-        tree_.repeated_.push_back(members[next]);
+        tree_.flaws_.push_back({JsonFlaw::Kind::kRepeatedKey, members[next]});
       } else {
         members[++last] = members[next];
       }
@@ -217,32 +270,47 @@ class JsonTree::Builder {
     return {copy, text.size()};
   }
 
+  struct Key {
+    std::string_view text;
+    JsonPosition position;
+    bool isFlawed = false;
+  };
+
   JsonTree& tree_;
+  JsonScanner scanner_;
+  const JsonLimits& limits_;
   JsonValue* open_ = nullptr;
   std::vector<const JsonValue*> stack_;
-  std::vector<std::ptrdiff_t> bases_;
-  std::string_view key_;
-  uint32_t keyLine_ = 1;
-  uint32_t line_ = 1;
+  std::vector<size_t> bases_;
+  Key key_;  // of the member that is read
 };
 
 JsonTree::JsonTree()
     : arena_(std::make_unique<std::pmr::monotonic_buffer_resource>(size_t{1} << 12)) {}
 
-JsonTree JsonTree::parse(std::string_view text) {
+JsonTree JsonTree::parse(std::string_view text, const JsonLimits& limits) {
+  constexpr std::string_view kByteOrderMark = "\xef\xbb\xbf";
   JsonTree tree;
-  // The parser takes a zero byte for the end of the text; there is none in JSON.
-  if (const auto zero = text.find('\0'); zero != text.npos) {
-    const auto before = text.substr(0, zero);
-    const auto line = static_cast<uint32_t>(1 + std::ranges::count(before, '\n'));
-    tree.error_ = JsonError{JsonError::Kind::kNotJson, line, {}, "a zero byte"};
-  } else {
-    Builder builder(tree);
-    const LineCounter begin(text.data(), builder.line());
-    const LineCounter end(text.data() + text.size(), builder.line());
-    nlohmann::json::sax_parse(begin, end, &builder);
+  const auto encoding = otherEncoding(text);
+  if (!encoding.empty()) {
+    tree.error_ = JsonError{JsonError::Kind::kOtherEncoding,
+                            {1, 1},
+                            fmt::format("the text is {}, and must be UTF-8", encoding)};
+    return tree;
   }
-  if (tree.error_) tree.root_ = nullptr;
+  if (text.starts_with(kByteOrderMark)) {
+    if (!limits.mayHaveByteOrderMark) {
+      tree.error_ = JsonError{
+          JsonError::Kind::kByteOrderMark, {1, 1}, "the text begins with a byte order mark"};
+      return tree;
+    }
+    text.remove_prefix(kByteOrderMark.size());
+  }
+  Builder(tree, text, limits).read();
+  if (tree.error_) {
+    tree.root_ = nullptr;
+    tree.flaws_.clear();
+  }
   return tree;
 }
 
@@ -269,7 +337,7 @@ std::string pointerTo(const JsonValue& value, const JsonValue& root) {
   return pointer;
 }
 
-uint32_t lineOf(const JsonValue& root, std::string_view pointer) {
+const JsonValue& nearest(const JsonValue& root, std::string_view pointer) {
   const JsonValue* at = &root;
   while (pointer.starts_with('/') && at->isObject()) {
     pointer.remove_prefix(1);
@@ -284,25 +352,19 @@ uint32_t lineOf(const JsonValue& root, std::string_view pointer) {
     if (next == nullptr) break;
     at = next;
   }
-  return at->line;
+  return *at;
 }
 
 std::string shown(std::string_view text) {
   auto end = std::min(text.size(), kShownBytes);
   while (end > 0 && end < text.size() && (text[end] & 0xc0) == 0x80) --end;
-  std::string result = "\"";
+  std::string quoted = "\"";
   for (const char c : text.substr(0, end)) {
-    if (c == '"' || c == '\\') {
-      result += '\\';
-      result += c;
-    } else if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) {
-      result += fmt::format("\\u{:04x}", static_cast<unsigned>(c));
-    } else {
-      result += c;
-    }
+    if (c == '"' || c == '\\') quoted += '\\';
+    quoted += c;
   }
-  result += end < text.size() ? "\"..." : "\"";
-  return result;
+  quoted += end < text.size() ? "\"..." : "\"";
+  return escapeControls(quoted);
 }
 
 std::string shown(const JsonValue& value) {

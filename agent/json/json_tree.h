@@ -1,14 +1,13 @@
-// JSON text as a tree of values in place: what a patch or an event is read into.
+// JSON text as a tree of values: what a document, a patch or an event is read into.
 //
-// A tree lives only as long as one document or one line of the stream is worked on. All of its
+// A tree lives only as long as one document or one line of a stream is worked on. All of its
 // values, keys and strings lie in one arena that the tree owns; views and pointers into it end with
-// the tree. Parsing keeps what the checks need later: the line on which each value stands, the
-// order of keys (members are sorted by the bytes of their keys) and each key that an object
-// repeats.
+// the tree. Reading keeps what the checks need later: the position of each value, the order of keys
+// (members are sorted by the bytes of their keys), and the flaws of the text.
 //
 //   JsonTree tree = JsonTree::parse(text);
-//   if (tree.error()) ... not JSON, or a value that no document can hold
-//   else use(tree.root());
+//   if (tree.error()) ... no JSON, or none that is taken
+//   else use(tree.root());              // and refuse it if there are tree.flaws()
 //
 // Any thread may use a tree, one at a time.
 #pragma once
@@ -22,6 +21,8 @@
 #include <string_view>
 #include <vector>
 
+#include "agent/json/json_scanner.h"
+
 namespace vnagent {
 
 // One value. Plain data; made by JsonTree only.
@@ -30,8 +31,9 @@ struct JsonValue {
 
   Kind kind = Kind::kNull;
   bool boolean = false;
-  uint32_t line = 0;                     // where its key stands, else it itself; the first is 1
+  bool isFlawed = false;                 // has no usable value; one of the tree's flaws says why
   uint32_t size = 0;                     // how many members an object or array has
+  JsonPosition position;                 // of its key where it has one, else of itself
   int64_t integer = 0;                   // of a kInteger
   double real = 0;                       // of a kInteger and a kReal
   std::string_view key;                  // its key in an object, its index in an array
@@ -47,24 +49,33 @@ struct JsonValue {
   const JsonValue* find(std::string_view wanted) const;
 };
 
-// Why a text gave no tree.
-struct JsonError {
+// What is legal JSON, and nothing that a program can use.
+struct JsonFlaw {
   enum class Kind : uint8_t {
-    kNotJson,   // the text is not JSON
-    kUnusable,  // it is, but a number or string in it has no value that a program could hold
+    kRepeatedKey,     // `value` has a key that an earlier member of its object has; it is left out
+                      // of the tree
+    kNumberTooLarge,  // `value` is a number beyond double
+    kLoneSurrogate,   // `value` is, or has as its key, a string with half of a surrogate pair
   };
-  Kind kind = Kind::kNotJson;
-  uint32_t line = 0;
-  std::string place;  // JSON Pointer of the value, for kUnusable
-  std::string text;   // one line of printable ASCII
+  Kind kind;
+  const JsonValue* value;
+
+  // The rule that it breaks, with the key or number.
+  std::string message() const;
+};
+
+// What is taken, beyond the grammar.
+struct JsonLimits {
+  size_t depth = SIZE_MAX;           // of objects and arrays in one another
+  bool mayHaveByteOrderMark = true;  // in front; it is skipped
 };
 
 class JsonTree {
  public:
   // Creation.
 
-  // Reads one JSON text. `text` need not outlive the call.
-  static JsonTree parse(std::string_view text);
+  // Reads one JSON text. `text` need not outlive the call. Depth costs no stack.
+  static JsonTree parse(std::string_view text, const JsonLimits& limits = {});
 
   JsonTree(JsonTree&&) = default;
   JsonTree& operator=(JsonTree&&) = default;
@@ -77,9 +88,8 @@ class JsonTree {
   // The value that the text is. REQUIRES: no error().
   const JsonValue& root() const { return *root_; }
 
-  // Members whose key occurred before in the same object, in the order of the text. The tree holds
-  // the first of each name only.
-  const std::vector<const JsonValue*>& repeated() const { return repeated_; }
+  // In no particular order. Of members with the same key the tree holds the first.
+  const std::vector<JsonFlaw>& flaws() const { return flaws_; }
 
  private:
   class Builder;
@@ -88,7 +98,7 @@ class JsonTree {
 
   std::unique_ptr<std::pmr::monotonic_buffer_resource> arena_;
   const JsonValue* root_ = nullptr;
-  std::vector<const JsonValue*> repeated_;
+  std::vector<JsonFlaw> flaws_;
   std::optional<JsonError> error_;
 };
 
@@ -98,8 +108,8 @@ std::string pointerTo(const JsonValue& value, const JsonValue& root);
 // Appends one reference token, "/" and the escaped key, to a JSON Pointer.
 void appendToken(std::string& pointer, std::string_view key);
 
-// The line of what `pointer` names below `root`, or of the nearest value around it.
-uint32_t lineOf(const JsonValue& root, std::string_view pointer);
+// What `pointer` names below `root`, or the nearest value around it.
+const JsonValue& nearest(const JsonValue& root, std::string_view pointer);
 
 // The value as an error message shows it: short, on one line, strings in quotes.
 std::string shown(const JsonValue& value);

@@ -21,7 +21,7 @@ void appendEscape(std::string& out, unsigned char byte) {
 
 void appendJsonString(std::string& out, std::string_view text) {
   const auto needsEscape = [](char c) {
-    return c == '"' || c == '\\' || static_cast<unsigned char>(c) < 0x20;
+    return c == '"' || c == '\\' || static_cast<unsigned char>(c) < 0x20 || c == 0x7f;
   };
   out += '"';
   while (!text.empty()) {

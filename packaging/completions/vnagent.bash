@@ -14,14 +14,14 @@ _vnagent() {
     --toggle) mapfile -t COMPREPLY < <(compgen -W 'on off' -- "$word") && return ;;
     --format) mapfile -t COMPREPLY < <(compgen -W 'tree json' -- "$word") && return ;;
     --trace) mapfile -t COMPREPLY < <(compgen -W '0 1 2 3 4 5 6 7 8 9' -- "$word") && return ;;
-    --region | --region-sync-timeout | --inspect) return ;;
+    --region | --region-sync-timeout | --inspect | --max-input) return ;;
   esac
 
   local words
   case $command in
-    run) words='--help --events --region-sync-timeout --toggle --format --inspect --each --keep-going --trace --trace-file --trace-text' ;;
-    check) words='--help --events' ;;
-    import-neutron) words='--help --region' ;;
+    run) words='--help --events --region-sync-timeout --toggle --format --inspect --each --keep-going --trace --trace-file --trace-text --max-input' ;;
+    check) words='--help --events --max-input' ;;
+    import-neutron) words='--help --region --max-input' ;;
     *) words='run check import-neutron --help --version' ;;
   esac
   if [[ -z $command || $word == -* ]]; then

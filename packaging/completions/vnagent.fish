@@ -19,8 +19,11 @@ complete -c vnagent -n "__fish_seen_subcommand_from run" -l keep-going -d "Skip 
 complete -c vnagent -n "__fish_seen_subcommand_from run" -l trace -x -a "(seq 0 9)" -d "Print trace lines up to this level"
 complete -c vnagent -n "__fish_seen_subcommand_from run" -l trace-file -r -d "Where trace lines go"
 complete -c vnagent -n "__fish_seen_subcommand_from run" -l trace-text -d "Trace lines as plain text"
+complete -c vnagent -n "__fish_seen_subcommand_from run" -l max-input -x -d "Read no larger file or line of events"
 
 complete -c vnagent -n "__fish_seen_subcommand_from check" -l events -r -d "Events to check, one a line"
+complete -c vnagent -n "__fish_seen_subcommand_from check" -l max-input -x -d "Read no larger file or line of events"
 
 complete -c vnagent -n "__fish_seen_subcommand_from import-neutron" -l region -x -d "Name of the region in the cloud document"
+complete -c vnagent -n "__fish_seen_subcommand_from import-neutron" -l max-input -x -d "Read no larger file"
 complete -c vnagent -n "__fish_seen_subcommand_from import-neutron" -a "(__fish_complete_directories)"

@@ -1,11 +1,12 @@
-// The command line: options, files, exit status, what goes where.
-#include "agent/cli/command_line.h"
+// The commands: what they read, what they print where, their exit status.
+#include <filesystem>
+#include <fstream>
+#include <sstream>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
+#include "tests/agent/command_support.h"
 
 namespace vnagent {
 namespace {
@@ -15,45 +16,6 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::Not;
 using ::testing::StartsWith;
-
-class Commands : public ::testing::Test {
- protected:
-  struct Result {
-    int status;
-    std::string out;
-    std::string err;
-  };
-
-  Commands() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "vnagent-XXXXXX").string();
-    folder_ = mkdtemp(pattern.data());
-  }
-  ~Commands() override { std::filesystem::remove_all(folder_); }
-
-  std::string file(std::string_view name, std::string_view content) const {
-    const auto path = folder_ / name;
-    std::ofstream(path, std::ios::binary) << content;
-    return path.string();
-  }
-
-  static Result vnagent(std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(), "vnagent");
-    std::vector<char*> argv;
-    for (auto& argument : arguments) argv.push_back(argument.data());
-    testing::internal::CaptureStdout();
-    testing::internal::CaptureStderr();
-    const int status = runCommandLine(static_cast<int>(argv.size()), argv.data());
-    return {status, testing::internal::GetCapturedStdout(), testing::internal::GetCapturedStderr()};
-  }
-
-  std::filesystem::path folder_;
-};
-
-constexpr std::string_view kCloud =
-    "{\n\"region\": {\n\"R\": {\n\"port\": {\"p\": {}},\n\"portBinding\": {\"p\": {}}}}}";
-constexpr std::string_view kBadCloud =
-    "{\n\"region\": {\n\"R\": {\n\"port\": {\"p\": {}},\n\"portBinding\": {\"q\": {}, \"r\": "
-    "{}}}}}";
 
 // run.
 
@@ -133,40 +95,6 @@ TEST_F(Commands, WhatCannotBeReadOrIsNotJsonIsStatusFour) {
   EXPECT_THAT(result.err, HasSubstr("cloud.json:2: not JSON: "));
 }
 
-TEST_F(Commands, AWrongCommandLineIsStatusTwo) {
-  const std::vector<std::vector<std::string>> wrong{{},
-                                                    {"walk"},
-                                                    {"run", "a", "b"},
-                                                    {"run", "--what"},
-                                                    {"run", "--toggle", "maybe"},
-                                                    {"run", "--format", "xml"},
-                                                    {"run", "--region-sync-timeout", "0"},
-                                                    {"run", "--region-sync-timeout", "-1"},
-                                                    {"run", "--region-sync-timeout", "nan"},
-                                                    {"run", "--region-sync-timeout", "1000000001"},
-                                                    {"run", "--trace", "x"},
-                                                    {"run", "--trace-text"},
-                                                    {"check"},
-                                                    {"import-neutron", "dir"},
-                                                    {"import-neutron", "--region", "", "dir"},
-                                                    {"import-neutron", "--region", "R"}};
-  for (const auto& arguments : wrong) {
-    const auto result = vnagent(arguments);
-    EXPECT_EQ(result.status, 2) << testing::PrintToString(arguments);
-    EXPECT_THAT(result.err, Not(IsEmpty())) << testing::PrintToString(arguments);
-  }
-}
-
-TEST_F(Commands, HelpAndVersionArePrintedAndFine) {
-  for (const auto* command : {"run", "check", "import-neutron"}) {
-    const auto result = vnagent({command, "--help"});
-    EXPECT_EQ(result.status, 0);
-    EXPECT_THAT(result.out, HasSubstr(command));
-  }
-  EXPECT_THAT(vnagent({"--version"}).out, StartsWith("vnagent "));
-  EXPECT_THAT(vnagent({"--help"}).out, HasSubstr("import-neutron"));
-}
-
 TEST_F(Commands, TraceLinesGoToTheirFileWithTheStepAndNothingAfterTheLast) {
   const auto trace = (folder_ / "trace").string();
   const auto events = file("events.jsonl", "{\"patch\": {\"region\": {\"S\": {}}}}\n");
@@ -181,30 +109,6 @@ TEST_F(Commands, TraceLinesGoToTheirFileWithTheStepAndNothingAfterTheLast) {
   EXPECT_THAT(lines, HasSubstr("{\"step\": 1, \"level\": 9, "));
   EXPECT_THAT(lines, Not(HasSubstr("doCleanup")));
   EXPECT_THAT(vnagent({"run", "--trace", "9", "--trace-text"}).err, StartsWith("9 OpenStackSm:"));
-}
-
-// check.
-
-TEST_F(Commands, CheckSaysEveryFault) {
-  const auto result = vnagent({"check", file("cloud.json", kBadCloud)});
-  EXPECT_EQ(result.status, 3);
-  EXPECT_THAT(result.err, AllOf(HasSubstr("cloud.json:5: /region/R/portBinding/q: "),
-                                HasSubstr("cloud.json:5: /region/R/portBinding/r: ")));
-}
-
-TEST_F(Commands, CheckFollowsTheStreamAndSkipsWhatIsRefused) {
-  const auto cloud = file("cloud.json", kCloud);
-  EXPECT_EQ(vnagent({"check", cloud}).status, 0);
-  const auto result = vnagent(
-      {"check", cloud, "--events",
-       file("events.jsonl",
-            "{\"patch\": {\"region\": {\"R\": {\"port\": {\"p\": null}}}}}\n"
-            "{\"patch\": {\"region\": {\"R\": {\"portBinding\": {\"p\": null}}}}}\n"
-            "{\"patch\": {\"region\": {\"R\": {\"port\": {\"p\": null}}}}}\n{\"advance\": -1}\n")});
-  EXPECT_EQ(result.status, 3);
-  EXPECT_THAT(result.err, AllOf(HasSubstr("events.jsonl:1: /region/R/portBinding/p: no port"),
-                                Not(HasSubstr("events.jsonl:2")), Not(HasSubstr("events.jsonl:3")),
-                                HasSubstr("events.jsonl:4: /advance: ")));
 }
 
 // import-neutron.

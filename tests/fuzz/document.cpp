@@ -29,12 +29,11 @@ bool isPrintable(std::string_view text) {
   return std::ranges::all_of(text, [](char c) { return c >= 0x20 && c <= 0x7e; });
 }
 
-void requireGoodFaults(const std::vector<vnagent::Fault>& faults, const JsonTree& tree,
-                       std::string_view text) {
+void requireGoodFaults(const std::vector<vnagent::Fault>& faults, std::string_view text) {
   const auto lines = static_cast<uint32_t>(1 + std::ranges::count(text, '\n'));
   for (const auto& fault : faults) {
     require(!fault.text.empty(), "a fault says what is wrong");
-    const uint32_t line = lineOf(tree.root(), fault.place);
+    const uint32_t line = fault.position.line;
     require(line >= 1 && line <= lines, "a fault has a line of the text");
   }
 }
@@ -43,7 +42,7 @@ void apply(const JsonTree& tree, std::string_view text, bool toggle) {
   CloudDocument document;
   const auto found = faultsOfText(tree, nullptr);
   const auto first = document.apply(tree.root(), found);
-  requireGoodFaults(first.faults, tree, text);
+  requireGoodFaults(first.faults, text);
   const bool refused = !first.faults.empty();
   if (refused) {
     require(isEmpty(document.state()), "a refused document leaves nothing");
