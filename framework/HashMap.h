@@ -64,7 +64,7 @@ class HashMap {
   std::size_t buckets() const { return table_.buckets(); }
   // The version: rises by one with each member that is added or removed, and when memory is
   // reserved. Wraps around at 2^24.
-  U32 changes() const { return table_.changes(); }
+  U32 changes() const { return table_.version(); }
 
   // Change
   // Reserves memory for so many members, so that they are inserted faster; does nothing where there
@@ -139,17 +139,17 @@ class HashMap {
   using Found = Table::Found;
 
   static const K& keyOf(const Member& member) { return static_cast<const V&>(member).fwkKey(); }
-  static U32 orderOf(const K& key) { return Table::usable(kivOrder(key)); }
+  static U32 orderOf(const K& key) { return Table::clampOrder(kivOrder(key)); }
 
   Found foundAt(const K& key) const {
     const Found found = table_.find(orderOf(key));
     if (found.member == nullptr || keyOf(*found.member) == key) return found;
-    return foundBehind(found, key);
+    return foundAfter(found, key);
   }
   // Goes on from a member that has the key's order and another key.
-  [[gnu::noinline, gnu::cold]] Found foundBehind(Found found, const K& key) const {
+  [[gnu::noinline, gnu::cold]] Found foundAfter(Found found, const K& key) const {
     do {
-      found = table_.behind(found.at + 1, orderOf(key));
+      found = table_.nextOfOrder(found.at + 1, orderOf(key));
     } while (found.member != nullptr && !(keyOf(*found.member) == key));
     return found;
   }
@@ -165,16 +165,16 @@ class HashMap {
   V* nextAfter(const K& key) const { return firstFrom(placeAfter(key)); }
   // The place of the first member that comes after this key, or of the gap where it would be.
   U32 placeAfter(const K& key) const {
-    return behind(orderOf(key), [&](const K& other) { return !(key < other); }).first;
+    return partition(orderOf(key), [&](const K& other) { return !(key < other); }).first;
   }
   // The place after all members of this order of whose keys `passes(key)` holds, and how many they
   // are.
   template <class Passes>
-  std::pair<U32, U32> behind(U32 order, Passes passes) const {
-    Found found = table_.seek(order);
+  std::pair<U32, U32> partition(U32 order, Passes passes) const {
+    Found found = table_.lowerBound(order);
     U32 passed = 0;
     while (found.member != nullptr && passes(keyOf(*found.member))) {
-      found = table_.behind(found.at + 1, order);
+      found = table_.nextOfOrder(found.at + 1, order);
       ++passed;
     }
     return {found.at, passed};
@@ -193,10 +193,10 @@ class HashMap {
     return Ptr<V>::adopt(static_cast<V*>(member));
   }
   void insert(V& member, U32 order) {
-    const auto [at, passed] =
-        behind(order, [&](const K& other) { return other < member.fwkKey(); });
+    const auto [at, rank] =
+        partition(order, [&](const K& other) { return other < member.fwkKey(); });
     Cursor::invalidate(this);  // also where the insertion throws, which may have moved members
-    table_.insert(at, passed, &member, order);
+    table_.insert(at, rank, &member, order);
     enter(member);
   }
 

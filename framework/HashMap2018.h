@@ -1,13 +1,21 @@
-// Kiv::HashMap2018<K, V>: a set of entries, each a key (a small integer, a name, a string) and a
-// value: a bool in a value set, a pointer in a collection of references.
+// Kiv::HashMap2018<K, V>: a map of entries by value, each a key (a small integer, a name, a string)
+// and a value: a bool in a value set, a pointer in a collection of references.
 //
-// Up to four entries live inside the set, so the sets of a few referrers that make up most of the
-// output cost nothing beside their owner; more hang in a table. Entries stand in the order of their
-// bit-reversed key hashes, wherever they live.
+// Small-buffer optimisation: up to four entries are in the set itself, so the sets of a few
+// referrers, which make up most of the output, allocate nothing. With a fifth, the entries spill
+// into a table of the heap, and return to the buffer when two are left.
+//
+// Entries are in ascending order of their bit-reversed key hashes, entries of equal hashes in order
+// of their keys, wherever they are stored.
 //
 //   for (const auto& entry : pool->assignedVlan()) { use(entry.key, entry.value); }
 //
-// The loop body may delete any entry, the current one too, and may insert.
+// The loop body may delete any entry, the current one too, and may insert, any number of times; what
+// is visited then is said in HashMap.h. An iterator holds a copy of its entry, and is registered
+// nowhere.
+//
+// Cost: that of at most four comparisons, or else constant on average. What may throw: newMember(),
+// std::bad_alloc.
 //
 // Threads: the activity thread only.
 #pragma once
@@ -35,7 +43,7 @@ class HashMap2018 {
   // One entry.
   struct Node {
     K key{};    // unique in its set
-    V value{};  // what the key stands for
+    V value{};  // what is stored under the key
   };
 
   class Iterator;
@@ -56,62 +64,61 @@ class HashMap2018 {
   bool contains(const K& key) const { return find(key) != nullptr; }
   // The value of the key's entry, borrowed until the set changes; null when absent.
   const V* find(const K& key) const {
-    if (!hangs()) {
-      const unsigned at = indexInside(key);
-      return at == inside_ ? nullptr : values() + at;
+    if (!spilled()) {
+      const unsigned at = indexInBuffer(key);
+      return at == buffered_ ? nullptr : values() + at;
     }
     const U32 at = table().find(key);
-    return at == Table::kNowhere ? nullptr : &table().value(at);
+    return at == Table::npos ? nullptr : &table().value(at);
   }
   // The value of the key's entry; that of an empty V (false, null) when absent.
   V operator[](const K& key) const {
     const V* value = find(key);
     return value == nullptr ? V() : *value;
   }
-  std::size_t size() const { return hangs() ? table().size() : inside_; }
-  bool empty() const { return inside_ == 0; }
-  // How many buckets the entries hang in; 0 while they are few.
-  std::size_t buckets() const { return hangs() ? table().buckets() : 0; }
+  std::size_t size() const { return spilled() ? table().size() : buffered_; }
+  bool empty() const { return buffered_ == 0; }
+  // How many buckets there are; 0 while the entries are so few that there are none.
+  std::size_t buckets() const { return spilled() ? table().buckets() : 0; }
 
   // Change
   // Gives the entry of this key the value, adding it when absent. Returns whether anything changed.
   // Throws std::bad_alloc where there is no memory for it; nothing has changed then.
   bool newMember(const K& key, const V& value) {
-    if (!hangs()) {
-      const unsigned at = indexInside(key);
-      if (at < inside_) return assign(values()[at], value);
-      if (inside_ < kInside) {
-        insertInside(placeInside(Table::orderOf(key), key), K(key), V(value));
+    if (!spilled()) {
+      const unsigned at = indexInBuffer(key);
+      if (at < buffered_) return assign(values()[at], value);
+      if (buffered_ < kBuffered) {
+        insertInBuffer(lowerBoundInBuffer(Table::orderOf(key), key), K(key), V(value));
         return true;
       }
-      hangAll();
+      spill();
     }
     const auto [entry, added] = table().insert(key, value);
     return added || assign(*entry, value);
   }
   // Deletes the entry of this key. Returns whether there was one.
   bool deleteMember(const K& key) {
-    if (!hangs()) {
-      const unsigned at = indexInside(key);
-      if (at == inside_) return false;
-      [[maybe_unused]] const Node dropped = removeInside(at);
+    if (!spilled()) {
+      const unsigned at = indexInBuffer(key);
+      if (at == buffered_) return false;
+      [[maybe_unused]] const Node dropped = removeFromBuffer(at);
       return true;
     }
     const U32 at = table().find(key);
-    if (at == Table::kNowhere) return false;
+    if (at == Table::npos) return false;
     [[maybe_unused]] const auto dropped = table().remove(at);
     table().shrink();
-    if (table().size() <= kBackInside) hangNone();
+    if (table().size() <= kReturn) returnToBuffer();
     return true;
   }
-  // Deletes every entry, in order.
+  // Deletes every entry, in order; also what the destructor of one inserts.
   void emptyAllBuckets() {
-    // As in HashMap; what an entry's end puts in may hang, or not.
     while (!empty()) {
-      while (!hangs() && inside_ > 0) {
-        [[maybe_unused]] const Node dropped = removeInside(0);
+      while (!spilled() && buffered_ > 0) {
+        [[maybe_unused]] const Node dropped = removeFromBuffer(0);
       }
-      for (U32 at = 0; hangs() && (at = table().nextFrom(at)) != Table::kNowhere;) {
+      for (U32 at = 0; spilled() && (at = table().nextOccupied(at)) != Table::npos;) {
         [[maybe_unused]] const auto dropped = table().remove(at);
         if (table().size() == 0) endTable();
       }
@@ -121,35 +128,36 @@ class HashMap2018 {
   // Iteration
   Iterator begin() const {
     Iterator at(*this);
-    at.stand(hangs() ? table().nextFrom(0) : 0);
+    at.goTo(spilled() ? table().nextOccupied(0) : 0);
     return at;
   }
   std::default_sentinel_t end() const { return {}; }
   // An iterator at the entry with this key; at the end when absent.
   Iterator iteratorAt(const K& key) const {
     Iterator at(*this);
-    at.stand(hangs() ? table().find(key) : indexInside(key));
+    at.goTo(spilled() ? table().find(key) : indexInBuffer(key));
     return at;
   }
 
  private:
   using Table = detail::EntryTable<K, V>;
 
-  static constexpr U8 kInside = 4;
-  static constexpr U8 kHang = 255;
-  // So many are left in the table, or fewer, when they move back.
-  static constexpr U32 kBackInside = 2;
+  static constexpr U8 kBuffered = 4;  // the capacity of the buffer
+  static constexpr U8 kSpilled = 255;
+  static constexpr U32 kReturn = 2;  // so many entries return to the buffer
 
-  // Inside, keys and values stand in an array each; the one that needs more alignment comes first.
+  // The buffer holds an array of keys and one of values; the one of the larger alignment comes
+  // first. After a spill, it holds the table.
   static constexpr bool kKeysFirst = alignof(K) >= alignof(V);
-  static constexpr std::size_t kKeysAt = kKeysFirst ? 0 : kInside * sizeof(V);
-  static constexpr std::size_t kValuesAt = kKeysFirst ? kInside * sizeof(K) : 0;
-  static constexpr std::size_t kRoom = std::max(kInside * (sizeof(K) + sizeof(V)), sizeof(Table));
+  static constexpr std::size_t kKeysAt = kKeysFirst ? 0 : kBuffered * sizeof(V);
+  static constexpr std::size_t kValuesAt = kKeysFirst ? kBuffered * sizeof(K) : 0;
+  static constexpr std::size_t kBytes =
+      std::max(kBuffered * (sizeof(K) + sizeof(V)), sizeof(Table));
 
-  bool hangs() const { return inside_ == kHang; }
-  Table& table() const { return *std::launder(reinterpret_cast<Table*>(room_)); }
-  K* keys() const { return std::launder(reinterpret_cast<K*>(room_ + kKeysAt)); }
-  V* values() const { return std::launder(reinterpret_cast<V*>(room_ + kValuesAt)); }
+  bool spilled() const { return buffered_ == kSpilled; }
+  Table& table() const { return *std::launder(reinterpret_cast<Table*>(buffer_)); }
+  K* keys() const { return std::launder(reinterpret_cast<K*>(buffer_ + kKeysAt)); }
+  V* values() const { return std::launder(reinterpret_cast<V*>(buffer_ + kValuesAt)); }
 
   static bool isBefore(U32 order, const K& key, U32 otherOrder, const K& otherKey) {
     return order < otherOrder || (order == otherOrder && key < otherKey);
@@ -162,70 +170,69 @@ class HashMap2018 {
     return true;
   }
 
-  // Inside
-  // The index of a key; inside_ when absent.
-  unsigned indexInside(const K& key) const {
+  // In the buffer
+  // The index of a key; buffered_ when absent.
+  unsigned indexInBuffer(const K& key) const {
     unsigned at = 0;
-    while (at < inside_ && !(keys()[at] == key)) ++at;
+    while (at < buffered_ && !(keys()[at] == key)) ++at;
     return at;
   }
-  // The index of the first entry that does not stand before the given order and key.
-  unsigned placeInside(U32 order, const K& key) const {
+  // The index of the first entry that is not before the given order and key.
+  unsigned lowerBoundInBuffer(U32 order, const K& key) const {
     unsigned at = 0;
-    while (at < inside_ && isBefore(Table::orderOf(keys()[at]), keys()[at], order, key)) ++at;
+    while (at < buffered_ && isBefore(Table::orderOf(keys()[at]), keys()[at], order, key)) ++at;
     return at;
   }
-  void insertInside(unsigned at, K&& key, V&& value) noexcept {
-    std::construct_at(keys() + inside_);
-    std::construct_at(values() + inside_);
-    std::move_backward(keys() + at, keys() + inside_, keys() + inside_ + 1);
-    std::move_backward(values() + at, values() + inside_, values() + inside_ + 1);
+  void insertInBuffer(unsigned at, K&& key, V&& value) noexcept {
+    std::construct_at(keys() + buffered_);
+    std::construct_at(values() + buffered_);
+    std::move_backward(keys() + at, keys() + buffered_, keys() + buffered_ + 1);
+    std::move_backward(values() + at, values() + buffered_, values() + buffered_ + 1);
     keys()[at] = std::move(key);
     values()[at] = std::move(value);
-    ++inside_;
+    ++buffered_;
   }
-  Node removeInside(unsigned at) noexcept {
+  Node removeFromBuffer(unsigned at) noexcept {
     Node removed{std::move(keys()[at]), std::move(values()[at])};
-    std::move(keys() + at + 1, keys() + inside_, keys() + at);
-    std::move(values() + at + 1, values() + inside_, values() + at);
-    --inside_;
-    std::destroy_at(keys() + inside_);
-    std::destroy_at(values() + inside_);
+    std::move(keys() + at + 1, keys() + buffered_, keys() + at);
+    std::move(values() + at + 1, values() + buffered_, values() + at);
+    --buffered_;
+    std::destroy_at(keys() + buffered_);
+    std::destroy_at(values() + buffered_);
     return removed;
   }
 
-  // In the table
-  // Moves the entries from the inside into a table with room for one more.
-  void hangAll() {
-    Table hung(kInside + 1);
-    for (unsigned i = 0; i < kInside; ++i) {
-      hung.append(std::move(keys()[i]), std::move(values()[i]));
+  // Moves the entries from the buffer into a table with memory for one more.
+  void spill() {
+    Table table(kBuffered + 1);
+    for (unsigned i = 0; i < kBuffered; ++i) {
+      table.append(std::move(keys()[i]), std::move(values()[i]));
     }
-    std::destroy_n(keys(), kInside);
-    std::destroy_n(values(), kInside);
-    std::construct_at(reinterpret_cast<Table*>(room_), std::move(hung));
-    inside_ = kHang;
+    std::destroy_n(keys(), kBuffered);
+    std::destroy_n(values(), kBuffered);
+    std::construct_at(reinterpret_cast<Table*>(buffer_), std::move(table));
+    buffered_ = kSpilled;
   }
-  // Moves the entries that are left in the table back inside, and ends the table.
-  void hangNone() noexcept {
-    std::array<std::pair<K, V>, kBackInside> left;
+  // Moves the entries that are left in the table back into the buffer, and frees the table.
+  void returnToBuffer() noexcept {
+    std::array<std::pair<K, V>, kReturn> left;
     const U32 count = table().size();
-    for (U32 i = 0; i < count; ++i) left[i] = table().remove(table().nextFrom(0));
+    for (U32 i = 0; i < count; ++i) left[i] = table().remove(table().nextOccupied(0));
     endTable();
     for (U32 i = 0; i < count; ++i) {
-      insertInside(inside_, std::move(left[i].first), std::move(left[i].second));
+      insertInBuffer(buffered_, std::move(left[i].first), std::move(left[i].second));
     }
   }
   void endTable() {
     std::destroy_at(&table());
-    inside_ = 0;
+    buffered_ = 0;
   }
 
-  alignas(std::max({alignof(K), alignof(V), alignof(Table)})) mutable std::byte room_[kRoom];
-  U8 inside_ = 0;  // how many entries live inside; kHang when they hang in a table
+  alignas(std::max({alignof(K), alignof(V), alignof(Table)})) mutable std::byte buffer_[kBytes];
+  U8 buffered_ = 0;  // how many entries are in the buffer; kSpilled if they are in the table
 };
 
-// Keeps a copy of the current entry, so that it stays readable after its deletion.
+// An input iterator. Holds a copy of its entry, which can be read after the entry's deletion.
 template <class K, class V>
 class HashMap2018<K, V>::Iterator {
  public:
@@ -239,16 +246,18 @@ class HashMap2018<K, V>::Iterator {
   const Node& operator*() const { return current_; }
   const Node* operator->() const { return &current_; }
 
+  // Goes to the entry that follows the current one in order, deleted or not.
   Iterator& operator++() {
     const HashMap2018& set = *set_;
-    if (set.hangs()) {
+    if (set.spilled()) {
       const Table& table = set.table();
-      stand(table.stands(current_.key, at_) ? table.nextFrom(at_ + 1) : table.after(current_.key));
+      goTo(table.isAt(at_, current_.key) ? table.nextOccupied(at_ + 1)
+                                         : table.upperBound(current_.key));
       return *this;
     }
-    // The entry that follows the current one, which may have gone.
-    const unsigned at = set.indexInside(current_.key);
-    stand(at < set.inside_ ? at + 1 : set.placeInside(Table::orderOf(current_.key), current_.key));
+    const unsigned at = set.indexInBuffer(current_.key);
+    goTo(at < set.buffered_ ? at + 1
+                            : set.lowerBoundInBuffer(Table::orderOf(current_.key), current_.key));
     return *this;
   }
   void operator++(int) { ++*this; }
@@ -261,21 +270,21 @@ class HashMap2018<K, V>::Iterator {
   friend class HashMap2018;
   explicit Iterator(const HashMap2018& set) : set_(&set) {}
 
-  // Stands at a place inside or in the table; behind the last one at the end.
-  void stand(U32 at) {
+  // Goes to a position in the buffer or in the table; to the end if there is no entry.
+  void goTo(U32 at) {
     at_ = at;
-    if (set_->hangs()) {
-      atEnd_ = at == Table::kNowhere;
+    if (set_->spilled()) {
+      atEnd_ = at == Table::npos;
       if (!atEnd_) current_ = {set_->table().key(at), set_->table().value(at)};
     } else {
-      atEnd_ = at >= set_->inside_;
+      atEnd_ = at >= set_->buffered_;
       if (!atEnd_) current_ = {set_->keys()[at], set_->values()[at]};
     }
   }
 
   const HashMap2018* set_ = nullptr;
   Node current_;
-  U32 at_ = 0;  // its place, when the iterator came to it
+  U32 at_ = 0;  // its position when the iterator came to it
   bool atEnd_ = true;
 };
 

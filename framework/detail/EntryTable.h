@@ -1,4 +1,11 @@
-// The table under the larger sets: entries of a key and a value.
+// The table under the larger sets: keys and values in OrderedArrays, a column each.
+//
+// It adds to the arrays what they leave to their owner: the order of a key, the sorting of keys of
+// one order, and the lives of keys and values. These move as bytes when the arrays move them, so
+// both are of types that allow that: numbers, and what is only a counted pointer.
+//
+// Positions are indices from 0 on; every change invalidates them. What needs memory throws
+// std::bad_alloc, and has changed nothing then.
 #pragma once
 
 #include <concepts>
@@ -15,106 +22,121 @@
 namespace [[gnu::visibility("default")]] Kiv {
 namespace detail {
 
-// Whether an object of this class can go on elsewhere as the bytes that it is made of: where
-// nothing knows its place, as with numbers and with what is but a counted pointer.
+// Whether an object of this class may be moved as the bytes it is made of (it is trivially
+// relocatable): nothing points to it, and it does not point to itself.
 template <class T>
-inline constexpr bool kBytesCanBeMoved = std::is_trivially_copyable_v<T>;
+inline constexpr bool kMovesAsBytes = std::is_trivially_copyable_v<T>;
 template <class T>
 requires std::derived_from<T, Text>
-inline constexpr bool kBytesCanBeMoved<T> = true;
+inline constexpr bool kMovesAsBytes<T> = true;
 template <class T>
-inline constexpr bool kBytesCanBeMoved<Ptr<T>> = true;
+inline constexpr bool kMovesAsBytes<Ptr<T>> = true;
 
-// Room for an object. Sets whose keys and values take the same room have the same arrays.
+// The bytes of an object. Tables whose keys and values are of the same sizes have the same arrays.
 template <std::size_t Size, std::size_t Alignment>
-struct Room {
+struct Bytes {
   alignas(Alignment) std::byte bytes[Size];
 };
 
-// Places are numbers from 0 on; each change makes those that were taken before it void.
 template <class K, class V>
-class EntryTable : public OrderedArrays<Room<sizeof(K), alignof(K)>, Room<sizeof(V), alignof(V)>> {
-  static_assert(kBytesCanBeMoved<K> && kBytesCanBeMoved<V>);
+class EntryTable {
+  static_assert(kMovesAsBytes<K> && kMovesAsBytes<V>);
 
-  using Arrays = OrderedArrays<Room<sizeof(K), alignof(K)>, Room<sizeof(V), alignof(V)>>;
+  using Arrays = OrderedArrays<Bytes<sizeof(K), alignof(K)>, Bytes<sizeof(V), alignof(V)>>;
 
  public:
-  using Arrays::buckets;
-  using Arrays::kNowhere;
-  using Arrays::nextFrom;
-  using Arrays::shrink;
+  static constexpr U32 npos = Arrays::npos;
 
-  // Room for so many entries at least. Throws std::bad_alloc.
-  explicit EntryTable(U32 count) { Arrays::reserve(count); }
-  EntryTable(EntryTable&& other) noexcept = default;
+  // With memory for so many entries. Throws std::bad_alloc.
+  explicit EntryTable(U32 capacity) {
+    if (!arrays_.reserve(capacity)) throw std::bad_alloc();
+  }
+  EntryTable(EntryTable&& other) noexcept : arrays_(std::exchange(other.arrays_, Arrays())) {}
+  EntryTable& operator=(const EntryTable&) = delete;
   // REQUIRES: it is empty.
-  ~EntryTable() { Arrays::freeBlock(); }
+  ~EntryTable() { arrays_.release(); }
 
-  // The entry at a place.
-  K& key(U32 at) const { return *std::launder(reinterpret_cast<K*>(&Arrays::primary(at))); }
+  // How many entries there are, and how many buckets; 0 buckets if the entries are few.
+  U32 size() const { return arrays_.count; }
+  U32 buckets() const { return arrays_.shape.dense() ? 0 : arrays_.shape.buckets(); }
+
+  // The entry at a position.
+  K& key(U32 at) const { return *std::launder(reinterpret_cast<K*>(&arrays_.first(at))); }
   V& value(U32 at) const {
-    return *std::launder(reinterpret_cast<V*>(&Arrays::template other<0>(at)));
+    return *std::launder(reinterpret_cast<V*>(&arrays_.template other<0>(at)));
   }
 
+  // Search
   // The order that a key has in the table.
-  static U32 orderOf(const K& key) { return Arrays::usable(kivOrder(key)); }
-
-  // The place of the entry with this key; kNowhere when absent.
+  static U32 orderOf(const K& key) { return Arrays::clampOrder(kivOrder(key)); }
+  // The position of the entry with this key; npos when absent.
   U32 find(const K& key) const {
     const U32 order = orderOf(key);
-    U32 at = Arrays::firstOf(order);
-    while (at != kNowhere && !(this->key(at) == key)) {
+    U32 at = arrays_.find(order);
+    while (at != npos && !(this->key(at) == key)) {
       ++at;
-      if (!Arrays::isOf(order, at)) at = kNowhere;
+      if (!arrays_.hasOrder(at, order)) at = npos;
     }
     return at;
   }
-  // Whether the entry of this key stands at this place, which may be none.
-  bool stands(const K& key, U32 at) const { return Arrays::stands(at) && this->key(at) == key; }
-  // The place of the first entry that stands after one of this key, which may be absent.
-  U32 after(const K& key) const {
+  // Whether the entry with this key is at this position, which may be any number.
+  bool isAt(U32 at, const K& key) const { return arrays_.occupied(at) && this->key(at) == key; }
+  // The position of the first entry from this position on; npos when there is none.
+  U32 nextOccupied(U32 at) const { return arrays_.nextOccupied(at); }
+  // The position of the first entry after this key, which may be absent; npos when there is none.
+  U32 upperBound(const K& key) const {
     const U32 order = orderOf(key);
-    U32 at = Arrays::firstNotBelow(order);
-    while (Arrays::isOf(order, at) && !(key < this->key(at))) ++at;
-    return nextFrom(at);
+    U32 at = arrays_.lowerBound(order);
+    while (arrays_.hasOrder(at, order) && !(key < this->key(at))) ++at;
+    return nextOccupied(at);
   }
 
-  // Returns the value of this key's entry, put in with the given one when absent, and whether it
-  // was put in. Throws std::bad_alloc; nothing has changed then.
+  // Change
+  // Returns the value of this key's entry, which is added with the given value when absent, and
+  // whether it was added. Throws std::bad_alloc.
   std::pair<V*, bool> insert(const K& key, const V& value) {
     const U32 order = orderOf(key);
-    U32 at = Arrays::firstNotBelow(order);
-    U32 passed = 0;
-    for (; Arrays::isOf(order, at); ++at, ++passed) {
+    U32 at = arrays_.lowerBound(order);
+    U32 rank = 0;
+    for (; arrays_.hasOrder(at, order); ++at, ++rank) {
       const K& other = this->key(at);
       if (other == key) return {&this->value(at), false};
       if (key < other) break;
     }
-    return {&put(at, passed, order, K(key), V(value)), true};
+    K keyCopy(key);
+    V valueCopy(value);
+    at = arrays_.insertGap(at, rank, order);
+    if (at == npos) throw std::bad_alloc();
+    return {&put(at, std::move(keyCopy), std::move(valueCopy)), true};
   }
-  // Puts in an entry that stands behind all others. REQUIRES: there is room, without a gap.
+  // Adds an entry that comes after all others. REQUIRES: it was made with capacity for it.
   void append(K key, V value) noexcept {
-    const U32 order = orderOf(key);
-    put(this->size(), 0, order, std::move(key), std::move(value));
+    const U32 at = arrays_.insertGap(size(), 0, orderOf(key));
+    put(at, std::move(key), std::move(value));
   }
-  // Takes out the entry at this place, and returns it; see OrderedArrays::close().
+  // Removes the entry at this position, and returns it. The next entry is then at this position or
+  // after it. Keeps the memory; see shrink().
   std::pair<K, V> remove(U32 at) noexcept {
     K& key = this->key(at);
     V& value = this->value(at);
     std::pair<K, V> taken(std::move(key), std::move(value));
     std::destroy_at(&key);
     std::destroy_at(&value);
-    Arrays::close(at);
+    arrays_.eraseGap(at);
     return taken;
   }
+  // Frees memory if few entries are left of many. Mostly, it has nothing to do.
+  void shrink() noexcept { (void)arrays_.shrink(); }
 
  private:
-  [[gnu::always_inline]] V& put(U32 at, U32 passed, U32 order, K&& key, V&& value) {
-    at = Arrays::open(at, passed, order);
-    std::construct_at(reinterpret_cast<K*>(&Arrays::primary(at)), std::move(key));
-    return *std::construct_at(reinterpret_cast<V*>(&Arrays::template other<0>(at)),
+  // Makes the entry at a position that insertGap() has made.
+  [[gnu::always_inline]] V& put(U32 at, K&& key, V&& value) noexcept {
+    std::construct_at(reinterpret_cast<K*>(&arrays_.first(at)), std::move(key));
+    return *std::construct_at(reinterpret_cast<V*>(&arrays_.template other<0>(at)),
                               std::move(value));
   }
+
+  Arrays arrays_;
 };
 
 }  // namespace detail

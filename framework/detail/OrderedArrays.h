@@ -1,21 +1,37 @@
-// The arrays under the keyed collections and the larger sets: entries in one total order.
+// Ordered linear probing on parallel arrays: the hash table under the keyed collections.
 //
-// An entry has an order, which is its key's bit-reversed hash, and one part in each column. Entries
-// stand in ascending order (equal orders by key, which is the owner's affair). The orders and each
-// column have an array, all in one block of memory: a look-up reads orders that lie side by side,
-// and looks at an entry only when its order is the one sought. The first column runs downwards from
-// where the orders begin, so that either is found without asking how large the arrays are.
+// The technique: open addressing with linear probing, in which the entries are kept in ascending
+// order of their hashes, as in an ordered hash table (Robin Hood hashing whose home buckets are the
+// upper bits of the hash). Keys, here called orders, and values are a structure of arrays.
 //
-// Up to kDense entries stand without a gap. More stand with gaps: the upper bits of the order
-// select the bucket, a place in the arrays, and an entry stands there or as soon behind as those
-// that come before it allow. So there is no gap between an entry and its bucket, and walking the
-// arrays walks all entries in order, whatever their size. One bit for each place says whether an
-// entry stands there: a walk goes from bit to bit, and never guesses. Behind the last bucket there
-// are some places more, of which the last stays empty and ends every search.
+// An entry has an order, its key's bit-reversed hash, and a part in each column. The orders are one
+// array and so is each column, all in one block of memory:
 //
-// What mirrors another collection is filled in its order, which is that of both. While it grows,
-// its entries crowd in the buckets of the lowest orders: so a search that does not end at once goes
-// on by leaps, and the entry that comes next finds its place free.
+//   [ first column, downwards | orders | occupied bits, if probed | second column | ... ]
+//                             ^ block
+//
+// A look-up reads orders, which are side by side, and an entry only if its order is the one sought.
+// The first column grows downwards from the orders, so that both are found without the capacity.
+//
+// Up to kDense entries are dense: at the positions 0 to count - 1, searched one by one. More are
+// probed: there are 2^log2 buckets, which are positions, and some positions more after the last one
+// (the overflow). What holds then:
+//
+//   - Entries are in ascending order. Equal orders are sorted by the owner.
+//   - An entry is at its bucket, or after it with no gap between: its displacement.
+//   - At a gap, and only there, the order is kGap and the bit is clear.
+//   - The last position is a gap, so a search needs no test for the end.
+//
+// So a search compares a group of orders from the bucket on at once (OrderGroup.h), and an iteration
+// visits the entries in order from bit to bit, whatever the size of the table was before.
+//
+// Cost: a search, an insertion and a deletion are constant on average, up to a load of 13/16.
+// Insertion and deletion move what is displaced. A collection that mirrors another one is filled in
+// ascending order: while it grows, its entries are packed into the lowest buckets, so a search that
+// does not end in its group gallops (steps that double), and the insertion itself moves nothing.
+//
+// Nothing here throws: what needs memory returns whether there was any, and otherwise leaves the
+// entries as they are. Positions are indices from 0 on; every change invalidates them.
 #pragma once
 
 #include <algorithm>
@@ -35,184 +51,162 @@
 namespace [[gnu::visibility("default")]] Kiv {
 namespace detail {
 
-// Places are numbers from 0 on; each change makes those that were taken before it void. The parts
-// of an entry are made and ended by the owner, which derives from this; here they are bytes.
+// How large the arrays are, in one byte.
+class Shape {
+ public:
+  static constexpr U32 kDense = 16;  // the largest capacity of dense arrays
+
+  // Dense arrays of the smallest capacity.
+  constexpr Shape() = default;
+  // The smallest arrays for so many entries.
+  static constexpr Shape forCount(U32 count) {
+    if (count <= kDense) return {0, (std::max(count, U32{1}) - 1) / kDenseStep};
+    Shape shape{5, 0};
+    while (shape.maxCount() < count) shape = shape.doubled();
+    return shape;
+  }
+  // Those with twice the buckets, and those with more overflow.
+  constexpr Shape doubled() const { return {log2() + 1, 0}; }
+  constexpr Shape extended() const { return {log2(), step() + 1}; }
+
+  constexpr bool dense() const { return log2() == 0; }
+  // The binary logarithm of the number of buckets, and this number. REQUIRES: not dense.
+  constexpr U32 log2() const { return bits_ & 31; }
+  constexpr U32 buckets() const { return U32{1} << log2(); }
+  // The number of positions.
+  constexpr U32 capacity() const {
+    return dense() ? kDenseStep * (step() + 1) : buckets() + (U32{8} << (4 * step()));
+  }
+  // The number of entries that these arrays are made for.
+  constexpr U32 maxCount() const { return dense() ? capacity() : buckets() / 16 * 13; }
+  // The bucket of an order. REQUIRES: not dense.
+  constexpr U32 bucketOf(U32 order) const { return order >> (32 - log2()); }
+
+ private:
+  static constexpr U32 kDenseStep = 4;  // from one capacity of dense arrays to the next
+
+  constexpr Shape(U32 log2, U32 step) : bits_(static_cast<U8>(log2 | step << 5)) {}
+  // Which capacity of dense arrays, and how much overflow of probed ones.
+  constexpr U32 step() const { return bits_ >> 5; }
+
+  U8 bits_ = 0;  // the lower five are the logarithm, 0 for dense arrays; the others are the step
+};
+
+// The operations on a block, a count and a shape, which are the owner's to keep: as an object of
+// this class, or in fields of its own, from which it makes one for each operation. A copy is the
+// same arrays, not new ones. The owner makes and ends the parts of an entry; here they are bytes.
 template <class First, class... Others>
-class OrderedArrays {
+struct OrderedArrays {
   static_assert(std::is_trivially_copyable_v<First> &&
                 (std::is_trivially_copyable_v<Others> && ...));
 
- public:
-  // No place.
-  static constexpr U32 kNowhere = ~U32{0};
+  void* block = nullptr;  // where the orders begin; null when there are no arrays yet
+  U32 count = 0;          // the number of entries
+  Shape shape;
 
-  OrderedArrays(const OrderedArrays&) = delete;
-  OrderedArrays& operator=(const OrderedArrays&) = delete;
+  // No position.
+  static constexpr U32 npos = ~U32{0};
+  // The number of positions whose bits are one word.
+  static constexpr U32 kWord = 64;
 
-  // How many entries there are.
-  U32 size() const { return count_; }
+  // The highest order marks gaps, so an entry that has it counts as one of the order below.
+  static constexpr U32 clampOrder(U32 order) { return std::min(order, kGap - 1); }
 
- protected:
-  // Without a block.
-  OrderedArrays() = default;
-  // Takes over what another has; that one may only end then.
-  OrderedArrays(OrderedArrays&& other) noexcept
-      : block_(std::exchange(other.block_, nullptr)),
-        count_(std::exchange(other.count_, 0)),
-        form_(other.form_),
-        note_(other.note_) {}
-  ~OrderedArrays() = default;
-
-  // The highest order marks gaps, so an entry that has it counts as one of the order before.
-  static constexpr U32 usable(U32 order) { return std::min(order, kGap - 1); }
-
-  // Whether the entries stand without a gap.
-  bool dense() const { return log2() == 0; }
-  // How many buckets there are; 0 while the entries stand without a gap.
-  U32 buckets() const { return dense() ? 0 : U32{1} << log2(); }
-
-  // The parts of the entry at a place, in the first column and in another one.
-  First& primary(U32 at) const { return *(static_cast<First*>(block_) - 1 - at); }
+  // Access: the parts of the entry at a position, in the first column and in another one.
+  First& first(U32 at) const { return *(static_cast<First*>(block) - 1 - at); }
   template <std::size_t I>
   auto& other(U32 at) const {
-    return column<I>(capacity())[at];
+    return column<I>(shape.capacity())[at];
   }
 
-  // Where a search stops at the latest; a gap stops it among gaps.
-  U32 searchEnd() const { return dense() ? count_ : kNowhere; }
-  // The first place whose entry's order is not less than this one; it may be a gap, which is where
-  // such an entry would stand.
-  U32 firstNotBelow(U32 order) const {
-    if (!dense()) return firstNotBelowAmongGaps(order);
+  // Search
+  // The first position whose entry has this order; npos when there is none.
+  U32 find(U32 order) const {
+    if (!shape.dense()) return findProbed(order);
     const U32* orders = this->orders();
-    U32 at = 0;
-    while (at < count_ && orders[at] < order) ++at;
-    return at;
-  }
-  // The first place whose entry has this order; kNowhere when there is none.
-  U32 firstOf(U32 order) const {
-    if (!dense()) return firstOfAmongGaps(order);
-    const U32* orders = this->orders();
-    for (U32 at = 0; at < count_; ++at) {
+    for (U32 at = 0; at < count; ++at) {
       if (orders[at] == order) return at;
     }
-    return kNowhere;
+    return npos;
   }
-  // Whether an entry of this order stands at this place, which may be one behind the last.
-  bool isOf(U32 order, U32 at) const { return at < searchEnd() && orders()[at] == order; }
-
-  // So many places there are to walk over.
-  U32 walkEnd() const { return dense() ? count_ : capacity(); }
-  // Where entries stand among the 64 places from this one on, which is a multiple of 64 and less
-  // than walkEnd(), or 0.
-  U64 standing(U32 from) const {
-    return dense() ? (U64{1} << count_) - 1 : bits(capacity())[from / kWord];
-  }
-  // Whether an entry stands at this place, which may be none.
-  bool stands(U32 at) const { return at < walkEnd() && (dense() || orders()[at] != kGap); }
-  // The first place from this one on where an entry stands; kNowhere when there is none.
-  U32 nextFrom(U32 at) const {
-    if (dense()) return at < count_ ? at : kNowhere;
-    return nextAmongGaps(at);
-  }
-
-  // Makes room for an entry of this order, where the owner then makes its parts: before what stands
-  // at this place, which is that of firstNotBelow() behind `passed` others of the same order.
-  // Returns its place, which larger arrays may have changed. Throws std::bad_alloc; nothing has
-  // changed then.
-  U32 open(U32 at, U32 passed, U32 order) {
-    if (!dense()) return openAmongGaps(at, passed, order);
-    if (count_ == capacity()) {
-      reserve(count_ + 1);
-      if (!dense()) return openAmongGaps(firstNotBelow(order) + passed, passed, order);
-    }
-    relocate(at, at + 1, count_ - at);
-    orders()[at] = order;
-    ++count_;
+  // The first position whose entry's order is not less than this one. If it is a gap, or the end of
+  // dense arrays, an entry of this order would be there.
+  U32 lowerBound(U32 order) const {
+    if (!shape.dense()) return lowerBoundProbed(order);
+    const U32* orders = this->orders();
+    U32 at = 0;
+    while (at < count && orders[at] < order) ++at;
     return at;
   }
-  // Takes away the entry at this place, whose parts the owner has ended. What comes next then
-  // stands there, or behind. The arrays stay as large as they are; see shrink().
-  void close(U32 at) noexcept {
-    if (!dense()) {
-      closeAmongGaps(at);
+  // Whether there is an entry of this order at this position, which may be one after the last.
+  bool hasOrder(U32 at, U32 order) const {
+    return (!shape.dense() || at < count) && orders()[at] == order;
+  }
+
+  // Iteration
+  // All entries are before this position.
+  U32 end() const { return shape.dense() ? count : shape.capacity(); }
+  // Which of the 64 positions from this one on are occupied: a bit for each, the first one's lowest.
+  // REQUIRES: `from` is a multiple of 64, and less than end() or 0.
+  U64 occupiedBits(U32 from) const {
+    return shape.dense() ? (U64{1} << count) - 1 : bits(shape.capacity())[from / kWord];
+  }
+  // Whether there is an entry at this position, which may be any number.
+  bool occupied(U32 at) const { return at < end() && (shape.dense() || orders()[at] != kGap); }
+  // The first occupied position from this one on; npos when there is none.
+  U32 nextOccupied(U32 at) const {
+    if (shape.dense()) return at < count ? at : npos;
+    return nextOccupiedProbed(*this, at);
+  }
+
+  // Change
+  // Adds an entry of this order, whose parts the owner then makes, before what is at this position:
+  // that of lowerBound(), after `rank` others of the same order. Returns its position, which is
+  // another one if the arrays grew; npos when there is no memory. The block and the shape may be new
+  // in either case; no entry has changed then.
+  [[nodiscard]] U32 insertGap(U32 at, U32 rank, U32 order) noexcept {
+    if (!shape.dense()) return insertGapProbed(at, rank, order);
+    if (count == shape.capacity()) {
+      if (!reserve(count + 1)) return npos;
+      if (!shape.dense()) return insertGapProbed(lowerBound(order) + rank, rank, order);
+    }
+    moveEntries(at, at + 1, count - at);
+    orders()[at] = order;
+    ++count;
+    return at;
+  }
+  // Removes the entry at this position, whose parts the owner has ended. The next entry is then at
+  // this position or after it. Keeps the arrays as large as they are; see shrink().
+  void eraseGap(U32 at) noexcept {
+    if (!shape.dense()) {
+      eraseGapProbed(at);
       return;
     }
-    --count_;
-    relocate(at + 1, at, count_ - at);
+    --count;
+    moveEntries(at + 1, at, count - at);
   }
-
-  // So many entries find room before the arrays grow.
-  U32 room() const { return mostIn(shape()); }
-  // Makes room for so many entries at least. REQUIRES: there is no block, or there are arrays in
-  // it. Throws std::bad_alloc; nothing has changed then.
-  void reserve(U32 count) { moveTo(shapeFor(count)); }
-  // The same, without an exception: returns whether there was memory.
-  bool reserved(U32 count) noexcept { return moved(shapeFor(count)); }
-  // Lets go of memory of which but little is in use, where the new can be had. Does nothing most of
-  // the time.
-  void shrink() {
-    if (dense() ? count_ <= capacity() / 4
-                : count_ <= buckets() / 16 && (count_ & (count_ - 1)) == 0) {
-      shrinkNow();
-    }
+  // Makes arrays for so many entries; returns whether there was memory.
+  [[nodiscard]] bool reserve(U32 entries) noexcept { return rehash(Shape::forCount(entries)); }
+  // Moves to smaller arrays if few positions are occupied and there is memory for them; returns
+  // whether it did. Mostly, it has nothing to do.
+  bool shrink() noexcept {
+    return (shape.dense() ? count <= shape.capacity() / 4
+                          : count <= shape.buckets() / 16 && (count & (count - 1)) == 0) &&
+           shrinkNow();
   }
-  void freeBlock() {
-    if (block_ != nullptr) kivMemFree(blockBegin(capacity()), bytes(capacity()));
-    block_ = nullptr;
+  // Frees the block, if there is one. REQUIRES: the owner has ended all parts.
+  void release() noexcept {
+    if (block != nullptr) kivMemFree(blockBegin(shape.capacity()), bytes(shape.capacity()));
+    block = nullptr;
   }
-
-  // Where the orders begin in the block: the first column before them; behind them, among gaps the
-  // bits, and the other columns. An owner that has no arrays may keep something else here.
-  void* block_ = nullptr;
-  U32 count_ = 0;
-  // The shape: the lower five bits are the log2, the upper three the step. Forms from kOwners on
-  // are the owner's where it has no arrays, in steps of kOwnersStep, up to three of them.
-  U32 form_ : 8 = 0;
-  U32 note_ : 24 = 0;  // for the owner
-
-  static constexpr U32 kOwners = 4 << 5;
-  static constexpr U32 kOwnersStep = 1 << 5;
-  static constexpr U32 kWord = 64;  // so many bits stand in one
 
  private:
-  // How large the arrays are. Without a gap: log2 is 0, and the step says how many places there
-  // are. With gaps: 2^log2 buckets, and the step says how many places follow.
-  struct Shape {
-    U32 log2 = 0;
-    U32 step = 0;
-  };
-  static constexpr U32 kDense = 16;
-  static constexpr U32 kDenseStep = 4;
   static constexpr U32 kGroup = kOrderGroup;
-  static constexpr U32 kFew = 16;       // are moved one by one
-  static constexpr U32 kFar = 32;       // from its bucket; farther is slow
-  static constexpr U32 kGap = ~U32{0};  // the order of a place where no entry stands
+  static constexpr U32 kMoveSingly = 16;       // up to so many entries are moved one by one
+  static constexpr U32 kMaxDisplacement = 32;  // after shrinking
+  static constexpr U32 kGap = ~U32{0};         // the order at a gap
 
-  static constexpr U32 capacityOf(Shape shape) {
-    if (shape.log2 == 0) return kDenseStep * (shape.step + U32{1});
-    return (U32{1} << shape.log2) + (U32{8} << (4 * shape.step));
-  }
-  // So many entries are as many as a table of this shape is to hold.
-  static constexpr U32 mostIn(Shape shape) {
-    return shape.log2 == 0 ? capacityOf(shape) : (U32{1} << shape.log2) / 16 * 13;
-  }
-  static constexpr Shape shapeFor(U32 count) {
-    if (count <= kDense) return {0, (std::max(count, U32{1}) - 1) / kDenseStep};
-    Shape shape{5, 0};
-    while (mostIn(shape) < count) ++shape.log2;
-    return shape;
-  }
-  U32 log2() const { return form_ & 31; }
-  U32 step() const { return form_ >> 5; }
-  Shape shape() const { return {log2(), step()}; }
-  U32 capacity() const { return capacityOf(shape()); }
-
-  static U32 bucketOf(U32 order, Shape shape) {
-    return shape.log2 == 0 ? 0 : order >> (32 - shape.log2);
-  }
-
-  // The block. Among gaps, a group of orders may begin at any place.
+  // The block. A group of orders may begin at any position of probed arrays.
   static constexpr std::array<std::size_t, sizeof...(Others)> kWidths = {sizeof(Others)...};
   static constexpr std::size_t rounded(std::size_t bytes) {
     return (bytes + kMemAlignment - 1) & ~(kMemAlignment - 1);
@@ -222,22 +216,22 @@ class OrderedArrays {
   }
   // From where the orders begin.
   static constexpr std::size_t bitsAt(std::size_t capacity) {
-    return rounded((capacity > kDense ? capacity + kGroup : capacity) * sizeof(U32));
+    return rounded((capacity > Shape::kDense ? capacity + kGroup : capacity) * sizeof(U32));
   }
   static constexpr std::size_t columnAt(std::size_t column, std::size_t capacity) {
     std::size_t at = bitsAt(capacity);
-    if (capacity > kDense) at += (capacity + kWord - 1) / kWord * sizeof(U64);
+    if (capacity > Shape::kDense) at += (capacity + kWord - 1) / kWord * sizeof(U64);
     for (std::size_t i = 0; i < column; ++i) at += rounded(capacity * kWidths[i]);
     return at;
   }
   static constexpr std::size_t bytes(std::size_t capacity) {
     return ordersAt(capacity) + columnAt(sizeof...(Others), capacity);
   }
-  std::byte* bytesAt(std::size_t at) const { return static_cast<std::byte*>(block_) + at; }
+  std::byte* bytesAt(std::size_t at) const { return static_cast<std::byte*>(block) + at; }
   void* blockBegin(U32 capacity) const {
-    return static_cast<std::byte*>(block_) - ordersAt(capacity);
+    return static_cast<std::byte*>(block) - ordersAt(capacity);
   }
-  U32* orders() const { return static_cast<U32*>(block_); }
+  U32* orders() const { return static_cast<U32*>(block); }
   U64* bits(U32 capacity) const {
     return std::launder(reinterpret_cast<U64*>(bytesAt(bitsAt(capacity))));
   }
@@ -247,57 +241,55 @@ class OrderedArrays {
     return std::launder(reinterpret_cast<Part*>(bytesAt(columnAt(I, capacity))));
   }
 
-  // Calls each(i) with the number of each of the other columns.
+  // Calls each(i) with the number of each column but the first.
   static constexpr void eachOther(auto&& each) {
     [&]<std::size_t... I>(std::index_sequence<I...>) {
       (each(std::integral_constant<std::size_t, I>()), ...);
     }
     (std::index_sequence_for<Others...>());
   }
-  // Moves so many entries from one place to another; their parts are such that their bytes can be
-  // moved.
-  [[gnu::always_inline]] void relocate(U32 from, U32 to, U32 count) noexcept {
-    if (count == 0) return;
-    const U32 capacity = this->capacity();
-    moveBytes(orders() + to, orders() + from, count);
-    moveBytes(&primary(to + count - 1), &primary(from + count - 1), count);
+  // Moves so many entries from one position to another, as bytes.
+  [[gnu::always_inline]] void moveEntries(U32 from, U32 to, U32 entries) noexcept {
+    if (entries == 0) return;
+    const U32 capacity = shape.capacity();
+    moveBytes(orders() + to, orders() + from, entries);
+    moveBytes(&first(to + entries - 1), &first(from + entries - 1), entries);
     eachOther(
-        [&](auto i) { moveBytes(column<i>(capacity) + to, column<i>(capacity) + from, count); });
+        [&](auto i) { moveBytes(column<i>(capacity) + to, column<i>(capacity) + from, entries); });
   }
   template <class T>
-  static void moveBytes(T* to, const T* from, std::size_t count) noexcept {
-    std::memmove(static_cast<void*>(to), static_cast<const void*>(from), count * sizeof(T));
+  static void moveBytes(T* to, const T* from, std::size_t entries) noexcept {
+    std::memmove(static_cast<void*>(to), static_cast<const void*>(from), entries * sizeof(T));
   }
 
-  // Among gaps
-  // A loop over single orders, which may end anywhere, would cost more than the comparisons that it
-  // spares.
-  U32 firstNotBelowAmongGaps(U32 order) const {
-    const U32 at = order >> (32 - log2());
-    const U32 less = lessInGroup(orders() + at, order);
-    if (less == (U32{1} << kGroup) - 1) return leapToNotBelow(order, at + kGroup - 1);
-    return at + static_cast<U32>(std::countr_one(less));
-  }
-  U32 firstOfAmongGaps(U32 order) const {
-    const U32 at = order >> (32 - log2());
+  // Probed arrays. A whole group is always compared: a loop over single orders, which may end
+  // anywhere, would cost more than the comparisons that it spares.
+  U32 findProbed(U32 order) const {
+    const U32 at = shape.bucketOf(order);
     const U32* group = orders() + at;
-    __builtin_prefetch(&primary(at));  // the one that is sought mostly stands there
+    __builtin_prefetch(&first(at));  // where the entry mostly is
     if (const U32 equal = equalInGroup(group, order); equal != 0) {
       return at + static_cast<U32>(std::countr_zero(equal));
     }
-    return group[kGroup - 1] >= order ? kNowhere : firstOfFar(order, at + kGroup - 1);
+    return group[kGroup - 1] >= order ? npos : findAfter(*this, order, at + kGroup - 1);
   }
-  [[gnu::noinline]] U32 firstOfFar(U32 order, U32 below) const {
-    const U32 at = leapToNotBelow(order, below);
-    return orders()[at] == order ? at : kNowhere;
+  U32 lowerBoundProbed(U32 order) const {
+    const U32 at = shape.bucketOf(order);
+    const U32 less = lessInGroup(orders() + at, order);
+    if (less == (U32{1} << kGroup) - 1) return gallop(*this, order, at + kGroup - 1);
+    return at + static_cast<U32>(std::countr_one(less));
   }
-  // The first place, behind one whose order is less, that is a gap or whose entry's order is not
-  // less.
-  [[gnu::noinline]] U32 leapToNotBelow(U32 order, U32 below) const {
-    const U32* orders = this->orders();
-    const U32 end = capacity();
-    // Where all crowd from the first place on, this is the last of them.
-    if (count_ - 1 > below && orders[count_ - 1] < order) below = count_ - 1;
+  // What is out of line takes the arrays as a value, which is passed in registers.
+  [[gnu::noinline]] static U32 findAfter(OrderedArrays arrays, U32 order, U32 below) {
+    const U32 at = gallop(arrays, order, below);
+    return arrays.orders()[at] == order ? at : npos;
+  }
+  // The lower bound, which is after this position, whose order is less; by galloping search.
+  [[gnu::noinline]] static U32 gallop(OrderedArrays arrays, U32 order, U32 below) {
+    const U32* orders = arrays.orders();
+    const U32 end = arrays.shape.capacity();
+    // If all entries are packed from the first position on, this is the last of them.
+    if (arrays.count - 1 > below && orders[arrays.count - 1] < order) below = arrays.count - 1;
     U32 leap = kGroup;
     while (leap < end - below && orders[below + leap] < order) {
       below += leap;
@@ -306,152 +298,149 @@ class OrderedArrays {
     const U32* to = orders + std::min(below + leap, end);
     return static_cast<U32>(std::lower_bound(orders + below + 1, to, order) - orders);
   }
-  [[gnu::noinline]] U32 nextAmongGaps(U32 at) const {
-    const U32 end = capacity();
-    if (at >= end) return kNowhere;
+  [[gnu::noinline]] static U32 nextOccupiedProbed(OrderedArrays arrays, U32 at) {
+    const U32 end = arrays.shape.capacity();
+    if (at >= end) return npos;
     U32 from = at & ~(kWord - 1);
-    U64 left = standing(from) >> (at - from) << (at - from);
+    U64 left = arrays.occupiedBits(from) >> (at - from) << (at - from);
     while (left == 0) {
       from += kWord;
-      if (from >= end) return kNowhere;
-      left = standing(from);
+      if (from >= end) return npos;
+      left = arrays.occupiedBits(from);
     }
     return from + static_cast<U32>(std::countr_zero(left));
   }
-  // The first place from this one on where no entry stands.
-  U32 gapFrom(U32 at) const {
-    const U64* bits = this->bits(capacity());
+  // The first gap from this position on. REQUIRES: there is one.
+  U32 nextGap(U32 at) const {
+    const U64* bits = this->bits(shape.capacity());
     U32 from = at / kWord;
     U64 gaps = ~bits[from] >> at % kWord << at % kWord;
     while (gaps == 0) gaps = ~bits[++from];
     return from * kWord + static_cast<U32>(std::countr_zero(gaps));
   }
-  void clearPlaces() noexcept {
-    const U32 capacity = this->capacity();
+  void clear() noexcept {
+    const U32 capacity = shape.capacity();
     std::memset(orders(), 0xff, bitsAt(capacity));
     std::memset(bits(capacity), 0, columnAt(0, capacity) - bitsAt(capacity));
   }
-  void mark(U32 at) const { bits(capacity())[at / kWord] |= U64{1} << at % kWord; }
 
-  [[gnu::noinline]] U32 openAmongGaps(U32 at, U32 passed, U32 order) {
-    // Where there is no memory for more buckets, entries stand closer.
-    if (count_ >= mostIn(shape()) && moved({log2() + 1, 0})) at = firstNotBelow(order) + passed;
-    const U32 gap = gapFrom(at);
-    // Entries keep their places in arrays with more places behind them.
-    if (gap == capacity() - 1) moveTo({log2(), step() + 1});
-    moveOn(at, gap);
-    mark(gap);
+  [[gnu::noinline]] U32 insertGapProbed(U32 at, U32 rank, U32 order) noexcept {
+    // Without memory for more buckets, the load rises.
+    if (count >= shape.maxCount() && rehash(shape.doubled())) at = lowerBound(order) + rank;
+    const U32 gap = nextGap(at);
+    // With more overflow, all entries keep their positions.
+    if (gap == shape.capacity() - 1 && !rehash(shape.extended())) return npos;
+    shiftUp(at, gap);
+    bits(shape.capacity())[gap / kWord] |= U64{1} << gap % kWord;
     orders()[at] = order;
-    ++count_;
+    ++count;
     return at;
   }
-  // Moves what stands from this place on, up to a gap, one place on.
-  void moveOn(U32 at, U32 gap) noexcept {
-    if (gap - at > kFew) {
-      relocate(at, at + 1, gap - at);
+  // Moves the entries from this position up to a gap by one position.
+  void shiftUp(U32 at, U32 gap) noexcept {
+    if (gap - at > kMoveSingly) {
+      moveEntries(at, at + 1, gap - at);
       return;
     }
     U32* const orders = this->orders();
-    const U32 capacity = this->capacity();
+    const U32 capacity = shape.capacity();
     for (U32 to = gap; to > at; --to) {
       orders[to] = orders[to - 1];
-      primary(to) = primary(to - 1);
+      first(to) = first(to - 1);
       eachOther([&](auto i) { column<i>(capacity)[to] = column<i>(capacity)[to - 1]; });
     }
   }
-  [[gnu::noinline]] void closeAmongGaps(U32 at) noexcept {
-    // A gap ends what stands on because of this entry, and so does an entry that stands in its
-    // bucket.
-    const U32* orders = this->orders();
+  // Backward-shift deletion.
+  [[gnu::noinline]] void eraseGapProbed(U32 at) noexcept {
+    // What is displaced because of this entry ends at a gap, or at an entry in its own bucket.
+    U32* const orders = this->orders();
     U32 end = at + 1;
-    while (orders[end] != kGap && bucketOf(orders[end], shape()) < end) ++end;
-    relocate(at + 1, at, end - at - 1);
-    this->orders()[end - 1] = kGap;
-    bits(capacity())[(end - 1) / kWord] &= ~(U64{1} << (end - 1) % kWord);
-    --count_;
+    while (orders[end] != kGap && shape.bucketOf(orders[end]) < end) ++end;
+    moveEntries(at + 1, at, end - at - 1);
+    orders[end - 1] = kGap;
+    bits(shape.capacity())[(end - 1) / kWord] &= ~(U64{1} << (end - 1) % kWord);
+    --count;
   }
 
-  // Calls each(place) for every entry, in order.
+  // Calls each(position) for every entry, in order.
   template <class Each>
-  void forEachPlace(Each each) const {
-    const U32 end = walkEnd();
+  void forEachPosition(Each each) const {
+    const U32 end = this->end();
     for (U32 from = 0; from < end; from += kWord) {
-      for (U64 left = standing(from); left != 0; left &= left - 1) {
+      for (U64 left = occupiedBits(from); left != 0; left &= left - 1) {
         each(from + static_cast<U32>(std::countr_zero(left)));
       }
     }
   }
 
-  // In arrays of this shape: the place of the last entry, and how far behind its bucket one stands
-  // at most.
-  struct Crowd {
+  // How the entries would be in probed arrays of another shape: the position of the last one, and
+  // the largest displacement.
+  struct Fit {
     U32 last = 0;
-    U32 distance = 0;
+    U32 displacement = 0;
   };
-  Crowd crowd(Shape shape) const {
-    Crowd crowd;
+  Fit fit(Shape probed) const {
+    Fit fit;
     U32 to = 0;
-    forEachPlace([&](U32 at) {
-      const U32 bucket = bucketOf(orders()[at], shape);
+    forEachPosition([&](U32 at) {
+      const U32 bucket = probed.bucketOf(orders()[at]);
       to = std::max(to, bucket);
-      crowd.distance = std::max(crowd.distance, to - bucket);
-      crowd.last = to++;
+      fit.displacement = std::max(fit.displacement, to - bucket);
+      fit.last = to++;
     });
-    return crowd;
+    return fit;
   }
 
-  [[gnu::noinline]] void shrinkNow() {
-    const Shape smaller = shapeFor(dense() ? 2 * count_ : 4 * count_);
-    if (capacityOf(smaller) >= capacity()) return;
-    // What is left may be crowded, where the rest went in order.
-    if (smaller.log2 == 0 || crowd(smaller).distance <= kFar) (void)moved(smaller);
+  [[gnu::noinline]] bool shrinkNow() noexcept {
+    const Shape smaller = Shape::forCount(shape.dense() ? 2 * count : 4 * count);
+    if (smaller.capacity() >= shape.capacity()) return false;
+    // What is left may be close together, if the others were removed in order.
+    if (!smaller.dense() && fit(smaller).displacement > kMaxDisplacement) return false;
+    return rehash(smaller);
   }
 
-  // Moves all entries to arrays of this shape, with more places behind the last bucket where they
-  // are needed. Throws std::bad_alloc; nothing has changed then.
-  void moveTo(Shape shape) {
-    if (!moved(shape)) throw std::bad_alloc();
-  }
-  // The same, without an exception: returns whether there was memory.
-  [[gnu::noinline]] bool moved(Shape shape) noexcept {
-    if (shape.log2 != 0) {
-      const U32 last = crowd(shape).last;
-      while (last + 2 > capacityOf(shape)) ++shape.step;
+  // Moves all entries to arrays of this shape, with more overflow where they need it; returns
+  // whether there was memory. REQUIRES: there is enough capacity.
+  [[gnu::noinline]] bool rehash(Shape to) noexcept {
+    if (!to.dense()) {
+      const U32 last = fit(to).last;
+      while (last + 2 > to.capacity()) to = to.extended();
     }
-    const U32 capacity = capacityOf(shape);
-    void* block = kivMemAllocOrNull(bytes(capacity));
-    if (block == nullptr) return false;
-    OrderedArrays into;
-    into.block_ = static_cast<std::byte*>(block) + ordersAt(capacity);
-    into.form_ = (shape.log2 | shape.step << 5) & 255;
-    if (!into.dense()) into.clearPlaces();
-    if (count_ != 0) relocateAllTo(into);
-    freeBlock();
-    block_ = into.block_;
-    form_ = into.form_;
+    const U32 capacity = to.capacity();
+    void* memory = kivMemAllocOrNull(bytes(capacity));
+    if (memory == nullptr) return false;
+    OrderedArrays moved{static_cast<std::byte*>(memory) + ordersAt(capacity), count, to};
+    if (!to.dense()) moved.clear();
+    if (count != 0) moveAllTo(moved);
+    release();
+    *this = moved;
     return true;
   }
-  // REQUIRES: there is an entry, and so a block to take it from.
-  void relocateAllTo(OrderedArrays& into) noexcept {
-    const U32 capacity = into.capacity();
-    if (dense() && into.dense()) {
-      moveBytes(into.orders(), orders(), count_);
-      moveBytes(&into.primary(count_ - 1), &primary(count_ - 1), count_);
+  // REQUIRES: there is an entry, and so a block.
+  void moveAllTo(OrderedArrays& into) const noexcept {
+    const U32 capacity = into.shape.capacity();
+    const U32 ownCapacity = shape.capacity();
+    if (shape.dense() && into.shape.dense()) {
+      moveBytes(into.orders(), orders(), count);
+      moveBytes(&into.first(count - 1), &first(count - 1), count);
       eachOther([&](auto i) {
-        moveBytes(into.template column<i>(capacity), column<i>(this->capacity()), count_);
+        moveBytes(into.template column<i>(capacity), column<i>(ownCapacity), count);
       });
       return;
     }
-    const Shape shape = into.shape();
-    U64* bits = into.bits(capacity);
+    const Shape probed = into.shape;
+    U64* const bits = into.bits(capacity);
     U32 to = 0;
-    forEachPlace([&](U32 at) {
-      to = std::max(to, bucketOf(orders()[at], shape));
-      into.orders()[to] = orders()[at];
-      if (!into.dense()) bits[to / kWord] |= U64{1} << to % kWord;
-      moveBytes(&into.primary(to), &primary(at), 1);
+    forEachPosition([&](U32 at) {
+      const U32 order = orders()[at];
+      if (!probed.dense()) {
+        to = std::max(to, probed.bucketOf(order));
+        bits[to / kWord] |= U64{1} << to % kWord;
+      }
+      into.orders()[to] = order;
+      moveBytes(&into.first(to), &first(at), 1);
       eachOther([&](auto i) {
-        moveBytes(into.template column<i>(capacity) + to, column<i>(this->capacity()) + at, 1);
+        moveBytes(into.template column<i>(capacity) + to, column<i>(ownCapacity) + at, 1);
       });
       ++to;
     });
