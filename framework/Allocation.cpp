@@ -27,11 +27,11 @@ namespace {
 
 constinit detail::Pool pool;
 constinit std::atomic_flag poolBusy = ATOMIC_FLAG_INIT;
-// The types that are listed, each once; a new one is put in front.
+// The types that are listed, each once, in a linked list.
 constinit std::mutex listing;
 constinit std::atomic<AllocTrackTypeInfo*> listedTypes{nullptr};
 
-// Holds the pool against other threads, where there are any.
+// Locks the pool if there are other threads: a spin lock, as it is held for moments.
 class PoolLock {
  public:
   PoolLock() : locked_(enableThreadSafePointers) {
@@ -58,19 +58,19 @@ bool pooled(std::size_t size) {
   return size != 0 && size <= kLargestPooled;
 }
 
-[[gnu::noinline]] void* takeMemory(std::size_t size) noexcept {
-  if (!pooled(size)) return detail::takeLargeMemory(size);
+[[gnu::noinline]] void* allocateSlow(std::size_t size) noexcept {
+  if (!pooled(size)) return detail::allocateLarge(size);
   const PoolLock lock;
-  return pool.take(size);
+  return pool.allocate(size);
 }
 
-[[gnu::noinline]] void giveBackMemory(void* memory, std::size_t size) noexcept {
+[[gnu::noinline]] void freeSlow(void* memory, std::size_t size) noexcept {
   if (!pooled(size) || memory == nullptr) {
     std::free(memory);
     return;
   }
   const PoolLock lock;
-  pool.giveBack(memory, size);
+  pool.free(memory, size);
 }
 
 void add(std::atomic<U64>& counter, U64 amount) noexcept {
@@ -85,10 +85,10 @@ void add(std::atomic<U64>& counter, U64 amount) noexcept {
 
 void* kivMemAllocOrNull(std::size_t size) noexcept {
   if (pooled(size) && !enableThreadSafePointers) [[likely]] {
-    if (void* memory = pool.takeAtOnce(size)) [[likely]]
+    if (void* memory = pool.allocateFast(size)) [[likely]]
       return memory;
   }
-  return takeMemory(size);
+  return allocateSlow(size);
 }
 
 void* kivMemAlloc(std::size_t size) {
@@ -99,14 +99,14 @@ void* kivMemAlloc(std::size_t size) {
 
 void kivMemFree(void* memory, std::size_t size) noexcept {
   if (pooled(size) && memory != nullptr && !enableThreadSafePointers) [[likely]] {
-    if (pool.giveBackAtHand(memory, size)) [[likely]]
+    if (pool.freeFast(memory, size)) [[likely]]
       return;
   }
-  giveBackMemory(memory, size);
+  freeSlow(memory, size);
 }
 
 std::size_t kivMemTaken() noexcept {
-  return detail::poolMemoryTaken();
+  return detail::poolMemory();
 }
 
 void AllocTrackTypeInfo::trackAllocation(AllocTrackTypeInfo& type, std::size_t size) noexcept {

@@ -12,126 +12,126 @@ namespace Kiv {
 namespace detail {
 namespace {
 
-constexpr std::size_t kBlockSize = 16 * 1024;
-constexpr std::size_t kBlocks = kPoolRegion / kBlockSize;
-constexpr std::size_t kLine = 64;  // of a cache
-// At hand is one of so many parts of all pieces of a size, at most.
-constexpr U32 kMany = 16;
-// So many blocks are searched for one that is to be cut anew.
-constexpr int kSearched = 8;
+constexpr std::size_t kSlabSize = 16 * 1024;
+constexpr std::size_t kSlabs = kPoolRegion / kSlabSize;  // in a region
+constexpr std::size_t kCacheLine = 64;
+// A free list takes one of so many of the chunks of its class.
+constexpr U32 kFreeFraction = 16;
+// So many slabs are searched for an empty one.
+constexpr int kMaxSearch = 8;
 
 }  // namespace
 
-// The record of a block. All records of a region stand at its beginning, where the first block is
-// that much smaller.
-struct Pool::Block {
-  Block* next = nullptr;      // in the list of those with pieces
-  Piece* returned = nullptr;  // the pieces
-  U32 bytes = 0;              // of them
-  U32 rest = 0;               // bytes that were too few for a piece
+// The header of a slab. All headers of a region are at its beginning, where the first slab is that
+// much smaller.
+struct Pool::Slab {
+  Slab* next = nullptr;       // in one of the pool's two lists
+  Chunk* returned = nullptr;  // the chunks that have returned, in any order
+  U32 bytes = 0;              // of these
+  U32 unused = 0;             // at the end, too few for the chunk that was wanted
 
-  static Block& of(void* piece) {
-    const auto at = reinterpret_cast<std::uintptr_t>(piece) % kPoolRegion;
-    auto* records = reinterpret_cast<Block*>(static_cast<char*>(piece) - at);
-    return *std::launder(records + at / kBlockSize);
+  static Slab& of(void* chunk) {
+    const auto at = reinterpret_cast<std::uintptr_t>(chunk) % kPoolRegion;
+    auto* headers = reinterpret_cast<Slab*>(static_cast<char*>(chunk) - at);
+    return *std::launder(headers + at / kSlabSize);
   }
   char* begin() {
     const auto at = reinterpret_cast<std::uintptr_t>(this) % kPoolRegion;
-    return reinterpret_cast<char*>(this) - at + at / sizeof(Block) * kBlockSize;
+    return reinterpret_cast<char*>(this) - at + at / sizeof(Slab) * kSlabSize;
   }
 };
 
-void* Pool::takeElsewhere(std::size_t sizeClass) noexcept {
-  bring(sizeClass);
-  if (atHand_[sizeClass].first == nullptr && !nextBlock()) return nullptr;
-  return takeAtOnce(bytesOf(sizeClass));
+void* Pool::allocateSlow(std::size_t sizeClass) noexcept {
+  refill(sizeClass);
+  if (freeLists_[sizeClass].first == nullptr && !nextSlab()) return nullptr;
+  return allocateFast(bytesOf(sizeClass));
 }
 
-void Pool::giveBack(void* memory, std::size_t size) noexcept {
+void Pool::free(void* memory, std::size_t size) noexcept {
   const std::size_t sizeClass = classOf(size);
-  Chain& chain = atHand_[sizeClass];
-  auto* piece = static_cast<Piece*>(memory);
-  chain.most = std::max(kAtHand, pieces_[sizeClass] / kMany);
-  if (chain.count < chain.most) {
-    push(chain, piece);
+  FreeList& list = freeLists_[sizeClass];
+  auto* chunk = static_cast<Chunk*>(memory);
+  list.most = std::max(kMinFree, chunks_[sizeClass] / kFreeFraction);
+  if (list.count < list.most) {
+    push(list, chunk);
   } else {
-    putAway(piece, sizeClass);
+    returnToSlab(chunk, sizeClass);
   }
 }
 
-void Pool::bring(std::size_t sizeClass) noexcept {
-  const Chain& chain = atHand_[sizeClass];
-  for (int searched = 0; chain.first == nullptr && withPieces_ != nullptr; ++searched) {
-    if (away_[sizeClass] == 0 && searched >= kSearched) break;
-    Block& block = *withPieces_;
-    withPieces_ = block.next;
-    if (block.bytes + block.rest < kBlockSize) {
-      bringFrom(block);
+void Pool::refill(std::size_t sizeClass) noexcept {
+  const FreeList& list = freeLists_[sizeClass];
+  for (int searched = 0; list.first == nullptr && partial_ != nullptr; ++searched) {
+    if (returned_[sizeClass] == 0 && searched >= kMaxSearch) break;
+    Slab& slab = *partial_;
+    partial_ = slab.next;
+    if (slab.bytes + slab.unused < kSlabSize) {
+      refillFrom(slab);
       continue;
     }
-    for (const Piece* piece = block.returned; piece != nullptr; piece = piece->next) {
-      --pieces_[piece->sizeClass];
-      --away_[piece->sizeClass];
+    for (const Chunk* chunk = slab.returned; chunk != nullptr; chunk = chunk->next) {
+      --chunks_[chunk->sizeClass];
+      --returned_[chunk->sizeClass];
     }
-    block = {.next = std::exchange(unused_, &block)};
+    slab = {.next = std::exchange(empty_, &slab)};
   }
 }
 
-void Pool::bringFrom(Block& block) noexcept {
-  constexpr std::size_t kPlaces = kBlockSize / kMemAlignment;
-  std::array<U64, kPlaces / 64> standing{};
-  char* const begin = block.begin();
-  // They hang in any order: without this, each would be waited for.
-  for (std::size_t at = 0; at < kBlockSize; at += kLine) __builtin_prefetch(begin + at, 1);
-  for (Piece* piece = block.returned; piece != nullptr; piece = piece->next) {
-    const auto at = static_cast<std::size_t>(reinterpret_cast<char*>(piece) - begin);
-    standing[at / kMemAlignment / 64] |= U64{1} << at / kMemAlignment % 64;
+void Pool::refillFrom(Slab& slab) noexcept {
+  constexpr std::size_t kPositions = kSlabSize / kMemAlignment;
+  std::array<U64, kPositions / 64> free{};
+  char* const begin = slab.begin();
+  // The list is in any order: without this, each chunk would be a cache miss to wait for.
+  for (std::size_t at = 0; at < kSlabSize; at += kCacheLine) __builtin_prefetch(begin + at, 1);
+  for (Chunk* chunk = slab.returned; chunk != nullptr; chunk = chunk->next) {
+    const auto at = static_cast<std::size_t>(reinterpret_cast<char*>(chunk) - begin);
+    free[at / kMemAlignment / 64] |= U64{1} << at / kMemAlignment % 64;
   }
-  block.returned = nullptr;
-  block.bytes = 0;
-  // The last comes first, as what hangs last is handed out first.
-  for (std::size_t word = standing.size(); word-- > 0;) {
-    for (U64 bits = standing[word]; bits != 0;) {
+  slab.returned = nullptr;
+  slab.bytes = 0;
+  // The last address first, as what is pushed last is allocated first.
+  for (std::size_t word = free.size(); word-- > 0;) {
+    for (U64 bits = free[word]; bits != 0;) {
       const auto bit = static_cast<std::size_t>(std::bit_width(bits)) - 1;
       bits ^= U64{1} << bit;
-      auto* piece = reinterpret_cast<Piece*>(begin + (word * 64 + bit) * kMemAlignment);
-      --away_[piece->sizeClass];
-      push(atHand_[piece->sizeClass], piece);
+      auto* chunk = reinterpret_cast<Chunk*>(begin + (word * 64 + bit) * kMemAlignment);
+      --returned_[chunk->sizeClass];
+      push(freeLists_[chunk->sizeClass], chunk);
     }
   }
 }
 
-void Pool::putAway(Piece* piece, std::size_t sizeClass) noexcept {
-  Block& block = Block::of(piece);
-  if (block.returned == nullptr) block.next = std::exchange(withPieces_, &block);
-  ++away_[sizeClass];
-  piece->sizeClass = static_cast<U32>(sizeClass);
-  piece->next = std::exchange(block.returned, piece);
-  block.bytes += static_cast<U32>(bytesOf(sizeClass));
+void Pool::returnToSlab(Chunk* chunk, std::size_t sizeClass) noexcept {
+  Slab& slab = Slab::of(chunk);
+  if (slab.returned == nullptr) slab.next = std::exchange(partial_, &slab);
+  ++returned_[sizeClass];
+  chunk->sizeClass = static_cast<U32>(sizeClass);
+  chunk->next = std::exchange(slab.returned, chunk);
+  slab.bytes += static_cast<U32>(bytesOf(sizeClass));
 }
 
-bool Pool::nextBlock() noexcept {
-  if (unused_ == nullptr && freshBlocks_ == 0) {
-    char* const region = takePoolRegion();
+bool Pool::nextSlab() noexcept {
+  if (empty_ == nullptr && regionSlabs_ == 0) {
+    char* const region = mapPoolRegion();
     if (region == nullptr) return false;
-    fresh_ = region;
-    freshBlocks_ = kBlocks;
+    region_ = region;
+    regionSlabs_ = kSlabs;
   }
-  if (cut_ != end_) Block::of(cut_).rest = static_cast<U32>(room());
-  if (unused_ != nullptr) {
-    cut_ = unused_->begin();
-    end_ = cut_ + kBlockSize;
-    unused_ = std::exchange(unused_->next, nullptr);
+  if (bump_ != bumpEnd_) Slab::of(bump_).unused = static_cast<U32>(bumpLeft());
+  if (empty_ != nullptr) {
+    bump_ = empty_->begin();
+    bumpEnd_ = bump_ + kSlabSize;
+    empty_ = std::exchange(empty_->next, nullptr);
     return true;
   }
-  usePoolRegion(kBlockSize);
-  cut_ = fresh_;
-  end_ = fresh_ + kBlockSize;
-  if (freshBlocks_ == kBlocks) {
-    for (std::size_t i = 0; i < kBlocks; ++i, cut_ += sizeof(Block)) new (cut_) Block;
+  countPoolMemory(kSlabSize);
+  bump_ = region_;
+  bumpEnd_ = region_ + kSlabSize;
+  if (regionSlabs_ == kSlabs) {
+    for (std::size_t i = 0; i < kSlabs; ++i, bump_ += sizeof(Slab)) new (bump_) Slab;
   }
-  fresh_ = end_;
-  --freshBlocks_;
+  region_ = bumpEnd_;
+  --regionSlabs_;
   return true;
 }
 

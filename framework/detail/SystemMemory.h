@@ -1,5 +1,5 @@
-// Memory of the system for the framework, in huge pages where there is much of it: objects that lie
-// all over the memory cost a walk through the page tables each where pages are small.
+// Memory of the system for the framework: as huge pages where there is much of it, since each access
+// to objects all over many small pages would cost a walk through the page tables.
 #pragma once
 
 #include <cstddef>
@@ -7,24 +7,22 @@
 namespace Kiv {
 namespace detail {
 
-// So many bytes has a region of the pool of small sizes, and is aligned to as many: those of a huge
-// page.
+// The size of a region of the pool in bytes, and its alignment: those of a huge page.
 inline constexpr std::size_t kPoolRegion = 2 * 1024 * 1024;
 
-// Returns a region for the pool, which never gives it back; null when there is no memory. It is a
-// huge page when the pool has so many that this one is but little more, which also spares the
-// faults of its small pages; else it takes memory as it is used. One thread at a time.
-char* takePoolRegion() noexcept;
+// Maps a region for the pool, which never unmaps it; null when there is no memory. The first
+// sixteen MiB of regions are of small pages, which the system provides as they are used; later ones
+// are huge pages, which also spares their page faults. One thread at a time.
+char* mapPoolRegion() noexcept;
 
-// Says that so many bytes more of the region that was taken last are used.
-void usePoolRegion(std::size_t size) noexcept;
+// Counts so many bytes of the last region as used. One thread at a time.
+void countPoolMemory(std::size_t size) noexcept;
 
-// How many bytes the pool's regions have taken of the system. Any thread.
-std::size_t poolMemoryTaken() noexcept;
+// The bytes of the system's memory that the pool's regions use. Any thread.
+std::size_t poolMemory() noexcept;
 
-// Returns what std::malloc() returns for this size, which is for std::free() to take back. Any
-// thread.
-void* takeLargeMemory(std::size_t size) noexcept;
+// As std::malloc(), and for std::free() to free; large sizes are of huge pages. Any thread.
+void* allocateLarge(std::size_t size) noexcept;
 
 }  // namespace detail
 }  // namespace Kiv
