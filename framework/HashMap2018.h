@@ -10,9 +10,8 @@
 //
 //   for (const auto& entry : pool->assignedVlan()) { use(entry.key, entry.value); }
 //
-// The loop body may delete any entry, the current one too, and may insert, any number of times; what
-// is visited then is said in HashMap.h. An iterator holds a copy of its entry, and is registered
-// nowhere.
+// The loop body may delete any entry, the current one too, and may insert, any number of times;
+// HashMap.h says what is visited then. An iterator holds a copy of its entry and is not registered.
 //
 // Cost: that of at most four comparisons, or else constant on average. What may throw: newMember(),
 // std::bad_alloc.

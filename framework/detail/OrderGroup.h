@@ -1,5 +1,5 @@
-// Comparison of a group of eight orders at once, with SSE2 where the processor has it: what a search
-// reads first, from a bucket on.
+// Comparison of a group of eight orders at once, with SSE2 where the processor has it: what a
+// search reads first, from a bucket on.
 #pragma once
 
 #include "framework/Integers.h"
@@ -17,7 +17,7 @@ inline constexpr U32 kOrderGroup = 8;
 // Which orders of a group are less than this one: a bit for each, the first one's lowest.
 inline U32 lessInGroup(const U32* group, U32 order) {
 #ifdef __SSE2__
-  // SSE2 compares signed numbers only. With the highest bit flipped, their order is that of unsigned.
+  // SSE2 compares signed numbers only; with the highest bit flipped, unsigned ones in their order.
   const __m128i flip = _mm_set1_epi32(static_cast<int>(U32{1} << 31));
   const __m128i sought = _mm_xor_si128(_mm_set1_epi32(static_cast<int>(order)), flip);
   const auto* four = reinterpret_cast<const __m128i*>(group);

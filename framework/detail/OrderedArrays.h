@@ -22,8 +22,8 @@
 //   - At a gap, and only there, the order is kGap and the bit is clear.
 //   - The last position is a gap, so a search needs no test for the end.
 //
-// So a search compares a group of orders from the bucket on at once (OrderGroup.h), and an iteration
-// visits the entries in order from bit to bit, whatever the size of the table was before.
+// So a search compares a group of orders from the bucket on at once (OrderGroup.h), and an
+// iteration visits the entries in order, from bit to bit.
 //
 // Cost: a search, an insertion and a deletion are constant on average, up to a load of 13/16.
 // Insertion and deletion move what is displaced. A collection that mirrors another one is filled in
@@ -146,8 +146,8 @@ struct OrderedArrays {
   // Iteration
   // All entries are before this position.
   U32 end() const { return shape.dense() ? count : shape.capacity(); }
-  // Which of the 64 positions from this one on are occupied: a bit for each, the first one's lowest.
-  // REQUIRES: `from` is a multiple of 64, and less than end() or 0.
+  // Which of the 64 positions from this one on are occupied: a bit for each, the first one's the
+  // lowest. REQUIRES: `from` is a multiple of 64, and less than end() or 0.
   U64 occupiedBits(U32 from) const {
     return shape.dense() ? (U64{1} << count) - 1 : bits(shape.capacity())[from / kWord];
   }
@@ -162,8 +162,8 @@ struct OrderedArrays {
   // Change
   // Adds an entry of this order, whose parts the owner then makes, before what is at this position:
   // that of lowerBound(), after `rank` others of the same order. Returns its position, which is
-  // another one if the arrays grew; npos when there is no memory. The block and the shape may be new
-  // in either case; no entry has changed then.
+  // another one if the arrays grew; npos when there is no memory, and no entry has changed then.
+  // The block and the shape may be new in either case.
   [[nodiscard]] U32 insertGap(U32 at, U32 rank, U32 order) noexcept {
     if (!shape.dense()) return insertGapProbed(at, rank, order);
     if (count == shape.capacity()) {

@@ -1,9 +1,10 @@
 // The pool of small sizes, from which objects and texts come: a slab allocator with a free list for
 // each size class.
 //
-// The terms. A region is 2 MiB of the system's memory, a huge page; it is divided into slabs of
-// 16 KiB. Chunks are what is handed out: their sizes are multiples of eight bytes, the size classes,
-// and one slab has chunks of any of them. A slab's header is at the beginning of its region.
+// The terms. A region is 2 MiB of the system's memory, the size of a huge page; it is divided into
+// slabs of 16 KiB. Chunks are what is handed out: their sizes are multiples of eight bytes, the
+// size classes, and one slab has chunks of any class. The headers of all slabs of a region are at
+// its beginning.
 //
 // Where a chunk comes from, in this order:
 //

@@ -1,5 +1,5 @@
-// Memory of the system for the framework: as huge pages where there is much of it, since each access
-// to objects all over many small pages would cost a walk through the page tables.
+// Memory of the system for the framework: as huge pages where there is much of it, since each
+// access to objects all over many small pages would cost a walk through the page tables.
 #pragma once
 
 #include <cstddef>
