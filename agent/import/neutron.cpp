@@ -9,56 +9,67 @@
 namespace vnagent {
 namespace {
 
-using nlohmann::json;
-
 constexpr uint8_t kOtherSegment = 2;
 constexpr int64_t kMaxLevel = 255;
 
 // The text under a key, or nothing where it is absent, null or something else.
-std::optional<std::string> textOf(const json& object, const char* key) {
-  const auto at = object.find(key);
-  if (at == object.end() || !at->is_string()) return std::nullopt;
-  return at->get<std::string>();
+std::optional<std::string> textOf(const JsonValue& object, std::string_view key) {
+  const JsonValue* at = object.find(key);
+  if (at == nullptr || at->kind != JsonValue::Kind::kString) return std::nullopt;
+  return std::string(at->text);
 }
 
-std::string textOrEmpty(const json& object, const char* key) {
+std::string textOrEmpty(const JsonValue& object, std::string_view key) {
   return textOf(object, key).value_or(std::string());
 }
 
 // The integer under a key; nothing where it is absent, null, something else or beyond low..high.
-std::optional<int64_t> integerOf(const json& object, const char* key, int64_t low, int64_t high) {
-  const auto at = object.find(key);
-  if (at == object.end() || !at->is_number_integer()) return std::nullopt;
-  if (at->is_number_unsigned() && at->get<uint64_t>() > static_cast<uint64_t>(high)) {
-    return std::nullopt;
-  }
-  const auto value = at->get<int64_t>();
-  return value >= low && value <= high ? std::optional(value) : std::nullopt;
+std::optional<int64_t> integerOf(const JsonValue& object, std::string_view key, int64_t low,
+                                 int64_t high) {
+  const JsonValue* at = object.find(key);
+  const bool fits = at != nullptr && at->kind == JsonValue::Kind::kInteger && at->integer >= low &&
+                    at->integer <= high;
+  return fits ? std::optional(at->integer) : std::nullopt;
 }
 
-// The list under a key of an answer. Throws BadDump.
-const json& listOf(const json& answer, const char* file, const char* key) {
-  if (!answer.is_object()) {
-    throw BadDump(fmt::format("{}.json: : not an object with \"{}\"", file, key));
-  }
-  const auto list = answer.find(key);
-  if (list == answer.end() || !list->is_array()) {
-    throw BadDump(fmt::format("{}.json: /{}: there is no list of {}", file, key, key));
-  }
-  return *list;
+// True where a scalar or null has the same value under both keys; an absent one is null.
+bool isSame(const JsonValue& a, std::string_view keyA, const JsonValue& b, std::string_view keyB) {
+  static constexpr JsonValue kNull;
+  const JsonValue* const atA = a.find(keyA);
+  const JsonValue* const atB = b.find(keyB);
+  const JsonValue& valueA = atA == nullptr ? kNull : *atA;
+  const JsonValue& valueB = atB == nullptr ? kNull : *atB;
+  return valueA.kind == valueB.kind && valueA.text == valueB.text &&
+         valueA.integer == valueB.integer;
 }
 
-// Throws BadDump unless all that is in a list is objects.
-void checkObjects(const json& list, const std::string& file, const std::string& place) {
-  for (size_t i = 0; i < list.size(); ++i) {
-    if (!list[i].is_object()) {
-      throw BadDump(fmt::format("{}.json: {}/{}: not an object", file, place, i));
-    }
-  }
-}
-
-bool isBaremetal(const json& port) {
+bool isBaremetal(const JsonValue& port) {
   return textOf(port, "binding:vnic_type") == "baremetal";
+}
+
+[[noreturn]] void refuse(const char* file, const JsonValue& root, const JsonValue& at,
+                         std::string_view text) {
+  throw BadDump(
+      fmt::format("{}.json:{}: {}: {}", file, at.position.line, pointerTo(at, root), text));
+}
+
+// Throws BadDump unless a list holds objects only.
+std::span<const JsonValue* const> objectsIn(const char* file, const JsonValue& root,
+                                            const JsonValue& list) {
+  for (const JsonValue* item : list.all()) {
+    if (!item->isObject()) refuse(file, root, *item, shown(*item) + " is not an object");
+  }
+  return list.all();
+}
+
+// The objects of the list that an answer holds under its name. Throws BadDump.
+std::span<const JsonValue* const> listIn(const JsonValue& answer, const char* name) {
+  const JsonValue* list = answer.find(name);
+  if (list == nullptr || list->kind != JsonValue::Kind::kArray) {
+    refuse(name, answer, list == nullptr ? answer : *list,
+           fmt::format("there is no list of {}", name));
+  }
+  return objectsIn(name, answer, *list);
 }
 
 class Importer {
@@ -66,30 +77,31 @@ class Importer {
   explicit Importer(const NeutronDump& dump) : dump_(dump) {}
 
   NeutronImport import() {
-    const json& networks = listOf(dump_.networks, "networks", "networks");
-    const json& segments = listOf(dump_.segments, "segments", "segments");
-    const json& ports = listOf(dump_.ports, "ports", "ports");
-    checkObjects(networks, "networks", "/networks");
-    checkObjects(segments, "segments", "/segments");
-    checkObjects(ports, "ports", "/ports");
-    for (const json& segment : segments) importSegment(segment);
-    for (const json& network : networks) importNetwork(network);
-    if (dump_.bindingLevels) readLevels(*dump_.bindingLevels);
-    for (const json& port : ports) importPort(port);
+    const auto networks = listIn(dump_.networks, "networks");
+    const auto segments = listIn(dump_.segments, "segments");
+    const auto ports = listIn(dump_.ports, "ports");
+    for (const JsonValue* segment : segments) importSegment(*segment);
+    for (const JsonValue* network : networks) importNetwork(*network);
+    if (dump_.bindingLevels != nullptr) readLevels(*dump_.bindingLevels);
+    for (const JsonValue* port : ports) importPort(*port);
+    leaveOutUnusedRows();
     return std::move(result_);
   }
 
  private:
-  using SwitchInterface = std::pair<std::string, std::string>;
   struct LevelRow {
     uint8_t level;
     std::string segment;
+  };
+  struct HostRows {
+    std::vector<LevelRow> rows;
+    bool isUsed = false;
   };
 
   void leaveOut(std::string line) { result_.leftOut.push_back(std::move(line)); }
 
   // The id of an object, or nothing after saying why it cannot be kept.
-  std::optional<std::string> idOf(const json& object, std::string_view kind, bool known) {
+  std::optional<std::string> idOf(const JsonValue& object, std::string_view kind, bool known) {
     const auto id = textOf(object, "id");
     if (!id) {
       leaveOut(fmt::format("{} without an id left out", kind));
@@ -108,14 +120,14 @@ class Importer {
 
   // Segments and networks.
 
-  void importSegment(const json& segment) {
+  void importSegment(const JsonValue& segment) {
     const auto id = idOf(segment, "segment", result_.segments.contains(textOrEmpty(segment, "id")));
     if (!id) return;
     const std::string type = textOrEmpty(segment, "network_type");
     const bool vlan = type == "vlan";
     const bool vxlan = type == "vxlan";
-    const auto idAt = segment.find("segmentation_id");
-    const bool without = idAt == segment.end() || idAt->is_null();
+    const JsonValue* const idAt = segment.find("segmentation_id");
+    const bool without = idAt == nullptr || idAt->isNull();
     const int64_t low = vlan || vxlan ? 1 : 0;
     const int64_t high = vlan ? 4094 : vxlan ? 16777215 : 4294967295;
     auto number = integerOf(segment, "segmentation_id", low, high);
@@ -124,7 +136,7 @@ class Importer {
       leaveOut(type.empty() ? fmt::format("segment {} left out: it has no network type", *id)
                             : fmt::format("segment {} left out: {} is not an id of a {} segment "
                                           "({} to {})",
-                                          *id, without ? "null" : idAt->dump(), type, low, high));
+                                          *id, without ? "null" : shown(*idAt), type, low, high));
       return;
     }
     const uint8_t mapped = vlan ? kVlanSegment : vxlan ? kVxlanSegment : kOtherSegment;
@@ -134,7 +146,7 @@ class Importer {
     }
   }
 
-  void importNetwork(const json& network) {
+  void importNetwork(const JsonValue& network) {
     const auto id = idOf(network, "network", result_.networks.contains(textOrEmpty(network, "id")));
     if (!id) return;
     result_.networks.insert(*id);
@@ -148,10 +160,10 @@ class Importer {
     const auto segments = networkSegments_.find(network);
     if (segments == networkSegments_.end()) return std::nullopt;
     const auto described = networks_.find(network);
-    const json* description = described == networks_.end() ? nullptr : described->second;
-    if (description != nullptr && description->contains("segments")) {
-      const json& own = (*description)["segments"];
-      return own.is_array() && own.size() == 1 ? matching(segments->second, own[0]) : std::nullopt;
+    const JsonValue* description = described == networks_.end() ? nullptr : described->second;
+    if (const JsonValue* own = description == nullptr ? nullptr : description->find("segments")) {
+      const bool one = own->kind == JsonValue::Kind::kArray && own->size == 1;
+      return one ? matching(segments->second, *own->members[0]) : std::nullopt;
     }
     if (description != nullptr && textOf(*description, "provider:network_type")) {
       return matching(segments->second, *description);
@@ -160,16 +172,13 @@ class Importer {
     return textOf(*segments->second.front(), "id");
   }
 
-  static std::optional<std::string> matching(const std::vector<const json*>& segments,
-                                             const json& provider) {
-    const auto same = [&](const json& segment, const char* key, const char* providerKey) {
-      return segment.value(key, json()) == provider.value(providerKey, json());
-    };
+  static std::optional<std::string> matching(const std::vector<const JsonValue*>& segments,
+                                             const JsonValue& provider) {
     std::optional<std::string> found;
-    for (const json* segment : segments) {
-      if (!same(*segment, "network_type", "provider:network_type") ||
-          !same(*segment, "physical_network", "provider:physical_network") ||
-          !same(*segment, "segmentation_id", "provider:segmentation_id")) {
+    for (const JsonValue* segment : segments) {
+      if (!isSame(*segment, "network_type", provider, "provider:network_type") ||
+          !isSame(*segment, "physical_network", provider, "provider:physical_network") ||
+          !isSame(*segment, "segmentation_id", provider, "provider:segmentation_id")) {
         continue;
       }
       if (found) return std::nullopt;
@@ -180,16 +189,19 @@ class Importer {
 
   // Binding levels.
 
-  void readLevels(const json& rows) {
-    if (!rows.is_array()) throw BadDump("db_binding_levels.json: : not a list of rows");
-    checkObjects(rows, "db_binding_levels", "");
-    for (const json& row : rows) {
+  void readLevels(const JsonValue& rows) {
+    constexpr const char* kFile = "db_binding_levels";
+    if (rows.kind != JsonValue::Kind::kArray) {
+      refuse(kFile, rows, rows, shown(rows) + " is not a list of rows");
+    }
+    for (const JsonValue* item : objectsIn(kFile, rows, rows)) {
+      const JsonValue& row = *item;
       const auto port = textOf(row, "port_id");
       const auto host = textOf(row, "host");
       const auto level = integerOf(row, "level", 0, kMaxLevel);
       const auto segment = textOf(row, "segment_id");
       if (port && host && level && segment) {
-        rows_[*port][*host].push_back({static_cast<uint8_t>(*level), *segment});
+        rows_[*port][*host].rows.push_back({static_cast<uint8_t>(*level), *segment});
       } else {
         leaveOut(
             fmt::format("binding level of port {} on host {} left out: it needs port_id, host, "
@@ -199,19 +211,13 @@ class Importer {
     }
   }
 
-  const std::vector<LevelRow>* rowsOf(const std::string& port, const std::string& host) const {
-    const auto hosts = rows_.find(port);
-    if (hosts == rows_.end()) return nullptr;
-    const auto rows = hosts->second.find(host);
-    return rows == hosts->second.end() ? nullptr : &rows->second;
-  }
-
   // The levels of one binding of a port that a host has. What would break a rule is left out.
-  std::map<uint8_t, std::string> levelsOf(const json& port, const std::string& id,
+  std::map<uint8_t, std::string> levelsOf(const JsonValue& port, const std::string& id,
                                           const std::string& host) {
     std::vector<LevelRow> rows;
-    if (const auto* known = rowsOf(id, host)) {
-      rows = *known;
+    if (const auto known = rows_[id].find(host); known != rows_[id].end()) {
+      known->second.isUsed = true;
+      rows = known->second.rows;
     } else if (const auto own = ownSegment(textOrEmpty(port, "network_id"))) {
       rows.push_back({0, *own});
     }
@@ -236,11 +242,11 @@ class Importer {
     }
     if (levels.contains(row.level)) return "there is another row for it";
     for (const auto& [level, other] : levels) {
-      if (other == row.segment) return fmt::format("its segment stands at level {} too", level);
+      if (other == row.segment) return fmt::format("its segment is at level {} too", level);
       const ImportedSegment& above = result_.segments[other];
       if (above.type == kVlanSegment && segment->second.type == kVlanSegment &&
           above.id == segment->second.id) {
-        return fmt::format("VLAN {} stands at level {} too", above.id, level);
+        return fmt::format("VLAN {} is at level {} too", above.id, level);
       }
     }
     return {};
@@ -248,7 +254,7 @@ class Importer {
 
   // Ports.
 
-  void importPort(const json& port) {
+  void importPort(const JsonValue& port) {
     const auto id = idOf(port, "port", result_.ports.contains(textOrEmpty(port, "id")));
     if (!id) return;
     ImportedPort& made = result_.ports[*id];
@@ -258,7 +264,7 @@ class Importer {
     countDevice(port, *id);
   }
 
-  void importBinding(const json& port, const std::string& id, ImportedPort& made) {
+  void importBinding(const JsonValue& port, const std::string& id, ImportedPort& made) {
     const auto vif = textOf(port, "binding:vif_type");
     if (!vif) {
       leaveOut(fmt::format("binding of port {} left out: it has no binding:vif_type", id));
@@ -268,49 +274,67 @@ class Importer {
     const auto hosts = hostsOf(port, id, *vif);
     if (hosts.empty()) return;
     made.bound = true;
-    const json links = linksOf(port);
-    if (isBaremetal(port) && !links.empty()) {
-      for (const json& link : links) importLink(port, id, hosts.front(), link, made);
-      return;
+    const JsonValue* links = isBaremetal(port) ? linksOf(port) : nullptr;
+    if (links == nullptr) {
+      for (const std::string& host : hosts) made.hosts[host] = {{}, levelsOf(port, id, host)};
+    } else if (links->kind != JsonValue::Kind::kArray) {
+      leaveOut(fmt::format("links of port {} left out: {} is not a list", id, shown(*links)));
+    } else {
+      const ImportedBinding binding{hosts.front(), levelsOf(port, id, hosts.front())};
+      for (const JsonValue* link : links->all()) importLink(id, *link, binding, made);
     }
-    for (const std::string& host : hosts) made.hosts[host] = {{}, levelsOf(port, id, host)};
   }
 
-  // The hosts that a bound port is bound on; none after saying why.
-  std::vector<std::string> hostsOf(const json& port, const std::string& id,
+  // The hosts that a bound port is bound on, its own first; none after saying why.
+  std::vector<std::string> hostsOf(const JsonValue& port, const std::string& id,
                                    const std::string& vif) {
     std::vector<std::string> hosts;
     const std::string own = textOrEmpty(port, "binding:host_id");
-    if (!own.empty()) {
-      hosts.push_back(own);
-    } else if (const auto rows = rows_.find(id); vif == "distributed" && rows != rows_.end()) {
-      for (const auto& [host, levels] : rows->second) hosts.push_back(host);
+    if (!own.empty()) hosts.push_back(own);
+    if (!own.empty() || vif == "distributed") {
+      for (auto& [host, rows] : rows_[id]) {
+        if (host == own) continue;
+        if (own.empty() || !isBaremetal(port)) {
+          // Of a distributed port, or one that migrates.
+          hosts.push_back(host);
+        } else {
+          rows.isUsed = true;
+          leaveOutRows(id, host, "a baremetal port is bound on its own host only");
+        }
+      }
     }
     if (hosts.empty()) {
+      unbound_.insert(id);
       leaveOut(
           fmt::format("binding of port {} left out: it is bound ({}), but on no host", id, vif));
     }
     std::erase_if(hosts, [&](const std::string& host) {
       const auto fault = faultOfName(host);
-      if (!fault.empty()) leaveOut(fmt::format("binding of port {} left out: {}", id, fault));
-      return !fault.empty();
+      if (fault.empty()) return false;
+      unbound_.insert(id);
+      leaveOut(fmt::format("binding of port {} left out: {}", id, fault));
+      return true;
     });
     return hosts;
   }
 
-  static json linksOf(const json& port) {
-    const auto profile = port.find("binding:profile");
-    if (profile == port.end() || !profile->is_object()) return json::array();
-    const auto links = profile->find("local_link_information");
-    return links == profile->end() || !links->is_array() ? json::array() : *links;
+  // The links of a baremetal port; null where it has none.
+  static const JsonValue* linksOf(const JsonValue& port) {
+    const JsonValue* const profile = port.find("binding:profile");
+    const JsonValue* const links = profile == nullptr || !profile->isObject()
+                                       ? nullptr
+                                       : profile->find("local_link_information");
+    const bool none = links == nullptr || links->isNull() ||
+                      (links->kind == JsonValue::Kind::kArray && links->size == 0);
+    return none ? nullptr : links;
   }
 
-  void importLink(const json& port, const std::string& id, const std::string& host,
-                  const json& link, ImportedPort& made) {
+  void importLink(const std::string& id, const JsonValue& link, const ImportedBinding& binding,
+                  ImportedPort& made) {
     const auto fail = [&](std::string_view why) {
       leaveOut(fmt::format("link of port {} left out: {}", id, why));
     };
-    if (!link.is_object()) return fail("it is not an object");
+    if (!link.isObject()) return fail("it is not an object");
     std::string name = textOrEmpty(link, "switch_info");
     if (name.empty()) name = textOrEmpty(link, "switch_id");
     const auto interface = textOf(link, "port_id");
@@ -318,16 +342,31 @@ class Importer {
     if (!interface || interface->empty()) return fail("it names no port_id");
     if (const auto fault = faultOfName(name); !fault.empty()) return fail(fault);
     if (const auto fault = faultOfName(*interface); !fault.empty()) return fail(fault);
-    const SwitchInterface key{name, *interface};
-    if (made.interfaces.contains(key)) {
-      return fail(fmt::format("the port has another one to {} {}", name, *interface));
+    if (!made.interfaces.try_emplace({name, *interface}, binding).second) {
+      fail(fmt::format("the port has another one to {} {}", name, *interface));
     }
-    made.interfaces[key] = {host, levelsOf(port, id, host)};
+  }
+
+  // Rows that no binding has used.
+  void leaveOutUnusedRows() {
+    for (const auto& [port, hosts] : rows_) {
+      if (unbound_.contains(port)) continue;  // said already
+      const bool isKnown = result_.ports.contains(port);
+      for (const auto& [host, rows] : hosts) {
+        if (rows.isUsed) continue;
+        leaveOutRows(port, host, isKnown ? "the port is not bound there" : "there is no such port");
+      }
+    }
+  }
+
+  void leaveOutRows(const std::string& port, const std::string& host, std::string_view why) {
+    leaveOut(fmt::format("binding levels of port {} on host {} left out: {}", shown(port),
+                         shown(host), why));
   }
 
   // Devices.
 
-  void countDevice(const json& port, const std::string& id) {
+  void countDevice(const JsonValue& port, const std::string& id) {
     const std::string owner = textOrEmpty(port, "device_owner");
     std::set<std::string>* devices = nullptr;
     if (owner.starts_with("compute:")) {
@@ -339,6 +378,7 @@ class Importer {
     }
     if (devices == nullptr) return;
     const std::string device = textOrEmpty(port, "device_id");
+    if (device.empty()) return;  // as it is for a port that no device has taken yet
     const auto fault = faultOfName(device);
     if (fault.empty()) {
       devices->insert(device);
@@ -349,9 +389,10 @@ class Importer {
 
   const NeutronDump& dump_;
   NeutronImport result_;
-  std::map<std::string, std::vector<const json*>> networkSegments_;
-  std::map<std::string, const json*> networks_;
-  std::map<std::string, std::map<std::string, std::vector<LevelRow>>> rows_;  // by port, by host
+  std::map<std::string, std::vector<const JsonValue*>> networkSegments_;
+  std::map<std::string, const JsonValue*> networks_;
+  std::map<std::string, std::map<std::string, HostRows>> rows_;  // by port, by host
+  std::set<std::string> unbound_;  // bound ports that have, or may have, no binding here
 };
 
 }  // namespace

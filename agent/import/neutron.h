@@ -3,19 +3,15 @@
 // Nothing is guessed: what has no place in a cloud document, or would break one of its rules, is
 // left out, and said. The result is one region that keeps all rules.
 //
-//   NeutronDump dump = parse(...);                       // four JSON values, the last may be
-//   absent NeutronImport result = importNeutron(dump);          // throws BadDump
+//   NeutronImport result = importNeutron({networks, segments, ports, &levels});  // throws BadDump
 //   writeCloud(result, "RegionOne", json);
-//   for (const auto& line : result.leftOut) say(line);
+//   for (const auto& line : result.leftOut) report(line);
 //
 // Any thread.
 #pragma once
 
-#include <array>
 #include <cstdint>
 #include <map>
-#include <nlohmann/json.hpp>
-#include <optional>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -23,20 +19,21 @@
 #include <utility>
 #include <vector>
 
+#include "agent/json/json_tree.h"
 #include "agent/json/json_writer.h"
 
 namespace vnagent {
 
 // The server's answers: objects with a list under the collection's name, and the rows of the
-// binding-levels table as a bare list.
+// binding-levels table as a bare list; null where there are none.
 struct NeutronDump {
-  nlohmann::json networks;
-  nlohmann::json segments;
-  nlohmann::json ports;
-  std::optional<nlohmann::json> bindingLevels;
+  const JsonValue& networks;
+  const JsonValue& segments;
+  const JsonValue& ports;
+  const JsonValue* bindingLevels = nullptr;
 };
 
-// One of the answers is not what the API gives; what() starts with the file's name and the place.
+// One of the answers is not what the API gives; what() starts with the file's name, line and place.
 class BadDump : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
@@ -71,6 +68,7 @@ struct NeutronImport {
   std::vector<std::string> leftOut;  // one line each: which object, and why
 };
 
+// The dump need not outlive the call.
 NeutronImport importNeutron(const NeutronDump& dump);
 
 // Writes the import as a whole cloud document.

@@ -137,11 +137,40 @@ TEST_F(Commands, ImportSaysWhichFileIsMissingOrWrong) {
   file("segments.json", R"({"segments": {}})");
   file("ports.json", R"({"ports": []})");
   EXPECT_EQ(import().status, 3);
-  EXPECT_THAT(import().err, HasSubstr("segments.json: /segments: "));
+  EXPECT_THAT(import().err,
+              HasSubstr("segments.json:1: /segments: there is no list of segments\n"));
   file("segments.json", R"({"segments": []})");
   file("db_binding_levels.json", "[7]");
   EXPECT_EQ(import().status, 3);
-  EXPECT_THAT(import().err, HasSubstr("db_binding_levels.json: /0: "));
+  EXPECT_THAT(import().err, HasSubstr("db_binding_levels.json:1: /0: 7 is not an object\n"));
+  file("db_binding_levels.json", "[]");
+  EXPECT_EQ(import().status, 0);
+  file("ports.json", "{\n\"ports\": [],\n\"ports\": []}");
+  EXPECT_EQ(import().status, 3);
+  EXPECT_THAT(import().err, HasSubstr("ports.json:3: /ports: the key \"ports\" is repeated"));
+  EXPECT_THAT(import().out, IsEmpty());
+}
+
+TEST_F(Commands, ImportReadsEachFileUpToTheLimit) {
+  file("networks.json", R"({"networks": []})");
+  file("segments.json", R"({"segments": []})");
+  file("ports.json", R"({"ports": []     })");
+  const auto import = [&](const char* limit) {
+    return vnagent({"import-neutron", "--region", "R", folder_.string(), "--max-input", limit});
+  };
+  EXPECT_EQ(import("18").status, 0);
+  EXPECT_EQ(import("17").status, 4);
+  EXPECT_THAT(import("17").err, HasSubstr("ports.json: it has more than 17 bytes (--max-input)"));
+}
+
+TEST_F(Commands, AnImportThatCannotBeWrittenIsAnError) {
+  file("networks.json", R"({"networks": []})");
+  file("segments.json", R"({"segments": []})");
+  file("ports.json", R"({"ports": []})");
+  const auto result = vnagentOnFullDevice({"import-neutron", "--region", "R", folder_.string()});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_THAT(result.err, HasSubstr("vnagent: error: internal error: cannot write to standard "
+                                    "output: No space left on device\n"));
 }
 
 }  // namespace

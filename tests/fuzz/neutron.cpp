@@ -9,20 +9,22 @@
 namespace {
 
 using Fuzz::require;
-using nlohmann::json;
+using vnagent::JsonValue;
 
-json memberOf(const json& answers, const char* key) {
-  return answers.is_object() ? answers.value(key, json()) : json();
+const JsonValue& memberOf(const JsonValue& answers, std::string_view key) {
+  static constexpr JsonValue kNull;
+  const JsonValue* member = answers.find(key);
+  return member == nullptr ? kNull : *member;
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  const json answers = json::parse(data, data + size, nullptr, false);
-  if (answers.is_discarded()) return 0;
-  vnagent::NeutronDump dump{
-      memberOf(answers, "networks"), memberOf(answers, "segments"), memberOf(answers, "ports"), {}};
-  if (answers.contains("levels")) dump.bindingLevels = answers["levels"];
+  const auto answers = vnagent::JsonTree::parse(Fuzz::textOf(data, size));
+  if (answers.error() || !answers.flaws().empty()) return 0;
+  const JsonValue& root = answers.root();
+  const vnagent::NeutronDump dump{memberOf(root, "networks"), memberOf(root, "segments"),
+                                  memberOf(root, "ports"), root.find("levels")};
   vnagent::NeutronImport result;
   try {
     result = importNeutron(dump);
