@@ -1,44 +1,35 @@
 #include <memory>
-#include <variant>
+#include <utility>
 
 #include "agent/cli/cloud_file.h"
 #include "agent/cli/commands.h"
 #include "agent/cli/input_file.h"
-#include "agent/document/input.h"
+#include "agent/session/session.h"
 
 namespace vnagent {
-namespace {
-
-// The faults of one event. A patch without a fault is kept in the document, for those after it; a
-// document that was refused gives patches nothing to be checked against but their form.
-std::vector<Fault> checkEvent(std::string_view line, CloudDocument& document, bool isRefused) {
-  const JsonTree tree = JsonTree::parse(line);
-  EventReading reading = readEvent(tree);
-  const auto* patch = reading.event ? std::get_if<PatchEvent>(&*reading.event) : nullptr;
-  if (patch == nullptr || isRefused) return std::move(reading.faults);
-  return document.apply(*patch->patch, std::move(reading.faults)).faults;
-}
-
-}  // namespace
-
 ExitStatus check(const CheckOptions& options) {
-  CloudDocument document;
+  VirtualClock clock;
+  Session session({.live = false}, clock);
   // Opened first: a name that leads nowhere is said before a long document is read.
   std::unique_ptr<LineReader> events;
   if (!options.events.empty()) {
     events = std::make_unique<LineReader>(options.events, options.maxInputBytes);
   }
   FaultReport report;
-  const Outcome cloud = applyCloudFile(options.cloud, document, options.maxInputBytes);
+  const StepOutcome cloud = session.take(readCloudFile(options.cloud, options.maxInputBytes));
   for (const Fault& fault : cloud.faults) {
     report.add(inputName(options.cloud), fault.position.line, fault);
   }
-  const bool isRefused = !cloud.faults.empty();
+  const bool isRefused = !cloud.applied();
   while (events) {
     const auto line = events->next();
     if (!line) break;
     if (isSkipped(*line)) continue;
-    for (const Fault& fault : checkEvent(*line, document, isRefused)) {
+    // A document that was refused gives patches nothing to be checked against but their form.
+    SourceEvent event = SourceEvent::ofLine(*line);
+    const std::vector<Fault> faults =
+        isRefused ? event.reading.faults : session.take(std::move(event)).faults;
+    for (const Fault& fault : faults) {
       report.add(events->name(), events->line(), fault);
     }
   }

@@ -1,17 +1,16 @@
 #include "agent/cli/cloud_file.h"
 
 #include "agent/cli/report.h"
-#include "agent/document/input.h"
 
 namespace vnagent {
 
-Outcome applyCloudFile(const std::string& name, CloudDocument& document, uint64_t maxBytes) {
-  const JsonTree tree = JsonTree::parse(readFile(name, maxBytes));
-  if (const auto& error = tree.error()) {
+SourceEvent readCloudFile(const std::string& name, uint64_t maxBytes) {
+  SourceEvent document = SourceEvent::ofDocument(readFile(name, maxBytes));
+  if (const auto& error = document.tree->error()) {
     throw UnreadableFile(placeInFile(inputName(name), error->position.line) +
                          ": not JSON: " + error->text);
   }
-  return document.apply(tree.root(), faultsOfText(tree, nullptr));
+  return document;
 }
 
 }  // namespace vnagent

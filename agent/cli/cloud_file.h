@@ -1,17 +1,16 @@
-// Reads a cloud document from a file and hands it to the document layer.
+// Reads a cloud document from a file.
 #pragma once
 
 #include <cstdint>
 #include <string>
 
 #include "agent/cli/input_file.h"
-#include "agent/document/cloud_document.h"
+#include "agent/session/source_event.h"
 
 namespace vnagent {
 
-// Applies the file to an empty document. The positions of faults are those in the file. "-" is
-// standard input. Throws UnreadableFile, also for what is not JSON.
-Outcome applyCloudFile(const std::string& name, CloudDocument& document,
-                       uint64_t maxBytes = kDefaultMaxInputBytes);
+// The file as the event that makes the document of the empty one. "-" is standard input. Throws
+// UnreadableFile, also for what is not JSON.
+SourceEvent readCloudFile(const std::string& name, uint64_t maxBytes = kDefaultMaxInputBytes);
 
 }  // namespace vnagent

@@ -121,8 +121,8 @@ void addMaxInput(CLI::App& command, uint64_t& maxInputBytes) {
       ->default_str(std::to_string(maxInputBytes));
 }
 
-void addFlag(CLI::App& command, const char* name, bool& flag, const char* about) {
-  command.add_flag(name, flag, about)->disable_flag_override();
+CLI::Option* addFlag(CLI::App& command, const char* name, bool& flag, const char* about) {
+  return command.add_flag(name, flag, about)->disable_flag_override();
 }
 
 void addRun(CLI::App& app, RunOptions& options) {
@@ -151,9 +151,13 @@ void addRun(CLI::App& app, RunOptions& options) {
                   "print what stands at this place of the machines instead of the final document, "
                   "for example /openStackSm/regionConfigSm/RegionOne/portBindingSm")
       ->type_name("PATH");
-  addFlag(*run, "--each", options.each,
-          "print one line of JSON for the loaded document and for each event, instead of the final "
-          "document");
+  CLI::Option* each =
+      addFlag(*run, "--each", options.each,
+              "print one line of JSON for the loaded document and for each event, instead of the "
+              "final document");
+  addFlag(*run, "--changes", options.changes,
+          "with --each: print what has changed of the output, as a JSON Merge Patch")
+      ->needs(each);
   addFlag(*run, "--keep-going", options.keepGoing, "report a refused event, skip it and go on");
   CLI::Option* trace = addNumber(*run, "--trace", options.traceLevel, kTraceLevels,
                                  "print the machines' trace lines up to LEVEL, 0 to 9")

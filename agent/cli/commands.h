@@ -21,6 +21,7 @@ struct RunOptions {
   std::optional<bool> tree;  // the form of the final document; by the terminal where unset
   std::string inspect;       // the place to print instead of the final document; empty for none
   bool each = false;
+  bool changes = false;  // each step shows what has changed of the output, not all of it
   bool keepGoing = false;
   std::optional<int> traceLevel;
   std::string traceFile;  // empty for standard error

@@ -1,24 +1,22 @@
 #include <cstdio>
 #include <memory>
 #include <stdexcept>
-#include <variant>
+#include <utility>
 
 #include <unistd.h>
 
 #include "agent/cli/cloud_file.h"
 #include "agent/cli/commands.h"
 #include "agent/cli/input_file.h"
-#include "agent/cloud/cloud.h"
-#include "agent/document/input.h"
 #include "agent/output/inspection.h"
 #include "agent/output/output_json.h"
 #include "agent/output/tree.h"
-#include "agent/plan/plan.h"
+#include "agent/session/session.h"
 
 namespace vnagent {
 namespace {
 
-// Hands text on to standard output.
+// Hands a part of a long text on to standard output.
 void drain(std::string& text) {
   if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size()) {
     throw std::runtime_error("cannot write to standard output");
@@ -26,181 +24,207 @@ void drain(std::string& text) {
   text.clear();
 }
 
-void flush(std::string& text) {
-  drain(text);
-  if (std::fflush(stdout) != 0) throw std::runtime_error("cannot write to standard output");
-}
+// Sources.
 
-struct CloseFile {
-  void operator()(std::FILE* file) const {
-    if (file != stderr) std::fclose(file);
+// The events of a run: the cloud document, then the lines of the stream.
+class RunEvents {
+ public:
+  explicit RunEvents(const RunOptions& options) : options_(options) {
+    if (options.events.empty()) return;
+    lines_ = std::make_unique<LineReader>(options.events, options.maxInputBytes);
   }
-};
-using TraceFile = std::unique_ptr<std::FILE, CloseFile>;
 
-TraceFile openTraceFile(const RunOptions& options) {
-  if (options.traceFile.empty()) return TraceFile(stderr);
-  TraceFile file(std::fopen(options.traceFile.c_str(), "wb"));
-  if (!file) throw std::runtime_error(options.traceFile + ": cannot be written");
-  return file;
+  // The cloud document, which is empty where none was named.
+  SourceEvent document() const {
+    return options_.cloud.empty() ? SourceEvent::ofDocument("{}")
+                                  : readCloudFile(options_.cloud, options_.maxInputBytes);
+  }
+
+  // The next event of the stream; nothing at its end.
+  std::optional<SourceEvent> next() {
+    while (lines_) {
+      const auto line = lines_->next();
+      if (!line) break;
+      if (!isSkipped(*line)) return SourceEvent::ofLine(*line);
+    }
+    return std::nullopt;
+  }
+
+  // Says why the document was refused, or the event that next() gave last.
+  void reportDocument(const Fault& fault) const {
+    reportFault(inputName(options_.cloud), fault.position.line, fault);
+  }
+  void reportEvent(const Fault& fault) const { reportFault(lines_->name(), lines_->line(), fault); }
+
+ private:
+  const RunOptions& options_;
+  std::unique_ptr<LineReader> lines_;  // null where there is no stream
+};
+
+// Observers.
+
+// The trace lines of each step, which are written out at its end.
+class RunTrace final : public SessionObserver {
+ public:
+  explicit RunTrace(const RunOptions& options)
+      : file_(open(options.traceFile)),
+        lines_(*options.traceLevel,
+               options.traceText ? TraceLines::Style::kText : TraceLines::Style::kJson,
+               file_.get()) {}
+
+  void onStepBegin(uint64_t step) override { lines_.stepIs(step); }
+  // Where that fails, it is said at the end of the run.
+  void onStepEnd(const StepOutcome&) override { lines_.flush(); }
+  void finish() {
+    if (!lines_.flush()) throw std::runtime_error("cannot write the trace lines");
+  }
+
+ private:
+  struct Close {
+    void operator()(std::FILE* file) const {
+      if (file != stderr) std::fclose(file);
+    }
+  };
+  using File = std::unique_ptr<std::FILE, Close>;
+
+  static File open(const std::string& name) {
+    if (name.empty()) return File(stderr);
+    File file(std::fopen(name.c_str(), "wb"));
+    if (!file) throw std::runtime_error(name + ": cannot be written");
+    return file;
+  }
+
+  File file_;
+  TraceLines lines_;
+};
+
+// One line of JSON for each step. Changes are shown from the empty document on, of which the first
+// shown step is the whole.
+class StepLines final : public SessionObserver {
+ public:
+  StepLines(const Session& session, bool changes) : session_(session), changes_(changes) {}
+
+  void onStepEnd(const StepOutcome& outcome) override {
+    JsonWriter json(out_, JsonWriter::Style::kOneLine);
+    json.drainIs(drain);
+    json.open('{').key("step").number(outcome.step).key("ok").boolean(outcome.applied());
+    if (outcome.applied()) {
+      json.key("time").number(outcome.time).key(changes_ ? "change" : "output");
+      writeOutput(changes_ && started_ ? outcome.output : session_.output(), json);
+      started_ = true;
+    } else {
+      json.key("error").text(outcome.faults.front().message());
+    }
+    json.close('}');
+    out_ += '\n';
+    printOut(out_);
+    out_.clear();
+  }
+
+ private:
+  const Session& session_;
+  bool changes_;
+  bool started_ = false;
+  std::string out_;
+};
+
+class RunProgress final : public SessionObserver {
+ public:
+  void onStepEnd(const StepOutcome& outcome) override {
+    if (outcome.applied()) {
+      progress_.doneIs(outcome.step, outcome.time);
+    } else {
+      progress_.clear();
+    }
+  }
+  void clear() { progress_.clear(); }
+
+ private:
+  Progress progress_;
+};
+
+// What is printed at the end.
+
+void printFinal(const Session& session, bool tree) {
+  std::string out;
+  if (tree) {
+    writeTree(session.output(), mayColour(STDOUT_FILENO), out);
+  } else {
+    JsonWriter json(out, JsonWriter::Style::kIndented);
+    json.drainIs(drain);
+    writeOutput(session.output(), json);
+    out += '\n';
+  }
+  printOut(out);
 }
 
-// One run: the document, the live cloud, and what is said about each step.
+// Returns whether there is something at the path.
+bool printInspection(const Session& session, const std::string& path) {
+  std::string out;
+  JsonWriter json(out, JsonWriter::Style::kIndented);
+  if (const auto fault = writeInspection(session.root(), "openStackSm", path, json)) {
+    reportError(path + ": " + *fault);
+    return false;
+  }
+  out += '\n';
+  printOut(out);
+  return true;
+}
+
+// One run: a session, its source and its observers.
 class Run {
  public:
-  explicit Run(const RunOptions& options)
-      : options_(options), traceFile_(openTraceFile(options)), trace_(startTrace()) {
+  explicit Run(const RunOptions& options) : options_(options), events_(options) {
     // Traced from its making on, but not in its end, which is nobody's step.
-    cloud_.emplace(CloudSettings{options.toggle, options.regionSyncTimeout});
+    if (options.traceLevel) trace_.emplace(options);
+    session_.emplace(SessionSettings{.toggle = options.toggle,
+                                     .regionSyncTimeout = options.regionSyncTimeout,
+                                     .changes = options.changes},
+                     clock_);
+    if (trace_) session_->observerIs(*trace_);
+    if (options.each) session_->observerIs(steps_.emplace(*session_, options.changes));
+    session_->observerIs(progress_);
   }
 
   ExitStatus run() {
-    std::unique_ptr<LineReader> events;
-    if (!options_.events.empty()) {
-      events = std::make_unique<LineReader>(options_.events, options_.maxInputBytes);
+    if (takeAll()) {
+      if (!options_.inspect.empty()) {
+        const bool found = printInspection(*session_, options_.inspect);
+        if (!found && status_ == ExitStatus::kOk) status_ = ExitStatus::kUsage;
+      } else if (!options_.each) {
+        printFinal(*session_, options_.tree.value_or(isatty(STDOUT_FILENO) == 1));
+      }
     }
-    bool stopped = !loadCloud();
-    while (!stopped && events) {
-      const auto line = events->next();
-      if (!line) break;
-      if (isSkipped(*line)) continue;
-      beginStep(step_ + 1);
-      stopped = !applyLine(*line, *events) && !options_.keepGoing;
-      progress_.doneIs(step_, cloud_->time());
-    }
-    progress_.clear();
-    if (!stopped && !options_.inspect.empty()) {
-      printInspection();
-    } else if (!stopped && !options_.each) {
-      printFinal();
-    }
-    if (trace_ && !trace_->flush()) throw std::runtime_error("cannot write the trace lines");
+    if (trace_) trace_->finish();
     return status_;
   }
 
  private:
-  std::unique_ptr<TraceLines> startTrace() {
-    if (!options_.traceLevel) return nullptr;
-    const auto style = options_.traceText ? TraceLines::Style::kText : TraceLines::Style::kJson;
-    return std::make_unique<TraceLines>(*options_.traceLevel, style, traceFile_.get());
-  }
-
-  void beginStep(uint64_t step) {
-    step_ = step;
-    if (trace_) trace_->stepIs(step);
-  }
-
-  // Step 0. Returns whether the run can go on.
-  bool loadCloud() {
-    Outcome file;
-    if (!options_.cloud.empty()) {
-      file = applyCloudFile(options_.cloud, document_, options_.maxInputBytes);
+  // Returns whether the run was not stopped by what was refused.
+  bool takeAll() {
+    if (const auto outcome = session_->take(events_.document()); !outcome.applied()) {
+      events_.reportDocument(outcome.faults.front());
+      status_ = ExitStatus::kRefused;
     }
-    if (file.faults.empty()) {
-      if (file.change != nullptr) apply(*file.change);
-      endStep();
-      return true;
-    }
-    status_ = ExitStatus::kRefused;
-    const auto& first = file.faults.front();
-    if (trace_) trace_->flush();
-    reportFault(inputName(options_.cloud), first.position.line, first);
-    endRefusedStep(first);
-    return options_.keepGoing;
-  }
-
-  // One event. Returns whether it was applied.
-  bool applyLine(std::string_view line, const LineReader& events) {
-    const JsonTree tree = JsonTree::parse(line);
-    EventReading reading = readEvent(tree);
-    std::vector<Fault> faults = std::move(reading.faults);
-    if (reading.event) {
-      if (const auto* patch = std::get_if<PatchEvent>(&*reading.event)) {
-        Outcome outcome = document_.apply(*patch->patch, std::move(faults));
-        faults = std::move(outcome.faults);
-        if (faults.empty()) apply(*outcome.change);
-      } else if (faults.empty()) {
-        applyToClock(*reading.event);
+    while (status_ == ExitStatus::kOk || options_.keepGoing) {
+      auto event = events_.next();
+      if (!event) break;
+      if (const auto outcome = session_->take(std::move(*event)); !outcome.applied()) {
+        events_.reportEvent(outcome.faults.front());
+        status_ = ExitStatus::kRefused;
       }
     }
-    if (faults.empty()) {
-      endStep();
-      return true;
-    }
-    status_ = ExitStatus::kRefused;
     progress_.clear();
-    if (trace_) trace_->flush();
-    reportFault(events.name(), events.line(), faults.front());
-    endRefusedStep(faults.front());
-    return false;
-  }
-
-  void apply(const Change& change) {
-    const PlanSettings settings{options_.toggle, options_.regionSyncTimeout};
-    cloud_->apply(makePlan(document_.state(), change, settings));
-  }
-
-  void applyToClock(const Event& event) {
-    if (const auto* advance = std::get_if<AdvanceEvent>(&event)) {
-      cloud_->advance(advance->seconds);
-    } else if (const auto* timeout = std::get_if<RegionSyncTimeoutEvent>(&event)) {
-      cloud_->regionSyncTimeoutIs(timeout->seconds);
-    }
-  }
-
-  void endStep() {
-    if (trace_) trace_->flush();
-    if (!options_.each) return;
-    JsonWriter json(out_, JsonWriter::Style::kOneLine);
-    json.drainIs(drain);
-    json.open('{').key("step").number(step_).key("ok").boolean(true);
-    json.key("time").number(cloud_->time()).key("output");
-    writeOutput(cloud_->output(), json);
-    json.close('}');
-    out_ += '\n';
-    flush(out_);
-  }
-
-  void endRefusedStep(const Fault& fault) {
-    if (!options_.each) return;
-    JsonWriter json(out_, JsonWriter::Style::kOneLine);
-    json.open('{').key("step").number(step_).key("ok").boolean(false);
-    json.key("error").text(fault.message()).close('}');
-    out_ += '\n';
-    flush(out_);
-  }
-
-  void printInspection() {
-    JsonWriter json(out_, JsonWriter::Style::kIndented);
-    if (const auto fault = writeInspection(cloud_->root(), "openStackSm", options_.inspect, json)) {
-      reportError(options_.inspect + ": " + *fault);
-      if (status_ == ExitStatus::kOk) status_ = ExitStatus::kUsage;
-      return;
-    }
-    out_ += '\n';
-    flush(out_);
-  }
-
-  void printFinal() {
-    if (options_.tree.value_or(isatty(STDOUT_FILENO) == 1)) {
-      writeTree(cloud_->output(), mayColour(STDOUT_FILENO), out_);
-    } else {
-      JsonWriter json(out_, JsonWriter::Style::kIndented);
-      json.drainIs(drain);
-      writeOutput(cloud_->output(), json);
-      out_ += '\n';
-    }
-    flush(out_);
+    return status_ == ExitStatus::kOk || options_.keepGoing;
   }
 
   const RunOptions& options_;
-  CloudDocument document_;
-  std::optional<Cloud> cloud_;
-  TraceFile traceFile_;
-  std::unique_ptr<TraceLines> trace_;
-  Progress progress_;
-  std::string out_;
-  uint64_t step_ = 0;
+  RunEvents events_;
+  VirtualClock clock_;
+  std::optional<Session> session_;
+  std::optional<RunTrace> trace_;
+  std::optional<StepLines> steps_;
+  RunProgress progress_;
   ExitStatus status_ = ExitStatus::kOk;
 };
 

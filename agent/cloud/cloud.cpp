@@ -1,11 +1,11 @@
 #include "agent/cloud/cloud.h"
 
-#include <algorithm>
 #include <utility>
 #include <variant>
 
 #include "OpenStackSm/OpenStackSm.h"
 #include "agent/cloud/applier.h"
+#include "agent/cloud/output_reading.h"
 #include "framework/FeatureToggle.h"
 
 namespace vnagent {
@@ -23,7 +23,7 @@ void installToggle(bool on) {
 
 }  // namespace
 
-Cloud::Cloud(const CloudSettings& settings)
+Cloud::Cloud(const CloudSettings& settings, const Kiv::TimeSource& clock)
     : config_(Kiv::make<OpenStack::Config>()),
       openstackConfig_(Kiv::make<OpenStack::OpenStackConfig>()),
       status_(Kiv::make<OpenStack::OpenStackStatus>()),
@@ -31,14 +31,16 @@ Cloud::Cloud(const CloudSettings& settings)
       nameResolutionStatus_(Kiv::make<OpenStack::NameResolution::Status>()),
       resources_(Kiv::make<VirtualNetwork::RequestedResourcesCollection>()),
       elements_(Kiv::make<VirtualNetwork::NetworkElementCollection>()) {
-  Kiv::System::timeSourceIs(&time_);
+  Kiv::System::timeSourceIs(&clock);
   installToggle(settings.toggle);
   root_ = OpenStack::openStackSmFactory(openstackConfig_, status_, nameResolutionConfig_,
                                         nameResolutionStatus_, resources_,
                                         settings.regionSyncTimeout, config_, elements_);
+  if (settings.watched) watch_.emplace(status_, resources_, elements_);
 }
 
 Cloud::~Cloud() {
+  watch_.reset();
   root_ = nullptr;
   // Elements refer to each other, a switch that is its own host to itself; that would keep them.
   for (const auto& element : elements_->networkElement()) element->physicalInterfaceDelAll();
@@ -55,14 +57,10 @@ void Cloud::apply(const Plan& plan) {
   }
 }
 
-void Cloud::advance(double seconds) {
-  const double end = time_.now() + seconds;
-  while (loop_.nextTimer() <= end) {
-    time_.nowIs(std::max(time_.now(), loop_.nextTimer()));
-    loop_.fireNextTimer();
-    loop_.run();
-  }
-  time_.nowIs(end);
+bool Cloud::fireNextTimer() {
+  if (!loop_.fireNextTimer()) return false;
+  loop_.run();
+  return true;
 }
 
 void Cloud::regionSyncTimeoutIs(double seconds) {

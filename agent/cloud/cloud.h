@@ -1,19 +1,23 @@
 // The cloud as live entities: everything that the machines watch and write, the root machine, and
-// the activity loop and clock that drive them. The only place that changes an entity.
+// the activity loop that drives them. The only place that changes an entity.
 //
-//   Cloud cloud({.toggle = true, .regionSyncTimeout = 60});
-//   cloud.apply(outcome.plan);   // removals, configuration, additions, scalars; the loop after
-//   each cloud.advance(12.5);         // timers fire here and nowhere else show(cloud.output());
+//   Kiv::VirtualTime clock;
+//   Cloud cloud({.toggle = true, .regionSyncTimeout = 60}, clock);
+//   cloud.apply(plan);                     // each of its steps, the loop after each
+//   while (cloud.nextTimer() <= clock.now()) cloud.fireNextTimer();
+//   show(cloud.output());
 //
 // One cloud at a time in a process: the activity loop, the time source and the toggle's answer are
 // the process's. The toggle is asked once in its life, so all clouds of a process have the first
-// one's answer. What a machine throws passes through apply() and advance(), after which the cloud
-// is good for destruction only. One thread.
+// one's answer. What a machine throws passes through, after which the cloud is good for destruction
+// only. One thread.
 #pragma once
 
+#include <optional>
 #include <string_view>
 
-#include "agent/output/output_document.h"
+#include "agent/cloud/output_document.h"
+#include "agent/cloud/output_watch.h"
 #include "agent/plan/operations.h"
 #include "framework/Activity.h"
 #include "model/OpenStack/Config.h"
@@ -32,12 +36,13 @@ namespace vnagent {
 struct CloudSettings {
   bool toggle = true;             // the answer for "VirtualNetworkAgentToggle"
   double regionSyncTimeout = 60;  // what the root machine starts with, in seconds
+  bool watched = false;           // whether outputChange() will be asked for
 };
 
 class Cloud {
  public:
-  // Makes the entities, empty, and the root machine on them.
-  explicit Cloud(const CloudSettings& settings);
+  // Makes the entities, empty, and the root machine on them. REQUIRES: the clock outlives it.
+  Cloud(const CloudSettings& settings, const Kiv::TimeSource& clock);
   ~Cloud();
   Cloud(const Cloud&) = delete;
   Cloud& operator=(const Cloud&) = delete;
@@ -48,26 +53,31 @@ class Cloud {
   // next of the document that made all plans before.
   void apply(const Plan& plan);
 
-  // Moves the clock forward, firing each timer at its own time, the loop after each.
-  void advance(double seconds);
+  // Fires the earliest timer that is due by now, and runs the loop until idle. Returns false when
+  // none is due.
+  bool fireNextTimer();
 
   // Gives the root machine another region sync timeout.
   void regionSyncTimeoutIs(double seconds);
 
   // Reading.
 
-  // The virtual time, in seconds from the start.
-  double time() const { return time_.now(); }
+  // When the next timer is due, a time of the clock; +infinity when none is armed.
+  double nextTimer() const { return loop_.nextTimer(); }
 
   // What the machines publish now; views, good until the next change.
   OutputDocument output() const;
+
+  // What of it has changed since the last call, or since the start; views, likewise. REQUIRES: the
+  // settings say so.
+  OutputDocument outputChange() { return watch_->change(); }
 
   // The root machine, for looking into it and all that it holds.
   const Kiv::PtrInterface& root() const;
 
  private:
-  // Members go in reverse order: the root machine first, the loop after all that it delivers to.
-  Kiv::VirtualTime time_;
+  // Members are destroyed in reverse order: the watch and the root machine first, the loop after
+  // all that it delivers to.
   Kiv::ActivityManager loop_;
   Kiv::Ptr<OpenStack::Config> config_;
   Kiv::Ptr<OpenStack::OpenStackConfig> openstackConfig_;
@@ -77,6 +87,7 @@ class Cloud {
   Kiv::Ptr<VirtualNetwork::RequestedResourcesCollection> resources_;
   Kiv::Ptr<VirtualNetwork::NetworkElementCollection> elements_;
   Kiv::Ptr<OpenStack::OpenStackSm> root_;
+  std::optional<OutputWatch> watch_;
 };
 
 }  // namespace vnagent

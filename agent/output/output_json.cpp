@@ -3,114 +3,150 @@
 namespace vnagent {
 namespace {
 
-void write(std::string_view key, const Texts& texts, JsonWriter& json) {
-  json.key(key).open('[');
-  for (const auto text : texts) json.text(text);
-  json.close(']');
-}
+class OutputWriter {
+ public:
+  explicit OutputWriter(JsonWriter& json) : json_(json) {}
 
-void write(std::string_view key, const std::vector<uint16_t>& numbers, JsonWriter& json) {
-  json.key(key).open('[');
-  for (const auto number : numbers) json.number(uint64_t{number});
-  json.close(']');
-}
+  void write(const OutputDocument& output) {
+    json_.open('{');
+    writeMember("regionStatus", output.regionStatus);
+    writeMember("requestedResources", output.requestedResources);
+    writeMember("networkElement", output.networkElement);
+    json_.close('}');
+  }
 
-void write(const std::vector<VlanOutput>& vlans, JsonWriter& json) {
-  json.key("vlan").open('{');
-  for (const VlanOutput& vlan : vlans) {
-    json.key(vlan.vlan).open('{');
-    write("referrer", vlan.referrer, json);
-    json.key("mappedVni").open('{');
-    for (const VniOutput& vni : vlan.mappedVni) {
-      json.key(vni.vni).open('[');
-      for (const auto referrer : vni.referrer) json.text(referrer);
-      json.close(']');
+ private:
+  // Values. A member without a value is left out by writeMember(), which is how a change leaves out
+  // what is as it was.
+
+  void write(std::string_view text) { json_.text(text); }
+
+  void write(uint32_t number) { json_.number(uint64_t{number}); }
+
+  void write(const Texts& texts) {
+    json_.open('[');
+    for (const auto text : texts) json_.text(text);
+    json_.close(']');
+  }
+
+  void write(const VlanIds& numbers) {
+    json_.open('[');
+    for (const auto number : numbers) json_.number(uint64_t{number});
+    json_.close(']');
+  }
+
+  template <class Value>
+  void writeMember(std::string_view key, const std::optional<Value>& value) {
+    if (!value) return;
+    json_.key(key);
+    write(*value);
+  }
+
+  // Things: key() is where one stands among others, write() what stands there.
+
+  static uint64_t key(const VniOutput& vni) { return vni.vni; }
+  void write(const VniOutput& vni) { write(*vni.referrer); }
+
+  static std::string_view key(const DomainOutput& domain) { return domain.region; }
+  void write(const DomainOutput& domain) { write(*domain.referrer); }
+
+  template <class Thing>
+  void write(const std::vector<Thing>& things) {
+    json_.open('{');
+    for (const Thing& thing : things) {
+      json_.key(key(thing));
+      if (thing.removed) {
+        json_.null();
+      } else {
+        write(thing);
+      }
     }
-    json.close('}').close('}');
+    json_.close('}');
   }
-  json.close('}');
-}
 
-void write(const std::vector<DomainOutput>& domains, JsonWriter& json) {
-  json.key("domain").open('{');
-  for (const DomainOutput& domain : domains) write(domain.region, domain.referrer, json);
-  json.close('}');
-}
-
-void write(const RegionOutput& region, JsonWriter& json) {
-  json.key(region.name).open('{');
-  json.key("syncStatus").text(region.syncStatus);
-  json.key("oldSyncStatus").text(region.oldSyncStatus);
-  json.key("owner").text(region.owner);
-  json.key("requestId").text(region.requestId);
-  json.key("vlanAssignmentUuid").text(region.vlanAssignmentUuid);
-  json.key("vlanPool").open('{');
-  write("assignedVlan", region.assignedVlan, json);
-  write("availableVlan", region.availableVlan, json);
-  write("allocatedVlan", region.allocatedVlan, json);
-  json.close('}').close('}');
-}
-
-void write(const HostOutput& host, JsonWriter& json) {
-  json.key(host.host).open('{');
-  write(host.domain, json);
-  write(host.vlan, json);
-  json.close('}');
-}
-
-void write(const SwitchportOutput& port, JsonWriter& json) {
-  json.key(port.interfaceName).open('{');
-  write(port.vlan, json);
-  json.key("nativeVlan").number(uint64_t{port.nativeVlan});
-  write("remoteHost", port.remoteHost, json);
-  write("referrer", port.referrer, json);
-  json.close('}');
-}
-
-// Interfaces stand in one object for each switch.
-void write(const std::vector<SwitchportOutput>& ports, JsonWriter& json) {
-  json.key("resourcesForSwitchport").open('{');
-  for (auto port = ports.begin(); port != ports.end();) {
-    const auto name = port->switchIdentifier;
-    json.key(name).open('{');
-    for (; port != ports.end() && port->switchIdentifier == name; ++port) write(*port, json);
-    json.close('}');
+  static uint64_t key(const VlanOutput& vlan) { return vlan.vlan; }
+  void write(const VlanOutput& vlan) {
+    json_.open('{');
+    writeMember("referrer", vlan.referrer);
+    writeMember("mappedVni", vlan.mappedVni);
+    json_.close('}');
   }
-  json.close('}');
-}
 
-void write(const PhysicalInterfaceOutput& interface, JsonWriter& json) {
-  json.key(interface.name).open('{');
-  write(interface.vlan, json);
-  json.key("nativeVlan").number(uint64_t{interface.nativeVlan});
-  write("configuredElement", interface.configuredElement, json);
-  json.close('}');
-}
+  void write(const VlanPoolOutput& pool) {
+    json_.open('{');
+    writeMember("assignedVlan", pool.assignedVlan);
+    writeMember("availableVlan", pool.availableVlan);
+    writeMember("allocatedVlan", pool.allocatedVlan);
+    json_.close('}');
+  }
 
-void write(const NetworkElementOutput& element, JsonWriter& json) {
-  json.key(element.name).open('{');
-  json.key("hostname").text(element.hostname);
-  write("referrer", element.referrer, json);
-  write(element.domain, json);
-  write(element.vlan, json);
-  json.key("physicalInterface").open('{');
-  for (const auto& interface : element.physicalInterface) write(interface, json);
-  json.close('}').close('}');
-}
+  static std::string_view key(const RegionOutput& region) { return region.name; }
+  void write(const RegionOutput& region) {
+    json_.open('{');
+    writeMember("syncStatus", region.syncStatus);
+    writeMember("oldSyncStatus", region.oldSyncStatus);
+    writeMember("owner", region.owner);
+    writeMember("requestId", region.requestId);
+    writeMember("vlanAssignmentUuid", region.vlanAssignmentUuid);
+    writeMember("vlanPool", region.vlanPool);
+    json_.close('}');
+  }
+
+  static std::string_view key(const HostOutput& host) { return host.host; }
+  void write(const HostOutput& host) {
+    json_.open('{');
+    writeMember("domain", host.domain);
+    writeMember("vlan", host.vlan);
+    json_.close('}');
+  }
+
+  static std::string_view key(const SwitchportOutput& port) { return port.interfaceName; }
+  void write(const SwitchportOutput& port) {
+    json_.open('{');
+    writeMember("vlan", port.vlan);
+    writeMember("nativeVlan", port.nativeVlan);
+    writeMember("remoteHost", port.remoteHost);
+    writeMember("referrer", port.referrer);
+    json_.close('}');
+  }
+
+  static std::string_view key(const SwitchOutput& of) { return of.switchIdentifier; }
+  void write(const SwitchOutput& of) { write(of.port); }
+
+  static std::string_view key(const PhysicalInterfaceOutput& interface) { return interface.name; }
+  void write(const PhysicalInterfaceOutput& interface) {
+    json_.open('{');
+    writeMember("vlan", interface.vlan);
+    writeMember("nativeVlan", interface.nativeVlan);
+    writeMember("configuredElement", interface.configuredElement);
+    json_.close('}');
+  }
+
+  static std::string_view key(const NetworkElementOutput& element) { return element.name; }
+  void write(const NetworkElementOutput& element) {
+    json_.open('{');
+    writeMember("hostname", element.hostname);
+    writeMember("referrer", element.referrer);
+    writeMember("domain", element.domain);
+    writeMember("vlan", element.vlan);
+    writeMember("physicalInterface", element.physicalInterface);
+    json_.close('}');
+  }
+
+  void write(const RequestedResourcesOutput& resources) {
+    json_.open('{');
+    writeMember("resourcesForHostname", resources.resourcesForHostname);
+    writeMember("resourcesForSwitchport", resources.resourcesForSwitchport);
+    json_.close('}');
+  }
+
+  JsonWriter& json_;
+};
 
 }  // namespace
 
 void writeOutput(const OutputDocument& output, JsonWriter& json) {
-  json.open('{').key("regionStatus").open('{');
-  for (const auto& region : output.regionStatus) write(region, json);
-  json.close('}').key("requestedResources").open('{');
-  json.key("resourcesForHostname").open('{');
-  for (const auto& host : output.resourcesForHostname) write(host, json);
-  json.close('}');
-  write(output.resourcesForSwitchport, json);
-  json.close('}').key("networkElement").open('{');
-  for (const auto& element : output.networkElement) write(element, json);
-  json.close('}').close('}');
+  OutputWriter(json).write(output);
 }
 
 }  // namespace vnagent

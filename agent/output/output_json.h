@@ -1,12 +1,13 @@
-// The output document as JSON.
+// The output document, and a change of it, as JSON.
 #pragma once
 
+#include "agent/cloud/output_document.h"
 #include "agent/json/json_writer.h"
-#include "agent/output/output_document.h"
 
 namespace vnagent {
 
-// Writes the document as one value. All its members are written, also the empty ones.
+// Writes the document as one value: all its members, also the empty ones. Writes a change as a
+// merge patch: null for what is removed, {} when there is none.
 void writeOutput(const OutputDocument& output, JsonWriter& json);
 
 }  // namespace vnagent

@@ -70,10 +70,10 @@ class TreeWriter {
   TreeWriter(bool colour, std::string& out) : colour_(colour), out_(out) {}
 
   void write(const OutputDocument& output) {
-    writeHosts(output.resourcesForHostname);
-    writeSwitchports(output.resourcesForSwitchport);
-    writeElements(output.networkElement);
-    writeRegions(output.regionStatus);
+    writeHosts(*output.requestedResources->resourcesForHostname);
+    writeSwitches(*output.requestedResources->resourcesForSwitchport);
+    writeElements(*output.networkElement);
+    writeRegions(*output.regionStatus);
     writeCounts(output);
   }
 
@@ -125,19 +125,19 @@ class TreeWriter {
   // One row for a VLAN; its VNIs stand beside it where the same ports need them, else below.
   void addVlan(const VlanOutput& vlan, uint32_t native, std::vector<Row>& rows) {
     const bool alike = std::ranges::all_of(
-        vlan.mappedVni, [&](const VniOutput& vni) { return vni.referrer == vlan.referrer; });
+        *vlan.mappedVni, [&](const VniOutput& vni) { return vni.referrer == vlan.referrer; });
     std::string vnis;
-    for (const VniOutput& vni : vlan.mappedVni) {
+    for (const VniOutput& vni : *vlan.mappedVni) {
       if (alike) vnis += fmt::format("{}{}", vnis.empty() ? "VNI " : ", ", vni.vni);
     }
     rows.push_back({{fmt::format("VLAN {:>4}", vlan.vlan)},
                     {vlan.vlan == native ? "native" : "", Look::kMark},
                     {vnis},
-                    {abbreviated(vlan.referrer), Look::kQuiet}});
+                    {abbreviated(*vlan.referrer), Look::kQuiet}});
     if (alike) return;
-    for (const VniOutput& vni : vlan.mappedVni) {
+    for (const VniOutput& vni : *vlan.mappedVni) {
       rows.push_back(
-          {{}, {}, {fmt::format("VNI {}", vni.vni)}, {abbreviated(vni.referrer), Look::kQuiet}});
+          {{}, {}, {fmt::format("VNI {}", vni.vni)}, {abbreviated(*vni.referrer), Look::kQuiet}});
     }
   }
 
@@ -160,7 +160,7 @@ class TreeWriter {
     std::string text;
     for (const DomainOutput& domain : domains) {
       text += fmt::format("  in {} ({})", domain.region,
-                          count(domain.referrer.size(), "port", "ports"));
+                          count(domain.referrer->size(), "port", "ports"));
     }
     return text;
   }
@@ -169,29 +169,28 @@ class TreeWriter {
     if (hosts.empty()) return;
     heading("Hosts");
     for (const HostOutput& host : hosts) {
-      line(2, {{std::string(host.host), Look::kName}, {domainsOf(host.domain)}});
-      writeVlans(4, host.vlan, 0);
+      line(2, {{std::string(host.host), Look::kName}, {domainsOf(*host.domain)}});
+      writeVlans(4, *host.vlan, 0);
     }
   }
 
-  void writeSwitchports(const std::vector<SwitchportOutput>& ports) {
-    if (ports.empty()) return;
+  void writeSwitches(const std::vector<SwitchOutput>& switches) {
+    if (switches.empty()) return;
     heading("Switches");
-    std::string_view name;
-    bool first = true;
-    for (const SwitchportOutput& port : ports) {
-      if (first || port.switchIdentifier != name) {
-        name = port.switchIdentifier;
-        first = false;
-        line(2, {{name.empty() ? "(no switch)" : std::string(name), Look::kName}});
-      }
-      Row row{{port.interfaceName.empty() ? "(no interface)" : std::string(port.interfaceName),
-               Look::kName}};
-      for (const auto host : port.remoteHost) row.push_back({fmt::format("  to {}", host)});
-      row.push_back({"  for " + abbreviated(port.referrer), Look::kQuiet});
-      line(4, row);
-      writeVlans(6, port.vlan, port.nativeVlan);
+    for (const SwitchOutput& of : switches) {
+      const std::string_view name = of.switchIdentifier;
+      line(2, {{name.empty() ? "(no switch)" : std::string(name), Look::kName}});
+      for (const SwitchportOutput& port : of.port) writeSwitchport(port);
     }
+  }
+
+  void writeSwitchport(const SwitchportOutput& port) {
+    Row row{{port.interfaceName.empty() ? "(no interface)" : std::string(port.interfaceName),
+             Look::kName}};
+    for (const auto host : *port.remoteHost) row.push_back({fmt::format("  to {}", host)});
+    row.push_back({"  for " + abbreviated(*port.referrer), Look::kQuiet});
+    line(4, row);
+    writeVlans(6, *port.vlan, *port.nativeVlan);
   }
 
   void writeElements(const std::vector<NetworkElementOutput>& elements) {
@@ -199,20 +198,20 @@ class TreeWriter {
     heading("Network elements");
     for (const NetworkElementOutput& element : elements) {
       Row row{{std::string(element.name), Look::kName},
-              {element.hostname.empty() ? "  switch" : "  host"},
-              {domainsOf(element.domain)}};
-      if (!element.referrer.empty()) {
-        row.push_back({"  for " + abbreviated(element.referrer), Look::kQuiet});
+              {element.hostname->empty() ? "  switch" : "  host"},
+              {domainsOf(*element.domain)}};
+      if (!element.referrer->empty()) {
+        row.push_back({"  for " + abbreviated(*element.referrer), Look::kQuiet});
       }
       line(2, row);
-      if (!element.vlan.empty()) writeVlans(4, element.vlan, 0);
-      for (const PhysicalInterfaceOutput& interface : element.physicalInterface) {
+      if (!element.vlan->empty()) writeVlans(4, *element.vlan, 0);
+      for (const PhysicalInterfaceOutput& interface : *element.physicalInterface) {
         Row inner{{std::string(interface.name), Look::kName}};
-        for (const auto other : interface.configuredElement) {
+        for (const auto other : *interface.configuredElement) {
           inner.push_back({fmt::format("  to {}", other)});
         }
         line(4, inner);
-        writeVlans(6, interface.vlan, interface.nativeVlan);
+        writeVlans(6, *interface.vlan, *interface.nativeVlan);
       }
     }
   }
@@ -224,40 +223,45 @@ class TreeWriter {
       line(2, {{std::string(region.name), Look::kName}});
       std::vector<Row> rows;
       rows.push_back(
-          {{"sync"}, {fmt::format("{} (before: {})", region.syncStatus, region.oldSyncStatus)}});
+          {{"sync"}, {fmt::format("{} (before: {})", *region.syncStatus, *region.oldSyncStatus)}});
       rows.push_back({{"lock"},
-                      {region.owner.empty()
+                      {region.owner->empty()
                            ? std::string("free")
-                           : fmt::format("{} (request {})", region.owner, region.requestId)}});
-      rows.push_back({{"assigned"}, {ranges(region.assignedVlan)}});
-      rows.push_back({{"available"}, {ranges(region.availableVlan)}});
-      rows.push_back({{"allocated"}, {ranges(region.allocatedVlan)}});
-      if (!region.vlanAssignmentUuid.empty()) {
-        rows.push_back({{"assignment"}, {std::string(region.vlanAssignmentUuid), Look::kQuiet}});
+                           : fmt::format("{} (request {})", *region.owner, *region.requestId)}});
+      rows.push_back({{"assigned"}, {ranges(*region.vlanPool->assignedVlan)}});
+      rows.push_back({{"available"}, {ranges(*region.vlanPool->availableVlan)}});
+      rows.push_back({{"allocated"}, {ranges(*region.vlanPool->allocatedVlan)}});
+      if (!region.vlanAssignmentUuid->empty()) {
+        rows.push_back({{"assignment"}, {std::string(*region.vlanAssignmentUuid), Look::kQuiet}});
       }
       table(4, rows);
     }
   }
 
   void writeCounts(const OutputDocument& output) {
+    size_t ports = 0;
     size_t vlans = 0;
     size_t vnis = 0;
     const auto add = [&](const std::vector<VlanOutput>& of) {
       vlans += of.size();
-      for (const VlanOutput& vlan : of) vnis += vlan.mappedVni.size();
+      for (const VlanOutput& vlan : of) vnis += vlan.mappedVni->size();
     };
-    for (const auto& host : output.resourcesForHostname) add(host.vlan);
-    for (const auto& port : output.resourcesForSwitchport) add(port.vlan);
-    for (const auto& element : output.networkElement) {
-      add(element.vlan);
-      for (const auto& interface : element.physicalInterface) add(interface.vlan);
+    const auto& hosts = *output.requestedResources->resourcesForHostname;
+    for (const auto& host : hosts) add(*host.vlan);
+    for (const auto& of : *output.requestedResources->resourcesForSwitchport) {
+      ports += of.port.size();
+      for (const auto& port : of.port) add(*port.vlan);
+    }
+    for (const auto& element : *output.networkElement) {
+      add(*element.vlan);
+      for (const auto& interface : *element.physicalInterface) add(*interface.vlan);
     }
     if (!out_.empty()) out_ += '\n';
     const std::array parts{
-        count(output.regionStatus.size(), "region", "regions"),
-        count(output.resourcesForHostname.size(), "host", "hosts"),
-        count(output.resourcesForSwitchport.size(), "switch interface", "switch interfaces"),
-        count(output.networkElement.size(), "network element", "network elements"),
+        count(output.regionStatus->size(), "region", "regions"),
+        count(hosts.size(), "host", "hosts"),
+        count(ports, "switch interface", "switch interfaces"),
+        count(output.networkElement->size(), "network element", "network elements"),
         count(vlans, "VLAN", "VLANs"),
         count(vnis, "VNI mapping", "VNI mappings")};
     line(0, {{fmt::format("{}", fmt::join(parts, ", "))}});

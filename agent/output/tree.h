@@ -3,12 +3,12 @@
 
 #include <string>
 
-#include "agent/output/output_document.h"
+#include "agent/cloud/output_document.h"
 
 namespace vnagent {
 
 // Appends the tree to `out`: hosts, switch interfaces, network elements and regions, then a line of
-// counts. With `colour`, escape sequences set off what matters.
+// counts. With `colour`, escape sequences set off what matters. REQUIRES: a whole document.
 void writeTree(const OutputDocument& output, bool colour, std::string& out);
 
 // Numbers that follow each other as ranges: "100-110, 120"; "none" for none. REQUIRES: ascending.

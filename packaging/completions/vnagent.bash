@@ -19,7 +19,7 @@ _vnagent() {
 
   local words
   case $command in
-    run) words='--help --events --region-sync-timeout --toggle --format --inspect --each --keep-going --trace --trace-file --trace-text --max-input' ;;
+    run) words='--help --events --region-sync-timeout --toggle --format --inspect --each --changes --keep-going --trace --trace-file --trace-text --max-input' ;;
     check) words='--help --events --max-input' ;;
     import-neutron) words='--help --region --max-input' ;;
     *) words='run check import-neutron --help --version' ;;

@@ -15,6 +15,7 @@ complete -c vnagent -n "__fish_seen_subcommand_from run" -l toggle -x -a "on off
 complete -c vnagent -n "__fish_seen_subcommand_from run" -l format -x -a "tree json" -d "Form of the final document"
 complete -c vnagent -n "__fish_seen_subcommand_from run" -l inspect -x -d "Print what stands at this place of the machines"
 complete -c vnagent -n "__fish_seen_subcommand_from run" -l each -d "Print one line for each event"
+complete -c vnagent -n "__fish_seen_subcommand_from run" -l changes -d "With --each, print what has changed"
 complete -c vnagent -n "__fish_seen_subcommand_from run" -l keep-going -d "Skip a refused event and go on"
 complete -c vnagent -n "__fish_seen_subcommand_from run" -l trace -x -a "(seq 0 9)" -d "Print trace lines up to this level"
 complete -c vnagent -n "__fish_seen_subcommand_from run" -l trace-file -r -d "Where trace lines go"

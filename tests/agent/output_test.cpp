@@ -13,25 +13,42 @@ namespace {
 using ::testing::HasSubstr;
 using ::testing::Not;
 
+// A document with nothing in it, and one with a host.
+OutputDocument nothing() {
+  OutputDocument output;
+  output.regionStatus.emplace();
+  output.requestedResources.emplace();
+  output.requestedResources->resourcesForHostname.emplace();
+  output.requestedResources->resourcesForSwitchport.emplace();
+  output.networkElement.emplace();
+  return output;
+}
+OutputDocument withHost(HostOutput host) {
+  OutputDocument output = nothing();
+  output.requestedResources->resourcesForHostname->push_back(std::move(host));
+  return output;
+}
+
+using Domains = std::vector<DomainOutput>;
+using Vlans = std::vector<VlanOutput>;
+using Vnis = std::vector<VniOutput>;
+using Interfaces = std::vector<PhysicalInterfaceOutput>;
+
 // A document with something of everything.
 OutputDocument example() {
-  OutputDocument output;
-  output.regionStatus.push_back({"RegionOne",
-                                 "syncInProgress",
-                                 "syncUnknown",
-                                 "driver-a",
-                                 "req-1",
-                                 "0b0e8a9c-2f4e-4b64-9d5f-3d9a6f2f5a11",
-                                 {100, 101},
-                                 {101},
-                                 {100}});
-  output.resourcesForHostname.push_back(
-      {"compute-1", {{"RegionOne", {"p1"}}}, {{100, {"p1"}, {{10001, {"p1"}}}}}});
-  output.resourcesForSwitchport.push_back(
-      {"leaf-1", "Ethernet7", {{100, {"p2"}, {}}}, 100, {"bm-host-1"}, {"bm-p2"}});
-  output.resourcesForSwitchport.push_back({"leaf-1", "Ethernet8", {}, 0, {}, {}});
-  output.networkElement.push_back(
-      {"leaf-1", "", {"bm-p2"}, {}, {}, {{"Ethernet7", {{100, {"p2"}, {}}}, 100, {"h"}}}});
+  OutputDocument output = withHost({"compute-1", Domains{{"RegionOne", Texts{"p1"}}},
+                                    Vlans{{100, Texts{"p1"}, Vnis{{10001, Texts{"p1"}}}}}});
+  output.regionStatus->push_back({"RegionOne", "syncInProgress", "syncUnknown", "driver-a", "req-1",
+                                  "0b0e8a9c-2f4e-4b64-9d5f-3d9a6f2f5a11",
+                                  VlanPoolOutput{VlanIds{100, 101}, VlanIds{101}, VlanIds{100}}});
+  output.requestedResources->resourcesForSwitchport->push_back(
+      {"leaf-1",
+       {{"leaf-1", "Ethernet7", Vlans{{100, Texts{"p2"}, Vnis{}}}, 100, Texts{"bm-host-1"},
+         Texts{"bm-p2"}},
+        {"leaf-1", "Ethernet8", Vlans{}, 0, Texts{}, Texts{}}}});
+  output.networkElement->push_back(
+      {"leaf-1", "", Texts{"bm-p2"}, Domains{}, Vlans{},
+       Interfaces{{"Ethernet7", Vlans{{100, Texts{"p2"}, Vnis{}}}, 100, Texts{"h"}}}});
   return output;
 }
 
@@ -43,7 +60,7 @@ std::string json(const OutputDocument& output, JsonWriter::Style style) {
 }
 
 TEST(OutputJson, EveryMemberIsPrintedAlsoWhenEmpty) {
-  EXPECT_EQ(json({}, JsonWriter::Style::kOneLine),
+  EXPECT_EQ(json(nothing(), JsonWriter::Style::kOneLine),
             R"({"regionStatus": {}, "requestedResources": {"resourcesForHostname": {}, )"
             R"("resourcesForSwitchport": {}}, "networkElement": {}})");
 }
@@ -66,8 +83,7 @@ TEST(OutputJson, OneLineHoldsAllOfIt) {
 }
 
 TEST(OutputJson, TheIndentedFormHasAMemberALine) {
-  OutputDocument output;
-  output.resourcesForHostname.push_back({"h", {}, {{7, {"p", "q"}, {}}}});
+  const auto output = withHost({"h", Domains{}, Vlans{{7, Texts{"p", "q"}, Vnis{}}}});
   EXPECT_EQ(json(output, JsonWriter::Style::kIndented), R"({
   "regionStatus": {},
   "requestedResources": {
@@ -86,6 +102,26 @@ TEST(OutputJson, TheIndentedFormHasAMemberALine) {
   },
   "networkElement": {}
 })");
+}
+
+TEST(OutputJson, AChangeHoldsWhatHasAValueAndNullForWhatIsRemoved) {
+  EXPECT_EQ(json({}, JsonWriter::Style::kOneLine), "{}");
+  OutputDocument change;
+  RegionOutput region;
+  region.name = "R";
+  region.owner = "";
+  change.regionStatus = {region};
+  VlanOutput removed;
+  removed.vlan = 7;
+  removed.removed = true;
+  HostOutput host;
+  host.host = "h";
+  host.vlan = {removed};
+  change.requestedResources.emplace();
+  change.requestedResources->resourcesForHostname = {host};
+  EXPECT_EQ(json(change, JsonWriter::Style::kOneLine),
+            R"({"regionStatus": {"R": {"owner": ""}}, "requestedResources": )"
+            R"({"resourcesForHostname": {"h": {"vlan": {"7": null}}}}})");
 }
 
 TEST(JsonText, StringsKeepTheirCharactersAndEscapeWhatMustBe) {
@@ -167,13 +203,13 @@ Regions
 
 TEST(Tree, OfNothingIsALineOfCounts) {
   EXPECT_EQ(
-      tree({}),
+      tree(nothing()),
       "0 regions, 0 hosts, 0 switch interfaces, 0 network elements, 0 VLANs, 0 VNI mappings\n");
 }
 
 TEST(Tree, VnisThatOtherPortsNeedStandOnLinesOfTheirOwn) {
-  OutputDocument output;
-  output.resourcesForHostname.push_back({"h", {}, {{7, {"p", "q"}, {{5, {"p"}}, {66, {"q"}}}}}});
+  const auto output = withHost(
+      {"h", Domains{}, Vlans{{7, Texts{"p", "q"}, Vnis{{5, Texts{"p"}}, {66, Texts{"q"}}}}}});
   EXPECT_THAT(tree(output), HasSubstr("    VLAN    7          p, q\n"
                                       "               VNI 5   p\n"
                                       "               VNI 66  q\n"));

@@ -5,23 +5,20 @@
 // The machines ask for the feature toggle once in a process; EVENTS_TOGGLE is the answer.
 #include <algorithm>
 
-#include "agent/cloud/cloud.h"
-#include "agent/document/cloud_document.h"
-#include "agent/document/input.h"
 #include "agent/output/inspection.h"
 #include "agent/output/output_json.h"
 #include "agent/output/trace_lines.h"
 #include "agent/output/tree.h"
-#include "agent/plan/plan.h"
+#include "agent/session/session.h"
 #include "framework/Trace.h"
 #include "tests/fuzz/fuzz.h"
 
 namespace {
 
 using Fuzz::require;
-using vnagent::CloudDocument;
 using vnagent::JsonTree;
 using vnagent::JsonWriter;
+using vnagent::SourceEvent;
 
 constexpr bool kToggle = EVENTS_TOGGLE;
 constexpr double kTimeout = 60;
@@ -50,64 +47,42 @@ class Traces {
 class Run {
  public:
   // The document: `line` alone, without an event around it. A refused one leaves an empty cloud.
-  void load(std::string_view line) {
-    const JsonTree tree = JsonTree::parse(line);
-    if (tree.error()) return;
-    const auto outcome = document_.apply(tree.root(), faultsOfText(tree, nullptr));
-    if (outcome.faults.empty()) apply(*outcome.change);
-  }
+  void load(std::string_view line) { take(SourceEvent::ofDocument(line)); }
 
   void event(std::string_view line) {
-    if (vnagent::isSkipped(line)) return;
-    const std::string before = output();
-    if (!apply(line)) require(output() == before, "a refused event changes nothing");
+    if (!vnagent::isSkipped(line)) take(SourceEvent::ofLine(line));
   }
 
   void show() {
     std::string text;
-    writeTree(cloud_.output(), false, text);
+    writeTree(session_.output(), false, text);
     text.clear();
     JsonWriter json(text, JsonWriter::Style::kIndented);
-    const auto fault = writeInspection(cloud_.root(), "openStackSm", "/openStackSm", json);
+    const auto fault = writeInspection(session_.root(), "openStackSm", "/openStackSm", json);
     require(!fault, "the root machine can be looked into");
     require(!JsonTree::parse(text).error(), "what is shown of a machine is JSON");
     require(!JsonTree::parse(output()).error(), "the output is JSON");
   }
 
  private:
-  // Returns whether it was taken.
-  bool apply(std::string_view line) {
-    const JsonTree tree = JsonTree::parse(line);
-    auto reading = readEvent(tree);
-    require(reading.event || !reading.faults.empty(), "what is no event has a fault");
-    if (!reading.event) return false;
-    if (const auto* patch = std::get_if<vnagent::PatchEvent>(&*reading.event)) {
-      const auto outcome = document_.apply(*patch->patch, std::move(reading.faults));
-      if (outcome.faults.empty()) apply(*outcome.change);
-      return outcome.faults.empty();
-    }
-    if (!reading.faults.empty()) return false;
-    if (const auto* advance = std::get_if<vnagent::AdvanceEvent>(&*reading.event)) {
-      cloud_.advance(advance->seconds);
-    } else {
-      cloud_.regionSyncTimeoutIs(std::get<vnagent::RegionSyncTimeoutEvent>(*reading.event).seconds);
-    }
-    return true;
-  }
-
-  void apply(const vnagent::Change& change) {
-    cloud_.apply(makePlan(document_.state(), change, {kToggle, kTimeout}));
+  void take(SourceEvent event) {
+    require(event.reading.event || !event.reading.faults.empty(), "what is no event has a fault");
+    const std::string before = output();
+    const auto outcome = session_.take(std::move(event));
+    if (!outcome.applied()) require(output() == before, "a refused event changes nothing");
+    require(outcome.output.empty() == (output() == before), "a change says whether there is one");
   }
 
   std::string output() const {
     std::string text;
     JsonWriter json(text, JsonWriter::Style::kOneLine);
-    writeOutput(cloud_.output(), json);
+    writeOutput(session_.output(), json);
     return text;
   }
 
-  CloudDocument document_;
-  vnagent::Cloud cloud_{{.toggle = kToggle, .regionSyncTimeout = kTimeout}};
+  vnagent::VirtualClock clock_;
+  vnagent::Session session_{{.toggle = kToggle, .regionSyncTimeout = kTimeout, .changes = true},
+                            clock_};
 };
 
 // Cuts the first line off.

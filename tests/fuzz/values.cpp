@@ -10,11 +10,9 @@
 #include <optional>
 #include <vector>
 
-#include "agent/cloud/cloud.h"
-#include "agent/document/cloud_document.h"
 #include "agent/json/json_writer.h"
 #include "agent/output/inspection.h"
-#include "agent/plan/plan.h"
+#include "agent/session/session.h"
 #include "framework/Exceptions.h"
 #include "framework/GenericIf.h"
 #include "model/OpenStack/Values.h"
@@ -81,10 +79,8 @@ void parseAll(std::string_view text) {
 class Tool {
  public:
   Tool() {
-    const auto tree = JsonTree::parse(kCloud);
-    const auto outcome = document_.apply(tree.root());
-    require(outcome.faults.empty(), "the cloud has no fault");
-    cloud_.apply(makePlan(document_.state(), *outcome.change, {true, 60}));
+    const auto outcome = session_.take(vnagent::SourceEvent::ofDocument(kCloud));
+    require(outcome.applied(), "the cloud has no fault");
   }
 
   void request(std::string_view line) {
@@ -112,7 +108,7 @@ class Tool {
   void inspect(std::string_view path) {
     std::string text;
     vnagent::JsonWriter json(text, vnagent::JsonWriter::Style::kIndented);
-    const auto fault = writeInspection(cloud_.root(), "openStackSm", path, json);
+    const auto fault = writeInspection(session_.root(), "openStackSm", path, json);
     require(fault ? text.empty() : !JsonTree::parse(text).error(), "JSON, or a fault and nothing");
   }
 
@@ -135,7 +131,7 @@ class Tool {
 
   // The object at a path of names and keys; null where there is none.
   Kiv::Ptr<const Kiv::PtrInterface> objectAt(std::string_view path) const {
-    Kiv::Ptr<const Kiv::PtrInterface> object(&cloud_.root());
+    Kiv::Ptr<const Kiv::PtrInterface> object(&session_.root());
     const auto names = split(path, '/');
     for (size_t i = 1; i < names.size() && object; ++i) {
       const auto* description = object->genericIf();
@@ -160,8 +156,8 @@ class Tool {
            (operation == GenericOp::kCreate || operation == GenericOp::kDelete);
   }
 
-  vnagent::CloudDocument document_;
-  vnagent::Cloud cloud_{{.toggle = true, .regionSyncTimeout = 60}};
+  vnagent::VirtualClock clock_;
+  vnagent::Session session_{{.toggle = true, .regionSyncTimeout = 60}, clock_};
 };
 
 }  // namespace

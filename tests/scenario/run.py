@@ -4,8 +4,9 @@
     run.py --binary build/release/bin/vnagent [FOLDER]
     run.py --model [FOLDER]
 
-With --model the same scenarios are put to the model of tests/sim/agent, which checks the model
-and the scenarios against each other. README.md beside this file has the format of a scenario.
+Each is run once more with --changes. With --model the same scenarios are put to the model of
+tests/sim/agent instead, which checks the model and the scenarios against each other. README.md
+beside this file has the format of a scenario.
 """
 
 from __future__ import annotations
@@ -19,6 +20,7 @@ from typing import Any, Callable
 
 sys.path.insert(0, str(Path(__file__).resolve().parent.parent / "sim" / "agent"))
 
+import changes  # noqa: E402
 from program import Run, Seen, Stream, run_model, run_program  # noqa: E402
 from tracing import Line  # noqa: E402
 
@@ -125,13 +127,16 @@ def stream_of(scenario: dict[str, Any], toggle: str) -> Stream:
                   scenario.get("timeout", 60))
 
 
-def check_scenario(scenario: dict[str, Any], run: Callable[[Stream], Run]) -> list[str]:
+def check_scenario(scenario: dict[str, Any], run: Callable[[Stream], Run],
+                   check_changes: Callable[[Stream, Run], list[str]]) -> list[str]:
     """Run a scenario under each toggle that it names."""
     unknown = scenario.keys() - MEMBERS
     found = [f"a member of an unknown kind: {sorted(unknown)}"] if unknown else []
     for toggle in toggles_of(scenario):
-        seen = run(stream_of(scenario, toggle))
-        found += [f"toggle {toggle}, {text}" for text in check_run(scenario, toggle, seen)]
+        stream = stream_of(scenario, toggle)
+        seen = run(stream)
+        texts = check_run(scenario, toggle, seen) or check_changes(stream, seen)
+        found += [f"toggle {toggle}, {text}" for text in texts]
     return found
 
 
@@ -148,12 +153,15 @@ def main() -> int:
     def run(stream: Stream) -> Run:
         return run_model(stream) if options.model else run_program(options.binary, stream)
 
+    def check_changes(stream: Stream, seen: Run) -> list[str]:
+        return [] if options.model else changes.faults(options.binary, stream, seen)
+
     passed = failed = 0
     for path in sorted(options.folder.glob("*.json")):
         if options.only not in path.name:
             continue
         scenario = json.loads(path.read_text(encoding="utf-8"))
-        found = check_scenario(scenario, run)
+        found = check_scenario(scenario, run, check_changes)
         print(f"{'FAILED' if found else 'passed'}  {scenario['name']}: {scenario['about']}")
         for text in found:
             print(f"        {text}")

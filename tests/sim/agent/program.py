@@ -43,6 +43,8 @@ class Seen:
     # another number.
     places: list[str] = field(default_factory=list)
     open_questions: dict[str, set[int]] = field(default_factory=dict)
+    # Of the program: the output as it was printed.
+    text: str = ""
 
 
 @dataclass
@@ -116,6 +118,9 @@ def read_run(done: subprocess.CompletedProcess[bytes], traced: bytes, expected: 
     return run
 
 
+OUTPUT_START = ', "output": '
+
+
 def read_step(line: str, number: int, wrong: list[str]) -> Seen:
     try:
         record = json.loads(line)
@@ -130,6 +135,7 @@ def read_step(line: str, number: int, wrong: list[str]) -> Seen:
     seen = Seen(record.get("ok") is True, record.get("error", ""), record.get("time", 0.0),
                 record.get("output", {}))
     if seen.ok:
+        seen.text = line[line.index(OUTPUT_START) + len(OUTPUT_START):-1]
         seen.wrong += order_faults(record["output"])
     return seen
 

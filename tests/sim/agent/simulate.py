@@ -7,7 +7,7 @@
 
 Each seed is run with the feature toggle on and off. A stream that diverges is shrunk and written
 to a file; --replay runs such a file. --model runs no program, but holds the model itself to what
-must be true of every output.
+must be true of every output. A stream that holds is run once more with --changes.
 """
 
 from __future__ import annotations
@@ -19,6 +19,7 @@ import shlex
 import sys
 from pathlib import Path
 
+import changes
 from compare import compare
 from generator import Generator
 from program import Run, Stream, run_model, run_program
@@ -68,7 +69,10 @@ class Simulation:
             uuids = [status["vlanAssignmentUuid"] for step in expected.steps
                      for status in step.output.get("regionStatus", {}).values()]
             expected.steps[-1].uuids = sorted(set(uuids))
-        return compare(stream, expected, actual)
+        found = compare(stream, expected, actual)
+        if not found and not self.options.model:
+            found = changes.faults(self.options.binary, stream, actual)
+        return found
 
     def check(self, name: str, stream: Stream) -> None:
         found = self.faults(stream)

@@ -1,0 +1,125 @@
+// One agent: the cloud document, the live cloud, and the clock, behind one interface. An event goes
+// in, its outcome comes out.
+//
+//   VirtualClock clock;
+//   Session session({.toggle = true, .regionSyncTimeout = 60}, clock);
+//   session.observerIs(observer);
+//   StepOutcome outcome =
+//       session.take(SourceEvent::ofLine(R"({"patch": {"region": {"R": {}}}})"));
+//   if (!outcome.applied()) ... outcome.faults say why; nothing has changed
+//
+// With the steady clock, the source waits for events until nextTimer(), and fires what is due:
+//
+//   while (auto outcome = session.expire()) use(*outcome);
+//
+// Sources (a file, a stream, a server) hand events in, and observers see each step; none of them
+// knows an entity. One session at a time in a process, on one thread. What a machine throws passes
+// through; the session is good for destruction only then.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "agent/cloud/output_document.h"
+#include "agent/document/cloud_document.h"
+#include "agent/session/clock.h"
+#include "agent/session/source_event.h"
+#include "framework/PtrInterface.h"
+
+namespace vnagent {
+
+class Cloud;
+
+struct SessionSettings {
+  bool toggle = true;             // the answer for "VirtualNetworkAgentToggle"
+  double regionSyncTimeout = 60;  // where the document has none, in seconds
+  bool live = true;               // false: events are checked and the document kept, no more
+  bool changes = false;           // whether outcomes say what has changed of the output
+};
+
+// What became of an event, or of a timer that was due. Texts in it, and what it points to, are good
+// until the session takes the next one.
+struct StepOutcome {
+  uint64_t step = 0;              // the steps of a session count from 0
+  double time = 0;                // of the clock, when the step was done
+  std::vector<Fault> faults;      // why the event was refused; none: it was applied
+  const Change* cloud = nullptr;  // what a patch did to the cloud document
+  OutputDocument output;          // what has changed of the output, where the settings say so
+
+  bool applied() const { return faults.empty(); }
+};
+
+// Sees each step. Makes no event from inside.
+class SessionObserver {
+ public:
+  virtual ~SessionObserver() = default;
+  virtual void onStepBegin(uint64_t /*step*/) {}
+  virtual void onStepEnd(const StepOutcome& /*outcome*/) {}
+};
+
+class Session {
+ public:
+  // Starts with the empty document. REQUIRES: the clock outlives the session; nobody but the
+  // session moves the virtual one while an event is being taken.
+  Session(const SessionSettings& settings, VirtualClock& clock);
+  Session(const SessionSettings& settings, const SteadyClock& clock);
+  ~Session();
+  Session(const Session&) = delete;
+  Session& operator=(const Session&) = delete;
+
+  // Calls this one, too, in the order in which they were given. REQUIRES: it outlives the session's
+  // last step.
+  void observerIs(SessionObserver& observer) { observers_.push_back(&observer); }
+
+  // Steps.
+
+  // Applies or refuses an event. Its tree is dropped as soon as it was read, as that of a large
+  // document takes more memory than the cloud.
+  //   patch              changes the cloud document, and the entities with it;
+  //   advance            moves the virtual clock, and fires each timer at its own time; with the
+  //                      steady clock it is refused;
+  //   regionSyncTimeout  gives the root machine another one.
+  StepOutcome take(SourceEvent event);
+
+  // Fires the earliest timer that is due by now, never one that is not: a step of its own. Nothing
+  // when none is due.
+  std::optional<StepOutcome> expire();
+
+  // Reading.
+
+  // When the next timer is due, a time of the clock; +infinity when none is armed.
+  double nextTimer() const;
+
+  // The clock's time, in seconds.
+  double time() const { return clock_.now(); }
+
+  // The cloud document.
+  const CloudState& document() const { return document_.state(); }
+
+  // The whole output document; good until the next step. REQUIRES: the session is live.
+  OutputDocument output() const;
+
+  // The root machine, for looking into it and all that it holds. REQUIRES: the session is live.
+  const Kiv::PtrInterface& root() const;
+
+ private:
+  Session(const SessionSettings& settings, const Kiv::TimeSource& clock, VirtualClock* moved);
+
+  StepOutcome begin();
+  void end(StepOutcome& outcome);
+
+  void apply(SourceEvent& event, const JsonValue& patch, StepOutcome& outcome);
+  void advance(double seconds, StepOutcome& outcome);
+
+  SessionSettings settings_;
+  const Kiv::TimeSource& clock_;
+  VirtualClock* virtualClock_;  // null with the steady one
+  CloudDocument document_;
+  std::unique_ptr<Cloud> cloud_;  // null when not live
+  std::vector<SessionObserver*> observers_;
+  uint64_t steps_ = 0;  // begun so far
+};
+
+}  // namespace vnagent
