@@ -59,6 +59,8 @@ class Generator:
         self.regions = self.names["region"][:self.random.choice([1, 2, 2, 3])]
         self.timeout = self.random.choice([60.0, 60.0, 30.0, 0.5, 12.25])
         self.doc: Doc = {}
+        # Edits that come next, a patch each, between others.
+        self.next_edits: list[Callable[[Doc], None]] = []
         # Members that the next patch names whether or not they change.
         self.named: list[tuple[str, ...]] = []
         self.actions = self.weighted_actions()
@@ -103,6 +105,10 @@ class Generator:
 
     def patch(self) -> Doc:
         """A patch made of one to five edits, with some noise."""
+        if self.next_edits and self.random.random() < 0.5:
+            after = copy(self.doc)
+            self.next_edits.pop(0)(after)
+            return self.patch_to(after)
         for attempt in range(8):
             after = copy(self.doc)
             self.named = []
@@ -115,6 +121,14 @@ class Generator:
             self.name(patch, after, path)
         while self.random.random() < 0.2:
             self.noise(patch, after)
+        return self.applied(patch)
+
+    def patch_to(self, after: Doc) -> Doc:
+        """The patch that leads to a document, whether or not that keeps the rules."""
+        return self.applied(difference(self.doc, after))
+
+    def applied(self, patch: Doc) -> Doc:
+        """A patch, which changes the document unless it breaks a rule."""
         merged = merge(self.doc, patch)
         if not faults(merged):
             self.doc = merged
@@ -162,7 +176,7 @@ class Generator:
             (self.drop_segment, 2), (self.replace_segment, 2), (self.add_port, 8),
             (self.drop_port, 1), (self.change_vlan_type, 1), (self.bind_port, 4),
             (self.bind_host, 2 * hosts), (self.bind_switch, 2 * switches), (self.unbind_one, 3),
-            (self.drop_port_binding, 2), (self.rename_host, hosts),
+            (self.drop_port_binding, 2), (self.rename_host, hosts), (self.move_host, hosts),
             (self.change_remote_host, switches),
             (self.add_level, 6), (self.drop_level, 4), (self.change_level, 3),
             (self.swap_levels, 1), (self.disturb_vxlan, 3), (self.switch_kind, 1),
@@ -338,6 +352,46 @@ class Generator:
         found = self.some_binding(doc)
         if found:
             del found[1][found[2][-1]]
+
+    def move_host(self, doc: Doc) -> None:
+        """Take a host from all ports of its region, and bind two ports of another region to it. Later
+        one of the two is unbound, and then the first region binds to the host: to be refused."""
+        regions = objects(doc.get("region"))
+        hosts = sorted((name, host) for name, region in regions.items()
+                       for host in hosts_of(region, "host"))
+        if not hosts or len(regions) < 2:
+            return
+        left, host = self.random.choice(hosts)
+        right = self.random.choice([name for name in regions if name != left])
+        region = regions[right]
+        for _ in range(2):
+            if len(objects(region.get("port"))) < 3:
+                self.add_port_to(doc, region)
+        bindings = region.setdefault("portBinding", {})
+        ports = [port for port in objects(region.get("port")) if not objects(
+            bindings.get(port)).get("portToSwitchInterfaceBinding")]
+        if len(ports) < 2:
+            return
+        for binding in objects(regions[left].get("portBinding")).values():
+            objects(binding.get("portToHostBinding")).pop(host, None)
+        two = self.random.sample(ports, 2)
+        for port in two:
+            bound = bindings.setdefault(port, {}).setdefault("portToHostBinding", {})
+            bound[host] = {"segment": self.levels(region)}
+
+        def unbind_one(doc: Doc) -> None:
+            binding = objects(objects(doc.get("region")).get(right)).get("portBinding")
+            objects(objects(objects(binding).get(two[0])).get("portToHostBinding")).pop(host, None)
+
+        def bind_again(doc: Doc) -> None:
+            region = objects(doc.get("region")).get(left)
+            for port in objects(region.get("port")) if region else {}:
+                binding = region.setdefault("portBinding", {}).setdefault(port, {})
+                if not binding.get("portToSwitchInterfaceBinding"):
+                    binding.setdefault("portToHostBinding", {})[host] = {"segment": {}}
+                    return
+
+        self.next_edits = [unbind_one, bind_again]
 
     def drop_port_binding(self, doc: Doc) -> None:
         _, region = self.some_region(doc)

@@ -35,6 +35,7 @@ Generator::Generator(std::uint64_t seed, bool toggleOn)
       {&Generator::unbind, 3},
       {&Generator::dropPortBinding, 2},
       {&Generator::moveHost, hosts},
+      {&Generator::moveHostToRegion, hosts},
       {&Generator::changeRemoteHost, switches},
       {&Generator::addLevel, 6},
       {&Generator::dropLevel, 4},
@@ -87,6 +88,13 @@ Event Generator::advance() {
 Event Generator::patch() {
   constexpr int kEdits[] = {1, 1, 1, 1, 2, 2, 3, 5};
   const Cloud before = cloud_;
+  if (!nextEdits_.empty() && oneIn(2)) {
+    edits_.clear();
+    for (const Edit& next : nextEdits_.front()) edit(next);
+    nextEdits_.erase(nextEdits_.begin());
+    if (!keepsRules(cloud_)) cloud_ = before;
+    return {.kind = Event::patch, .edits = edits_};
+  }
   for (int attempt = 0; attempt < 4; ++attempt) {
     edits_.clear();
     for (int left = anyOf(kEdits); left > 0; --left) {

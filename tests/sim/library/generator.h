@@ -57,6 +57,7 @@ class Generator {
   void unbind();
   void dropPortBinding();
   void moveHost();
+  void moveHostToRegion();
   void changeRemoteHost();
   void addLevel();
   void dropLevel();
@@ -92,6 +93,8 @@ class Generator {
   int regions_;
   bool sharesVlans_;
   double timeout_;
+  // Edits that come next, a patch each, between others.
+  std::vector<std::vector<Edit>> nextEdits_;
   std::vector<Action> actions_;
   Cloud cloud_;              // as the edits so far leave it
   std::vector<Edit> edits_;  // of the patch that is being made

@@ -155,6 +155,44 @@ void Generator::moveHost() {
   for (const auto& [level, segment] : levels) this->level(to, level, segment);
 }
 
+// Takes a host from all ports of its region, and binds two ports of another region to it. Later one
+// of the two is unbound, and then the first region binds to the host: to be refused.
+void Generator::moveHostToRegion() {
+  const auto spot = someSpot(true);
+  const auto to = someRegion();
+  if (!spot || *to == spot->region) return;
+  while (cloud_.regions[*to].ports.size() < 2 && !oneIn(10)) somePort(*to);
+  std::vector<int> ports;
+  const auto& bindings = cloud_.regions[*to].bindings;
+  for (const auto& [port, vlanType] : cloud_.regions[*to].ports) {
+    const auto bound = bindings.find(port);
+    if (bound == bindings.end() || !bindsOther(bound->second, true)) ports.push_back(port);
+  }
+  if (ports.size() < 2) return;
+  std::ranges::shuffle(ports, random_);
+  const auto left = cloud_.regions[spot->region].bindings;
+  for (const auto& [port, places] : left) {
+    if (!places.contains(spot->place)) continue;
+    edit({.what = What::binding,
+          .gone = true,
+          .inRegion = spot->region,
+          .id = port,
+          .place = spot->place});
+  }
+  for (std::size_t i = 0; i < 2; ++i) {
+    edit({.what = What::binding, .inRegion = *to, .id = ports[i], .place = spot->place});
+    addLevels({*to, ports[i], spot->place});
+  }
+  const Edit unbindOne{.what = What::binding,
+                       .gone = true,
+                       .inRegion = *to,
+                       .id = ports.front(),
+                       .place = spot->place};
+  const Edit bindAgain{
+      .what = What::binding, .inRegion = spot->region, .id = spot->port, .place = spot->place};
+  nextEdits_ = {{unbindOne}, {bindAgain}};
+}
+
 void Generator::changeRemoteHost() {
   if (const auto spot = someSpot(false)) {
     edit({.what = What::binding,
