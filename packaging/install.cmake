@@ -68,7 +68,8 @@ install(FILES ${PROJECT_BINARY_DIR}/packaging/openstacksm.pc
 install(FILES ${PROJECT_SOURCE_DIR}/docs/embedding.md ${PROJECT_SOURCE_DIR}/docs/architecture.md
               ${PROJECT_SOURCE_DIR}/docs/architecture.svg ${PROJECT_SOURCE_DIR}/docs/architecture.dot
               ${PROJECT_SOURCE_DIR}/docs/framework.md ${PROJECT_SOURCE_DIR}/docs/output-model.md
-              ${PROJECT_SOURCE_DIR}/docs/sync-protocol.md ${PROJECT_SOURCE_DIR}/CHANGELOG.md
+              ${PROJECT_SOURCE_DIR}/docs/sync-protocol.md ${PROJECT_SOURCE_DIR}/docs/terms.md
+              ${PROJECT_SOURCE_DIR}/CHANGELOG.md
   DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development)
 if(NOT OPENSTACKSM_PACKAGES)  # they have a copyright file each
   install(FILES ${PROJECT_SOURCE_DIR}/LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR}
