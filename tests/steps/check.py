@@ -45,6 +45,13 @@ GROWTH = {
     "waiting notifications": (Shape(waiting=313), Shape(waiting=5008)),
 }
 
+# The same for patches to a session: all of a cloud grows. A host has 20 ports in both sizes, as the
+# sets of the output are printed whole where they change.
+GROWTH_OF_PATCHES = {
+    "of everything": (Shape(hosts=25, networks=25, regions=5),
+                      Shape(ports=8000, hosts=400, networks=400, regions=80)),
+}
+
 # How much more a change may take in the larger cloud: for keys that are longer, and chains and
 # orders that are searched, by a factor and some instructions.
 FACTOR = 1.15
@@ -72,19 +79,21 @@ def count(valgrind: str, binary: Path, shape: Shape) -> dict[str, float]:
 
 def main() -> int:
     parser = argparse.ArgumentParser(description=__doc__.partition("\n")[0])
-    parser.add_argument("binary", type=Path, help="the program `operations`")
+    parser.add_argument("binary", type=Path, help="the program `operations`, or `patches`")
+    parser.add_argument("--patches", action="store_true", help="it is `patches`")
     parser.add_argument("--valgrind", default="valgrind", help="the program to count with")
     parser.add_argument("--verbose", action="store_true", help="print what was counted, too")
     arguments = parser.parse_args()
 
-    shapes = list(dict.fromkeys(shape for pair in GROWTH.values() for shape in pair))
+    growth = GROWTH_OF_PATCHES if arguments.patches else GROWTH
+    shapes = list(dict.fromkeys(shape for pair in growth.values() for shape in pair))
     with ThreadPoolExecutor(max_workers=2) as pool:
         counts = dict(zip(shapes, pool.map(
             lambda shape: count(arguments.valgrind, arguments.binary.resolve(), shape), shapes)))
 
     compared = 0
     faults = []
-    for what, (small, large) in GROWTH.items():
+    for what, (small, large) in growth.items():
         if not counts[small] or counts[small].keys() != counts[large].keys():
             sys.exit(f"{what}: not the same changes were counted in both sizes")
         for name, before in counts[small].items():
