@@ -2,9 +2,11 @@
 
 #include <algorithm>
 #include <cstring>
+#include <nlohmann/json.hpp>
 
 #include <fmt/format.h>
 
+#include "agent/json/json_repair.h"
 #include "agent/json/utf8.h"
 
 namespace vnagent {
@@ -23,6 +25,69 @@ std::string_view otherEncoding(std::string_view text) {
     return text.starts_with("\0\0\0"sv) ? "UTF-32" : "";
   }
   return text.substr(1).starts_with("\0\0\0"sv) ? "UTF-32" : "UTF-16";
+}
+
+// Finds the tokens of the text that the parser has reported, one after the other, as the parser
+// does not say where they are.
+class TokenFinder {
+ public:
+  explicit TokenFinder(std::string_view text) : text_(text) {}
+
+  // Goes to the next token and past it. REQUIRES: the parser has reported that there is one.
+  void bracket() { end_ = begin() + 1; }
+  void word() { end_ = std::min(text_.find_first_not_of("aeflnrstu", begin()), text_.size()); }
+  void number() { end_ = endOfNumber(text_, begin()); }
+  void string() { end_ = endOfString(text_, begin()); }
+
+  // The last token.
+  size_t beginOffset() const { return begin_; }
+  size_t endOffset() const { return end_; }
+  JsonPosition position() const { return position_; }
+
+ private:
+  size_t begin() {
+    begin_ = end_;
+    for (; begin_ < text_.size(); ++begin_) {
+      const char c = text_[begin_];
+      if (c == '\n') {
+        ++position_.line;
+        lineStart_ = begin_ + 1;
+      } else if (c != ' ' && c != '\t' && c != '\r' && c != ',' && c != ':') {
+        break;
+      }
+    }
+    position_.column = static_cast<uint32_t>(begin_ - lineStart_ + 1);
+    return begin_;
+  }
+
+  std::string_view text_;
+  size_t begin_ = 0;
+  size_t end_ = 0;
+  size_t lineStart_ = 0;
+  JsonPosition position_{1, 1};
+};
+
+JsonPosition positionOf(std::string_view text, size_t offset) {
+  const auto before = text.substr(0, offset);
+  const auto lineStart = before.rfind('\n') + 1;  // npos + 1 is 0
+  return {static_cast<uint32_t>(1 + std::ranges::count(before, '\n')),
+          static_cast<uint32_t>(before.size() - lineStart + 1)};
+}
+
+// The parser's own words after the place, with every odd byte replaced: they quote the input.
+std::string cleaned(std::string_view message) {
+  const auto place = message.find(", column ");
+  const auto lead = message.find(": ", place == message.npos ? 0 : place);
+  if (lead != message.npos) message.remove_prefix(lead + 2);
+  std::string result(message);
+  for (char& c : result) {
+    if (c < 0x20 || c > 0x7e) c = '?';
+  }
+  return result;
+}
+
+JsonError errorAt(JsonError::Kind kind, JsonPosition position, std::string_view text) {
+  return {kind, position, fmt::format("column {}: {}", position.column, text)};
 }
 
 }  // namespace
@@ -45,146 +110,129 @@ std::string JsonFlaw::message() const {
   return {};
 }
 
-// Builds the tree while it reads. Containers that are still open form a chain by `parent`; their
-// members so far lie above `base` on one common stack until the container closes.
+// Receives the parser's events and builds the tree. Containers that are still open form a chain by
+// `parent`; their members so far are above the last of `bases_` on one common stack until the
+// container closes.
 class JsonTree::Builder {
  public:
-  Builder(JsonTree& tree, std::string_view text, const JsonLimits& limits)
-      : tree_(tree), scanner_(text), limits_(limits) {}
+  // `original` is the text before its repair, in which what begins at `repaired` was replaced.
+  Builder(JsonTree& tree, std::string_view original, std::string_view text,
+          const std::vector<size_t>& repaired, const JsonLimits& limits)
+      : tree_(tree), original_(original), repaired_(repaired), tokens_(text), limits_(limits) {}
 
-  // Reads the whole text. The tree has an error where that fails.
-  void read() {
-    bool good = value();
-    while (good && open_ != nullptr) good = open_->isObject() ? member() : element();
-    if (good && scanner_.next(), good && !scanner_.isAtEnd()) {
-      scanner_.failExpected("the end of the text");
+  // Whether the parser has refused what is legal JSON, and can be repaired.
+  bool wantsRepair() const { return wantsRepair_; }
+
+  // What the parser calls. Each returns whether it is to go on.
+
+  bool null() {
+    tokens_.word();
+    add(Kind::kNull);
+    return true;
+  }
+  bool boolean(bool value) {
+    tokens_.word();
+    add(Kind::kBool)->boolean = value;
+    return true;
+  }
+  bool number_integer(int64_t value) {
+    JsonValue* made = number();
+    if (made->isFlawed) return true;
+    made->kind = Kind::kInteger;
+    made->integer = value;
+    made->real = static_cast<double>(value);
+    return true;
+  }
+  bool number_unsigned(uint64_t value) {
+    // Beyond every integer that an attribute takes: it stays a number, but is no longer exact.
+    if (value > static_cast<uint64_t>(INT64_MAX))
+      return number_float(static_cast<double>(value), {});
+    return number_integer(static_cast<int64_t>(value));
+  }
+  bool number_float(double value, const std::string&) {
+    number()->real = value;
+    return true;
+  }
+  bool string(const std::string& value) {
+    tokens_.string();
+    JsonValue* made = add(Kind::kString);
+    made->text = kept(value);
+    if (isRepaired()) addFlaw(JsonFlaw::Kind::kLoneSurrogate, made);
+    return true;
+  }
+  bool binary(const std::vector<uint8_t>&) { return false; }
+
+  bool start_object(size_t) { return open(Kind::kObject); }
+  bool start_array(size_t) { return open(Kind::kArray); }
+  bool key(const std::string& value) {
+    tokens_.string();
+    key_ = {kept(value), tokens_.position(), isRepaired()};
+    return true;
+  }
+  bool end_object() {
+    tokens_.bracket();
+    const std::span members(stack_.data() + bases_.back(), openSize());
+    auto size = members.size();
+    if (!std::ranges::is_sorted(members, std::ranges::less_equal{}, &JsonValue::key)) {
+      size = sortMembers(members);
     }
-    tree_.error_ = scanner_.error();
+    close(size);
+    return true;
+  }
+  bool end_array() {
+    tokens_.bracket();
+    close(openSize());
+    return true;
+  }
+
+  bool parse_error(size_t bytesRead, const std::string&,
+                   const nlohmann::detail::exception& exception) {
+    constexpr int kNumberOverflow = 406;
+    const std::string_view message = exception.what();
+    wantsRepair_ = exception.id == kNumberOverflow || message.find("surrogate U+") != message.npos;
+    const bool notUtf8 = message.find("ill-formed UTF-8") != message.npos;
+    const auto position = positionOf(original_, bytesRead == 0 ? 0 : bytesRead - 1);
+    tree_.error_ = notUtf8 ? errorAt(JsonError::Kind::kNotUtf8, position, "a string is not UTF-8")
+                           : errorAt(JsonError::Kind::kSyntax, position, cleaned(message));
+    return false;
   }
 
  private:
   using Kind = JsonValue::Kind;
 
-  // Each of these reads on and returns whether all is well so far.
-
-  bool value() {
-    switch (scanner_.next()) {
-      case '{':
-        return openContainer(Kind::kObject, '{');
-      case '[':
-        return openContainer(Kind::kArray, '[');
-      case '"':
-        return string();
-      case 'n':
-        return word("null", Kind::kNull);
-      case 't':
-        return word("true", Kind::kBool);
-      case 'f':
-        return word("false", Kind::kBool);
-      case '-':
-      case '0':
-      case '1':
-      case '2':
-      case '3':
-      case '4':
-      case '5':
-      case '6':
-      case '7':
-      case '8':
-      case '9':
-        return number();
-      default:
-        scanner_.failExpected("a value");
-        return false;
-    }
+  // Whether the last token had something in it that was replaced.
+  bool isRepaired() const {
+    const auto at = std::ranges::lower_bound(repaired_, tokens_.beginOffset());
+    return at != repaired_.end() && *at < tokens_.endOffset();
   }
 
-  bool word(std::string_view text, Kind kind) {
-    JsonValue* made = add(kind);
-    made->boolean = text == "true";
-    if (scanner_.skipWord(text)) return true;
-    scanner_.failExpected("a value");
-    return false;
-  }
-
-  bool number() {
+  JsonValue* number() {
+    tokens_.number();
     JsonValue* made = add(Kind::kReal);
-    const auto number = scanner_.number();
-    if (!number) return false;
-    made->real = number->real;
-    if (number->isInteger) {
-      made->kind = Kind::kInteger;
-      made->integer = number->integer;
-    } else {
-      made->text = kept(number->written);
-    }
-    if (number->isTooLarge) addFlaw(JsonFlaw::Kind::kNumberTooLarge, made);
-    return true;
+    const size_t begin = tokens_.beginOffset();
+    made->text = kept(original_.substr(begin, endOfNumber(original_, begin) - begin));
+    if (isRepaired()) addFlaw(JsonFlaw::Kind::kNumberTooLarge, made);
+    return made;
   }
 
-  bool string() {
-    JsonValue* made = add(Kind::kString);
-    const auto string = scanner_.string();
-    if (!string) return false;
-    made->text = kept(string->text);
-    if (string->hasLoneSurrogate) addFlaw(JsonFlaw::Kind::kLoneSurrogate, made);
-    return true;
-  }
-
-  bool openContainer(Kind kind, char bracket) {
+  bool open(Kind kind) {
+    tokens_.bracket();
     if (bases_.size() >= limits_.depth) {
-      scanner_.fail(JsonError::Kind::kTooDeep,
-                    fmt::format("nested deeper than {} objects and arrays", limits_.depth));
+      tree_.error_ =
+          errorAt(JsonError::Kind::kTooDeep, tokens_.position(),
+                  fmt::format("nested deeper than {} objects and arrays", limits_.depth));
       return false;
     }
     open_ = add(kind);
     bases_.push_back(stack_.size());
-    return scanner_.skip(bracket);
-  }
-
-  // The next member of the open object, or its end.
-  bool member() {
-    const char next = scanner_.next();
-    if (next == '}') {
-      closeObject();
-      return scanner_.skip('}');
-    }
-    if (openSize() > 0 && !comma("',' or '}'")) return false;
-    if (scanner_.next() != '"') {
-      scanner_.failExpected(openSize() > 0 ? "a key in quotes" : "a key in quotes or '}'");
-      return false;
-    }
-    key_.position = scanner_.position();
-    const auto key = scanner_.string();
-    if (!key) return false;
-    key_.text = kept(key->text);
-    key_.isFlawed = key->hasLoneSurrogate;
-    scanner_.next();
-    if (scanner_.skip(':')) return value();
-    scanner_.failExpected("':'");
-    return false;
-  }
-
-  // The next element of the open array, or its end.
-  bool element() {
-    if (scanner_.next() == ']') {
-      close(openSize());
-      return scanner_.skip(']');
-    }
-    return (openSize() == 0 || comma("',' or ']'")) && value();
-  }
-
-  bool comma(std::string_view expected) {
-    if (scanner_.skip(',')) return true;
-    scanner_.failExpected(expected);
-    return false;
+    return true;
   }
 
   JsonValue* add(Kind kind) {
     void* memory = tree_.arena_->allocate(sizeof(JsonValue), alignof(JsonValue));
     auto* made = new (memory) JsonValue;
     made->kind = kind;
-    made->position = scanner_.position();
+    made->position = tokens_.position();
     made->parent = open_;
     if (open_ == nullptr) {
       tree_.root_ = made;
@@ -208,15 +256,6 @@ class JsonTree::Builder {
 
   // How many members the open container has so far.
   size_t openSize() const { return stack_.size() - bases_.back(); }
-
-  void closeObject() {
-    const std::span members(stack_.data() + bases_.back(), openSize());
-    auto size = members.size();
-    if (!std::ranges::is_sorted(members, std::ranges::less_equal{}, &JsonValue::key)) {
-      size = sortMembers(members);
-    }
-    close(size);
-  }
 
   void close(size_t size) {
     const auto base = bases_.back();
@@ -277,8 +316,11 @@ class JsonTree::Builder {
   };
 
   JsonTree& tree_;
-  JsonScanner scanner_;
+  std::string_view original_;
+  const std::vector<size_t>& repaired_;
+  TokenFinder tokens_;
   const JsonLimits& limits_;
+  bool wantsRepair_ = false;
   JsonValue* open_ = nullptr;
   std::vector<const JsonValue*> stack_;
   std::vector<size_t> bases_;
@@ -306,12 +348,29 @@ JsonTree JsonTree::parse(std::string_view text, const JsonLimits& limits) {
     }
     text.remove_prefix(kByteOrderMark.size());
   }
-  Builder(tree, text, limits).read();
-  if (tree.error_) {
-    tree.root_ = nullptr;
-    tree.flaws_.clear();
+  // The parser takes a zero byte for the end of the text; there is none in JSON.
+  if (const auto zero = text.find('\0'); zero != text.npos) {
+    tree.error_ = errorAt(JsonError::Kind::kSyntax, positionOf(text, zero), "a zero byte");
+    return tree;
+  }
+  if (!tree.build(text, text, {}, limits)) {
+    const RepairedJson repaired = repairJson(text);
+    tree.build(text, repaired.text, repaired.offsets, limits);
   }
   return tree;
+}
+
+bool JsonTree::build(std::string_view original, std::string_view text,
+                     const std::vector<size_t>& repaired, const JsonLimits& limits) {
+  error_.reset();
+  flaws_.clear();
+  Builder builder(*this, original, text, repaired, limits);
+  nlohmann::json::sax_parse(text, &builder);
+  if (error_) {
+    root_ = nullptr;
+    flaws_.clear();
+  }
+  return !builder.wantsRepair();
 }
 
 void appendToken(std::string& pointer, std::string_view key) {

@@ -12,6 +12,7 @@
 // Any thread may use a tree, one at a time.
 #pragma once
 
+#include <compare>
 #include <cstdint>
 #include <memory>
 #include <memory_resource>
@@ -21,9 +22,29 @@
 #include <string_view>
 #include <vector>
 
-#include "agent/json/json_scanner.h"
-
 namespace vnagent {
+
+// A place in a text; both count from 1, and columns are bytes.
+struct JsonPosition {
+  uint32_t line = 0;
+  uint32_t column = 0;
+
+  friend auto operator<=>(const JsonPosition&, const JsonPosition&) = default;
+};
+
+// Why a text is no JSON, or none that is taken.
+struct JsonError {
+  enum class Kind : uint8_t {
+    kSyntax,         // breaks the grammar
+    kNotUtf8,        // has bytes that are no UTF-8
+    kOtherEncoding,  // looks like UTF-16 or UTF-32
+    kByteOrderMark,  // begins with U+FEFF, where that is not allowed
+    kTooDeep,        // is nested deeper than allowed
+  };
+  Kind kind = Kind::kSyntax;
+  JsonPosition position;
+  std::string text;  // one line of printable ASCII
+};
 
 // One value. Plain data; made by JsonTree only.
 struct JsonValue {
@@ -95,6 +116,10 @@ class JsonTree {
   class Builder;
 
   JsonTree();
+  // Builds the tree from the original text, or from one in which what begins at these offsets was
+  // replaced. Returns false when the text is to be repaired.
+  bool build(std::string_view original, std::string_view text, const std::vector<size_t>& repaired,
+             const JsonLimits& limits);
 
   std::unique_ptr<std::pmr::monotonic_buffer_resource> arena_;
   const JsonValue* root_ = nullptr;

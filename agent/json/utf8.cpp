@@ -50,27 +50,6 @@ size_t utf8Length(std::string_view text) {
   return 0;
 }
 
-void appendUtf8(std::string& out, uint32_t code) {
-  const auto continuation = [&](unsigned shift) {
-    out += static_cast<char>(0x80U | (code >> shift & 0x3fU));
-  };
-  if (code < 0x80) {
-    out += static_cast<char>(code);
-  } else if (code < 0x800) {
-    out += static_cast<char>(0xc0U | code >> 6);
-    continuation(0);
-  } else if (code < 0x10000) {
-    out += static_cast<char>(0xe0U | code >> 12);
-    continuation(6);
-    continuation(0);
-  } else {
-    out += static_cast<char>(0xf0U | code >> 18);
-    continuation(12);
-    continuation(6);
-    continuation(0);
-  }
-}
-
 std::string escapeControls(std::string_view text) {
   std::string out;
   out.reserve(text.size());

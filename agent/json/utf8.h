@@ -11,9 +11,6 @@ namespace vnagent {
 // (overlong forms, surrogates and what is beyond U+10FFFF included) or `text` is empty.
 size_t utf8Length(std::string_view text);
 
-// Appends one character. REQUIRES: `code` is at most U+10FFFF and no surrogate.
-void appendUtf8(std::string& out, uint32_t code);
-
 // The text as it may be written to a terminal: control characters (U+0000 to U+001F and U+007F to
 // U+009F) as \u00XX, bytes that are no UTF-8 as \xXX, all else as it is.
 std::string escapeControls(std::string_view text);
