@@ -155,17 +155,19 @@ TEST_F(Check, ARefusedDocumentLeavesTheFormOfEventsToBeChecked) {
                            "{\"patch\": {\"a\": 1e999, \"b\": 1, \"b\": 2}}\n");
   const auto result = vnagent({"check", cloud, "--events", events});
   EXPECT_EQ(result.status, 3);
-  EXPECT_EQ(withoutFolder(result.err),
-            "vnagent: error: cloud.json:5: /region/R/portBinding/q: no port \"q\" in region \"R\"\n"
-            "vnagent: error: cloud.json:5: /region/R/portBinding/r: no port \"r\" in region \"R\"\n"
-            "vnagent: error: events.jsonl:2: : 7 is not an object: a patch\n"
-            "vnagent: error: events.jsonl:3: /advance: -1 is not a number of seconds (0 to "
-            "1000000000)\n"
-            "vnagent: error: events.jsonl:4: : not JSON: column 1: expected a value, found 'n'\n"
-            "vnagent: error: events.jsonl:5: /a: the number 1e999 is too large\n"
-            "vnagent: error: events.jsonl:5: /b: the key \"b\" is repeated in its object\n"
-            "vnagent: warning: cloud.json: refused, so that only the form of the events in "
-            "events.jsonl was checked\n");
+  EXPECT_EQ(
+      withoutFolder(result.err),
+      "vnagent: error: cloud.json:5: /region/R/portBinding/q: no port \"q\" in region \"R\"\n"
+      "vnagent: error: cloud.json:5: /region/R/portBinding/r: no port \"r\" in region \"R\"\n"
+      "vnagent: error: events.jsonl:2: : 7 is not an object: a patch\n"
+      "vnagent: error: events.jsonl:3: /advance: -1 is not a number of seconds (0 to "
+      "1000000000)\n"
+      "vnagent: error: events.jsonl:4: : not JSON: column 2: syntax error while parsing value - "
+      "invalid literal; last read: 'no'\n"
+      "vnagent: error: events.jsonl:5: /a: the number 1e999 is too large\n"
+      "vnagent: error: events.jsonl:5: /b: the key \"b\" is repeated in its object\n"
+      "vnagent: warning: cloud.json: refused, so that only the form of the events in "
+      "events.jsonl was checked\n");
 }
 
 TEST_F(Check, ARefusedDocumentIsRefusedAlsoWhenItsEventsAreFine) {
@@ -264,8 +266,8 @@ TEST_F(Check, AnInputThatCannotBeReadIsNamed) {
     EXPECT_EQ(messageOf({locked}), "vnagent: error: loop: Too many levels of symbolic links\n");
     EXPECT_EQ(messageOf({folderName}), "vnagent: error: " + folderName + ": Is a directory\n");
     EXPECT_EQ(messageOf({empty}),
-              "vnagent: error: empty:1: not JSON: column 1: expected a value, found the end of the "
-              "text\n");
+              "vnagent: error: empty:1: not JSON: column 1: syntax error while parsing value - "
+              "unexpected end of input; expected '[', '{', or a literal\n");
     EXPECT_EQ(messageOf({cloud, "--events", missing}),
               "vnagent: error: none: No such file or directory\n");
     EXPECT_EQ(messageOf({cloud, "--events", folderName}),
