@@ -1,23 +1,23 @@
-# What `cmake --install` puts where, and what an embedder finds there.
+# What `cmake --install` installs.
 #
-#   include/OpenStackSm/    the headers, below the paths that #include names; nothing else of ours
-#                           lies on an embedder's include path
+#   include/OpenStackSm/    the headers, under the paths that #include names; the only folder that is
+#                           added to an embedder's include path
 #   lib/                    libOpenStackSm.so, its CMake package and its pkg-config file
 #   share/doc/OpenStackSm/  the licence, the pages for embedders, the example host agent
 #   bin/vnagent             with its man page and the completions of three shells
 #
-# Components: `library` is what a program needs at run time, `development` what building one needs,
-# `agent` the program.
+# Components: `library` has what a program needs at run time, `development` what is needed to build
+# one, `agent` the program.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
 set(OPENSTACKSM_ZSH_COMPLETIONS ${CMAKE_INSTALL_DATADIR}/zsh/site-functions
-    CACHE STRING "Where zsh looks for completions, below the prefix")
+    CACHE STRING "The folder of zsh's completions, relative to the prefix")
 set(headers_dir ${CMAKE_INSTALL_INCLUDEDIR}/OpenStackSm)
 set(cmake_dir ${CMAKE_INSTALL_LIBDIR}/cmake/OpenStackSm)
 
 # The library. While the major version is 0 each minor version may break the binary interface, so
-# both name it; from 1 on the major version does alone.
+# both contain it; from 1 on only the major version.
 set(soversion ${PROJECT_VERSION_MAJOR})
 if(PROJECT_VERSION_MAJOR EQUAL 0)
   set(soversion 0.${PROJECT_VERSION_MINOR})
@@ -29,8 +29,8 @@ target_include_directories(OpenStackSm INTERFACE $<INSTALL_INTERFACE:${headers_d
 install(TARGETS OpenStackSm EXPORT OpenStackSm
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library NAMELINK_COMPONENT development)
 
-# The headers: the public ones, and those of detail/ that they include. tests/packaging/headers.py
-# says when this list is wrong.
+# The public headers, and those of detail/ that they include. tests/packaging/headers.py checks this
+# list.
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/framework ${PROJECT_SOURCE_DIR}/model
                   ${PROJECT_SOURCE_DIR}/OpenStackSm
   DESTINATION ${headers_dir} COMPONENT development
@@ -64,7 +64,7 @@ configure_file(${CMAKE_CURRENT_LIST_DIR}/openstacksm.pc.in
 install(FILES ${PROJECT_BINARY_DIR}/packaging/openstacksm.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
 
-# The pages, and the programs that they show; the example host agent is a project of its own.
+# The pages, and the programs that they quote; the example host agent is a project of its own.
 install(FILES ${PROJECT_SOURCE_DIR}/docs/embedding.md ${PROJECT_SOURCE_DIR}/docs/architecture.md
               ${PROJECT_SOURCE_DIR}/docs/architecture.svg ${PROJECT_SOURCE_DIR}/docs/architecture.dot
               ${PROJECT_SOURCE_DIR}/docs/framework.md ${PROJECT_SOURCE_DIR}/docs/output-model.md
@@ -82,7 +82,7 @@ install(FILES ${PROJECT_SOURCE_DIR}/examples/embed/CMakeLists.txt
               ${PROJECT_SOURCE_DIR}/examples/embed/main.cpp
   DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples/embed COMPONENT development)
 
-# The program. It finds the library from where it lies itself, wherever the prefix is moved.
+# The program. It finds the library relative to its own path, so that the prefix can be moved.
 if(OPENSTACKSM_AGENT)
   file(RELATIVE_PATH bin_to_lib ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
   set_target_properties(vnagent PROPERTIES INSTALL_RPATH "$ORIGIN/${bin_to_lib}")

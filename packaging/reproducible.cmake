@@ -1,5 +1,5 @@
-# What keeps the place of the source tree and of the build out of the binaries: two builds of one
-# source are the same bytes, wherever they lie. Unoptimised builds keep full paths, for debuggers.
+# Keeps the paths of the source tree and of the build out of the binaries: builds of the same source in
+# different folders give the same bytes. Unoptimised builds keep full paths, for debuggers.
 set(CMAKE_BUILD_RPATH_USE_ORIGIN ON)
 add_compile_options(
   $<$<NOT:$<CONFIG:Debug>>:-ffile-prefix-map=${PROJECT_SOURCE_DIR}/=>

@@ -1,14 +1,14 @@
 #!/usr/bin/env python3
-"""Holds the pages to the program: what they show is what a reader will see.
+"""Compares the pages with the program: what they quote is what a reader will see.
 
 In README.md, CONTRIBUTING.md and the pages of docs/, a block between a mark and "<!-- end -->" is
 
     <!-- output of: make run -->      the output of examples/run
     <!-- output of: COMMAND -->       "$ COMMAND" and its output, run in a shell at the project's
-                                      root with the built programs at hand
+                                      root with the built programs in the PATH
     <!-- code of: FILE -->            that file
 
-UUIDs aside. With --write the pages are brought up to date.
+UUIDs are not compared. With --write the pages are updated.
 """
 
 import argparse
@@ -24,7 +24,7 @@ UUID = re.compile(r"\b[0-9a-f]{8}(-[0-9a-f]{4}){3}-[0-9a-f]{12}\b")
 
 
 def content(root: Path, vnagent: Path, kind: str, what: str) -> str:
-    """What a block must hold."""
+    """What a block must contain."""
     if kind == "code":
         return (root / what).read_text(encoding="utf-8")
     if what == "make run":
@@ -46,7 +46,7 @@ def main() -> int:
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("root", type=Path)
     parser.add_argument("vnagent", type=Path)
-    parser.add_argument("--write", action="store_true", help="bring the pages up to date")
+    parser.add_argument("--write", action="store_true", help="update the pages")
     options = parser.parse_args()
     root, vnagent = options.root.resolve(), options.vnagent.resolve()
     stale = []

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""Holds the pages to the tree: every link leads somewhere, every file that is named is there, and
-the drawing is of its source.
+"""Checks the pages: the targets of links and the files that are named exist, and the drawing is made
+from its source.
 
 In all *.md of the project: a relative link names a file or folder of it, and an anchor one of the
 headings of that page; a path in backticks that looks like a source or document (`agent/main.cpp`)
@@ -29,7 +29,7 @@ def pages(root: Path) -> list[Path]:
 
 
 def blank(found: re.Match[str]) -> str:
-    """As many lines, with nothing on them."""
+    """As many empty lines."""
     return "\n" * found.group(0).count("\n")
 
 
@@ -46,13 +46,13 @@ def anchors(page: Path) -> set[str]:
 
 
 def link_fault(root: Path, page: Path, link: str) -> str | None:
-    """What is wrong with a link; None when nothing is."""
+    """The fault of a link; None without one."""
     if ABROAD.match(link):
         return None
     path, _, anchor = link.partition("#")
     target = (page.parent / path).resolve() if path else page
     if not target.is_relative_to(root) or not target.exists():
-        return f"links to {link}, which is not there; name a file of the project"
+        return f"links to {link}, which does not exist; name a file of the project"
     if anchor and (target.suffix != ".md" or anchor not in anchors(target)):
         return f"links to {link}, which is no heading there; name one of its headings"
     return None
@@ -69,19 +69,19 @@ def page_faults(root: Path, page: Path) -> list[str]:
         for path in NAMED.findall(line):
             if not (root / path).exists() and not (page.parent / path).exists() \
                     and not path.startswith("build/"):
-                faults.append(f"{name}:{number}: names {path}, which is not there; "
+                faults.append(f"{name}:{number}: names {path}, which does not exist; "
                               "correct the path")
     return faults
 
 
 def drawing_faults(root: Path) -> list[str]:
-    """Drawings that are of another source than the one beside them."""
+    """Drawings that were made from another source than the one beside them."""
     faults = []
     for source in sorted((root / "docs").rglob("*.dot")):
         drawing = source.with_suffix(".svg")
         digest = hashlib.sha256(source.read_bytes()).hexdigest()
         if not drawing.exists() or f"source sha256: {digest}" not in drawing.read_text("utf-8"):
-            faults.append(f"{drawing.relative_to(root)}: is not of {source.name}; run docs/draw")
+            faults.append(f"{drawing.relative_to(root)}: was not made from {source.name}; run docs/draw")
     return faults
 
 
@@ -93,7 +93,7 @@ def main() -> int:
     faults = [fault for page in pages(root) for fault in page_faults(root, page)]
     faults += drawing_faults(root)
     print(*faults, sep="\n", end="\n" if faults else "")
-    print("the pages lead somewhere" if not faults else f"{len(faults)} faults")
+    print("the pages are consistent" if not faults else f"{len(faults)} faults")
     return 1 if faults else 0
 
 

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Holds the man page and the shell completions to the program's own help.
+"""Compares the man page and the shell completions with the program's own help.
 
 The commands and options that `vnagent --help` and `vnagent COMMAND --help` name must be those of the
 man page and of the completions for bash, zsh and fish, command by command. Each fault is printed;
@@ -16,7 +16,7 @@ Commands = dict[str, set[str]]  # command ("" for none) -> its options
 
 
 def of_program(program: str) -> Commands:
-    """What the program says of itself."""
+    """The commands and options in the program's help."""
     def help_of(*command: str) -> str:
         return subprocess.run([program, *command, "--help"], check=True, capture_output=True,
                               text=True).stdout

@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
-"""Holds the installed headers to what an embedder needs.
+"""Checks that the installed headers are what an embedder needs.
 
-Each compiles by itself with nothing but the installed ones on the include path, and each of detail/
-is there because a public one includes it. Each fault is printed with its remedy; the exit status is
+Each compiles by itself with only the installed headers on the include path, and each of detail/ is
+included by a public one. Each fault is printed with its remedy; the exit status is
 1 when there is one.
 
     headers.py COMPILER INCLUDE_DIRECTORY

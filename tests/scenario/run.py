@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
-"""Holds the agent to the scenarios in a folder, one JSON file each.
+"""Runs the scenarios in a folder, one JSON file each, and checks every step.
 
     run.py --binary build/release/bin/vnagent [FOLDER]
     run.py --model [FOLDER]
 
-Each is run once more with --changes. With --model the same scenarios are put to the model of
+Each runs a second time with --changes. With --model the same scenarios run with the model of
 tests/sim/agent instead, which checks the model and the scenarios against each other. README.md
 beside this file has the format of a scenario.
 """
@@ -30,7 +30,7 @@ EXPECTATIONS = {"step", "toggle", "ok", "error", "at", "uuid", "trace", "no_trac
 
 
 def look_up(document: Any, pointer: str) -> Any:
-    """What a JSON Pointer leads to, ABSENT where it leads nowhere."""
+    """The value at a JSON Pointer; ABSENT without one."""
     for part in pointer.split("/")[1:]:
         part = part.replace("~1", "/").replace("~0", "~")
         if isinstance(document, dict) and part in document:
@@ -73,7 +73,7 @@ def check_output(entry: dict[str, Any], seen: Seen, before: dict[str, Any]) -> l
 
 
 def check_trace(entry: dict[str, Any], lines: list[Line]) -> list[str]:
-    """The lines that must be there, how often where that is said, and those that must not."""
+    """The lines that must be there, with their number where given, and those that must not."""
     found = []
     times = Counter((line.level, line.handler, line.message) for line in lines)
     for level, handler, message, *count in entry.get("trace", []):

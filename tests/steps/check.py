@@ -1,11 +1,11 @@
 #!/usr/bin/env python3
-"""Holds the machines to steps that do not grow: no change may cost more in a larger cloud.
+"""Checks that no change costs more in a larger cloud.
 
-`operations` makes each kind of change on clouds of two sizes, which differ in one thing: how many
-ports, hosts, networks or regions there are, or how many notifications wait. Valgrind's callgrind
-counts the instructions, which are the same on a busy machine and an idle one. Of each kind the
-median counts, as now and then a table grows, and that is paid for by all that came before. A kind
-whose median grows by more than the tolerance is printed; the exit status is 1 when there is one.
+`operations` makes each kind of change on clouds of two sizes, which differ in one number: of ports,
+hosts, networks, regions or pending notifications. Valgrind's callgrind counts the instructions, which
+are the same on a busy machine and an idle one. The median of each kind is compared, since now and then
+a table is enlarged, a cost that is amortised. A kind whose median grows by more than the tolerance is
+printed; the exit status is 1 when there is one.
 """
 
 import argparse
@@ -29,9 +29,9 @@ class Shape(NamedTuple):
     toggle: str = "on"
 
 
-# What grows, sixteenfold each time, so that tables that double are filled alike. Ports and networks
-# are on two hosts, so that what a host has grows nearly as much; more hosts or networks need ports
-# that use them, so that there are many of those in both sizes.
+# What grows, sixteenfold each time, so that tables that double have the same load. Ports and networks
+# are on two hosts, so that the entries of a host grow nearly as much; more hosts or networks need ports
+# that use them, so there are many ports in both sizes.
 GROWTH = {
     "ports": (Shape(hosts=2, networks=2), Shape(ports=8000, hosts=2, networks=2)),
     "ports, with network elements": (Shape(hosts=2, networks=2, toggle="off"),
@@ -52,8 +52,8 @@ GROWTH_OF_PATCHES = {
                       Shape(ports=8000, hosts=400, networks=400, regions=80)),
 }
 
-# How much more a change may take in the larger cloud: for keys that are longer, and chains and
-# orders that are searched, by a factor and some instructions.
+# How much more a change may take in the larger cloud, as a factor and a number of instructions: for
+# longer keys, and for binary searches and hash chains.
 FACTOR = 1.15
 CONSTANT = 200
 

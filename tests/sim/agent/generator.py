@@ -1,8 +1,8 @@
-"""Clouds and streams of changes, made up from a seed.
+"""Random clouds and streams of changes, from a seed.
 
-A patch is found by editing a copy of the document and taking the difference, so nearly all of
-them are valid; some members are named although they do not change, and some patches break a rule
-on purpose. Pools of names are small, so that ports meet on hosts, VLANs, VNIs and switch ports.
+A patch is made by editing a copy of the document and taking the difference, so nearly all are
+valid; some members are named although they do not change, and some patches break a rule on
+purpose. Pools of names are small, so that ports share hosts, VLANs, VNIs and switch ports.
 """
 
 from __future__ import annotations

@@ -1,13 +1,13 @@
 #!/usr/bin/env python3
-"""Runs made-up streams through the agent and holds every step against an independent model.
+"""Runs random streams through the agent and compares every step with an independent model.
 
     simulate.py --binary build/release/bin/vnagent --seeds 1:200 --events 60
     simulate.py --binary build/release/bin/vnagent --replay FILE
     simulate.py --model --seeds 1:200
 
-Each seed is run with the feature toggle on and off. A stream that diverges is shrunk and written
-to a file; --replay runs such a file. --model runs no program, but holds the model itself to what
-must be true of every output. A stream that holds is run once more with --changes.
+Each seed is run with the feature toggle on and off. A stream that diverges is reduced and written
+to a file; --replay runs such a file. --model runs no program, but checks the model itself against
+the invariants of every output. A stream that passes runs a second time with --changes.
 """
 
 from __future__ import annotations
