@@ -7,10 +7,11 @@
 #include "agent/session/session.h"
 
 namespace vnagent {
+
 ExitStatus check(const CheckOptions& options) {
   VirtualClock clock;
   Session session({.live = false}, clock);
-  // Opened first: a name that leads nowhere is said before a long document is read.
+  // Opened first: a wrong file name is reported before a long document is read.
   std::unique_ptr<LineReader> events;
   if (!options.events.empty()) {
     events = std::make_unique<LineReader>(options.events, options.maxInputBytes);

@@ -23,8 +23,8 @@ constexpr const char* kVersion = "vnagent " VNAGENT_VERSION;
 constexpr const char* kAbout =
     "vnagent turns what an OpenStack cloud asks for into what a network switch must provide.\n"
     "It mirrors a cloud document into live entities, lets the state machines work on them, and\n"
-    "shows the result: the VLANs and VNIs of each host and switch interface and who needs them,\n"
-    "and how each region's synchronisation stands.";
+    "shows the result: the VLANs and VNIs of each host and switch interface with the ports that\n"
+    "need them, and the sync status of each region.";
 
 constexpr const char* kExit =
     "Exit status: 0 all applied; 1 internal error; 2 wrong command line; 3 some input was "
@@ -57,9 +57,8 @@ constexpr const char* kCheckFooter =
 constexpr const char* kImportFooter =
     "DIR holds networks.json, segments.json and ports.json, the answers of GET /v2.0/networks,\n"
     "/v2.0/segments and /v2.0/ports, and may hold db_binding_levels.json, the rows of the binding\n"
-    "levels table (port_id, host, level, segment_id). What has no place in a cloud document is "
-    "left\n"
-    "out, with one line on standard error each.\n"
+    "levels table (port_id, host, level, segment_id). What cannot be mapped is left out,\n"
+    "with one line on standard error each.\n"
     "\n"
     "Example:\n"
     "  vnagent import-neutron --region RegionOne dump/ > cloud.json && vnagent run cloud.json";
@@ -148,7 +147,7 @@ void addRun(CLI::App& app, RunOptions& options) {
       ->type_name("tree|json")
       ->check(oneOf("tree", "json"));
   run->add_option("--inspect", options.inspect,
-                  "print what stands at this place of the machines instead of the final document, "
+                  "print the part of the machines at this path instead of the final document, "
                   "for example /openStackSm/regionConfigSm/RegionOne/portBindingSm")
       ->type_name("PATH");
   CLI::Option* each =
@@ -172,10 +171,9 @@ void addRun(CLI::App& app, RunOptions& options) {
 }
 
 void addCheck(CLI::App& app, CheckOptions& options) {
-  CLI::App* check =
-      app.add_subcommand("check",
-                         "Check a cloud document, and events on it, and say all that is "
-                         "wrong. Nothing is run.");
+  CLI::App* check = app.add_subcommand("check",
+                                       "Check a cloud document, and events on it, and report every "
+                                       "fault. Nothing is run.");
   check->footer(kCheckFooter);
   check->add_option("CLOUD", options.cloud, "cloud document to check; - is standard input")
       ->type_name("FILE")
@@ -237,8 +235,8 @@ std::string faultOfOption(const CLI::App& command, const std::string& argument) 
                      near.empty() ? "" : fmt::format("; did you mean '{}'", near));
 }
 
-// The words that no option or argument took. CLI11 tells of them last, but they explain what else
-// is missing.
+// The words that are no known option or argument. CLI11 reports them last, but a missing option or
+// command is often a mistyped one.
 std::string faultOfExtras(const CLI::App& app, const CLI::App* command) {
   const auto isOption = [](const std::string& word) { return word.size() > 1 && word[0] == '-'; };
   const auto before = app.remaining();

@@ -5,9 +5,9 @@
 
 namespace vnagent {
 
-// Reads the command line, runs the command that it names, and returns the exit status. Whatever
-// goes wrong is said on standard error; nothing is thrown. `finished`, if any, is called at the end
-// of a run, as commands.h says.
+// Reads the command line, runs the command that it names, and returns the exit status. Errors are
+// reported on standard error; nothing is thrown. `finished`, if any, is called at the end of a run,
+// as commands.h says.
 int runCommandLine(int argc, char** argv, const Finished& finished = {});
 
 }  // namespace vnagent

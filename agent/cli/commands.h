@@ -18,8 +18,8 @@ struct RunOptions {
   uint64_t maxInputBytes = kDefaultMaxInputBytes;
   double regionSyncTimeout = 60;
   bool toggle = true;
-  std::optional<bool> tree;  // the form of the final document; by the terminal where unset
-  std::string inspect;       // the place to print instead of the final document; empty for none
+  std::optional<bool> tree;  // how the final document is printed; by the terminal where unset
+  std::string inspect;       // the path to print instead of the final document; empty for none
   bool each = false;
   bool changes = false;  // each step shows what has changed of the output, not all of it
   bool keepGoing = false;
@@ -40,11 +40,11 @@ struct ImportOptions {
   uint64_t maxInputBytes = kDefaultMaxInputBytes;  // of each file
 };
 
-// Called with the exit status of a run once all is said and written, and before what the run holds
-// is taken apart. It may end the process.
+// Called with the exit status of a run once all output is written, and before the run's objects are
+// destroyed. It may end the process.
 using Finished = std::function<void(int status)>;
 
-// Each does its work and says what is wrong on standard error. Exceptions that pass through are
+// Each runs a command and reports errors on standard error. Exceptions that pass through are
 // failures of the agent or a machine, except UnreadableFile.
 ExitStatus run(const RunOptions& options, const Finished& finished);
 ExitStatus check(const CheckOptions& options);

@@ -1,4 +1,4 @@
-// Finds what somebody who mistyped a word may have meant.
+// Suggestions for a mistyped command or option.
 #pragma once
 
 #include <span>

@@ -18,11 +18,10 @@
 namespace vnagent {
 namespace {
 
-// Work that takes less is not worth a word.
-constexpr double kPatience = 1.0;
-constexpr double kInterval = 0.2;
+// Progress of shorter runs is not shown.
+constexpr double kDelaySeconds = 1.0;
+constexpr double kIntervalSeconds = 0.2;
 
-// Who has more faults than this corrects these first.
 constexpr uint64_t kMaxReportedFaults = 100;
 
 spdlog::logger& log() {
@@ -35,11 +34,6 @@ spdlog::logger& log() {
     return made;
   }();
   return *logger;
-}
-
-double now() {
-  const auto time = std::chrono::steady_clock::now().time_since_epoch();
-  return std::chrono::duration<double>(time).count();
 }
 
 }  // namespace
@@ -85,25 +79,33 @@ bool mayColour(int descriptor) {
   return !dumb && isatty(descriptor) == 1;
 }
 
-Progress::Progress() : terminal_(isatty(STDERR_FILENO) == 1), next_(now() + kPatience) {}
+Progress::Progress(Clock clock)
+    : clock_(clock), isTerminal_(isatty(STDERR_FILENO) == 1), next_(clock() + kDelaySeconds) {}
 
 Progress::~Progress() {
   clear();
 }
 
+double Progress::steadySeconds() {
+  const auto time = std::chrono::steady_clock::now().time_since_epoch();
+  return std::chrono::duration<double>(time).count();
+}
+
 void Progress::doneIs(uint64_t events, double time) {
-  if (!terminal_ || now() < next_) return;
-  next_ = now() + kInterval;
+  if (!isTerminal_) return;
+  const double now = clock_();
+  if (now < next_) return;
+  next_ = now + kIntervalSeconds;
   fmt::print(stderr, "\r{} events, {} s of the clock\033[K", events, time);
   std::fflush(stderr);
-  shown_ = true;
+  isShown_ = true;
 }
 
 void Progress::clear() {
-  if (!shown_) return;
+  if (!isShown_) return;
   fmt::print(stderr, "\r\033[K");
   std::fflush(stderr);
-  shown_ = false;
+  isShown_ = false;
 }
 
 }  // namespace vnagent

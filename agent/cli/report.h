@@ -1,5 +1,4 @@
-// What the agent says about itself and its input on standard error, its results on standard output,
-// and its exit status.
+// How the agent reports: messages on standard error, results on standard output, the exit status.
 #pragma once
 
 #include <cstdint>
@@ -18,7 +17,7 @@ enum class ExitStatus : int {
   kUnreadable = 4,  // a file could not be read or is not JSON
 };
 
-// Names a place in a file: "cloud.json:12". A line of 0 is not known.
+// A line of a file as messages name it: "cloud.json:12". Line 0 is an unknown one, and left out.
 std::string placeInFile(std::string_view file, uint64_t line);
 
 // Writes one line to standard error: "vnagent: error: ..." or "vnagent: warning: ...". Control
@@ -43,27 +42,32 @@ class FaultReport {
 // Writes to standard output at once. Throws std::runtime_error when it cannot, as on a full disk.
 void printOut(std::string_view text);
 
-// True where escape sequences for colour may be written to this file descriptor: a terminal whose
-// user has not asked for none.
+// True where colour may be written to this file descriptor: a terminal that is not dumb, and whose
+// user has not set NO_COLOR.
 bool mayColour(int descriptor);
 
-// Shows on a terminal how far long work is; elsewhere nothing.
+// Shows on a terminal how far a long run is; elsewhere nothing.
 class Progress {
  public:
-  Progress();
+  // `clock` gives seconds that only grow; the steady clock unless a test moves its own.
+  using Clock = double (*)();
+  explicit Progress(Clock clock = steadySeconds);
   ~Progress();
   Progress(const Progress&) = delete;
   Progress& operator=(const Progress&) = delete;
 
-  // Says that so many events are done.
+  // Shows that so many events are done, at this time of the virtual clock.
   void doneIs(uint64_t events, double time);
-  // Wipes the line, before something else is written to the terminal.
+  // Erases the line, before something else is written to the terminal.
   void clear();
 
  private:
-  bool terminal_;
-  bool shown_ = false;
-  double next_;  // when to show again, in seconds of the steady clock
+  static double steadySeconds();
+
+  Clock clock_;
+  bool isTerminal_;
+  bool isShown_ = false;
+  double next_;  // when to show again, in seconds of the clock
 };
 
 }  // namespace vnagent

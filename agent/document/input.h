@@ -1,4 +1,4 @@
-// The two things that a run reads: a cloud document, and the events of a stream.
+// Reads the events of a stream, and the faults of any JSON input.
 #pragma once
 
 #include <optional>
@@ -33,11 +33,11 @@ struct EventReading {
 // Reads one line of a stream. REQUIRES: the tree outlives the reading.
 EventReading readEvent(const JsonTree& line);
 
-// True for a line that stands for nothing: empty, or a comment.
+// True for a line that is no event: an empty one, or a comment.
 bool isSkipped(std::string_view line);
 
-// Faults of the text itself: what the parser could not make a value of, and keys that an object
-// repeats. Places count from `root`.
+// Faults of the text itself: its error, or its flaws. Places count from `root`, a value of the tree,
+// where they are below it; else, and where it is null, from the root of the tree.
 std::vector<Fault> faultsOfText(const JsonTree& tree, const JsonValue* root);
 
 }  // namespace vnagent

@@ -1,7 +1,7 @@
 // Reads the state of a Neutron server, as its REST API prints it, into a cloud document.
 //
-// Nothing is guessed: what has no place in a cloud document, or would break one of its rules, is
-// left out, and said. The result is one region that keeps all rules.
+// Nothing is guessed: what cannot be mapped, or would break a rule of the cloud document, is left
+// out, with a line that says so. The result is one region that keeps all rules.
 //
 //   NeutronImport result = importNeutron({networks, segments, ports, &levels});  // throws BadDump
 //   writeCloud(result, "RegionOne", json);
@@ -33,7 +33,8 @@ struct NeutronDump {
   const JsonValue* bindingLevels = nullptr;
 };
 
-// One of the answers is not what the API gives; what() starts with the file's name, line and place.
+// One of the answers is not what the API gives; what() starts with the file's name, the line and
+// the JSON Pointer.
 class BadDump : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;

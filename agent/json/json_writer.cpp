@@ -61,7 +61,7 @@ void JsonWriter::newLine() {
   out_.append(2 * depth_, ' ');
 }
 
-// What stands before the next key, or before the next value where it has none.
+// Writes what separates the next key, or a value without one, from what was before.
 void JsonWriter::separate() {
   if (afterKey_) {
     afterKey_ = false;

@@ -50,7 +50,7 @@ class JsonWriter {
   std::function<void(std::string&)> drain_;
   size_t depth_ = 0;
   size_t inArray_ = 0;     // depth of the innermost array, 0 for none
-  bool first_ = true;      // nothing stands in the innermost bracket yet
+  bool first_ = true;      // the innermost bracket is empty so far
   bool afterKey_ = false;  // the next value belongs to a key
 };
 

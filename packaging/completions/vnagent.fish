@@ -13,7 +13,7 @@ complete -c vnagent -n "__fish_seen_subcommand_from run" -l events -r -d "Events
 complete -c vnagent -n "__fish_seen_subcommand_from run" -l region-sync-timeout -x -d "Region sync timeout to start with"
 complete -c vnagent -n "__fish_seen_subcommand_from run" -l toggle -x -a "on off" -d "Publish switch ports or network elements"
 complete -c vnagent -n "__fish_seen_subcommand_from run" -l format -x -a "tree json" -d "Form of the final document"
-complete -c vnagent -n "__fish_seen_subcommand_from run" -l inspect -x -d "Print what stands at this place of the machines"
+complete -c vnagent -n "__fish_seen_subcommand_from run" -l inspect -x -d "Print the part of the machines at this path"
 complete -c vnagent -n "__fish_seen_subcommand_from run" -l each -d "Print one line for each event"
 complete -c vnagent -n "__fish_seen_subcommand_from run" -l changes -d "With --each, print what has changed"
 complete -c vnagent -n "__fish_seen_subcommand_from run" -l keep-going -d "Skip a refused event and go on"

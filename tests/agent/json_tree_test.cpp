@@ -87,7 +87,7 @@ TEST(JsonTree, ANumberIsTheNearestDouble) {
   EXPECT_EQ(real("0.1"), 0.1);
   EXPECT_EQ(real("18446744073709551615"), 18446744073709551616.0);
   EXPECT_EQ(real("1.7976931348623157e308"), 1.7976931348623157e308);
-  // Too small to be told from zero is no fault.
+  // One that is nearer to zero than any other double is no fault.
   EXPECT_EQ(real("1e-999"), 0);
   EXPECT_THAT(JsonTree::parse("1e-999").flaws(), IsEmpty());
   EXPECT_EQ(shown(JsonTree::parse("1.50e2").root()), "1.50e2");

@@ -1,4 +1,4 @@
-// Text that goes to a terminal.
+// UTF-8, and what may be written to a terminal.
 #include "agent/json/utf8.h"
 
 #include <gtest/gtest.h>
