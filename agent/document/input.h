@@ -36,8 +36,8 @@ EventReading readEvent(const JsonTree& line);
 // True for a line that is no event: an empty one, or a comment.
 bool isSkipped(std::string_view line);
 
-// Faults of the text itself: its error, or its flaws. Places count from `root`, a value of the tree,
-// where they are below it; else, and where it is null, from the root of the tree.
+// Faults of the text itself: its error, or its flaws. Places below `root`, a value of the tree,
+// count from it; others, and all where it is null, from the root of the tree.
 std::vector<Fault> faultsOfText(const JsonTree& tree, const JsonValue* root);
 
 }  // namespace vnagent

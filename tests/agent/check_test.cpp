@@ -279,7 +279,7 @@ TEST_F(Check, AnInputThatCannotBeReadIsNamed) {
   }
 }
 
-TEST_F(Check, AFileOf16BitCharactersIsSaidSoInWords) {
+TEST_F(Check, AUtf16FileIsNamedAsOne) {
   using namespace std::string_view_literals;
   const auto cloud = file("cloud.json", "\xff\xfe{\0}\0"sv);
   const auto result = vnagent({"check", cloud});

@@ -70,7 +70,7 @@ TEST_F(Commands, ARunThatKeepsGoingSkipsWhatIsRefused) {
   EXPECT_THAT(result.err, AllOf(HasSubstr("events.jsonl:1: "), HasSubstr("events.jsonl:2: ")));
 }
 
-TEST_F(Commands, ARefusedDocumentIsSaidWithItsLine) {
+TEST_F(Commands, ARefusedDocumentIsReportedWithItsLine) {
   const auto cloud = file("cloud.json", kBadCloud);
   auto result = vnagent({"run", cloud});
   EXPECT_EQ(result.status, 3);
@@ -83,7 +83,7 @@ TEST_F(Commands, ARefusedDocumentIsSaidWithItsLine) {
                                 HasSubstr("{\"step\": 1, \"ok\": true")));
 }
 
-TEST_F(Commands, WhatCannotBeReadOrIsNotJsonIsStatusFour) {
+TEST_F(Commands, UnreadableFilesAndBadJsonAreStatusFour) {
   EXPECT_EQ(vnagent({"run", (folder_ / "none.json").string()}).status, 4);
   EXPECT_EQ(vnagent({"run", folder_.string()}).status, 4);
   EXPECT_EQ(vnagent({"run", "--events", (folder_ / "none.jsonl").string()}).status, 4);
@@ -113,7 +113,7 @@ TEST_F(Commands, TraceLinesGoToTheirFileWithTheStepAndNothingAfterTheLast) {
 
 // import-neutron.
 
-TEST_F(Commands, ImportReadsAFolderAndSaysWhatItLeavesOut) {
+TEST_F(Commands, ImportReadsAFolderAndReportsWhatItLeavesOut) {
   file("networks.json", R"({"networks": []})");
   file("segments.json",
        R"({"segments": [{"id": "s", "network_type": "vlan", "segmentation_id": 0}]})");
@@ -124,7 +124,7 @@ TEST_F(Commands, ImportReadsAFolderAndSaysWhatItLeavesOut) {
   EXPECT_THAT(result.err, HasSubstr("segment s left out: "));
 }
 
-TEST_F(Commands, ImportSaysWhichFileIsMissingOrWrong) {
+TEST_F(Commands, ImportNamesTheFileThatIsMissingOrWrong) {
   const auto import = [&] {
     return vnagent({"import-neutron", "--region", "R", folder_.string()});
   };

@@ -54,7 +54,7 @@ TEST(JsonTree, ContainersMayBeEmptyAndOfAnySpacing) {
   EXPECT_EQ(JsonTree::parse("[[],{}]").root().all()[0]->size, 0U);
 }
 
-TEST(JsonTree, KeysOfOneBeginningAreToldApart) {
+TEST(JsonTree, KeysWithACommonPrefixAreDistinct) {
   const JsonTree tree = JsonTree::parse(
       R"({"prefix-of-many-b": 2, "prefix-of-many-a": 1, "prefix-o": 0, "prefix-": -1, "": -2})");
   std::vector<int64_t> numbers;
@@ -183,7 +183,7 @@ TEST(JsonTree, HalfOfASurrogatePairIsAFlawInAValueAndInAKey) {
 
 // Errors.
 
-TEST(JsonTree, WhatBreaksTheGrammarIsSaidWithItsPosition) {
+TEST(JsonTree, SyntaxErrorsHaveTheirPosition) {
   const std::vector<std::pair<std::string, JsonPosition>> texts{
       {"", {1, 1}},         {"{", {1, 2}},           {"{\"a\" 1}", {1, 6}}, {"{\"a\": }", {1, 7}},
       {"{'a': 1}", {1, 2}}, {"{\"a\": 1,}", {1, 9}}, {"{} {}", {1, 4}},     {"[1,]", {1, 4}},
@@ -206,7 +206,7 @@ TEST(JsonTree, AnErrorIsOneLineOfPrintableText) {
   }
 }
 
-TEST(JsonTree, WhatIsNotUtf8IsSaidSo) {
+TEST(JsonTree, InvalidUtf8IsAnErrorOfItsOwn) {
   for (const auto* bytes :
        {"\x80", "\xbf", "\xc0\x80", "\xc1\xbf", "\xc3", "\xc3(", "\xe0\x9f\xbf", "\xe2\x82",
         "\xe2\x82(", "\xed\xa0\x80", "\xed\xbf\xbf", "\xf0\x8f\xbf\xbf", "\xf0\x9f\x98",
@@ -225,7 +225,7 @@ TEST(JsonTree, WhatIsNotUtf8IsSaidSo) {
   }
 }
 
-TEST(JsonTree, UtfOf16Or32BitsIsSaidInWords) {
+TEST(JsonTree, Utf16AndUtf32AreNamedInTheError) {
   using namespace std::string_view_literals;
   for (const auto text : {"\xff\xfe{\0}\0"sv, "\xfe\xff\0{\0}"sv, "{\0}\0"sv, "\0{\0}"sv}) {
     EXPECT_EQ(errorOf(text).kind, Kind::kOtherEncoding);

@@ -1,4 +1,4 @@
-// Bringing the state of a Neutron server in.
+// Importing the state of a Neutron server.
 #include "agent/import/neutron.h"
 
 #include <gmock/gmock.h>
@@ -123,7 +123,7 @@ TEST(NeutronImport, SegmentsKeepTheirTypeAndId) {
   EXPECT_THAT(result.leftOut, IsEmpty());
 }
 
-TEST(NeutronImport, ASegmentThatFitsNowhereIsLeftOutWithWhatNamesIt) {
+TEST(NeutronImport, AnInvalidSegmentIsLeftOut) {
   Server server;
   server.segment("a", "n", "vlan", 4095);
   server.segment("b", "n", "vlan", nullptr);
@@ -170,7 +170,7 @@ TEST(NeutronImport, ASegmentThatFitsNowhereIsLeftOutWithWhatNamesIt) {
   EXPECT_EQ(result.leftOut, leftOut);
 }
 
-TEST(NeutronImport, APortIsBoundWhereTheServerSaysSo) {
+TEST(NeutronImport, APortIsBoundOnItsHostId) {
   Server server;
   server.port("unbound", "", {{"binding:vif_type", "unbound"}});
   server.port("failed", "h", {{"binding:vif_type", "binding_failed"}});
@@ -263,7 +263,7 @@ TEST(NeutronImport, RowsOfABaremetalPortForAnotherHostAreLeftOut) {
                   "port is bound on its own host only"));
 }
 
-TEST(NeutronImport, RowsThatNoBindingHasAreLeftOut) {
+TEST(NeutronImport, UnusedRowsAreLeftOut) {
   Server server;
   server.segment("v", "n", "vlan", 5);
   server.port("unbound", "", {{"binding:vif_type", "unbound"}});
@@ -370,7 +370,7 @@ TEST(NeutronImport, AVlanAndAVniOfOneNumberAreDifferent) {
   EXPECT_THAT(result.leftOut, IsEmpty());
 }
 
-TEST(NeutronImport, WithoutLevelsTheNetworksOwnSegmentStandsAtTheTop) {
+TEST(NeutronImport, WithoutLevelsTheNetworksOwnSegmentIsLevel0) {
   Server server;
   server.dump.bindingLevels.reset();
   server.network("n", {{"provider:network_type", "vxlan"},
@@ -409,7 +409,7 @@ TEST(NeutronImport, TheOnlySegmentInTheDescriptionIsTheNetworksOwn) {
 }
 
 // Type, physical network and id must all be those of the description; and one segment only.
-TEST(NeutronImport, ASegmentThatTheDescriptionFitsIsTheNetworksOwnIfItIsTheOnlyOne) {
+TEST(NeutronImport, TheDescriptionMustFitOneSegmentOnly) {
   const auto levels = [](const std::vector<json>& segments) {
     Server server;
     server.network("n", {{"provider:network_type", "vlan"},
@@ -501,7 +501,7 @@ TEST(NeutronImport, LinksThatAreNoListAreLeftOut) {
   EXPECT_THAT(result.leftOut, ElementsAre("links of port p left out: an object is not a list"));
 }
 
-TEST(NeutronImport, LinksOfAPortThatIsNotBaremetalMeanNothing) {
+TEST(NeutronImport, LinksOfAnotherPortThanBaremetalAreIgnored) {
   Server server;
   json more = Server::baremetal({Server::link("leaf", "", "e1")});
   more["binding:vnic_type"] = "direct";
@@ -628,7 +628,7 @@ TEST(NeutronImport, AnAnswerOfAnotherShapeIsRefusedWithItsPlace) {
             "db_binding_levels.json:1: /0: true is not an object");
 }
 
-TEST(NeutronImport, ADocumentOfAllThatThereIsIsWritten) {
+TEST(NeutronImport, EveryCollectionIsWritten) {
   Server server;
   server.network("n");
   server.segment("v", "n", "vlan", 5);
@@ -653,7 +653,8 @@ TEST(NeutronImport, ADocumentOfAllThatThereIsIsWritten) {
       R"("p": {"vlanType": 0}, "q": {"vlanType": 1}, "r": {"vlanType": 0}}, "portBinding": {)"
       R"("p": {"portToHostBinding": {"h": {"segment": {"0": "x", "1": "v"}}}}, )"
       R"("q": {"portToSwitchInterfaceBinding": {"leaf": {"e1": {"host": "node", "segment": {}}, )"
-      R"("e2": {"host": "node", "segment": {}}}, "mane": {"e1": {"host": "node", "segment": {}}}}}}, )"
+      R"("e2": {"host": "node", "segment": {}}}, "mane": {"e1": )"
+      R"({"host": "node", "segment": {}}}}}}, )"
       R"("vmInstance": {"vm": {}}, "dhcpInstance": {}, "baremetalInstance": {}, )"
       R"("routerInstance": {}}}})");
 }
@@ -672,7 +673,7 @@ size_t bound(const NeutronImport& import) {
       std::ranges::count_if(import.ports, [](const auto& port) { return port.second.bound; }));
 }
 
-TEST(NeutronImport, TheSmallServerComesInWhole) {
+TEST(NeutronImport, TheSmallServerIsImportedWhole) {
   const auto result = serverOf("small").import();
   EXPECT_THAT(result.networks, SizeIs(6));
   EXPECT_THAT(result.segments, SizeIs(9));
@@ -685,7 +686,7 @@ TEST(NeutronImport, TheSmallServerComesInWhole) {
   EXPECT_THAT(baremetal.interfaces.begin()->second.segments, SizeIs(2));
 }
 
-TEST(NeutronImport, TheRackServerComesInWhole) {
+TEST(NeutronImport, TheRackServerIsImportedWhole) {
   const auto result = serverOf("rack").import();
   EXPECT_THAT(result.networks, SizeIs(40));
   EXPECT_THAT(result.segments, SizeIs(90));
