@@ -1,10 +1,10 @@
 // The simulation with too little memory: each allocation of a patch fails in turn.
 //
-// A stream runs up to one of its patches. That patch is tried again and again, on a fresh library
-// each time: first its first allocation fails, then its second, until all have. It fails alone, or
-// with all that come after it in that patch. The patch is run through, whatever is thrown. Then,
-// with memory again, the cloud is taken out and put in as it should be: everything published must
-// be right, and nothing must be left when it is taken out for good.
+// A stream runs up to one of its patches. That patch runs many times, on a new library each time:
+// first its first allocation fails, then its second, until all have. It fails alone, or with all
+// later ones of that patch. The patch is run to its end, whatever is thrown. Then, with memory
+// available, the cloud is removed and added again: everything published must be right, and nothing
+// may be left when it is removed for good.
 //
 // The library's allocator and the global one are replaced in this program.
 #include <cstdio>
@@ -95,8 +95,8 @@ struct Change {
   std::vector<Edit> edits;
 };
 
-// Puts a cloud in. A region whose removal nobody could be told of has left its machine behind,
-// which the next region of that name meets: the loop throws, once, and removing it again ends that.
+// Adds a cloud. A region of whose removal a notification was lost has left its machine behind, which
+// the next region of that name meets: the loop throws, once, and removing the region again ends that.
 bool isBoundAnew(Subject& subject, const Cloud& cloud, bool toggleOn) {
   try {
     bindAnew(subject, cloud, toggleOn);

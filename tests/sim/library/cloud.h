@@ -1,4 +1,4 @@
-// A made-up cloud, as plain data: what the agent's input document says, with numbers for names.
+// A random cloud, as plain data: the content of the agent's input document, with numbers for names.
 #pragma once
 
 #include <compare>

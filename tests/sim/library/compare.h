@@ -1,4 +1,4 @@
-// Holds what the library publishes against what the model says.
+// Compares what the library publishes with the model.
 #pragma once
 
 #include <map>
@@ -11,7 +11,7 @@ namespace sim {
 // The differences, a line each; empty when there are none.
 std::string difference(const std::vector<Fact>& expected, const std::vector<Fact>& actual);
 
-// The native VLANs; settles in the model what the contract leaves open.
+// The native VLANs; where several are allowed, the model takes over the one that is published.
 std::string nativeDifference(Model& model, const Picture& picture);
 
 // The UUIDs of the VLAN assignments: new, the same, or none.

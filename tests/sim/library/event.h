@@ -1,8 +1,8 @@
-// Events: what happens to a made-up cloud, each a step of the agent's event stream.
+// Events: changes of a random cloud, each a step of the agent's event stream.
 //
-// A patch is a list of edits. An edit names one place of the document and says what is to stand
-// there, so that edits can be left out and the rest still makes sense: an edit of what is not there
-// does nothing, and a patch that breaks a rule is refused whole.
+// A patch is a list of edits. An edit names one place of the document and its new value, so that
+// edits can be left out: an edit of something that does not exist does nothing, and a patch that
+// breaks a rule is refused whole.
 #pragma once
 
 #include <cstdint>

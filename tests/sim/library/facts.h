@@ -1,7 +1,7 @@
-// Facts: the outputs of the library, broken into statements that can be held against others.
+// Facts: the outputs of the library, as single statements that can be compared.
 //
 // "host h2 vlan 100 referrer p03" is one. An entry is a fact, each of its referrers another, so an
-// entry that should have gone shows even when nobody refers to it. A picture is all that is true of
+// entry that should have been removed is found also without a referrer. A picture is all facts of
 // the outputs at one moment.
 #pragma once
 

@@ -1,15 +1,15 @@
 // The simulation with faults: foreign notifiees that misbehave while the machines work.
 //
-// Streams as in the simulation of the library, with a crowd of watchers on inputs and outputs. Each
+// Streams as in the simulation of the library, with foreign watchers on inputs and outputs. Each
 // stream is of one kind:
 //
-//   antics    watchers leave, fall silent, move, end and send each other away, in the middle of
-//             rounds: everything published must be as if they were not there;
-//   throwing  one throws: once the cloud is taken out and put in again everything is as it should
-//             be, and nothing is left when it is taken out for good;
-//   meddling  one takes a port binding out, or one of its bindings, from within a notification:
-//   what
-//             is published then must be what machines made anew publish, and nothing is left.
+//   disturbing         watchers unregister, deactivate, disconnect and destroy themselves and each
+//                      other during active iterations: the outputs must be as without them;
+//   throwing           one throws: removing the cloud and adding it again must repair everything,
+//                      and nothing may be left when it is removed for good;
+//   interfering        one removes a port binding, or one of its bindings, from the loop: the outputs
+//                      must be those of new machines over the same inputs, and nothing may be left;
+//   interfering inside the same inside a mutator.
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -19,7 +19,7 @@
 #include "framework/Exceptions.h"
 #include "tests/sim/library/child.h"
 #include "tests/sim/library/compare.h"
-#include "tests/sim/library/crowd.h"
+#include "tests/sim/library/foreign_notifiees.h"
 #include "tests/sim/library/generator.h"
 #include "tests/sim/library/heal.h"
 #include "tests/sim/library/model.h"
@@ -29,22 +29,22 @@ namespace sim {
 namespace {
 
 constexpr int kLength = 60;  // events in a stream
-constexpr const char* kKinds[] = {"antics", "throwing", "meddling", "meddling at once"};
+constexpr const char* kKinds[] = {"disturbing", "throwing", "interfering", "interfering inside"};
 
-enum Kind { antics, throwing, meddling, meddlingAtOnce };
+enum Kind { disturbing, throwing, interfering, interferingInside };
 
 class Life {
  public:
   Life(const Stream& stream, Kind kind)
       : kind_(kind),
         toggleOn_(stream.toggleOn),
-        crowd_(stream.seed),
+        foreign_(stream.seed),
         model_(stream.toggleOn, stream.timeout),
         subject_(stream.toggleOn, stream.timeout) {}
 
   // What is wrong after an event; nothing more is to come after a disturbance.
   std::string step(const Event& event) {
-    subject_.visitedBy(crowd_);
+    subject_.visitedBy(foreign_);
     model_.beginEvent();
     if (event.kind == Event::patch) {
       patch(event.edits);
@@ -55,8 +55,8 @@ class Life {
       model_.timeoutIs(event.seconds);
       subject_.timeoutIs(event.seconds);
     }
-    if (crowd_.threw()) return healed();
-    if (crowd_.meddled()) return kind_ == meddling ? followed() : healed();
+    if (foreign_.threw()) return healed();
+    if (foreign_.interfered()) return kind_ == interfering ? followed() : healed();
     const Picture picture = subject_.picture();
     return difference(model_.facts(), picture.facts) + nativeDifference(model_, picture);
   }
@@ -66,12 +66,12 @@ class Life {
   void patch(const std::vector<Edit>& edits) {
     Cloud after = patched(cloud_, edits);
     if (!keepsRules(after)) return;
-    if (crowd_.below(5) == 0 && kind_ == throwing) crowd_.throwSoon();
-    if (crowd_.below(5) == 0 && kind_ >= meddling) {
+    if (foreign_.below(5) == 0 && kind_ == throwing) foreign_.throwSoon();
+    if (foreign_.below(5) == 0 && kind_ >= interfering) {
       // One of several bindings of a port cannot go alone where they share a host's element.
-      const bool whole = !toggleOn_ || crowd_.below(2) == 0;
-      crowd_.meddleSoon(kind_ == meddlingAtOnce,
-                        [this, whole] { subject_.removeOne(crowd_.below(100), whole); });
+      const bool whole = !toggleOn_ || foreign_.below(2) == 0;
+      foreign_.interfereSoon(kind_ == interferingInside,
+                             [this, whole] { subject_.removeOne(foreign_.below(100), whole); });
     }
     for (const Phase& phase : planOf(cloud_, after, edits, toggleOn_)) {
       for (const Operation& operation : phase) {
@@ -82,7 +82,7 @@ class Life {
       }
       model_.idle();
     }
-    crowd_.behave();
+    foreign_.behave();
     cloud_ = std::move(after);
   }
 
@@ -93,7 +93,7 @@ class Life {
     try {
       work();
       return true;
-    } catch (const Antic&) {
+    } catch (const ForeignError&) {
       spent_ = true;
       return false;
     } catch (const Kiv::NameInUseException&) {
@@ -106,15 +106,15 @@ class Life {
   std::string healed() {
     over_ = true;
     ++sharedProgress().faults;
-    crowd_.leave();
+    foreign_.leave();
     return healDifference(subject_, cloud_, toggleOn_);
   }
 
-  // After meddling: what the inputs ask for, whatever they are now.
+  // After interfering: what the inputs ask for, whatever they are now.
   std::string followed() {
     over_ = true;
     ++sharedProgress().faults;
-    crowd_.leave();
+    foreign_.leave();
     auto expected = present(subject_.rebuilt().facts, false);
     auto actual = present(subject_.picture().facts, false);
     if (usesLastLevel()) {
@@ -126,7 +126,7 @@ class Life {
       }
     }
     const std::string found = difference(expected, actual);
-    if (!found.empty()) return "after meddling:\n" + found;
+    if (!found.empty()) return "after interfering:\n" + found;
     return leftDifference(subject_);
   }
 
@@ -146,7 +146,7 @@ class Life {
   bool over_ = false;
   bool spent_ = false;  // a notification, by a throw
   Cloud cloud_;
-  Crowd crowd_;
+  ForeignNotifiees foreign_;
   Model model_;
   Subject subject_;
 };

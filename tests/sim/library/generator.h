@@ -1,7 +1,7 @@
-// Makes streams of events up from a seed.
+// Makes random streams of events from a seed.
 //
 // Nearly every patch keeps the rules, as each edit looks at the cloud that it changes; some break
-// one, and are to be refused. A stream has a character of its own, drawn first: how many regions,
+// one, and must be refused. Properties of the whole stream are drawn first: how many regions,
 // which kind of binding, whether VLANs are shared.
 #pragma once
 

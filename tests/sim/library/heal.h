@@ -1,4 +1,4 @@
-// What holds after any fault: once the cloud is taken out and put in again, everything is right.
+// What holds after any fault: once the cloud is removed and added again, everything is right.
 #pragma once
 
 #include <string>

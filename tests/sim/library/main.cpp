@@ -20,7 +20,7 @@ constexpr std::string_view kUsage =
     "library_simulation [--events N] [--seed N] [--toggle on|off|both] [--length N]\n"
     "                   [--out FOLDER] [--vnagent PROGRAM] [--write FOLDER] [--most-failures N]\n"
     "\n"
-    "Runs N made-up events through the library and holds it against a model after every event.\n"
+    "Runs N random events through the library and compares it with a model after every event.\n"
     "--write also leaves each stream for the agent, with what is published after each event.\n";
 
 struct Options {
@@ -78,7 +78,7 @@ class Simulation {
  private:
   // How many events one child does, and how often it tells of them.
   static constexpr std::uint64_t kBatch = 2'000'000;
-  static constexpr std::chrono::seconds kTellEvery{20};
+  static constexpr std::chrono::seconds kReportEvery{20};
 
   static unsigned long long number(std::uint64_t value) { return value; }
   double elapsed() const {
@@ -88,7 +88,7 @@ class Simulation {
   // In a child: streams until so many events are done, all in all.
   std::optional<Failure> batch() {
     const std::uint64_t end = std::min(options_.events, progress_.total + kBatch);
-    auto told = std::chrono::steady_clock::now();
+    auto reported = std::chrono::steady_clock::now();
     Streams streams(options_, progress_.streams);
     while (progress_.total < end) {
       const Stream stream = streams.next();
@@ -98,8 +98,8 @@ class Simulation {
       ++progress_.streams;
       if (auto failure = runOne(stream)) return failure;
       progress_.total += progress_.done;
-      if (const auto now = std::chrono::steady_clock::now(); now - told >= kTellEvery) {
-        told = now;
+      if (const auto now = std::chrono::steady_clock::now(); now - reported >= kReportEvery) {
+        reported = now;
         std::printf("%llu events, %.0f s, seed %llu\n", number(progress_.total), elapsed(),
                     number(stream.seed));
         std::fflush(stdout);

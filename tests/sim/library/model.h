@@ -1,6 +1,6 @@
 // The model: what the library must publish for a cloud.
 //
-// Written from the contract and in another way than the machines: there are no machines, reactors
+// Deliberately unlike the machines: there are no machines, reactors
 // or notifications in it. What each binding asks for is worked out from nothing each time, from the
 // bindings as they stand; only what depends on the past is remembered, and those are few things:
 // entries that are never deleted, the hosts once seen behind a switch port, the last native VLAN,
@@ -36,7 +36,7 @@ class Model {
 
   // What must be published, all but the natives and the UUIDs.
   std::vector<Fact> facts() const;
-  // What the native VLAN of each switch port or interface may be. Where the contract leaves it open
+  // What the native VLAN of each switch port or interface may be. Where several are allowed
   // there are several; nativeIs() settles it as the library did.
   const std::map<Place, std::set<unsigned>>& natives() const { return natives_; }
   void nativeIs(const Place& place, unsigned vlan) { natives_[place] = {vlan}; }

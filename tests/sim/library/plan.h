@@ -1,8 +1,9 @@
-// What a patch means: the operations that lead from one cloud to the next, in the agent's order.
+// The operations that lead from one cloud to the next, in the agent's order: an implementation of
+// agent/plan that is independent of it.
 //
-// They come in four phases (removals, configuration, additions, the regions' scalars), and the
-// activity loop runs after each. This is the agent's part of the contract, written anew: what goes
-// goes whole, and nothing is changed in place where no machine would notice.
+// There are four phases (removals, configuration, additions, the regions' scalars), and the
+// activity loop runs after each. What is removed is removed whole, and nothing is changed in place
+// that no machine observes.
 #pragma once
 
 #include <array>

@@ -1,4 +1,4 @@
-// Runs a stream of events through the library and holds it against the model after every event.
+// Runs a stream of events through the library and compares it with the model after every event.
 #pragma once
 
 #include <atomic>
@@ -17,7 +17,7 @@ struct Failure {
   std::string text;        // what is wrong, a line each
 };
 
-// Is told after each event whether it was taken, and what is published then.
+// Called after each event: whether it was applied, and what is published then.
 using Witness = std::function<void(bool taken, const Picture& picture)>;
 
 // How often the machines are built anew over the same inputs: after so many events.

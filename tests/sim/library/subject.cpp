@@ -9,7 +9,7 @@
 #include "OpenStackSm/detail/Toggle.h"
 #include "framework/Exceptions.h"
 #include "framework/FeatureToggle.h"
-#include "tests/sim/library/crowd.h"
+#include "tests/sim/library/foreign_notifiees.h"
 #include "tests/sim/library/names.h"
 #include "tests/sim/library/read.h"
 
@@ -297,9 +297,9 @@ std::string Subject::misuse(int which) {
   return "a null entity is taken";
 }
 
-void Subject::visitedBy(Crowd& crowd) {
+void Subject::visitedBy(ForeignNotifiees& foreign) {
   const World& w = *world_;
-  crowd.visit(*w.config, *w.cloud, *w.status, *w.resources, *w.elements);
+  foreign.visit(*w.config, *w.cloud, *w.status, *w.resources, *w.elements);
 }
 
 void Subject::applyIfThere(const Operation& op) {

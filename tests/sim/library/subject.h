@@ -10,7 +10,7 @@
 
 namespace sim {
 
-class Crowd;
+class ForeignNotifiees;
 
 class Subject {
  public:
@@ -30,8 +30,8 @@ class Subject {
   std::string misuse(int which);
 
   // Faults
-  // Lets a crowd of foreign notifiees in.
-  void visitedBy(Crowd& crowd);
+  // Connects foreign notifiees to some of the entities.
+  void visitedBy(ForeignNotifiees& foreign);
   // apply(), unless what the operation is about has gone.
   void applyIfThere(const Operation& operation);
   // Takes out the port binding that comes after so many others, around and around; or one of its

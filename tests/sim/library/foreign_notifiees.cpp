@@ -1,130 +1,133 @@
-#include "tests/sim/library/crowd.h"
+#include "tests/sim/library/foreign_notifiees.h"
 
 #include <algorithm>
 
 namespace sim {
 namespace {
 
-constexpr std::size_t kMost = 60;
+constexpr std::size_t kMaximum = 60;
 
-// What all watchers have: who is told when they are.
+// What all of them have: each notification is passed on to the owner.
 template <class Notifiee>
 class Watcher : public Notifiee {
  public:
-  explicit Watcher(Crowd& crowd) : crowd_(crowd) {}
+  explicit Watcher(ForeignNotifiees& foreign) : foreign_(foreign) {}
 
  protected:
-  void told() { crowd_.told(*this, false); }
-  void toldAtOnce() { crowd_.told(*this, true); }
+  void notified(bool immediate) { foreign_.notified(*this, immediate); }
 
  private:
-  Crowd& crowd_;
+  ForeignNotifiees& foreign_;
 };
 
 class OfCloud final : public Watcher<OpenStack::OpenStackConfig::NotifieeConst> {
  public:
   using Watcher::Watcher;
-  void onRegion(const Kiv::Name&) override { told(); }
-  void onRegionkivImmediate() override { toldAtOnce(); }
+  void onRegion(const Kiv::Name&) override { notified(false); }
+  void onRegionkivImmediate() override { notified(true); }
 };
 
 class OfConfig final : public Watcher<OpenStack::Config::NotifieeConst> {
  public:
   using Watcher::Watcher;
-  void onVlanAssignment(const Kiv::Name&) override { told(); }
-  void onVlanAssignmentkivImmediate() override { toldAtOnce(); }
-  void onVlanTypeDriver() override { told(); }
+  void onVlanAssignment(const Kiv::Name&) override { notified(false); }
+  void onVlanAssignmentkivImmediate() override { notified(true); }
+  void onVlanTypeDriver() override { notified(false); }
 };
 
 class OfRegion final : public Watcher<OpenStack::Region::NotifieeConst> {
  public:
   using Watcher::Watcher;
-  void onSegment(const Kiv::String&) override { told(); }
-  void onSegmentkivImmediate() override { toldAtOnce(); }
-  void onPortBinding(const Kiv::String&) override { told(); }
-  void onPortBindingkivImmediate() override { toldAtOnce(); }
-  void onSyncStatus() override { told(); }
+  void onSegment(const Kiv::String&) override { notified(false); }
+  void onSegmentkivImmediate() override { notified(true); }
+  void onPortBinding(const Kiv::String&) override { notified(false); }
+  void onPortBindingkivImmediate() override { notified(true); }
+  void onSyncStatus() override { notified(false); }
 };
 
 class OfPortBinding final : public Watcher<OpenStack::PortBinding::NotifieeConst> {
  public:
   using Watcher::Watcher;
-  void onPortToHostBinding(const Kiv::Name&) override { told(); }
-  void onPortToHostBindingkivImmediate() override { toldAtOnce(); }
-  void onPortToSwitchInterfaceBinding(const VirtualNetwork::SwitchInterface&) override { told(); }
-  void onPortToSwitchInterfaceBindingkivImmediate() override { toldAtOnce(); }
+  void onPortToHostBinding(const Kiv::Name&) override { notified(false); }
+  void onPortToHostBindingkivImmediate() override { notified(true); }
+  void onPortToSwitchInterfaceBinding(const VirtualNetwork::SwitchInterface&) override {
+    notified(false);
+  }
+  void onPortToSwitchInterfaceBindingkivImmediate() override { notified(true); }
 };
 
 class OfStatus final : public Watcher<OpenStack::RegionStatus::NotifieeConst> {
  public:
   using Watcher::Watcher;
-  void onSyncStatus() override { told(); }
-  void onOwner() override { told(); }
-  void onVlanAssignmentUuid() override { told(); }
+  void onSyncStatus() override { notified(false); }
+  void onOwner() override { notified(false); }
+  void onVlanAssignmentUuid() override { notified(false); }
 };
 
 class OfPool final : public Watcher<OpenStack::VlanPool::NotifieeConst> {
  public:
   using Watcher::Watcher;
-  void onAvailableVlan(Kiv::U16) override { told(); }
-  void onAvailableVlankivImmediate() override { toldAtOnce(); }
-  void onAllocatedVlankivImmediate() override { toldAtOnce(); }
+  void onAvailableVlan(Kiv::U16) override { notified(false); }
+  void onAvailableVlankivImmediate() override { notified(true); }
+  void onAllocatedVlankivImmediate() override { notified(true); }
 };
 
 class OfResources final
     : public Watcher<VirtualNetwork::RequestedResourcesCollection::NotifieeConst> {
  public:
   using Watcher::Watcher;
-  void onResourcesForHostname(const Kiv::Name&) override { told(); }
-  void onResourcesForHostnamekivImmediate() override { toldAtOnce(); }
-  void onResourcesForSwitchport(const VirtualNetwork::SwitchInterface&) override { told(); }
-  void onResourcesForSwitchportkivImmediate() override { toldAtOnce(); }
+  void onResourcesForHostname(const Kiv::Name&) override { notified(false); }
+  void onResourcesForHostnamekivImmediate() override { notified(true); }
+  void onResourcesForSwitchport(const VirtualNetwork::SwitchInterface&) override {
+    notified(false);
+  }
+  void onResourcesForSwitchportkivImmediate() override { notified(true); }
 };
 
 class OfHost final : public Watcher<VirtualNetwork::ResourcesForHostname::NotifieeConst> {
  public:
   using Watcher::Watcher;
-  void onVlan(Kiv::U32) override { told(); }
-  void onVlankivImmediate() override { toldAtOnce(); }
-  void onDomainkivImmediate() override { toldAtOnce(); }
+  void onVlan(Kiv::U32) override { notified(false); }
+  void onVlankivImmediate() override { notified(true); }
+  void onDomainkivImmediate() override { notified(true); }
 };
 
 class OfSwitchPort final : public Watcher<VirtualNetwork::ResourcesForSwitchport::NotifieeConst> {
  public:
   using Watcher::Watcher;
-  void onVlankivImmediate() override { toldAtOnce(); }
-  void onNativeVlan() override { told(); }
-  void onReferrerkivImmediate() override { toldAtOnce(); }
+  void onVlankivImmediate() override { notified(true); }
+  void onNativeVlan() override { notified(false); }
+  void onReferrerkivImmediate() override { notified(true); }
 };
 
 class OfVlan final : public Watcher<VirtualNetwork::VlanReferences::NotifieeConst> {
  public:
   using Watcher::Watcher;
-  void onReferrer(const Kiv::String&) override { told(); }
-  void onReferrerkivImmediate() override { toldAtOnce(); }
-  void onMappedVnikivImmediate() override { toldAtOnce(); }
+  void onReferrer(const Kiv::String&) override { notified(false); }
+  void onReferrerkivImmediate() override { notified(true); }
+  void onMappedVnikivImmediate() override { notified(true); }
 };
 
 class OfElement final : public Watcher<VirtualNetwork::NetworkElement::NotifieeConst> {
  public:
   using Watcher::Watcher;
-  void onReferrerkivImmediate() override { toldAtOnce(); }
-  void onPhysicalInterfacekivImmediate() override { toldAtOnce(); }
-  void onDomainkivImmediate() override { toldAtOnce(); }
+  void onReferrerkivImmediate() override { notified(true); }
+  void onPhysicalInterfacekivImmediate() override { notified(true); }
+  void onDomainkivImmediate() override { notified(true); }
 };
 
 class OfInterface final : public Watcher<VirtualNetwork::PhysicalInterface::NotifieeConst> {
  public:
   using Watcher::Watcher;
-  void onVlankivImmediate() override { toldAtOnce(); }
-  void onConfiguredElementkivImmediate() override { toldAtOnce(); }
+  void onVlankivImmediate() override { notified(true); }
+  void onConfiguredElementkivImmediate() override { notified(true); }
 };
 
 }  // namespace
 
 template <class W, class E>
-void Crowd::send(const E& entity) {
-  if (below(3) != 0 || watchers_.size() >= kMost) return;
+void ForeignNotifiees::send(const E& entity) {
+  if (below(3) != 0 || watchers_.size() >= kMaximum) return;
   const auto watcher = Kiv::make<W>(*this);
   watchers_.push_back(watcher);
   watcher->notifierIs(Kiv::Ptr<const E>(&entity));
@@ -132,10 +135,11 @@ void Crowd::send(const E& entity) {
   watcher->hasNotificationActiveIs(true);
 }
 
-void Crowd::visit(const OpenStack::Config& config, const OpenStack::OpenStackConfig& cloud,
-                  const OpenStack::OpenStackStatus& status,
-                  const VirtualNetwork::RequestedResourcesCollection& resources,
-                  const VirtualNetwork::NetworkElementCollection& elements) {
+void ForeignNotifiees::visit(const OpenStack::Config& config,
+                             const OpenStack::OpenStackConfig& cloud,
+                             const OpenStack::OpenStackStatus& status,
+                             const VirtualNetwork::RequestedResourcesCollection& resources,
+                             const VirtualNetwork::NetworkElementCollection& elements) {
   if (below(8) == 0) leave();
   send<OfConfig>(config);
   send<OfCloud>(cloud);
@@ -162,10 +166,10 @@ void Crowd::visit(const OpenStack::Config& config, const OpenStack::OpenStackCon
   }
 }
 
-void Crowd::told(Kiv::NotifieeBase& watcher, bool atOnce) {
-  if (meddles_ > 0 && atOnce == meddlesAtOnce_ && --meddles_ == 0) {
-    meddled_ = true;
-    meddle_();
+void ForeignNotifiees::notified(Kiv::NotifieeBase& watcher, bool immediate) {
+  if (interferes_ > 0 && immediate == interferesInside_ && --interferes_ == 0) {
+    interfered_ = true;
+    interfere_();
   }
   const Kiv::Ptr<Kiv::NotifieeBase> hold(&watcher);
   const Kiv::Ptr<Kiv::NotifieeBase> other =
@@ -180,7 +184,7 @@ void Crowd::told(Kiv::NotifieeBase& watcher, bool atOnce) {
       other->isRegisteredNotifieeIs(false);
       break;
     case 2:
-      // Comes back at the end of its list.
+      // Registered again, at the end of its list.
       other->isRegisteredNotifieeIs(false);
       other->isRegisteredNotifieeIs(true);
       break;
@@ -205,7 +209,7 @@ void Crowd::told(Kiv::NotifieeBase& watcher, bool atOnce) {
   }
   if (throws_ > 0 && --throws_ == 0) {
     threw_ = true;
-    throw Antic();
+    throw ForeignError();
   }
 }
 
