@@ -1,4 +1,4 @@
-// Fuzz target: both keyed collections under a stream of operations, held against std::map. The
+// Fuzz target: both keyed collections under a stream of operations, compared with std::map. The
 // first byte selects the type of the keys. Iterators are kept over changes: one that goes on meets
 // what follows its key at that time, whether its entry is still there or not.
 #include <array>

@@ -1,5 +1,5 @@
-// Fuzz target: the queue of the activity loop under a stream of operations, held against a plain
-// list. Handlers go on with the stream, so that what they queue, silence and end is part of it.
+// Fuzz target: the queue of the activity loop under a stream of operations, compared with a plain
+// list. Handlers read operations from the stream too: they queue, deactivate and destroy.
 #include <algorithm>
 #include <array>
 #include <deque>

@@ -3,14 +3,14 @@
 
     tests/memcheck/check.py RUNS SYSTEM_MEMORY [FOLDER]
 
-Starting valgrind takes longer than most scenarios, so one process, RUNS, runs all those of one
-answer of the feature toggle, which a process asks for once; each cloud is taken apart at the end of
-its run. The library is the one that was built, but its objects get memory of the system
-(SYSTEM_MEMORY), since in blocks of its own nothing could be told of them. What the runs print is
-held against the scenarios as ever.
+Starting valgrind takes longer than most scenarios, so one process, RUNS, runs all scenarios of one
+value of the feature toggle, which is fixed for a process; each cloud is destroyed at the end of its
+run. The library is the one that was built, but its pool is replaced by the system's allocator
+(SYSTEM_MEMORY), since memcheck cannot see objects inside the pool's slabs. The output of the runs is
+checked against the scenarios.
 
-First of all, memcheck must find a misuse and a leak that are made for it, of an object of the
-library's: what could not fail would say nothing.
+First, memcheck must find a use after free and a leak of an object of the library, which are made on
+purpose: a check that cannot fail proves nothing.
 """
 
 from __future__ import annotations

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Installs the Debian packages on this system with apt-get, runs what they bring, builds the example
-# host agent against them, purges them, and sees that nothing is left. Changes the system, so it is
-# for a machine that may be changed: it is a stage of .ci/run and no part of the test command.
+# Installs the Debian packages on this system with apt-get, runs the program, builds the example host
+# agent against them, purges them, and checks that nothing is left. It changes the system, so it is a
+# stage of .ci/run and not part of `make test`.
 #
 #     debian.sh FOLDER_WITH_PACKAGES
 set -euo pipefail
@@ -55,7 +55,7 @@ echo '{"region": {"RegionOne": {}}}' | vnagent run /dev/stdin --format json | gr
   fail "vnagent does not run"
 for file in share/man/man1/vnagent.1.gz share/bash-completion/completions/vnagent \
   share/zsh/vendor-completions/_vnagent share/fish/vendor_completions.d/vnagent.fish; do
-  # Small systems are told to leave manuals out.
+  # Small systems are configured without manuals.
   [ -f "/usr/$file" ] || { [[ $file == *man1* ]] && grep -qr 'path-exclude.*man' /etc/dpkg; } ||
     fail "/usr/$file is not there"
 done
@@ -66,7 +66,7 @@ if [ -d "$pages" ]; then
   diff -r "$root/examples/embed" "$pages/examples/embed" || fail "the packaged example is another"
   cmp "$root/docs/embedding.md" "$pages/embedding.md"
 else
-  # Small systems are told to leave pages out too.
+  # Small systems are configured without documentation.
   grep -qr 'path-exclude.*doc' /etc/dpkg || fail "$pages is not there"
 fi
 

@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
-"""Holds what libOpenStackSm.so exports to what is meant to be exported.
+"""Checks that libOpenStackSm.so exports what it should.
 
 Functions and variables that the library defines itself are listed one by one in a recorded file.
 What the compiler emits wherever it is used (instances of templates, type information, vtables,
-inline variables) differs between compilers and is held to patterns. Each fault is printed with its
+inline variables) differs between compilers and must match patterns. Each fault is printed with its
 remedy; the exit status is 1 when there is one. --record writes the file anew.
 """
 

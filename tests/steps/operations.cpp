@@ -59,10 +59,10 @@ Ptr<OpenStack::Segment> vlanSegment(const std::string& id, U32 vlan) {
 }
 
 // One region with its ports on its hosts, a quarter of them behind switch interfaces.
-class Crowd {
+class LoadedRegion {
  public:
-  Crowd(OpenStack::OpenStackConfig& cloud, OpenStack::Config& config, const std::string& name,
-        const Shape& shape)
+  LoadedRegion(OpenStack::OpenStackConfig& cloud, OpenStack::Config& config,
+               const std::string& name, const Shape& shape)
       : name_(name), hosts_(shape.hosts), region_(cloud.regionIs(Kiv::Name(name))) {
     const auto assignment = Kiv::make<OpenStack::VlanAssignment>(Kiv::Name(name));
     for (U32 network = 0; network < shape.networks; ++network) {
@@ -133,7 +133,7 @@ class Crowd {
   std::vector<Ptr<OpenStack::Segment>> vlan_;
 };
 
-// A change, with its subject at hand.
+// A change whose subject is prepared.
 using Change = std::function<void()>;
 
 // One kind of change: how its subjects, each with a name of its own, are prepared for it.
@@ -151,11 +151,11 @@ class Steps {
         status_(Kiv::make<OpenStack::OpenStackStatus>()),
         resources_(Kiv::make<VirtualNetwork::RequestedResourcesCollection>()),
         elements_(Kiv::make<VirtualNetwork::NetworkElementCollection>()),
-        crowd_(*cloud_, *config_, "crowd", shape),
-        region_(crowd_.region()) {
+        loaded_(*cloud_, *config_, "loaded", shape),
+        region_(loaded_.region()) {
     Kiv::System::timeSourceIs(&time_);
     for (U32 other = 1; other < shape.regions; ++other) {
-      Crowd(*cloud_, *config_, numbered("other", other), {1, 1, 1, 1, 0});
+      LoadedRegion(*cloud_, *config_, numbered("other", other), {1, 1, 1, 1, 0});
     }
     root_ = OpenStack::openStackSmFactory(
         cloud_, status_, Kiv::make<OpenStack::NameResolution::Config>(),
@@ -218,7 +218,7 @@ class Steps {
 
   // Makes changes that nobody delivers.
   void letWait(const std::string& name) {
-    for (U32 i = 0; i < shape_.waiting; ++i) crowd_.bind(crowd_.onHost(numbered(name, i), i));
+    for (U32 i = 0; i < shape_.waiting; ++i) loaded_.bind(loaded_.onHost(numbered(name, i), i));
   }
 
   void countDelivery() {
@@ -235,47 +235,47 @@ class Steps {
   void addBindings() {
     add("bind a port to a host", [this](const std::string& id, U32 seed) {
       region_.portIs(Kiv::String(id));
-      return [=, this] { crowd_.bind(crowd_.onHost(id, seed)); };
+      return [=, this] { loaded_.bind(loaded_.onHost(id, seed)); };
     });
     add("bind a port to a switch interface", [this](const std::string& id, U32 seed) {
       region_.portIs(Kiv::String(id));
-      return [=, this] { crowd_.bind(crowd_.onSwitch(id, seed)); };
+      return [=, this] { loaded_.bind(loaded_.onSwitch(id, seed)); };
     });
     add("unbind a port from a host", [this](const std::string& id, U32 seed) {
-      crowd_.bind(crowd_.onHost(id, seed));
+      loaded_.bind(loaded_.onHost(id, seed));
       return [=, this] { region_.portBindingDel(Kiv::String(id)); };
     });
     add("unbind a port from a switch interface", [this](const std::string& id, U32 seed) {
-      crowd_.bind(crowd_.onSwitch(id, seed));
+      loaded_.bind(loaded_.onSwitch(id, seed));
       return [=, this] { region_.portBindingDel(Kiv::String(id)); };
     });
   }
 
   void addFurtherHosts() {
     add("bind a bound port to a further host", [this](const std::string& id, U32 seed) {
-      const auto binding = crowd_.onHost(id, seed);
-      crowd_.bind(binding);
+      const auto binding = loaded_.onHost(id, seed);
+      loaded_.bind(binding);
       return [=, this] {
-        binding->portToHostBindingIs(crowd_.hostBinding(crowd_.host(seed + 1), seed));
+        binding->portToHostBindingIs(loaded_.hostBinding(loaded_.host(seed + 1), seed));
       };
     });
     add("unbind a port from one of its hosts", [this](const std::string& id, U32 seed) {
-      const auto binding = crowd_.onHost(id, seed);
-      binding->portToHostBindingIs(crowd_.hostBinding(crowd_.host(seed + 1), seed));
-      crowd_.bind(binding);
-      return [=, this] { binding->portToHostBindingDel(crowd_.host(seed + 1)); };
+      const auto binding = loaded_.onHost(id, seed);
+      binding->portToHostBindingIs(loaded_.hostBinding(loaded_.host(seed + 1), seed));
+      loaded_.bind(binding);
+      return [=, this] { binding->portToHostBindingDel(loaded_.host(seed + 1)); };
     });
   }
 
   // The host binding of a new port in the region; its switch-interface binding.
   Ptr<OpenStack::PortToHostBinding> hostSubject(const std::string& id, U32 seed) {
-    const auto binding = crowd_.onHost(id, seed);
-    crowd_.bind(binding);
+    const auto binding = loaded_.onHost(id, seed);
+    loaded_.bind(binding);
     return *binding->portToHostBinding().begin();
   }
   Ptr<OpenStack::PortToSwitchInterfaceBinding> switchSubject(const std::string& id, U32 seed) {
-    const auto binding = crowd_.onSwitch(id, seed);
-    crowd_.bind(binding);
+    const auto binding = loaded_.onSwitch(id, seed);
+    loaded_.bind(binding);
     return *binding->portToSwitchInterfaceBinding().begin();
   }
 
@@ -283,7 +283,7 @@ class Steps {
   void addLevels(Subject subject, const std::string& of) {
     add("a segment comes to a level of a " + of, [=, this](const std::string& id, U32 seed) {
       const auto binding = (this->*subject)(id, seed);
-      return [=, this] { binding->segmentIs(2, crowd_.vlan(seed + 1)); };
+      return [=, this] { binding->segmentIs(2, loaded_.vlan(seed + 1)); };
     });
     add("a segment leaves a level of a " + of, [=, this](const std::string& id, U32 seed) {
       const auto binding = (this->*subject)(id, seed);
@@ -311,21 +311,21 @@ class Steps {
     });
     add("a VLAN segment comes with the port binding that uses it",
         [this](const std::string& id, U32 seed) {
-          const auto binding = crowd_.onHost(id, seed);
+          const auto binding = loaded_.onHost(id, seed);
           return [=, this, vlan = freeVlan()] {
             const auto changed = vlanSegment(id, vlan);
             region_.segmentIs(changed);
-            binding->portToHostBinding()[crowd_.host(seed)]->segmentIs(1, changed);
-            crowd_.bind(binding);
+            binding->portToHostBinding()[loaded_.host(seed)]->segmentIs(1, changed);
+            loaded_.bind(binding);
           };
         });
     add("a VLAN segment leaves with the port binding that uses it",
         [this](const std::string& id, U32 seed) {
-          const auto binding = crowd_.onHost(id, seed);
+          const auto binding = loaded_.onHost(id, seed);
           const auto changing = vlanSegment(id, freeVlan());
           region_.segmentIs(changing);
-          binding->portToHostBinding()[crowd_.host(seed)]->segmentIs(1, changing);
-          crowd_.bind(binding);
+          binding->portToHostBinding()[loaded_.host(seed)]->segmentIs(1, changing);
+          loaded_.bind(binding);
           return [=, this] {
             region_.portBindingDel(Kiv::String(id));
             region_.segmentDel(Kiv::String(id));
@@ -335,12 +335,12 @@ class Steps {
 
   void addAssignedVlans() {
     add("a VLAN is assigned", [this](const std::string&, U32) {
-      return [this, vlan = freeVlan()] { crowd_.assignment().vlanIs(vlan, true); };
+      return [this, vlan = freeVlan()] { loaded_.assignment().vlanIs(vlan, true); };
     });
     add("a VLAN is assigned no longer", [this](const std::string&, U32) {
       const U16 vlan = freeVlan();
-      crowd_.assignment().vlanIs(vlan, true);
-      return [=, this] { crowd_.assignment().vlanDel(vlan); };
+      loaded_.assignment().vlanIs(vlan, true);
+      return [=, this] { loaded_.assignment().vlanDel(vlan); };
     });
   }
 
@@ -373,7 +373,7 @@ class Steps {
   Ptr<OpenStack::OpenStackStatus> status_;
   Ptr<VirtualNetwork::RequestedResourcesCollection> resources_;
   Ptr<VirtualNetwork::NetworkElementCollection> elements_;
-  Crowd crowd_;
+  LoadedRegion loaded_;
   OpenStack::Region& region_;
   Ptr<OpenStack::OpenStackSm> root_;
   std::vector<Kind> kinds_;

@@ -1,13 +1,12 @@
-// Watches every output of the machines: what was written, in which order, and what a foreign
-// handler does meanwhile.
+// Observes every output of the machines: what was written, and in which order.
 //
 //   OutputWatch watch(status, resources, elements);
 //   ... let machines work ...
 //   EXPECT_THAT(watch.take(), ElementsAre("host h1 vlan 10", ...));   // in the order of the writes
 //
-// A change of a collection or set is told when the loop delivers it, under the path of the entry,
-// with " gone" after it when it is not there any more; a scalar under its name and value. What is
-// written twice before the loop delivers is told once.
+// A change of a collection or set is recorded when the loop delivers it, as the path of the entry,
+// with " gone" after it when the entry does not exist any more; a scalar as its name and value. What
+// is written twice before the loop delivers is recorded once.
 //
 // `immediate`, where set, is called inside the mutator with the path of the collection; it may
 // change anything, or throw.
@@ -31,7 +30,7 @@ class OutputWatch {
   OutputWatch(const OutputWatch&) = delete;
   OutputWatch& operator=(const OutputWatch&) = delete;
 
-  // What was told since the last call.
+  // What was recorded since the last call.
   std::vector<std::string> take();
   // How often a collection or set has changed since the watch began.
   int changes() const;

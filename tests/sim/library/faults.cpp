@@ -7,8 +7,9 @@
 //                      other during active iterations: the outputs must be as without them;
 //   throwing           one throws: removing the cloud and adding it again must repair everything,
 //                      and nothing may be left when it is removed for good;
-//   interfering        one removes a port binding, or one of its bindings, from the loop: the outputs
-//                      must be those of new machines over the same inputs, and nothing may be left;
+//   interfering        one removes a port binding, or one of its bindings, from the loop: the
+//                      outputs must be those of new machines over the same inputs, and nothing may
+//                      be left;
 //   interfering inside the same inside a mutator.
 #include <cstdio>
 #include <cstdlib>

@@ -1,4 +1,4 @@
-// The names that random clouds use. Everything else here knows a name by its number, which is its
+// The names that random clouds use. All other files use the number of a name, which is its
 // place in a small pool: small, so that ports meet on hosts, VLANs and switch ports. The pools are
 // in ascending order of their bytes, so numbers compare as names do.
 #pragma once
