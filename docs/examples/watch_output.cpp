@@ -23,7 +23,7 @@ Kiv::Ptr<Watcher> watch(const Kiv::Ptr<const typename Watcher::Notifier>& entity
   return watcher;
 }
 
-// Brings the watcher of one key in line with the collection: `entity` is the member now, or null.
+// Synchronises the watcher of one key with the collection: `entity` is the member now, or null.
 template <class Watchers, class Key, class Entity, class... Arguments>
 void follow(Watchers& watchers, const Key& key, const Entity* entity, Arguments&&... arguments) {
   using Watcher = typename Watchers::mapped_type::element_type;
@@ -57,8 +57,8 @@ class VlanWatcher final : public VlanReferences::NotifieeConst {
   Kiv::U32 vlan_ = 0;
 };
 
-// One host. An entity that went and came back between two turns of the loop is another one under
-// the same key, and is told of once; follow() sees that by its address.
+// One host. An entity that was removed and added again between two turns of the loop is another one
+// with the same key, and causes one notification; follow() recognises it by its address.
 class HostWatcher final : public ResourcesForHostname::NotifieeConst {
  public:
   void readAll() {
