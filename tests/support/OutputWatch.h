@@ -5,7 +5,7 @@
 //   EXPECT_THAT(watch.take(), ElementsAre("host h1 vlan 10", ...));   // in the order of the writes
 //
 // A change of a collection or set is recorded when the loop delivers it, as the path of the entry,
-// with " gone" after it when the entry does not exist any more; a scalar as its name and value. What
+// followed by " gone" when the entry does not exist any more; a scalar as its name and value. What
 // is written twice before the loop delivers is recorded once.
 //
 // `immediate`, where set, is called inside the mutator with the path of the collection; it may

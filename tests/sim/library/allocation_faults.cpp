@@ -95,8 +95,9 @@ struct Change {
   std::vector<Edit> edits;
 };
 
-// Adds a cloud. Where the notification of a region's removal was lost, its machine still exists, and
-// the next region of that name meets it: the loop throws, once, until the region is removed again.
+// Adds a cloud. Where the notification of a region's removal was lost, its machine still exists,
+// and the next region of that name meets it: the loop throws, once, until the region is removed
+// again.
 bool isBoundAnew(Subject& subject, const Cloud& cloud, bool toggleOn) {
   try {
     bindAnew(subject, cloud, toggleOn);

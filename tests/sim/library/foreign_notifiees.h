@@ -38,8 +38,8 @@ class ForeignNotifiees {
   // Destroys all watchers.
   void leave() { watchers_.clear(); }
 
-  // What is allowed from now on: to throw, once; to interfere, once, either inside a mutator or from
-  // the loop.
+  // What is allowed from now on: to throw, once; to interfere, once, either inside a mutator or
+  // from the loop.
   void throwSoon() { throws_ = 1 + below(40); }
   void interfereSoon(bool inside, std::function<void()> interfere) {
     interfere_ = std::move(interfere);
