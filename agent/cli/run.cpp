@@ -73,7 +73,7 @@ class RunTrace final : public SessionObserver {
                file_.get()) {}
 
   void onStepBegin(uint64_t step) override { lines_.stepIs(step); }
-  // Where that fails, it is said at the end of the run.
+  // A failure is reported by finish().
   void onStepEnd(const StepOutcome&) override { lines_.flush(); }
   void finish() {
     if (!lines_.flush()) throw std::runtime_error("cannot write the trace lines");
@@ -175,7 +175,7 @@ bool printInspection(const Session& session, const std::string& path) {
 class Run {
  public:
   explicit Run(const RunOptions& options) : options_(options), events_(options) {
-    // Traced from its making on, but not in its end, which is nobody's step.
+    // Construction is traced; destruction is not, as it belongs to no step.
     if (options.traceLevel) trace_.emplace(options);
     session_.emplace(SessionSettings{.toggle = options.toggle,
                                      .regionSyncTimeout = options.regionSyncTimeout,

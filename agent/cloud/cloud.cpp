@@ -13,7 +13,7 @@ namespace {
 
 constexpr std::string_view kToggle = "VirtualNetworkAgentToggle";
 
-// Lets the library ask this program for the toggle. Must stand before the first machine.
+// Makes this program the provider of the toggle. To be called before the first machine is made.
 void installToggle(bool on) {
   Kiv::toggleProviderIs([on](std::string_view name, bool byDefault) {
     const bool answer = name == kToggle ? on : byDefault;

@@ -68,11 +68,11 @@ class Cloud {
   // What the machines publish now; views, good until the next change.
   OutputDocument output() const;
 
-  // What of it has changed since the last call, or since the start; views, likewise. REQUIRES: the
-  // settings say so.
+  // What of it has changed since the last call, or since construction; views, likewise. REQUIRES:
+  // CloudSettings::watched.
   OutputDocument outputChange() { return watch_->change(); }
 
-  // The root machine, for looking into it and all that it holds.
+  // The root machine, for reflection.
   const Kiv::PtrInterface& root() const;
 
  private:

@@ -164,7 +164,7 @@ class NetworkElementWatcher final
   WatchedMembers<PhysicalInterfaceWatcher> physicalInterface_{*this};
 };
 
-// The VLAN pool of a region, which may get another one; without one its sets are shown empty.
+// The VLAN pool of a region; it can be replaced. Without one its sets are published as empty.
 class WatchedPool {
  public:
   explicit WatchedPool(Holder& region) : region_(region) {}
@@ -339,7 +339,7 @@ class OutputWatch::Impl : private Holder {
     return document;
   }
 
-  size_t keysLookedAt() const { return search_.keys; }
+  size_t keysCompared() const { return search_.keys; }
 
  private:
   void noted() override {}
@@ -368,7 +368,7 @@ class OutputWatch::Impl : private Holder {
   WatchedMembers<HostWatcher> hosts_{*this};
   WatchedMembers<SwitchportWatcher> ports_{*this};
   WatchedMembers<NetworkElementWatcher> networkElement_{*this};
-  // How many ports of each switch are shown: the document has a switch as long as it has a port.
+  // The number of published ports of each switch: the document has a switch while it has a port.
   std::map<Kiv::String, size_t> portCount_;
   Search search_;
   Kiv::Ptr<StatusWatcher> status_;
@@ -388,8 +388,8 @@ OutputDocument OutputWatch::change() {
   return impl_->change();
 }
 
-size_t OutputWatch::keysLookedAt() const {
-  return impl_->keysLookedAt();
+size_t OutputWatch::keysCompared() const {
+  return impl_->keysCompared();
 }
 
 }  // namespace vnagent

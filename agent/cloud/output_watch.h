@@ -1,24 +1,26 @@
-// Watches the output entities and says what has changed of the output document since it was asked
-// last, as a merge patch from the document of then to that of now.
+// Watches the output entities, and computes the merge patch from the output document at one call to
+// the document at the next. The cost is that of the change, not of the cloud.
 //
-// It is made of notifiees on the output entities, as any embedder could have: one for each entity
-// that is shown. A notification only notes which key was named. The difference is found when it is
-// asked for, by looking at the noted keys alone, so that its cost is that of the change and not of
-// the cloud.
+//   OutputWatch watch(status, resources, elements);
+//   ... change entities ...
+//   loop.run();                              // delivers the notifications
+//   writeOutput(watch.change(), json);
 //
-// Notifications come after the change, and name a key once for any number of changes of it. What
-// was shown before cannot be seen in the entity any more, and must be kept. A merge patch holds
-// values of now only, and so of before it is enough to know:
-//   - which members there were: those that have a watcher;
-//   - which keys each set showed: a copy of the set, which for the few referrers of a usual entry
-//     lies inside the watcher;
+// It consists of notifiees on the output entities, one for each entity, as any embedder could have.
+// A notification marks a key as dirty, here and in the entities above. change() visits dirty keys
+// only and compares what was published at the last call with what is published now.
+//
+// Why the last published state is kept, and not a before-image made at the first change: deferred
+// notifications are delivered after any number of changes, so the entity no longer holds the old
+// value; immediate ones come in time, but without a key, so that each first change would copy a
+// whole set. The state that is kept is small, since a merge patch contains new values only:
+//   - the keys of a collection: those that have a watcher;
+//   - the keys of a set: a copy, which has no table for four keys or fewer;
 //   - the scalars.
-// So a watcher takes about the memory of the entity that it watches, texts not counted, as both
-// share them. Images taken at the first change in a step would need none of it between steps; but
-// the only notification that comes at once names no key, so that such an image would have to be of
-// the whole set, and a port that leaves a set of 10,000 and returns to it would cost 10,000 copies.
+// Texts are shared with the entities. A watcher takes about the memory of its entity; without an
+// OutputWatch there is no cost at all.
 //
-// Nothing is watched, and nothing paid for, unless one is made. Activity thread only.
+// Activity thread only.
 #pragma once
 
 #include <cstddef>
@@ -33,7 +35,7 @@ namespace vnagent {
 
 class OutputWatch {
  public:
-  // What is in the entities now counts as shown.
+  // Starts with what is published now.
   OutputWatch(const Kiv::Ptr<const OpenStack::OpenStackStatus>& status,
               const Kiv::Ptr<const VirtualNetwork::RequestedResourcesCollection>& resources,
               const Kiv::Ptr<const VirtualNetwork::NetworkElementCollection>& elements);
@@ -41,12 +43,12 @@ class OutputWatch {
   OutputWatch(const OutputWatch&) = delete;
   OutputWatch& operator=(const OutputWatch&) = delete;
 
-  // What has changed since the last call; the texts are good until the next change of the entities
-  // or the next call. REQUIRES: the activity loop is idle.
+  // What has changed since the last call, or since construction. The texts are valid until the next
+  // change of the entities or the next call. REQUIRES: the activity loop is idle.
   OutputDocument change();
 
-  // How many keys the last change() looked at: what it cost, in a measure that a test can hold.
-  size_t keysLookedAt() const;
+  // The number of keys that the last change() compared: its cost, for tests.
+  size_t keysCompared() const;
 
  private:
   class Impl;

@@ -148,7 +148,7 @@ class Walk {
  public:
   explicit Walk(const Kiv::PtrInterface& root) : object_(&root) {}
 
-  // Goes one name further; returns what is wrong where it leads nowhere.
+  // Follows one more name; returns what is wrong if it leads nowhere.
   std::optional<std::string> step(const std::string& name) {
     if (collection_ != nullptr) return toMember(name);
     if (!value_.empty()) return fmt::format("a value has no attribute \"{}\"", name);

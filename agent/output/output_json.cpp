@@ -42,7 +42,7 @@ class OutputWriter {
     write(*value);
   }
 
-  // Things: key() is where one stands among others, write() what stands there.
+  // Things: key() is the key of one among others, write() its value.
 
   static uint64_t key(const VniOutput& vni) { return vni.vni; }
   void write(const VniOutput& vni) { write(*vni.referrer); }

@@ -10,7 +10,7 @@
 namespace vnagent {
 namespace {
 
-constexpr size_t kGatheredBytes = size_t{1} << 16;
+constexpr size_t kBufferBytes = size_t{1} << 16;
 
 // What is flushed when the process aborts.
 TraceLines* current = nullptr;
@@ -58,16 +58,16 @@ TraceLines::~TraceLines() {
 
 void TraceLines::add(const Kiv::TraceLine& line) {
   if (style_ == Style::kJson) {
-    appendTraceJson(gathered_, step_, line);
+    appendTraceJson(buffer_, step_, line);
   } else {
-    appendTraceText(gathered_, line);
+    appendTraceText(buffer_, line);
   }
-  if (gathered_.size() > kGatheredBytes) flush();
+  if (buffer_.size() > kBufferBytes) flush();
 }
 
 bool TraceLines::flush() {
-  std::fwrite(gathered_.data(), 1, gathered_.size(), file_);
-  gathered_.clear();
+  std::fwrite(buffer_.data(), 1, buffer_.size(), file_);
+  buffer_.clear();
   return std::fflush(file_) == 0 && std::ferror(file_) == 0;
 }
 

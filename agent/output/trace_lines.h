@@ -1,6 +1,6 @@
 // Trace lines of the machines, written as JSON or as text.
 //
-// Lines are gathered and written out by flush(), which the run calls after each step; a process
+// Lines are buffered and written by flush(), which the run calls after each step; a process
 // that an assertion stops in the middle of a step writes what it has, too.
 #pragma once
 
@@ -26,7 +26,7 @@ class TraceLines {
   // The step that lines belong to from now on.
   void stepIs(uint64_t step) { step_ = step; }
 
-  // Writes out what was gathered. Returns false when that failed, now or before.
+  // Writes the buffered lines. Returns false if that failed, now or before.
   bool flush();
 
  private:
@@ -35,7 +35,7 @@ class TraceLines {
   Style style_;
   std::FILE* file_;
   uint64_t step_ = 0;
-  std::string gathered_;
+  std::string buffer_;
 };
 
 // One line, with its line break.

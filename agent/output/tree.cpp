@@ -11,7 +11,7 @@
 namespace vnagent {
 namespace {
 
-// How many names stand in a cell before the rest is only counted.
+// How many names a cell shows before the rest is only counted.
 constexpr size_t kNamesShown = 4;
 constexpr size_t kUuidBytes = 36;
 
@@ -122,7 +122,7 @@ class TreeWriter {
     }
   }
 
-  // One row for a VLAN; its VNIs stand beside it where the same ports need them, else below.
+  // One row for a VLAN, with its VNIs where the same ports need them, else below it.
   void addVlan(const VlanOutput& vlan, uint32_t native, std::vector<Row>& rows) {
     const bool alike = std::ranges::all_of(
         *vlan.mappedVni, [&](const VniOutput& vni) { return vni.referrer == vlan.referrer; });

@@ -1,20 +1,20 @@
-// One agent: the cloud document, the live cloud, and the clock, behind one interface. An event goes
-// in, its outcome comes out.
+// One agent: the cloud document, the live cloud and the clock behind one interface. It takes an
+// event and returns its outcome.
 //
 //   VirtualClock clock;
 //   Session session({.toggle = true, .regionSyncTimeout = 60}, clock);
 //   session.observerIs(observer);
 //   StepOutcome outcome =
 //       session.take(SourceEvent::ofLine(R"({"patch": {"region": {"R": {}}}})"));
-//   if (!outcome.applied()) ... outcome.faults say why; nothing has changed
+//   if (!outcome.applied()) ... refused: outcome.faults are the reasons, nothing has changed
 //
-// With the steady clock, the source waits for events until nextTimer(), and fires what is due:
+// With the steady clock, the source waits for events until nextTimer(), then fires what is due:
 //
 //   while (auto outcome = session.expire()) use(*outcome);
 //
-// Sources (a file, a stream, a server) hand events in, and observers see each step; none of them
-// knows an entity. One session at a time in a process, on one thread. What a machine throws passes
-// through; the session is good for destruction only then.
+// Sources (a file, a stream, a server) pass events in, observers are called for each step; none of
+// them depends on an entity. One session at a time in a process, on one thread. What a machine
+// throws passes through; after that the session can only be destroyed.
 #pragma once
 
 #include <cstdint>
@@ -35,18 +35,18 @@ class Cloud;
 struct SessionSettings {
   bool toggle = true;             // the answer for "VirtualNetworkAgentToggle"
   double regionSyncTimeout = 60;  // where the document has none, in seconds
-  bool live = true;               // false: events are checked and the document kept, no more
-  bool changes = false;           // whether outcomes say what has changed of the output
+  bool live = true;               // false: events are only checked against the document
+  bool changes = false;           // whether outcomes contain the change of the output
 };
 
-// What became of an event, or of a timer that was due. Texts in it, and what it points to, are good
-// until the session takes the next one.
+// The outcome of an event, or of a timer that was due. Texts in it, and what it points to, are
+// valid until the next step.
 struct StepOutcome {
   uint64_t step = 0;              // the steps of a session count from 0
   double time = 0;                // of the clock, when the step was done
   std::vector<Fault> faults;      // why the event was refused; none: it was applied
   const Change* cloud = nullptr;  // what a patch did to the cloud document
-  OutputDocument output;          // what has changed of the output, where the settings say so
+  OutputDocument output;          // what has changed of the output, if the settings ask for it
 
   bool applied() const { return faults.empty(); }
 };
@@ -61,30 +61,29 @@ class SessionObserver {
 
 class Session {
  public:
-  // Starts with the empty document. REQUIRES: the clock outlives the session; nobody but the
-  // session moves the virtual one while an event is being taken.
+  // Starts with the empty document. REQUIRES: the clock outlives the session; the virtual one is
+  // not moved from within a step.
   Session(const SessionSettings& settings, VirtualClock& clock);
   Session(const SessionSettings& settings, const SteadyClock& clock);
   ~Session();
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
 
-  // Calls this one, too, in the order in which they were given. REQUIRES: it outlives the session's
-  // last step.
+  // Adds an observer. Observers are called in the order in which they were added. REQUIRES: it
+  // outlives the last step.
   void observerIs(SessionObserver& observer) { observers_.push_back(&observer); }
 
   // Steps.
 
-  // Applies or refuses an event. Its tree is dropped as soon as it was read, as that of a large
-  // document takes more memory than the cloud.
+  // Applies or refuses an event. Its tree is freed before the entities change: that of a large
+  // document takes more memory than they do.
   //   patch              changes the cloud document, and the entities with it;
   //   advance            moves the virtual clock, and fires each timer at its own time; with the
   //                      steady clock it is refused;
   //   regionSyncTimeout  gives the root machine another one.
   StepOutcome take(SourceEvent event);
 
-  // Fires the earliest timer that is due by now, never one that is not: a step of its own. Nothing
-  // when none is due.
+  // Fires the earliest timer that is due, as a step of its own; nothing if none is due.
   std::optional<StepOutcome> expire();
 
   // Reading.
@@ -101,7 +100,7 @@ class Session {
   // The whole output document; good until the next step. REQUIRES: the session is live.
   OutputDocument output() const;
 
-  // The root machine, for looking into it and all that it holds. REQUIRES: the session is live.
+  // The root machine, for reflection. REQUIRES: the session is live.
   const Kiv::PtrInterface& root() const;
 
  private:

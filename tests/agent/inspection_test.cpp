@@ -1,4 +1,4 @@
-// Looking into the machines of a run.
+// Inspection: machines and entities as JSON, by path.
 #include "agent/output/inspection.h"
 
 #include <gmock/gmock.h>
@@ -65,14 +65,14 @@ TEST_F(InspectionTest, ACollectionShowsEachMemberWhole) {
             json::parse(R"({"h": {"type": "OpenStack::PortToHostBindingSm"}})"));
 }
 
-TEST_F(InspectionTest, TheWayLeadsThroughEntitiesToValues) {
+TEST_F(InspectionTest, APathLeadsThroughEntitiesToValues) {
   EXPECT_EQ(at("/openStackSm/openstackConfig/region/R~11/segment/vl/segmentationId"), 10);
   EXPECT_EQ(at("/openStackSm/openstackConfig/region/R~11/segment/vl/segmentationType"), "vlan");
   EXPECT_EQ(at("/openStackSm/openstackStatus/regionStatus/R~11/vlanPool/allocatedVlan"),
             json::parse(R"({"10": true})"));
 }
 
-TEST_F(InspectionTest, WhereNothingStandsThePlaceIsSaidAndNothingIsWritten) {
+TEST_F(InspectionTest, APathThatLeadsNowhereIsReportedAndNothingIsWritten) {
   EXPECT_THAT(inspect("openStackSm"), Optional(HasSubstr("not a path")));
   EXPECT_THAT(inspect("/openStackSm~2"), Optional(HasSubstr("not a path")));
   EXPECT_THAT(inspect("/other"), Optional(HasSubstr("paths begin with /openStackSm")));

@@ -207,7 +207,7 @@ TEST(Tree, OfNothingIsALineOfCounts) {
       "0 regions, 0 hosts, 0 switch interfaces, 0 network elements, 0 VLANs, 0 VNI mappings\n");
 }
 
-TEST(Tree, VnisThatOtherPortsNeedStandOnLinesOfTheirOwn) {
+TEST(Tree, VnisWithOtherReferrersThanTheVlanHaveTheirOwnLines) {
   const auto output = withHost(
       {"h", Domains{}, Vlans{{7, Texts{"p", "q"}, Vnis{{5, Texts{"p"}}, {66, Texts{"q"}}}}}});
   EXPECT_THAT(tree(output), HasSubstr("    VLAN    7          p, q\n"
@@ -248,7 +248,7 @@ TEST(TraceLines, AreOneObjectEachWithTheirRawBytesEscaped) {
   EXPECT_EQ(out, "2 OpenStackSm:123 handleRegion level \x01\n");
 }
 
-TEST(TraceLines, ComeFromTheLibraryUpToTheirLevelAndEndWithTheirObject) {
+TEST(TraceLines, AreTakenUpToTheLevelUntilTheObjectIsDestroyed) {
   std::FILE* file = std::tmpfile();
   {
     TraceLines lines(2, TraceLines::Style::kText, file);

@@ -1,5 +1,5 @@
-// The watch on the output entities: whatever is done to them, what it says is the difference of the
-// documents, and it costs what has changed.
+// OutputWatch: its change is the difference of the documents, whatever was done to the entities,
+// and its cost is that of the change.
 #include "agent/cloud/output_watch.h"
 
 #include <gmock/gmock.h>
@@ -213,8 +213,8 @@ TEST_F(OutputWatchTest, EveryAttributeOfANetworkElementIsWatched) {
   EXPECT_EQ(change(), R"({"networkElement": {"n": null}})");
 }
 
-// Of a cloud so many times as large, how many keys the same change makes the watch look at.
-size_t keysLookedAt(int size) {
+// The number of keys that are compared for the same change in a cloud of this size.
+size_t keysCompared(int size) {
   Kiv::ActivityManager loop;
   const auto status = Kiv::make<OpenStack::OpenStackStatus>();
   const auto resources = Kiv::make<VirtualNetwork::RequestedResourcesCollection>();
@@ -242,13 +242,13 @@ size_t keysLookedAt(int size) {
   resources->resourcesForSwitchportDel({Kiv::String("s"), Kiv::String("0")});
   loop.run();
   EXPECT_FALSE(watch.change().empty());
-  return watch.keysLookedAt();
+  return watch.keysCompared();
 }
 
 TEST(OutputWatchCost, IsThatOfTheChangeHoweverLargeTheCloud) {
-  const size_t few = keysLookedAt(2);
+  const size_t few = keysCompared(2);
   EXPECT_GT(few, 0U);
-  EXPECT_EQ(keysLookedAt(1000), few);
+  EXPECT_EQ(keysCompared(1000), few);
 }
 
 }  // namespace

@@ -1,4 +1,5 @@
-// What `vnagent run` prints, where, and in which order; and what it says when it cannot.
+// The output of `vnagent run`: what is printed, where, in which order, and what happens if it
+// cannot be written.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

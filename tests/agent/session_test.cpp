@@ -1,4 +1,4 @@
-// A session: events reach the entities, the machines answer, and each outcome says what changed.
+// Session: events reach the entities, the machines react, and each outcome has what changed.
 #include "agent/session/session.h"
 
 #include <gmock/gmock.h>

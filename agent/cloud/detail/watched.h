@@ -1,9 +1,10 @@
-// The attributes of a watched entity, as they were shown last; for output_watch.cpp alone.
+// The attributes of a watched entity, as they were published at the last change(); for
+// output_watch.cpp alone.
 //
-// Each kind of attribute is a class with three functions: start() takes what is there as shown,
-// noteAll() notes all that may differ when another entity has taken the place of the watched one,
-// and change() brings what was shown in line with what is there, and returns it where that changes
-// anything. A watcher lists its attributes once, in visit(), for all three.
+// Each kind of attribute is a class with three functions. start() takes the present state as
+// published. noteAll() marks everything as dirty, when the entity was replaced by another one with
+// its key. change() compares what is dirty, updates the published state, and returns the attribute
+// if it differs. A watcher lists its attributes once, in visit(), for all three.
 #pragma once
 
 #include <algorithm>
@@ -19,17 +20,17 @@
 
 namespace vnagent::detail {
 
-// What one search for changes gathers beside them.
+// One pass of change() over the watchers.
 struct Search {
-  std::vector<Kiv::Ptr<const Kiv::PtrInterface>> removed;  // keeps the keys that are shown
-  size_t keys = 0;                                         // how many were looked at
+  std::vector<Kiv::Ptr<const Kiv::PtrInterface>> removed;  // entities whose keys are in the result
+  size_t keys = 0;                                         // the number of keys compared
 };
 
-// Keys that notifications have named. Takes a pointer while there are none.
+// The dirty keys of an attribute: those that notifications have named. One pointer while empty.
 template <class K>
 class NotedKeys {
  public:
-  // Returns whether there was none before.
+  // Returns whether it is the first.
   bool add(const K& key) {
     const bool first = keys_ == nullptr;
     if (first) keys_ = std::make_unique<std::vector<K>>();
@@ -37,7 +38,7 @@ class NotedKeys {
     return first;
   }
 
-  // All of them, sorted and each once. There are none afterwards.
+  // Removes all and returns them, sorted and unique.
   std::vector<K> take(Search& search) {
     if (keys_ == nullptr) return {};
     std::vector<K> keys = std::move(*keys_);
@@ -101,17 +102,17 @@ class WatchedSet {
   NotedKeys<K> noted_;
 };
 
-// What has attributes that are noted one by one.
+// A watcher of an entity with collections.
 class Holder {
  public:
-  // One of them was noted.
+  // Called when something in one of them becomes dirty.
   virtual void noted() = 0;
 
  protected:
   ~Holder() = default;
 };
 
-// A collection of entities, each with a watcher W of its own. Those that have one were shown.
+// A collection of entities, each with a watcher W. Those that have one were published.
 template <class W>
 class WatchedMembers {
   using Key = typename W::Key;
@@ -183,10 +184,10 @@ class WatchedMembers {
   NotedKeys<Key> noted_;
 };
 
-// The watcher of an entity E of some collection, shown as an O. Self gives
+// The base of watchers: Self watches an entity E, whose plain form is O. Self defines
 //   template <class Visit> void visit(const E& now, O& output, Visit visit);
-// which calls visit(watched, value, shown) for each attribute: what watches it, its value now, and
-// where it is shown.
+// which calls visit(watched, value, member) for each attribute: its published state, its present
+// value, and the member of the plain form.
 template <class Self, class E, class O>
 class Watcher : public E::NotifieeConst, protected Holder {
  public:
@@ -197,19 +198,19 @@ class Watcher : public E::NotifieeConst, protected Holder {
 
   const Key& fwkKey() const { return this->notifier()->fwkKey(); }
 
-  // Watches this entity, which is shown as it is now.
+  // Watches this entity, and takes its present state as published.
   void start(const E& entity) {
     connect(entity);
     visitAll([](auto& watched, const auto& now, auto&) { watched.start(now); });
   }
 
-  // Watches this entity instead of the one that had its key.
+  // Watches this entity instead of the one that had its key before.
   void replace(const E& entity) {
     connect(entity);
     visitAll([](auto& watched, const auto& now, auto&) { watched.noteAll(now); });
   }
 
-  // What of the entity has changed.
+  // The attributes that differ from what was published; nothing if none does.
   std::optional<O> change(Search& search) {
     bool changed = false;
     O output = visitAll([&](auto& watched, const auto& now, auto& shown) {
