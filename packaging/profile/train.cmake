@@ -1,10 +1,10 @@
-# Runs the training program: cmake -DPROGRAM=... -DCOUNTS=... -DNAMES=... -P train.cmake
+# Runs the training program: cmake -DPROGRAM=... -DPROFILE=... -DNAMES=... -P train.cmake
 #
-# COUNTS is the folder that it is to leave its counts in, a file for each of the sources NAMES.
-file(REMOVE_RECURSE ${COUNTS})  # a run would add to the counts that are there
+# PROFILE is the folder in which it writes the profile, a file for each of the sources NAMES.
+file(REMOVE_RECURSE ${PROFILE})  # a run would add to an existing profile
 execute_process(COMMAND ${PROGRAM} COMMAND_ERROR_IS_FATAL ANY)
 foreach(name IN LISTS NAMES)
-  if(NOT EXISTS ${COUNTS}/${name}.gcda)
-    message(FATAL_ERROR "${PROGRAM} has left no counts in ${COUNTS}/${name}.gcda")
+  if(NOT EXISTS ${PROFILE}/${name}.gcda)
+    message(FATAL_ERROR "${PROGRAM} has written no profile to ${PROFILE}/${name}.gcda")
   endif()
 endforeach()

@@ -1,8 +1,9 @@
-// What the library is trained on: a small cloud as a host agent meets it. It is loaded, its ports
-// are bound and unbound, one by one and all at once, on hosts and on switch interfaces, under both
-// toggles; its segments come and go while it syncs; it is taken apart.
+// The training program of the profile-guided optimisation: a small cloud with the changes that a host
+// agent makes. It is loaded; its ports are bound and unbound, one by one and all at once, on hosts
+// and on switch interfaces, under both toggles; segments are added and removed while it syncs; it is
+// removed.
 //
-// Does the same each time: the counts are part of what is built.
+// Deterministic: the profile is an input of the build.
 #include <algorithm>
 #include <array>
 #include <cstdio>
@@ -22,7 +23,7 @@ using Kiv::String;
 constexpr unsigned kPorts = 2000;
 constexpr unsigned kOnHost = 40;
 constexpr unsigned kNetworks = 100;
-constexpr unsigned kRounds = 2;
+constexpr unsigned kRepetitions = 2;
 
 Kiv::ActivityManager& loop() {
   static Kiv::ActivityManager theLoop;
@@ -37,7 +38,7 @@ String portId(unsigned port) {
 
 class TrainedCloud {
  public:
-  // Ports of a host share networks by so many.
+  // So many neighbouring ports of a host share a network.
   explicit TrainedCloud(unsigned sharing) : sharing_(sharing) {
     for (unsigned network = 0; network < kNetworks; ++network) {
       vxlan_.push_back(segment("vxlan-", network, OpenStack::SegmentationType::vxlan, 10000));
@@ -62,12 +63,12 @@ class TrainedCloud {
     loop().run();
     cloud_->regionIs(region_);
     loop().run();
-    for (unsigned round = 0; round < kRounds; ++round) {
+    for (unsigned i = 0; i < kRepetitions; ++i) {
       sync();
       portsOnHosts();
       portsAtOnce();
       portsOnSwitches();
-      segmentsComeAndGo();
+      addAndRemoveSegments();
     }
     cloud_->regionDel(region_->name());
     loop().run();
@@ -119,7 +120,7 @@ class TrainedCloud {
       loop().run();
     }
   }
-  // Many changes before the loop runs, as when a driver has been away.
+  // Many changes in one run of the loop, as after a restart of the driver.
   void portsAtOnce() {
     for (const unsigned port : order_) bindingOf(port).portToHostBindingDel(hostOf(port));
     loop().run();
@@ -140,11 +141,11 @@ class TrainedCloud {
       loop().run();
     }
   }
-  void segmentsComeAndGo() {
+  void addAndRemoveSegments() {
     for (unsigned i = 0; i < 200; ++i) {
-      const auto come = segment("more-", i, OpenStack::SegmentationType::vlan, 2000);
+      const auto added = segment("more-", i, OpenStack::SegmentationType::vlan, 2000);
       loop().run();
-      region_->segmentDel(come->id());
+      region_->segmentDel(added->id());
       loop().run();
     }
   }
@@ -178,7 +179,7 @@ class TrainedCloud {
 int main() {
   loop();
   for (const Kiv::U32 toggle : {Kiv::kToggleOn, Kiv::U32{0}}) {
-    // Not known for good, so that it is asked for again.
+    // Without kToggleKnown, so that the provider is asked again.
     Kiv::toggleProviderIs([=](std::string_view, bool) { return toggle; });
     for (const unsigned sharing : {1U, 10U}) TrainedCloud(sharing).train();
   }

@@ -51,14 +51,14 @@ def llvm_cov(*arguments: object) -> str:
     return done.stdout
 
 
-def outcomes(told: str) -> dict[str, dict[tuple[int, int], list[bool]]]:
+def outcomes(exported: str) -> dict[str, dict[tuple[int, int], list[bool]]]:
     """By file and place: whether a condition was true, and whether it was false.
 
     A file can come under two names, and a condition once for each instance of its template. What
     the compiler decides, an `if constexpr`, is no branch.
     """
     files: dict[str, dict[tuple[int, int], list[bool]]] = {}
-    for file in json.loads(told)["data"][0]["files"]:
+    for file in json.loads(exported)["data"][0]["files"]:
         name = os.path.relpath(file["filename"], ROOT)
         source = (ROOT / name).read_text("utf-8").splitlines()
         for line, column, _, _, true, false, *_ in file["branches"]:

@@ -1,17 +1,17 @@
 #!/usr/bin/env python3
-"""Checks the model of the sync protocol, and holds the region machine to it.
+"""Checks the model of the sync protocol, and compares the region machine with it.
 
-Four steps, in a folder for what they make (--work):
+Four parts, with their files in a folder (--work):
 
-1. the promises: spin searches every state of each model, and may break none;
-2. the limits: what is not promised, with a variant of the model for each, in which spin must find
-   the way to break it;
-3. the defects: one planted in the model at a time, which must break the promise that is named;
-4. the conformance: every transition of the model is taken by the region machine (--conformance, the
+1. the properties: spin searches every state of each model for a violation, and must find none;
+2. the limits: what is not guaranteed, with a variant of the model for each, in which spin must find
+   a violation;
+3. the defects: one planted in the model at a time, which must violate the property that is named;
+4. the conformance: the region machine takes every transition of the model (--conformance, the
    program that replays them).
 
-Prints a line for each, and the steps that lead to a promise broken; the exit status is 1 when
-something is not as it must be.
+Prints a line for each, and the steps that lead to a violation; the exit status is 1 when a part has
+another result.
 """
 
 import argparse
@@ -28,16 +28,16 @@ GOOD = "good_drivers.pml"
 GOES_ON = "SyncsGoOnCompleting"
 # Deeper than any search goes; a search that is cut short counts as failed.
 DEPTH = 2000000
-# Where a fault is expected, it is looked for near the beginning first, and no deeper than this.
+# An expected violation is searched within these depths first.
 BOUNDS = (10, 20, 40)
-# Of the five notifications, as many may wait in the graph that the machine replays: with three, it
-# would have four times as many transitions to take. The promises are searched with all five.
+# How many of the five notifications may be pending in the graph that the machine replays: with three,
+# it would have four times as many transitions. The properties are searched with all five.
 PENDING_IN_GRAPH = 2
 
 
 @dataclass(frozen=True)
 class Limit:
-    """What does not hold, and is not promised."""
+    """What does not hold, and is not guaranteed."""
     about: str
     model: str
     define: str
@@ -47,16 +47,16 @@ class Limit:
 LIMITS = [
     Limit("a driver that dies between grant and start leaves a lock that no timer frees",
           ANY, "EVERY_LOCK_IS_WATCHED", "EveryLockIsWatched"),
-    Limit("where nobody clears such a lock, no driver that keeps to the page syncs again",
+    Limit("if nobody clears such a lock, no driver that follows the protocol syncs again",
           GOOD, "NOBODY_CLEARS", GOES_ON),
-    Limit("a driver that lives, and is silent for the timeout, can sync beside another",
+    Limit("a driver that is alive but silent for the timeout can sync at the same time as another",
           GOOD, "SLOW_DRIVERS", "NeverTwoSyncs"),
 ]
 
 
 @dataclass(frozen=True)
 class Defect:
-    """A change of switch.pml, and the promise that it breaks in a model."""
+    """A change of switch.pml, and the property that it breaks in a model."""
     model: str
     breaks: str
     old: str
@@ -114,61 +114,61 @@ def ran(pan: Path, *options: str) -> str:
 
 def steps_to_failure(work: Path, model: str, defines: list[str]) -> list[str]:
     """What the model prints on the way to what the search found."""
-    told = run(["spin", *(f"-D{d}" for d in defines), "-T", "-B", "-t", model], work,
-               stdout=subprocess.PIPE).stdout
-    return [line for line in told.splitlines() if line.startswith(("STEP", "BROKEN"))]
+    output = run(["spin", *(f"-D{d}" for d in defines), "-T", "-B", "-t", model], work,
+                 stdout=subprocess.PIPE).stdout
+    return [line for line in output.splitlines() if line.startswith(("STEP", "BROKEN"))]
 
 
 def search(work: Path, model: str, defines: list[str], liveness: bool,
            short: bool = False) -> tuple[str, list[str]]:
-    """What a search says at its end, and the steps to what it found; the last names the promise.
+    """What a search says at its end, and the steps to what it found; the last names the property.
 
     With `short` it looks near the beginning first, so that the steps to a fault are few.
     """
-    told = ""
+    output = ""
     if short and not liveness:
         pan = make_search(work, model, defines, ["-DSAFETY", "-DNOCLAIM", "-DREACH"])
         for bound in BOUNDS:
-            told = ran(pan, f"-m{bound}")
-            if "errors: 1" in told:
+            output = ran(pan, f"-m{bound}")
+            if "errors: 1" in output:
                 break
-    if "errors: 1" not in told:
+    if "errors: 1" not in output:
         flags = ["-DNFAIR=3"] if liveness else ["-DSAFETY", "-DNOCLAIM"]
         pan = make_search(work, model, defines, flags)
-        told = ran(pan, f"-m{DEPTH}", *(["-a", "-f"] if liveness else []))
-    if "errors: 0" in told and "search depth too small" not in told:
-        states = re.search(r"(\d+) states, stored", told)
-        moves = re.search(r"(\d+) transitions", told)
+        output = ran(pan, f"-m{DEPTH}", *(["-a", "-f"] if liveness else []))
+    if "errors: 0" in output and "search depth too small" not in output:
+        states = re.search(r"(\d+) states, stored", output)
+        moves = re.search(r"(\d+) transitions", output)
         return f"{states.group(1)} states, {moves.group(1)} transitions", []
-    if "errors: 1" not in told:
-        raise Wrong(f"{model}: the search did not come to its end:\n{told}")
+    if "errors: 1" not in output:
+        raise Wrong(f"{model}: the search did not come to its end:\n{output}")
     steps = steps_to_failure(work, model, defines)
-    if "acceptance cycle" in told:
+    if "acceptance cycle" in output:
         steps.append(f"BROKEN {GOES_ON}")
     elif not steps or not steps[-1].startswith("BROKEN"):
-        raise Wrong(f"{model}: spin found a fault that is no promise:\n{told}")
+        raise Wrong(f"{model}: spin found a fault that is no property:\n{output}")
     return "", steps
 
 
 def must_hold(work: Path) -> None:
     for model, liveness in ((ANY, False), (GOOD, False), (GOOD, True)):
         what = f"{model}, {GOES_ON}" if liveness else model
-        told, steps = search(work / "promises", model, [], liveness)
+        output, steps = search(work / "properties", model, [], liveness)
         if steps:
             if not liveness:
-                steps = search(work / "promises", model, [], liveness, short=True)[1]
-            raise Wrong("\n".join(steps) + f"\n{what}: a promise is broken, by the steps above")
-        print(f"holds    {what}: {told}", flush=True)
+                steps = search(work / "properties", model, [], liveness, short=True)[1]
+            raise Wrong("\n".join(steps) + f"\n{what}: a property is broken, by the steps above")
+        print(f"holds    {what}: {output}", flush=True)
 
 
-def must_break(work: Path, model: str, defines: list[str], promise: str, what: str) -> None:
-    told, steps = search(work, model, defines, promise == GOES_ON, short=True)
+def must_break(work: Path, model: str, defines: list[str], property: str, what: str) -> None:
+    output, steps = search(work, model, defines, property == GOES_ON, short=True)
     if not steps:
-        raise Wrong(f"{what}: {promise} must be broken, and holds in {told}")
-    if steps[-1] != f"BROKEN {promise}":
-        raise Wrong(f"{what}: {promise} must be broken, and what was found is {steps[-1]}, after\n"
+        raise Wrong(f"{what}: {property} must be broken, and holds in {output}")
+    if steps[-1] != f"BROKEN {property}":
+        raise Wrong(f"{what}: {property} must be broken, and what was found is {steps[-1]}, after\n"
                     + "\n".join(steps))
-    print(f"broken   {promise}, {what}", flush=True)
+    print(f"broken   {property}, {what}", flush=True)
 
 
 def plant(work: Path, defect: Defect) -> None:
@@ -188,8 +188,8 @@ def print_graph(work: Path) -> Path:
     graph = work / "graph"
     with graph.open("w", encoding="ascii") as out:
         run([str(pan), f"-m{DEPTH}"], work, stdout=out)
-    told = graph.read_text("ascii")
-    if "search depth too small" in told or "errors: 0" not in told:
+    output = graph.read_text("ascii")
+    if "search depth too small" in output or "errors: 0" not in output:
         raise Wrong("the search for the graph did not come to its end")
     return graph
 

@@ -59,7 +59,7 @@ ask:
   :: atomic { owner == me && granted == request[me] -> syncing[me] = 1 }
   :: atomic { owner != me || granted != request[me] -> request[me] = NONE }; goto ask
   fi;
-  promise(NeverTwoSyncs, !syncing[OTHER(me)]);
+  property(NeverTwoSyncs, !syncing[OTHER(me)]);
   writeSyncStatus(IN_PROGRESS);
   mayDie();
   writeHeartbeat();

@@ -80,14 +80,14 @@ inline stepEnds() {
   printf("\n")
 }
 
-/* The monitors: what is promised, kept apart from how the switch does it. A graph has none. */
+/* The monitors: the properties, kept apart from how the switch does it. A graph has none. */
 #ifndef GRAPH
 mtype = { NeverTwoHolders, AGrantNamesItsRequest, AFreeLockNamesNobody,
           TheOldStatusIsTheOneBefore, NoCompletionWithoutAStart, ACompletionFreesTheLock,
           ACompletionIsNeverRefused, ASilentHolderLosesTheLock, ARunningSyncIsWatched,
           EveryLockIsWatched, NeverTwoSyncs };
 
-inline promise(name, holds) {
+inline property(name, holds) {
   if
   :: holds -> skip
   :: else -> printf("\nBROKEN %e\n", name); assert(false)
@@ -117,13 +117,13 @@ inline remember() {
 /* After each notification. */
 inline observe(n) {
   /* A held lock is not handed over. */
-  promise(NeverTwoHolders, grantedBefore == NONE || granted == NONE ||
+  property(NeverTwoHolders, grantedBefore == NONE || granted == NONE ||
                              (owner == ownerBefore && granted == grantedBefore));
-  promise(AGrantNamesItsRequest, grantedBefore != NONE || granted == NONE ||
+  property(AGrantNamesItsRequest, grantedBefore != NONE || granted == NONE ||
                                    (owner == requester && granted == requestId &&
                                     (n == ON_REQUESTER || n == ON_REQUEST_ID)));
-  promise(AFreeLockNamesNobody, granted != NONE || owner == NOBODY);
-  promise(TheOldStatusIsTheOneBefore, status == statusBefore || oldStatus == statusBefore);
+  property(AFreeLockNamesNobody, granted != NONE || owner == NOBODY);
+  property(TheOldStatusIsTheOneBefore, status == statusBefore || oldStatus == statusBefore);
   if
   :: granted != NONE && grantedBefore == NONE -> proven = 0; age = 0
   :: else -> skip
@@ -134,14 +134,14 @@ inline observe(n) {
   :: else -> skip
   fi;
 #if defined(GOOD_DRIVERS) && !defined(SLOW_DRIVERS)
-  promise(ACompletionIsNeverRefused,
+  property(ACompletionIsNeverRefused,
           n != ON_SYNC_STATUS || announced != COMPLETE || statusBefore == IN_PROGRESS);
 #endif
   if
   :: n == ON_SYNC_STATUS && announced == IN_PROGRESS -> begun = 1
   :: status == COMPLETE && statusBefore != COMPLETE ->
-     promise(NoCompletionWithoutAStart, begun && n == ON_SYNC_STATUS && announced == COMPLETE);
-     promise(ACompletionFreesTheLock, granted == NONE);
+     property(NoCompletionWithoutAStart, begun && n == ON_SYNC_STATUS && announced == COMPLETE);
+     property(ACompletionFreesTheLock, granted == NONE);
      begun = 0;
      completed = 1
   :: n == ON_TIME || (n == ON_SYNC_STATUS && announced != COMPLETE) -> begun = 0
@@ -152,10 +152,10 @@ inline observe(n) {
 /* When nothing waits any more. */
 inline observeIdle() {
   /* No lock outlives the timeout after the last sign of life. */
-  promise(ASilentHolderLosesTheLock, granted == NONE || !proven || silent < TIMEOUT);
-  promise(ARunningSyncIsWatched, status != IN_PROGRESS || left > 0);
+  property(ASilentHolderLosesTheLock, granted == NONE || !proven || silent < TIMEOUT);
+  property(ARunningSyncIsWatched, status != IN_PROGRESS || left > 0);
 #ifdef EVERY_LOCK_IS_WATCHED
-  promise(EveryLockIsWatched, granted == NONE || left > 0);
+  property(EveryLockIsWatched, granted == NONE || left > 0);
 #endif
   if
   :: granted == NONE -> proven = 0; silent = 0; age = 0

@@ -1,4 +1,4 @@
-"""What must hold of the output whatever happened before: a second, independent look at a run.
+"""Invariants of the output after any history: a second, independent check of a run.
 
 The model follows events one by one. Here the document alone says what has to be published for it,
 and what may be left over from before.

@@ -1,6 +1,6 @@
-"""What the program does with a document and its events, told as plainly as it can be.
+"""What the program does with a document and its events, in the simplest form.
 
-There are no machines here. An operation of a patch changes `cloud`, the input as it stands at
+There are no machines here. An operation of a patch changes `cloud`, the current input at
 that moment, does at once what is done at once, and leaves the rest in `waiting`, which is the
 activity loop: it runs after each phase of a patch and after each timer.
 """

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Replays streams of the simulation through the agent: each step of both must come to the same.
+"""Replays streams of the simulation through the agent: each step must have the same result in both.
 
     library_simulation --events 4000 --write FOLDER --vnagent build/release/bin/vnagent
     replay.py FOLDER
