@@ -4,9 +4,9 @@
     tests/run.py [--preset release] [--only REGEX]
 
 A suite is what the names of its tests have before the first "/"; a test without one is a suite by
-itself. A suite's line appears when the last of its tests has ended. Then come the output of each test
-that failed and the names of these tests, and last ctest's own closing line. The exit status is that
-of ctest.
+itself. A suite's line appears when the last of its tests has ended. Then come the output of each
+test that failed and the names of these tests, and last ctest's own closing line. The exit status is
+that of ctest.
 """
 
 import argparse

@@ -1,6 +1,5 @@
 #!/usr/bin/env python3
-"""Checks the pages: the targets of links and the files that are named exist, and the drawing is made
-from its source.
+"""Checks the pages: link targets and named files exist, and the drawing is made from its source.
 
 In all *.md of the project: a relative link names a file or folder of it, and an anchor one of the
 headings of that page; a path in backticks that looks like a source or document (`agent/main.cpp`)
@@ -81,7 +80,8 @@ def drawing_faults(root: Path) -> list[str]:
         drawing = source.with_suffix(".svg")
         digest = hashlib.sha256(source.read_bytes()).hexdigest()
         if not drawing.exists() or f"source sha256: {digest}" not in drawing.read_text("utf-8"):
-            faults.append(f"{drawing.relative_to(root)}: was not made from {source.name}; run docs/draw")
+            faults.append(f"{drawing.relative_to(root)}: was not made from {source.name}; "
+                          "run docs/draw")
     return faults
 
 

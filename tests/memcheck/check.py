@@ -6,8 +6,8 @@
 Starting valgrind takes longer than most scenarios, so one process, RUNS, runs all scenarios of one
 value of the feature toggle, which is fixed for a process; each cloud is destroyed at the end of its
 run. The library is the one that was built, but its pool is replaced by the system's allocator
-(SYSTEM_MEMORY), since memcheck cannot see objects inside the pool's slabs. The output of the runs is
-checked against the scenarios.
+(SYSTEM_MEMORY), since memcheck cannot see objects inside the pool's slabs. The output of the runs
+is checked against the scenarios.
 
 First, memcheck must find a use after free and a leak of an object of the library, which are made on
 purpose: a check that cannot fail proves nothing.

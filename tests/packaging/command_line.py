@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 """Compares the man page and the shell completions with the program's own help.
 
-The commands and options that `vnagent --help` and `vnagent COMMAND --help` name must be those of the
-man page and of the completions for bash, zsh and fish, command by command. Each fault is printed;
+The commands and options that `vnagent --help` and `vnagent COMMAND --help` name must be those of
+the man page and of the completions for bash, zsh and fish, command by command. Each fault is printed;
 the exit status is 1 when there is one.
 """
 

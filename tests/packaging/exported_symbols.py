@@ -15,8 +15,8 @@ from pathlib import Path
 
 NAMESPACES = r"(?:Kiv|OpenStack|VirtualNetwork)::"
 
-# What may be exported wherever it comes from: type information and code of the public namespaces, of
-# the standard library, and of the UUID generator's exceptions, which their headers export.
+# What may be exported wherever it comes from: type information and code of the public namespaces,
+# of the standard library, and of the UUID generator's exceptions, which their headers export.
 WEAK = re.compile(
     r"(?:typeinfo (?:name )?for |vtable for |VTT for |construction vtable for |guard variable for "
     r"|(?:non-)?virtual thunk to |TLS (?:init|wrapper) function for )?"

@@ -30,8 +30,8 @@ GOES_ON = "SyncsGoOnCompleting"
 DEPTH = 2000000
 # An expected violation is searched within these depths first.
 BOUNDS = (10, 20, 40)
-# How many of the five notifications may be pending in the graph that the machine replays: with three,
-# it would have four times as many transitions. The properties are searched with all five.
+# How many of the five notifications may be pending in the graph that the machine replays: with
+# three, it would have four times as many transitions. The properties are searched with all five.
 PENDING_IN_GRAPH = 2
 
 

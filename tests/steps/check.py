@@ -2,10 +2,10 @@
 """Checks that no change costs more in a larger cloud.
 
 `operations` makes each kind of change on clouds of two sizes, which differ in one number: of ports,
-hosts, networks, regions or pending notifications. Valgrind's callgrind counts the instructions, which
-are the same on a busy machine and an idle one. The median of each kind is compared, since now and then
-a table is enlarged, a cost that is amortised. A kind whose median grows by more than the tolerance is
-printed; the exit status is 1 when there is one.
+hosts, networks, regions or pending notifications. Valgrind's callgrind counts the instructions,
+which are the same on a busy machine and an idle one. The median of each kind is compared, since now
+and then a table is enlarged, a cost that is amortised. A kind whose median grows by more than the
+tolerance is printed; the exit status is 1 when there is one.
 """
 
 import argparse
@@ -29,9 +29,9 @@ class Shape(NamedTuple):
     toggle: str = "on"
 
 
-# What grows, sixteenfold each time, so that tables that double have the same load. Ports and networks
-# are on two hosts, so that the entries of a host grow nearly as much; more hosts or networks need ports
-# that use them, so there are many ports in both sizes.
+# What grows, sixteenfold each time, so that tables that double have the same load. Ports and
+# networks are on two hosts, so that the entries of a host grow nearly as much; more hosts or
+# networks need ports that use them, so there are many ports in both sizes.
 GROWTH = {
     "ports": (Shape(hosts=2, networks=2), Shape(ports=8000, hosts=2, networks=2)),
     "ports, with network elements": (Shape(hosts=2, networks=2, toggle="off"),

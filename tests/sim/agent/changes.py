@@ -1,4 +1,4 @@
-"""Compares `vnagent run --each --changes` with the outputs that `--each` prints for the same stream.
+"""Compares `vnagent run --each --changes` with what `--each` prints for the same stream.
 
 Each change must be the merge patch between two outputs, and no more; and all of them, applied one
 after the other, must give the output byte for byte.

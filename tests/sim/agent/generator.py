@@ -354,8 +354,9 @@ class Generator:
             del found[1][found[2][-1]]
 
     def move_host(self, doc: Doc) -> None:
-        """Take a host from all ports of its region, and bind two ports of another region to it. Later
-        one of the two is unbound, and then the first region binds to the host: to be refused."""
+        """Take a host from all ports of its region, and bind two ports of another region to it.
+        Later one of the two is unbound, and then the first region binds to the host: to be
+        refused."""
         regions = objects(doc.get("region"))
         hosts = sorted((name, host) for name, region in regions.items()
                        for host in hosts_of(region, "host"))
