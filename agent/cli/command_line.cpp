@@ -198,6 +198,18 @@ void addImport(CLI::App& app, ImportOptions& options) {
   addMaxInput(*command, options.maxInputBytes);
 }
 
+void addSchema(CLI::App& app, SchemaOptions& options) {
+  CLI::App* command = app.add_subcommand(
+      "schema", "Print the JSON Schema (draft 2020-12) of a document, on standard output.");
+  command
+      ->add_option_function<std::string>(
+          "DOCUMENT", [&options](const std::string& word) { options.output = word == "output"; },
+          "cloud: what run and check read; output: what run prints")
+      ->type_name("cloud|output")
+      ->check(oneOf("cloud", "output"))
+      ->required();
+}
+
 // Two inputs cannot both be standard input. Throws CLI::ParseError.
 void checkInputs(const std::string& cloud, const std::string& events) {
   if (cloud != "-" || events != "-") return;
@@ -306,9 +318,11 @@ int runCommandLine(int argc, char** argv, const Finished& finished) {
   RunOptions runOptions;
   CheckOptions checkOptions;
   ImportOptions importOptions;
+  SchemaOptions schemaOptions;
   addRun(app, runOptions);
   addCheck(app, checkOptions);
   addImport(app, importOptions);
+  addSchema(app, schemaOptions);
   try {
     app.parse(argc, argv);
     checkInputs(runOptions.cloud, runOptions.events);
@@ -327,6 +341,7 @@ int runCommandLine(int argc, char** argv, const Finished& finished) {
   const ExitStatus status = guarded([&] {
     if (app.got_subcommand("run")) return run(runOptions, finished);
     if (app.got_subcommand("check")) return check(checkOptions);
+    if (app.got_subcommand("schema")) return printSchema(schemaOptions);
     return importNeutron(importOptions);
   });
   return static_cast<int>(status);

@@ -40,6 +40,10 @@ struct ImportOptions {
   uint64_t maxInputBytes = kDefaultMaxInputBytes;  // of each file
 };
 
+struct SchemaOptions {
+  bool output = false;  // of the output document, instead of the cloud document
+};
+
 // Called with the exit status of a run once all output is written, and before the run's objects are
 // destroyed. It may end the process.
 using Finished = std::function<void(int status)>;
@@ -49,5 +53,6 @@ using Finished = std::function<void(int status)>;
 ExitStatus run(const RunOptions& options, const Finished& finished);
 ExitStatus check(const CheckOptions& options);
 ExitStatus importNeutron(const ImportOptions& options);
+ExitStatus printSchema(const SchemaOptions& options);
 
 }  // namespace vnagent

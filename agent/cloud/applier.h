@@ -28,37 +28,29 @@ class Applier {
   void operator()(const op::LevelDel& o);
   void operator()(const op::AttachmentDel& o);
   void operator()(const op::PortBindingDel& o);
-  void operator()(const op::SegmentDel& o);
-  void operator()(const op::PortDel& o);
-  void operator()(const op::RegionSetDel& o);
+  void operator()(const op::ThingDel& o);
   void operator()(const op::RegionDel& o);
   void operator()(const op::VlanDel& o);
   void operator()(const op::VlanAssignmentDel& o);
-  void operator()(const op::ConfigSetDel& o);
-  void operator()(const op::ServiceAclTypeVrfDel& o);
 
-  void operator()(const op::ConfigScalarIs& o);
+  void operator()(const op::ScalarIs& o);
   void operator()(const op::RegionSyncTimeoutIs& o);
-  void operator()(const op::ConfigSetIs& o);
-  void operator()(const op::ServiceAclTypeVrfIs& o);
+
   void operator()(const op::VlanAssignmentIs& o);
   void operator()(const op::VlanIs& o);
-
   void operator()(const op::RegionIs& o);
-  void operator()(const op::RegionSetIs& o);
-  void operator()(const op::SegmentIs& o);
-  void operator()(const op::PortIs& o);
+  void operator()(const op::ThingIs& o);
   void operator()(const op::PortBindingIs& o);
   void operator()(const op::AttachmentIs& o);
   void operator()(const op::LevelIs& o);
-
-  void operator()(const op::RegionScalarIs& o);
 
   // Lets go of what it remembers, before the activity loop runs.
   void forget();
 
  private:
   OpenStack::Region& region(std::string_view name);
+  // The region's entity, or the configuration's.
+  Kiv::PtrInterface& ownerOf(const Region* region);
   OpenStack::PortBinding& binding(const AttachmentAddress& at);
   OpenStack::PortToHostBinding& hostBinding(const AttachmentAddress& at);
 

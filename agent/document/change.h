@@ -1,9 +1,9 @@
-// What one patch did to the cloud document: every thing that it touched, as it was before.
+// What one patch did to the cloud document: every thing that it made dirty, with its before-image.
 //
-// Merging a patch changes the document in place and writes this journal. The journal then serves
-// three readers: the rules are checked on what was touched, the plan of operations is made from the
-// difference, and a refused patch is taken back. What a patch removed lives on in the journal, so
-// that nothing in the plan dangles, until the journal goes.
+// Merging a patch changes the document in place and notes that here. The change then serves three
+// readers: the rules are checked on what is dirty, the plan of operations is made from the
+// difference, and a refused patch is rolled back. What a patch removed lives on in the change, so
+// that nothing in the plan dangles, until the change goes.
 //
 // Only what stood in the document before is taken apart here: a new region, port binding or VLAN
 // assignment is one entry, and what is in it is read from the document itself.
@@ -18,115 +18,80 @@
 
 namespace vnagent {
 
-struct SetTouch {
-  std::vector<NameSet::node_type> removed;
-  std::vector<std::string_view> added;
-};
+// A member of a map that was added, removed or changed.
+template <class Map>
+struct Dirty {
+  typename Map::value_type* entry;  // good until the next patch, also when it was removed
+  bool existed;
+  typename Map::node_type gone = {};  // holds the entry once it was removed
 
-struct SegmentTouch {
-  SegmentEntry* segment;
-  std::optional<SegmentValue> before;
+  const auto& key() const { return entry->first; }
+  auto& value() const { return entry->second; }
+  bool added() const { return !existed; }
+  bool removed() const { return !gone.empty(); }
+  bool changed() const { return existed && gone.empty(); }
 
-  bool added() const { return !before && segment->second.value; }
-  bool removed() const { return before && !segment->second.value; }
-  bool changed() const {
-    return before && segment->second.value && before != segment->second.value;
+  // Puts the entry back where it was removed, takes it out where it was added, and returns whether
+  // it stays.
+  bool rollBack(Map& map) {
+    if (removed()) map.insert(std::move(gone));
+    if (added()) map.erase(map.find(entry->first));
+    return existed;
   }
 };
 
-struct PortTouch {
-  std::string_view id;
-  std::optional<uint8_t> before;
-  Port* port;               // null when it is gone
-  PortMap::node_type gone;  // else empty
-
-  bool changed() const { return before && port != nullptr && *before != port->vlanType; }
+struct DirtyThing : Dirty<Things> {
+  Values before = {};  // where it was changed
 };
 
-struct AttachmentTouch {
-  AttachmentEntry* attachment;
-  bool existed;
-  AttachmentMap::node_type gone;  // holds the attachment when it was removed
-  Levels levelsBefore;            // these two only where it existed and still does
-  std::string hostBefore;
-
-  bool added() const { return !existed; }
-  bool removed() const { return !gone.empty(); }
+// A scalar of the configuration or a region.
+struct DirtyScalar {
+  size_t row;
+  Scalar before;
+  bool written;  // named by the patch, or changed by what it removed
 };
 
-struct PortBindingTouch {
-  PortBinding* binding;
-  bool existed;
-  PortBindingMap::node_type gone;
-  // In ascending order of the key, by AttachmentKind; of one that existed and still does.
-  std::array<std::vector<AttachmentTouch>, 2> attachments;
+struct DirtyAttachment : Dirty<AttachmentMap> {
+  Attachment before = {};  // where it was changed
+};
 
-  bool added() const { return !existed; }
-  bool removed() const { return !gone.empty(); }
-  const std::vector<AttachmentTouch>& of(AttachmentKind kind) const {
+struct DirtyPortBinding : Dirty<PortBindingMap> {
+  // In ascending order of the key, by AttachmentKind; of one that was changed.
+  std::array<std::vector<DirtyAttachment>, 2> attachments = {};
+
+  std::vector<DirtyAttachment>& of(AttachmentKind kind) {
+    return attachments[static_cast<size_t>(kind)];
+  }
+  const std::vector<DirtyAttachment>& of(AttachmentKind kind) const {
     return attachments[static_cast<size_t>(kind)];
   }
 };
 
-struct RegionTouch {
-  Region* region;
-  bool existed;
-  RegionMap::node_type gone;
-  std::vector<std::pair<RegionScalar, ScalarValue>> scalars;  // those that the patch names
-  // All in ascending order of the key; of a region that existed and still does.
-  std::array<SetTouch, kRegionSets.size()> sets;
-  std::vector<SegmentTouch> segments;
-  std::vector<PortTouch> ports;
-  std::vector<PortBindingTouch> portBindings;
-  // Segments that may have lost, or never had, their value.
-  std::vector<SegmentEntry*> loose;
-
-  bool added() const { return !existed; }
-  bool removed() const { return !gone.empty(); }
+struct DirtyRegion : Dirty<RegionMap> {
+  std::vector<DirtyScalar> scalars = {};  // in the order in which they are written
+  // All in ascending order of the key; of a region that was changed.
+  std::array<std::vector<DirtyThing>, kRegionCollections.size()> things = {};
+  std::vector<DirtyPortBinding> portBindings = {};
 };
 
-struct VlanTouch {
+struct DirtyVlan {
   uint16_t vlan;
   std::optional<bool> before;
   std::optional<bool> after;
 };
 
-struct VlanAssignmentTouch {
-  std::string_view assignment;
-  VlanSet* vlans;
-  bool existed;
-  VlanAssignmentMap::node_type gone;
-  std::vector<VlanTouch> touched;  // ascending; of one that existed and still does
-
-  bool added() const { return !existed; }
-  bool removed() const { return !gone.empty(); }
-};
-
-struct ConfigScalarTouch {
-  ConfigScalar which;
-  std::optional<ScalarValue> before;
-  bool written;  // named by the patch, or changed by what it removed
-};
-
-struct AclTypeVrfTouch {
-  std::string_view key;
-  std::optional<std::string> before;
-  const std::string* after;  // null when it is gone
-  decltype(Config::serviceAclTypeVrfMap)::node_type gone;
+struct DirtyVlanAssignment : Dirty<VlanAssignmentMap> {
+  std::vector<DirtyVlan> vlans = {};  // ascending; of one that was changed
 };
 
 struct Change {
-  std::vector<ConfigScalarTouch> configScalars;  // in the order in which they are written
-  std::array<SetTouch, kConfigSets.size()> configSets;
-  std::vector<AclTypeVrfTouch> aclTypeVrf;
-  std::vector<VlanAssignmentTouch> vlanAssignments;
-  std::vector<RegionTouch> regions;  // ascending
+  std::vector<DirtyScalar> configScalars;  // in the order in which they are written
+  std::array<std::vector<DirtyThing>, kConfigCollections.size()> configThings;
+  std::vector<DirtyVlanAssignment> vlanAssignments;
+  std::vector<DirtyRegion> regions;  // ascending
 
-  // Puts the document and its indexes back as they were before the patch.
-  void undo(CloudState& state);
-
-  // Drops segments that nothing names any more. Views into the change's plan end here.
-  void settle(CloudState& state);
+  // Puts the document and its indexes back as they were before the patch, and empties the change.
+  void rollBack(CloudState& state);
 };
 
 }  // namespace vnagent

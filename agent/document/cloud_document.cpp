@@ -8,12 +8,12 @@
 namespace vnagent {
 
 Outcome CloudDocument::apply(const JsonValue& patch, std::vector<Fault> found) {
-  last_.settle(state_);
+  last_ = {};
   Faults faults(patch, std::move(found));
   merge(patch, state_, last_, faults);
   checkRules(state_, last_, faults);
   if (faults.none()) return {{}, &last_};
-  last_.undo(state_);
+  last_.rollBack(state_);
   return {faults.take(), nullptr};
 }
 

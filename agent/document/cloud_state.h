@@ -1,12 +1,11 @@
 // The cloud document as the agent holds it: typed, with the reverse indexes that make a patch cost
 // what the patch is, not what the cloud is.
 //
-// The structs are plain data for reading. Whatever touches an index (which bindings use a segment,
-// which region a host or a port id is in) goes through the functions of CloudState, each of which
-// has an opposite: a patch that turns out to break a rule is taken back with the same functions in
-// the other direction (see change.h).
+// The structs are plain data for reading. Whatever is in an index (which bindings use a segment,
+// which region a host or a port id is in) is indexed and unindexed by the functions of CloudState:
+// a patch that turns out to break a rule is rolled back with the same functions (see change.h).
 //
-// Addresses are stable: a segment, port, port binding or region keeps its place in memory, its key
+// Addresses are stable: a thing, port binding or region keeps its place in memory, its key
 // included, until it is erased; an extracted map node keeps it too. One thread.
 #pragma once
 
@@ -14,29 +13,18 @@
 #include <cstdint>
 #include <iterator>
 #include <map>
-#include <optional>
-#include <set>
 #include <string>
 #include <string_view>
 #include <unordered_map>
 #include <utility>
 #include <vector>
 
-#include "agent/document/vocabulary.h"
+#include "agent/document/kinds/document.h"
 
 namespace vnagent {
 
 struct PortBinding;
 struct Region;
-
-using NameSet = std::set<std::string, std::less<>>;
-
-struct SegmentValue {
-  uint8_t type = 0;
-  uint32_t id = 0;
-  friend bool operator==(const SegmentValue&, const SegmentValue&) = default;
-};
-
 struct Attachment;
 struct AttachmentKey;
 using AttachmentEntry = std::pair<const AttachmentKey, Attachment>;
@@ -48,23 +36,24 @@ struct SegmentUse {
   uint8_t level;
 };
 
-// A segment. It has no value where a level names one that does not exist; that happens only while a
-// patch is being looked at.
-struct Segment {
-  std::optional<SegmentValue> value;
-  std::vector<SegmentUse> users;  // in no order
+// A member of a collection that has scalars only, or nothing but its key; a segment has its users
+// too, in no order.
+struct Thing {
+  Values values;
+  std::vector<SegmentUse> users;
+  bool present = true;  // false of a segment that a level names but that is not there; that happens
+                        // only while a patch is being looked at
 };
-using SegmentMap = std::map<std::string, Segment, std::less<>>;
-using SegmentEntry = SegmentMap::value_type;
+using Things = std::map<std::string, Thing, std::less<>>;
+using ThingEntry = Things::value_type;
 
-struct Port {
-  uint8_t vlanType = 0;
-};
-using PortMap = std::map<std::string, Port, std::less<>>;
+// A segment's type and id; nothing where it has none that could be read.
+std::optional<int64_t> segmentType(const Values& segment);
+std::optional<int64_t> segmentNumber(const Values& segment);
 
 struct Level {
   uint8_t level = 0;
-  SegmentEntry* segment = nullptr;
+  ThingEntry* segment = nullptr;
   size_t position = 0;  // of this use among the segment's
 
   friend bool operator==(const Level& a, const Level& b) {
@@ -74,14 +63,15 @@ struct Level {
 
 // The levels of one attachment in ascending order; two are usual, 256 the most.
 using Levels = std::vector<Level>;
-SegmentEntry* segmentAt(const Levels& levels, uint8_t level);
+ThingEntry* segmentAt(const Levels& levels, uint8_t level);
 
 // Where a port is attached: a host binding or a switch-interface binding of its port binding.
 enum class AttachmentKind : uint8_t { kHost, kSwitchInterface };
-inline constexpr std::array<std::string_view, 2> kAttachmentWords{"portToHostBinding",
-                                                                  "portToSwitchInterfaceBinding"};
 inline constexpr std::array kAttachmentKinds{AttachmentKind::kHost,
                                              AttachmentKind::kSwitchInterface};
+constexpr const CollectionRow& rowOf(AttachmentKind kind) {
+  return kAttachments[static_cast<size_t>(kind)];
+}
 
 // The host of a host binding (and nothing), or the switch identifier and the interface name.
 struct AttachmentKey {
@@ -98,10 +88,14 @@ struct AttachmentKeyLess {
 };
 
 struct Attachment {
-  std::string host;  // the host behind a switch interface; empty in a host binding
+  Values values;
   Levels levels;
 };
 using AttachmentMap = std::map<AttachmentKey, Attachment, AttachmentKeyLess>;
+
+// The host that an attachment occupies: that of a host binding, or the one behind a switch
+// interface; empty where it has none that could be read.
+std::string_view hostOf(AttachmentKind kind, const AttachmentEntry& attachment);
 
 struct PortBinding {
   Region* region = nullptr;
@@ -114,27 +108,24 @@ struct PortBinding {
   }
 };
 using PortBindingMap = std::map<std::string, PortBinding, std::less<>>;
-using PortBindingEntry = PortBindingMap::value_type;
 
-// A region. Its scalars are not held: they are written whenever a patch names them, whatever they
-// were before.
 struct Region {
   std::string_view name;  // the key that it stands under
-  SegmentMap segment;
-  PortMap port;
+  Values values;
+  std::array<Things, kRegionCollections.size()> things;  // by row; those that have a writer
   PortBindingMap portBinding;
-  std::array<NameSet, kRegionSets.size()> sets;
+
+  Things& segments() { return things[kSegmentRow]; }
+  const Things& ports() const { return things[kPortRow]; }
 };
 using RegionMap = std::map<std::string, Region, std::less<>>;
-using RegionEntry = RegionMap::value_type;
 
 using VlanSet = std::map<uint16_t, bool>;
 using VlanAssignmentMap = std::map<std::string, VlanSet, std::less<>>;
 
 struct Config {
-  std::array<std::optional<ScalarValue>, kConfigScalars.size()> scalars;
-  std::array<NameSet, kConfigSets.size()> sets;
-  std::map<std::string, std::string, std::less<>> serviceAclTypeVrfMap;
+  Values values;
+  std::array<Things, kConfigCollections.size()> things;  // by row; those that have a writer
   VlanAssignmentMap vlanAssignment;
 };
 
@@ -146,50 +137,52 @@ typename Map::iterator placeFor(Map& map, const Key& key) {
   return atEnd ? map.end() : map.lower_bound(key);
 }
 
-// Which regions something is in, and how often in each; more than one only while a patch is being
-// looked at, or refused.
+// Which regions a name is in, and how often in each; in more than one only while a patch is being
+// looked at, or refused. Key is std::string, or std::string_view where the text outlives its entry.
+template <class Key>
 class Occupancy {
  public:
-  void add(std::string_view what, const Region& region);
-  void remove(std::string_view what, const Region& region);
+  void add(std::string_view name, const Region& region) {
+    auto [share, end] = shares_.equal_range(Key(name));
+    if (share != end) ++beyondFirst_;
+    for (; share != end; ++share) {
+      if (share->second.region != &region) continue;
+      ++share->second.count;
+      --beyondFirst_;
+      return;
+    }
+    shares_.emplace(name, Share{&region, 1});
+  }
+
+  void remove(std::string_view name, const Region& region) {
+    const auto [first, end] = shares_.equal_range(Key(name));
+    auto share = first;
+    while (share != end && share->second.region != &region) ++share;
+    if (share == end || --share->second.count > 0) return;
+    if (std::next(first) != end) --beyondFirst_;
+    shares_.erase(share);
+  }
 
   // A region other than `region` that has it too, or null.
-  const Region* elsewhere(std::string_view what, const Region& region) const;
+  const Region* elsewhere(std::string_view name, const Region& region) const {
+    if (beyondFirst_ == 0) return nullptr;
+    auto [share, end] = shares_.equal_range(Key(name));
+    while (share != end && share->second.region == &region) ++share;
+    return share == end ? nullptr : share->second.region;
+  }
+
+  // Makes room ahead of many names. For a few it is not worth a look at all entries.
+  void expect(size_t many) {
+    if (many > shares_.size()) shares_.reserve(shares_.size() + many);
+  }
 
  private:
   struct Share {
-    const Region* region = nullptr;
-    uint64_t count = 0;
+    const Region* region;
+    size_t count;
   };
-  struct Shares {
-    Share first;
-    std::vector<Share> others;
-  };
-  struct Hash {
-    using is_transparent = void;
-    size_t operator()(std::string_view text) const { return std::hash<std::string_view>()(text); }
-  };
-
-  std::unordered_map<std::string, Shares, Hash, std::equal_to<>> shares_;
-  size_t shared_ = 0;  // entries with others
-};
-
-// Which region a port id is in; more than one only while a patch is being looked at, or refused.
-// Holds views of the ids, as the regions keep them.
-class PortRegions {
- public:
-  void add(std::string_view id, const Region& region);
-  void remove(std::string_view id, const Region& region);
-
-  // A region other than `region` that has it too, or null.
-  const Region* elsewhere(std::string_view id, const Region& region) const;
-
-  // Makes room, ahead of many ids.
-  void expect(size_t many);
-
- private:
-  std::unordered_map<std::string_view, const Region*> first_;        // one region of each id
-  std::unordered_multimap<std::string_view, const Region*> others_;  // the rest: mostly empty
+  std::unordered_multimap<Key, Share> shares_;
+  size_t beyondFirst_ = 0;  // shares that are not the only one of their name
 };
 
 // The whole document with its indexes.
@@ -198,30 +191,29 @@ class CloudState {
   Config config;
   RegionMap region;
 
-  // Indexes: what the functions below have entered.
-  const PortRegions& ports() const { return ports_; }
-  const Occupancy& hosts(AttachmentKind kind) const { return hosts_[static_cast<size_t>(kind)]; }
+  // Indexes. Port ids are those that the regions keep.
+  const Occupancy<std::string_view>& ports() const { return ports_; }
+  const Occupancy<std::string>& hosts(AttachmentKind kind) const {
+    return hosts_[static_cast<size_t>(kind)];
+  }
 
-  // The host that an attachment occupies.
-  static std::string_view hostOf(AttachmentKind kind, const AttachmentEntry& attachment);
-
-  // Enter or withdraw one thing, or all that is in it. Nothing else changes.
-  // An id of a port is as its region keeps it, and withdrawn before that goes.
-  void enterPort(const Region& in, std::string_view id) { ports_.add(id, in); }
-  void withdrawPort(const Region& in, std::string_view id) { ports_.remove(id, in); }
-  void enter(AttachmentKind kind, PortBinding& binding, AttachmentEntry& attachment);
-  void withdraw(AttachmentKind kind, PortBinding& binding, const AttachmentEntry& attachment);
-  void enter(PortBinding& binding);
-  void withdraw(PortBinding& binding);
-  void enter(Region& whole);
-  void withdraw(Region& whole);
+  // Index or unindex one thing, or all that is in it. Nothing else changes.
+  // An id of a port is as its region keeps it, and unindexed before that goes.
+  void indexPort(const Region& in, std::string_view id) { ports_.add(id, in); }
+  void unindexPort(const Region& in, std::string_view id) { ports_.remove(id, in); }
+  void index(AttachmentKind kind, PortBinding& binding, AttachmentEntry& attachment);
+  void unindex(AttachmentKind kind, PortBinding& binding, const AttachmentEntry& attachment);
+  void index(PortBinding& binding);
+  void unindex(PortBinding& binding);
+  void index(Region& whole);
+  void unindex(Region& whole);
 
   // Makes room for the entries of many ports.
   void expectPorts(size_t many) { ports_.expect(many); }
 
  private:
-  PortRegions ports_;
-  std::array<Occupancy, 2> hosts_;
+  Occupancy<std::string_view> ports_;
+  std::array<Occupancy<std::string>, 2> hosts_;
 };
 
 }  // namespace vnagent

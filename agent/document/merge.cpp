@@ -1,45 +1,194 @@
 #include "agent/document/merge.h"
 
-namespace vnagent {
+#include <algorithm>
 
-void mergeNameSet(const JsonValue& patch, NameSet& set, SetTouch* touch, Faults& faults) {
+namespace vnagent {
+namespace {
+
+// VLAN assignments.
+
+void removeAssignment(VlanAssignmentMap& map, VlanAssignmentMap::iterator at, Change& change) {
+  DirtyVlanAssignment dirty{{&*at, true}};
+  dirty.gone = map.extract(at);
+  change.vlanAssignments.push_back(std::move(dirty));
+}
+
+void mergeVlans(const JsonValue& patch, DirtyVlanAssignment& dirty, Faults& faults) {
+  const CollectionRow& row = kVlanAssignmentCollections.front();
+  VlanSet& vlans = dirty.value();
   if (patch.isNull()) {
-    if (touch != nullptr) {
-      while (!set.empty()) touch->removed.push_back(set.extract(set.begin()));
-    }
-    set.clear();
+    for (const auto& [vlan, assigned] : vlans) dirty.vlans.push_back({vlan, assigned, {}});
+    vlans.clear();
     return;
   }
-  if (!readObject(patch, "a collection by name", faults)) return;
+  if (!readObject(patch, row.what, faults)) return;
   for (const JsonValue* member : patch.all()) {
-    if (member->isNull()) {
-      const auto at = set.find(member->key);
-      if (at == set.end()) continue;
-      auto node = set.extract(at);
-      if (touch != nullptr) touch->removed.push_back(std::move(node));
-      continue;
+    const auto id = readNumberKey(*member, row.key, faults);
+    if (!id) continue;
+    const auto vlan = static_cast<uint16_t>(*id);
+    const auto at = vlans.find(vlan);
+    const auto before = at == vlans.end() ? std::nullopt : std::optional<bool>(at->second);
+    std::optional<bool> after;
+    if (!member->isNull()) {
+      const auto value = read(*member, *row.value, faults);
+      if (!value) continue;
+      after = std::get<bool>(*value);
     }
-    if (!readName(*member, faults)) continue;
-    if (!readObject(*member, "a member without attributes", faults)) continue;
-    for (const JsonValue* inner : member->all()) refuseMember(*inner, "this member", faults);
-    const auto at = set.lower_bound(member->key);
-    if (at != set.end() && *at == member->key) continue;
-    const auto added = set.emplace_hint(at, member->key);
-    if (touch != nullptr) touch->added.push_back(*added);
+    if (after == before) continue;
+    dirty.vlans.push_back({vlan, before, after});
+    if (after) {
+      vlans[vlan] = *after;
+    } else {
+      vlans.erase(at);
+    }
   }
 }
 
-void merge(const JsonValue& patch, CloudState& state, Change& change, Faults& faults) {
-  if (!readObject(patch, "a cloud document", faults)) return;
+void mergeAssignments(const JsonValue& patch, const CollectionRow& row, VlanAssignmentMap& map,
+                      Change& change, Faults& faults) {
+  if (patch.isNull()) {
+    while (!map.empty()) removeAssignment(map, map.begin(), change);
+    return;
+  }
+  if (!readObject(patch, row.what, faults)) return;
   for (const JsonValue* member : patch.all()) {
-    if (member->key == "config") {
-      mergeConfig(*member, state.config, change, faults);
-    } else if (member->key == "region") {
-      mergeRegions(*member, state, change, faults);
+    auto at = map.find(member->key);
+    const bool existed = at != map.end();
+    if (member->isNull()) {
+      if (existed) removeAssignment(map, at, change);
+      continue;
+    }
+    if (!readKey(*member, row.key, faults) || !readObject(*member, row.of->name, faults)) continue;
+    if (!existed) at = map.try_emplace(std::string(member->key)).first;
+    DirtyVlanAssignment dirty{{&*at, existed}};
+    if (const JsonValue* vlans = member->find("vlan")) mergeVlans(*vlans, dirty, faults);
+    refuseUnknown(*member, *row.of, faults);
+    std::ranges::sort(dirty.vlans, {}, &DirtyVlan::vlan);
+    if (!existed || !dirty.vlans.empty()) change.vlanAssignments.push_back(std::move(dirty));
+  }
+}
+
+// Port bindings.
+
+void removePortBinding(CloudState& state, DirtyRegion& region, PortBindingMap::iterator at) {
+  state.unindex(at->second);
+  DirtyPortBinding dirty{{&*at, true}};
+  dirty.gone = region.value().portBinding.extract(at);
+  region.portBindings.push_back(std::move(dirty));
+}
+
+void mergePortBindings(const JsonValue& patch, const CollectionRow& row, CloudState& state,
+                       DirtyRegion& region, Faults& faults) {
+  auto& map = region.value().portBinding;
+  if (patch.isNull()) {
+    while (!map.empty()) removePortBinding(state, region, map.begin());
+    return;
+  }
+  if (!readObject(patch, row.what, faults)) return;
+  for (const JsonValue* member : patch.all()) {
+    auto at = placeFor(map, member->key);
+    const bool existed = at != map.end() && at->first == member->key;
+    if (member->isNull()) {
+      if (existed) removePortBinding(state, region, at);
+      continue;
+    }
+    if (!readKey(*member, row.key, faults) || !readObject(*member, row.of->name, faults)) continue;
+    if (!existed) {
+      at = map.emplace_hint(at, std::string(member->key), PortBinding{});
+      at->second.region = &region.value();
+      at->second.id = at->first;
+    }
+    DirtyPortBinding dirty{{&*at, existed}};
+    auto* segments = region.existed ? &region.things[kSegmentRow] : nullptr;
+    mergePortBinding(*member, state, dirty, segments, faults);
+    const bool changed = !existed || !dirty.attachments[0].empty() || !dirty.attachments[1].empty();
+    if (changed && region.existed) region.portBindings.push_back(std::move(dirty));
+  }
+}
+
+// Regions.
+
+void removeRegion(CloudState& state, Change& change, RegionMap::iterator at) {
+  state.unindex(at->second);
+  DirtyRegion dirty{{&*at, true}};
+  dirty.gone = state.region.extract(at);
+  change.regions.push_back(std::move(dirty));
+}
+
+void mergeRegions(const JsonValue& patch, const CollectionRow& row, CloudState& state,
+                  Change& change, Faults& faults) {
+  if (patch.isNull()) {
+    while (!state.region.empty()) removeRegion(state, change, state.region.begin());
+    return;
+  }
+  if (!readObject(patch, row.what, faults)) return;
+  for (const JsonValue* member : patch.all()) {
+    auto at = state.region.find(member->key);
+    const bool existed = at != state.region.end();
+    if (member->isNull()) {
+      if (existed) removeRegion(state, change, at);
+      continue;
+    }
+    if (!readKey(*member, row.key, faults) || !readObject(*member, row.of->name, faults)) continue;
+    if (!existed) {
+      at = state.region.try_emplace(std::string(member->key)).first;
+      at->second.name = at->first;
+    }
+    change.regions.push_back({{&*at, existed}});
+    mergeRegion(*member, state, change.regions.back(), faults);
+  }
+}
+
+}  // namespace
+
+void mergeConfig(const JsonValue& patch, Config& config, Change& change, Faults& faults) {
+  if (!patch.isNull() && !readObject(patch, kConfig.name, faults)) return;
+  mergeWritten(patch, kConfig, config.values, change.configScalars, faults);
+  for (size_t i = 0; i < kConfigCollections.size(); ++i) {
+    const CollectionRow& row = kConfigCollections[i];
+    const JsonValue* member = patch.isNull() ? &patch : patch.find(row.name);
+    if (member == nullptr) continue;
+    if (row.of == &kVlanAssignment) {
+      mergeAssignments(*member, row, config.vlanAssignment, change, faults);
     } else {
-      refuseMember(*member, "a cloud document", faults);
+      mergeThings(*member, {row, config.things[i], &change.configThings[i], nullptr, nullptr},
+                  faults);
     }
   }
+  refuseUnknown(patch, kConfig, faults);
+}
+
+void mergeRegion(const JsonValue& patch, CloudState& state, DirtyRegion& dirty, Faults& faults) {
+  Region& region = dirty.value();
+  mergeWritten(patch, kRegion, region.values, dirty.scalars, faults);
+  // Port bindings first: when a segment is removed, it is known whether a level still names it.
+  const CollectionRow& bindings = kRegionCollections[kPortBindingRow];
+  if (const JsonValue* member = patch.find(bindings.name)) {
+    mergePortBindings(*member, bindings, state, dirty, faults);
+  }
+  for (size_t i = 0; i < kPortBindingRow; ++i) {
+    const CollectionRow& row = kRegionCollections[i];
+    const JsonValue* member = patch.find(row.name);
+    if (member == nullptr) continue;
+    mergeThings(*member,
+                {row, region.things[i], dirty.existed ? &dirty.things[i] : nullptr, &region,
+                 i == kPortRow ? &state : nullptr},
+                faults);
+  }
+  std::ranges::sort(dirty.things[kSegmentRow], {}, &DirtyThing::key);
+  refuseUnknown(patch, kRegion, faults);
+}
+
+void merge(const JsonValue& patch, CloudState& state, Change& change, Faults& faults) {
+  if (!readObject(patch, kDocument.name, faults)) return;
+  const auto& [config, region] = kDocumentMembers;
+  if (const JsonValue* member = patch.find(config.name)) {
+    mergeConfig(*member, state.config, change, faults);
+  }
+  if (const JsonValue* member = patch.find(region.name)) {
+    mergeRegions(*member, region, state, change, faults);
+  }
+  refuseUnknown(patch, kDocument, faults);
 }
 
 }  // namespace vnagent

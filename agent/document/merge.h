@@ -1,9 +1,9 @@
 // Merges a patch into the cloud document.
 //
 // A patch is a JSON Merge Patch (RFC 7396): objects merge, null removes, anything else replaces.
-// Every value is checked against what its attribute may hold, every member name against what there
-// is; what doesn't fit is noted as a fault and the rest is merged all the same, so that one look at
-// a document finds all that is wrong with it. Rules between things are not looked at here
+// Every value is checked against what its row of kinds.h takes, every member name against what
+// there is; what doesn't fit is noted as a fault and the rest is merged all the same, so that one
+// look at a document finds all that is wrong with it. Rules between things are not looked at here
 // (rules.h).
 #pragma once
 
@@ -17,16 +17,40 @@ namespace vnagent {
 // Writes what it did to `change`, which must be empty, and what it could not do to `faults`.
 void merge(const JsonValue& patch, CloudState& state, Change& change, Faults& faults);
 
-// The two halves of it.
+// The parts of it.
+
+// The members of a configuration, or of a region that is new or was changed.
 void mergeConfig(const JsonValue& patch, Config& config, Change& change, Faults& faults);
-void mergeRegions(const JsonValue& patch, CloudState& state, Change& change, Faults& faults);
+void mergeRegion(const JsonValue& patch, CloudState& state, DirtyRegion& dirty, Faults& faults);
 
-// A collection of members that have a name and nothing else. `touch` is null where nobody asks what
-// changed.
-void mergeNameSet(const JsonValue& patch, NameSet& set, SetTouch* touch, Faults& faults);
+// One port binding that is new or was changed. `segments` takes the segments that its levels are
+// the first to name; null where nobody asks.
+void mergePortBinding(const JsonValue& patch, CloudState& state, DirtyPortBinding& dirty,
+                      std::vector<DirtyThing>* segments, Faults& faults);
 
-// One port binding; `touch` is null for a new one.
-void mergePortBinding(const JsonValue& patch, CloudState& state, PortBinding& binding,
-                      RegionTouch& region, PortBindingTouch* touch, Faults& faults);
+// A collection of things. `dirty` is null where nobody asks what changed; `state` where no thing of
+// the collection is in an index.
+struct ThingCollection {
+  const CollectionRow& row;
+  Things& things;
+  std::vector<DirtyThing>* dirty;
+  const Region* region;  // null in the configuration
+  CloudState* state;
+};
+void mergeThings(const JsonValue& patch, const ThingCollection& collection, Faults& faults);
+
+// Scalars.
+
+// Of a thing that is written: merges them in place. With the thing itself gone (null), what stood
+// in it counts as written where that changes it.
+void mergeWritten(const JsonValue& patch, const Kind& kind, Values& values,
+                  std::vector<DirtyScalar>& dirty, Faults& faults);
+
+// Of a thing that is replaced: what they are after the patch; `before` is null for a new one.
+Values mergeReplaced(const JsonValue& patch, const Kind& kind, const Values* before,
+                     Faults& faults);
+
+// Notes members that the kind does not have.
+void refuseUnknown(const JsonValue& patch, const Kind& kind, Faults& faults);
 
 }  // namespace vnagent

@@ -1,88 +1,71 @@
 #include <algorithm>
 
-#include <fmt/format.h>
-
 #include "agent/document/merge.h"
 
 namespace vnagent {
 namespace {
 
-// Merges into one port binding. Its attachments are entered into the indexes whole, once they are
-// merged, and withdrawn whole before.
+// Merges into one port binding. Its attachments are indexed whole, once they are merged, and
+// unindexed whole before.
 class BindingMerger {
  public:
-  BindingMerger(CloudState& state, PortBinding& binding, RegionTouch& region,
-                PortBindingTouch* touch, Faults& faults)
-      : state_(state), binding_(binding), region_(region), touch_(touch), faults_(faults) {}
+  BindingMerger(CloudState& state, DirtyPortBinding& dirty, std::vector<DirtyThing>* segments,
+                Faults& faults)
+      : state_(state),
+        dirty_(dirty),
+        binding_(dirty.value()),
+        segments_(segments),
+        faults_(faults) {}
 
   void merge(const JsonValue& patch) {
-    for (const JsonValue* member : patch.all()) {
-      const auto kind = indexIn(kAttachmentWords, member->key);
-      if (!kind) {
-        refuseMember(*member, "a port binding", faults_);
-      } else if (static_cast<AttachmentKind>(*kind) == AttachmentKind::kHost) {
-        mergeHosts(*member);
-      } else {
-        mergeSwitches(*member);
+    for (const auto kind : kAttachmentKinds) {
+      const CollectionRow& row = rowOf(kind);
+      const JsonValue* member = patch.find(row.name);
+      if (member == nullptr) continue;
+      if (member->isNull()) {
+        removeAll(kind, std::nullopt);
+      } else if (readObject(*member, row.what, faults_)) {
+        mergeAttachments(*member, kind);
       }
     }
+    refuseUnknown(patch, kPortBinding, faults_);
   }
 
  private:
-  void removeAll(AttachmentKind kind) {
+  void mergeAttachments(const JsonValue& patch, AttachmentKind kind) {
+    const CollectionRow& row = rowOf(kind);
+    for (const JsonValue* member : patch.all()) {
+      if (!member->isNull() && !readKey(*member, row.key, faults_)) continue;
+      if (row.shape == CollectionRow::Shape::kByKey) {
+        mergeAttachment(*member, kind, {member->key, {}});
+      } else if (member->isNull()) {
+        removeAll(kind, member->key);
+      } else if (readObject(*member, row.what, faults_)) {
+        for (const JsonValue* inner : member->all()) {
+          if (!inner->isNull() && !readKey(*inner, row.key, faults_)) continue;
+          mergeAttachment(*inner, kind, {member->key, inner->key});
+        }
+      }
+    }
+  }
+
+  // All of a kind, or those of which this is the first part of the key.
+  void removeAll(AttachmentKind kind, std::optional<std::string_view> first) {
     AttachmentMap& map = binding_.of(kind);
-    while (!map.empty()) remove(kind, map.begin());
+    auto at = first ? map.lower_bound(AttachmentKeyView{*first, {}}) : map.begin();
+    while (at != map.end() && (!first || at->first.first == *first)) remove(kind, at++);
   }
 
   void remove(AttachmentKind kind, AttachmentMap::iterator at) {
-    state_.withdraw(kind, binding_, *at);
-    AttachmentTouch touch{&*at, true, {}, {}, {}};
-    touch.gone = binding_.of(kind).extract(at);
-    if (touch_ != nullptr) note(kind, std::move(touch));
+    state_.unindex(kind, binding_, *at);
+    DirtyAttachment dirty{{&*at, true}};
+    dirty.gone = binding_.of(kind).extract(at);
+    note(kind, std::move(dirty));
   }
 
-  void note(AttachmentKind kind, AttachmentTouch touch) {
-    touch_->attachments[static_cast<size_t>(kind)].push_back(std::move(touch));
-  }
-
-  void mergeHosts(const JsonValue& patch) {
-    if (patch.isNull()) {
-      removeAll(AttachmentKind::kHost);
-      return;
-    }
-    if (!readObject(patch, "host bindings by host", faults_)) return;
-    for (const JsonValue* member : patch.all()) {
-      if (!member->isNull() && !readName(*member, faults_)) continue;
-      mergeAttachment(*member, AttachmentKind::kHost, {member->key, {}});
-    }
-  }
-
-  void mergeSwitches(const JsonValue& patch) {
-    if (patch.isNull()) {
-      removeAll(AttachmentKind::kSwitchInterface);
-      return;
-    }
-    if (!readObject(patch, "switch-interface bindings by switch", faults_)) return;
-    for (const JsonValue* member : patch.all()) {
-      if (member->isNull()) {
-        removeSwitch(member->key);
-        continue;
-      }
-      if (!readName(*member, faults_, true)) continue;
-      if (!readObject(*member, "switch-interface bindings by interface", faults_)) continue;
-      for (const JsonValue* inner : member->all()) {
-        if (!inner->isNull() && !readName(*inner, faults_, true)) continue;
-        mergeAttachment(*inner, AttachmentKind::kSwitchInterface, {member->key, inner->key});
-      }
-    }
-  }
-
-  void removeSwitch(std::string_view name) {
-    AttachmentMap& map = binding_.of(AttachmentKind::kSwitchInterface);
-    auto at = map.lower_bound(AttachmentKeyView{name, {}});
-    while (at != map.end() && at->first.first == name) {
-      remove(AttachmentKind::kSwitchInterface, at++);
-    }
+  // Of a new binding nobody asks what changed.
+  void note(AttachmentKind kind, DirtyAttachment dirty) {
+    if (dirty_.existed) dirty_.of(kind).push_back(std::move(dirty));
   }
 
   void mergeAttachment(const JsonValue& patch, AttachmentKind kind, const AttachmentKeyView& key) {
@@ -93,65 +76,39 @@ class BindingMerger {
       if (existed) remove(kind, at);
       return;
     }
-    if (!readObject(patch, "a binding", faults_)) return;
-    if (!existed) {
+    const Kind& of = *rowOf(kind).of;
+    if (!readObject(patch, of.name, faults_)) return;
+    if (existed) {
+      state_.unindex(kind, binding_, *at);
+    } else {
       AttachmentKey owned{std::string(key.first), std::string(key.second)};
       at = map.emplace_hint(at, std::move(owned), Attachment{});
-    } else {
-      state_.withdraw(kind, binding_, *at);
     }
     Attachment& attachment = at->second;
-    AttachmentTouch touch{&*at, existed, {}, attachment.levels, attachment.host};
-    mergeMembers(patch, kind, attachment);
-    state_.enter(kind, binding_, *at);
-    const bool changed =
-        !existed || attachment.levels != touch.levelsBefore || attachment.host != touch.hostBefore;
-    if (touch_ != nullptr && changed) note(kind, std::move(touch));
-  }
-
-  void mergeMembers(const JsonValue& patch, AttachmentKind kind, Attachment& attachment) {
-    const bool behindSwitch = kind == AttachmentKind::kSwitchInterface;
-    if (behindSwitch) mergeHost(patch, attachment);
-    for (const JsonValue* member : patch.all()) {
-      if (member->key == "segment") {
-        mergeLevels(*member, attachment.levels);
-      } else if (!behindSwitch || member->key != "host") {
-        refuseMember(*member, behindSwitch ? "a switch-interface binding" : "a host binding",
-                     faults_);
-      }
+    Attachment before = attachment;
+    attachment.values = mergeReplaced(patch, of, existed ? &before.values : nullptr, faults_);
+    const CollectionRow& levels = of.collections.front();
+    if (const JsonValue* member = patch.find(levels.name)) {
+      mergeLevels(*member, levels, attachment.levels);
+    }
+    refuseUnknown(patch, of, faults_);
+    state_.index(kind, binding_, *at);
+    if (!existed || attachment.levels != before.levels ||
+        !areSame(attachment.values, before.values, of)) {
+      note(kind, {{&*at, existed}, std::move(before)});
     }
   }
 
-  void mergeHost(const JsonValue& patch, Attachment& attachment) {
-    const JsonValue* member = patch.find("host");
-    if (member == nullptr ? attachment.host.empty() : member->isNull()) {
-      faults_.add(patch, "a switch-interface binding must have a host");
-      return;
-    }
-    if (member == nullptr) return;
-    auto fault = member->kind != JsonValue::Kind::kString ? shown(*member) + " is not a string"
-                                                          : faultOfName(member->text);
-    if (fault.empty()) {
-      attachment.host = member->text;
-    } else {
-      faults_.add(*member, std::move(fault));
-    }
-  }
-
-  void mergeLevels(const JsonValue& patch, Levels& levels) {
+  void mergeLevels(const JsonValue& patch, const CollectionRow& row, Levels& levels) {
     if (patch.isNull()) {
       levels.clear();
       return;
     }
-    if (!readObject(patch, "segment ids by level", faults_)) return;
+    if (!readObject(patch, row.what, faults_)) return;
     levels.reserve(levels.size() + patch.size);
     for (const JsonValue* member : patch.all()) {
-      const auto number = plainDecimal(member->key, 0, 255);
-      if (!number && member->isNull()) continue;
-      if (!number) {
-        faults_.add(*member, shown(member->key) + " is not a level (\"0\" to \"255\")");
-        continue;
-      }
+      const auto number = readNumberKey(*member, row.key, faults_);
+      if (!number) continue;
       const auto level = static_cast<uint8_t>(*number);
       const auto at = std::ranges::lower_bound(levels, level, {}, &Level::level);
       const bool existed = at != levels.end() && at->level == level;
@@ -159,8 +116,9 @@ class BindingMerger {
         if (existed) levels.erase(at);
         continue;
       }
-      SegmentEntry* segment = segmentNamed(*member);
-      if (segment == nullptr) continue;
+      const auto id = readText(*member, *row.value, faults_);
+      if (!id) continue;
+      ThingEntry* segment = segmentNamed(*id);
       if (existed) {
         at->segment = segment;
       } else {
@@ -169,35 +127,30 @@ class BindingMerger {
     }
   }
 
-  // The entry of the segment that a level names, which may not exist (yet); null for no name.
-  SegmentEntry* segmentNamed(const JsonValue& value) {
-    auto fault = value.kind != JsonValue::Kind::kString ? shown(value) + " is not a segment id"
-                                                        : faultOfName(value.text);
-    if (!fault.empty()) {
-      faults_.add(value, std::move(fault));
-      return nullptr;
-    }
-    SegmentMap& segments = binding_.region->segment;
-    auto at = segments.lower_bound(value.text);
-    if (at == segments.end() || at->first != value.text) {
-      at = segments.emplace_hint(at, std::string(value.text), Segment{});
-      if (region_.existed) region_.loose.push_back(&*at);
+  // The entry of the segment that a level names, which may not be there (yet).
+  ThingEntry* segmentNamed(std::string_view id) {
+    Things& segments = binding_.region->segments();
+    auto at = segments.lower_bound(id);
+    if (at == segments.end() || at->first != id) {
+      at = segments.emplace_hint(at, std::string(id), Thing{});
+      at->second.present = false;
+      if (segments_ != nullptr) segments_->push_back({{&*at, false}});
     }
     return &*at;
   }
 
   CloudState& state_;
+  DirtyPortBinding& dirty_;
   PortBinding& binding_;
-  RegionTouch& region_;
-  PortBindingTouch* touch_;
+  std::vector<DirtyThing>* segments_;
   Faults& faults_;
 };
 
 }  // namespace
 
-void mergePortBinding(const JsonValue& patch, CloudState& state, PortBinding& binding,
-                      RegionTouch& region, PortBindingTouch* touch, Faults& faults) {
-  BindingMerger(state, binding, region, touch, faults).merge(patch);
+void mergePortBinding(const JsonValue& patch, CloudState& state, DirtyPortBinding& dirty,
+                      std::vector<DirtyThing>* segments, Faults& faults) {
+  BindingMerger(state, dirty, segments, faults).merge(patch);
 }
 
 }  // namespace vnagent

@@ -4,87 +4,61 @@
 
 #include <fmt/format.h>
 
+#include "agent/document/places.h"
+
 namespace vnagent {
 namespace {
-
-std::string placeIn(const Region& region, std::string_view collection, std::string_view key) {
-  std::string place = "/region";
-  appendToken(place, region.name);
-  appendToken(place, collection);
-  appendToken(place, key);
-  return place;
-}
-
-std::string placeOf(const PortBinding& binding) {
-  return placeIn(*binding.region, "portBinding", binding.id);
-}
-
-std::string placeOf(const PortBinding& binding, AttachmentKind kind, const AttachmentKey& key) {
-  std::string place = placeOf(binding);
-  appendToken(place, kAttachmentWords.at(static_cast<size_t>(kind)));
-  appendToken(place, key.first);
-  if (kind == AttachmentKind::kSwitchInterface) appendToken(place, key.second);
-  return place;
-}
-
-std::string placeOf(std::string attachment, const Level& level) {
-  attachment += "/segment";
-  appendToken(attachment, std::to_string(level.level));
-  return attachment;
-}
 
 class Checker {
  public:
   Checker(const CloudState& state, Faults& faults) : state_(state), faults_(faults) {}
 
-  void check(const RegionTouch& touch) {
-    if (touch.removed()) return;
-    const Region& region = *touch.region;
-    if (touch.added()) {
+  void check(const DirtyRegion& dirty) {
+    if (dirty.removed()) return;
+    const Region& region = dirty.value();
+    if (dirty.added()) {
       checkWhole(region);
       return;
     }
-    for (const PortTouch& port : touch.ports) {
-      if (!port.before) {
-        checkPort(region, port.id);
-      } else if (port.port == nullptr) {
-        checkPortGone(region, port.id);
-      }
+    for (const DirtyThing& port : dirty.things[kPortRow]) {
+      if (port.added()) checkPort(region, port.key());
+      if (port.removed()) checkPortGone(region, port.key());
     }
-    for (const PortBindingTouch& binding : touch.portBindings) check(binding);
-    for (const SegmentTouch& segment : touch.segments) checkUsers(segment);
+    for (const DirtyPortBinding& binding : dirty.portBindings) check(binding);
+    for (const DirtyThing& segment : dirty.things[kSegmentRow]) checkUsers(segment);
   }
 
  private:
-  void check(const PortBindingTouch& touch) {
-    if (touch.removed()) return;
-    if (touch.added()) {
-      checkPortOf(*touch.binding);
-      checkAttachments(*touch.binding);
+  void check(const DirtyPortBinding& dirty) {
+    if (dirty.removed()) return;
+    const PortBinding& binding = dirty.value();
+    if (dirty.added()) {
+      checkPortOf(binding);
+      checkAttachments(binding);
       return;
     }
-    checkKinds(*touch.binding);
+    checkKinds(binding);
     for (const auto kind : kAttachmentKinds) {
-      for (const AttachmentTouch& attachment : touch.of(kind)) {
-        if (!attachment.removed()) checkAttachment(*touch.binding, kind, *attachment.attachment);
+      for (const DirtyAttachment& attachment : dirty.of(kind)) {
+        if (!attachment.removed()) checkAttachment(binding, kind, *attachment.entry);
       }
     }
   }
 
   void checkWhole(const Region& region) {
-    for (const auto& [id, port] : region.port) checkPort(region, id);
+    for (const auto& [id, port] : region.ports()) checkPort(region, id);
     // Ports and bindings stand in one order, so that no port needs to be looked up.
-    auto port = region.port.begin();
+    auto port = region.ports().begin();
     for (const auto& [id, binding] : region.portBinding) {
-      while (port != region.port.end() && port->first < id) ++port;
-      if (port == region.port.end() || port->first != id) addPortMissing(binding);
+      while (port != region.ports().end() && port->first < id) ++port;
+      if (port == region.ports().end() || port->first != id) addPortMissing(binding);
       checkAttachments(binding);
     }
   }
 
   void checkPort(const Region& region, std::string_view id) {
     if (const Region* other = state_.ports().elsewhere(id, region)) {
-      faults_.add(placeIn(region, "port", id),
+      faults_.add(placeOf(&region, "port", id),
                   fmt::format("port id {} is in region {} too, and may be in one region only",
                               shown(id), shown(other->name)));
     }
@@ -96,7 +70,7 @@ class Checker {
   }
 
   void checkPortOf(const PortBinding& binding) {
-    if (!binding.region->port.contains(binding.id)) addPortMissing(binding);
+    if (!binding.region->ports().contains(binding.id)) addPortMissing(binding);
   }
 
   void addPortMissing(const PortBinding& binding) {
@@ -126,7 +100,7 @@ class Checker {
   void checkAttachment(const PortBinding& binding, AttachmentKind kind,
                        const AttachmentEntry& attachment) {
     const Region& region = *binding.region;
-    const auto host = CloudState::hostOf(kind, attachment);
+    const auto host = hostOf(kind, attachment);
     const Region* other = host.empty() ? nullptr : state_.hosts(kind).elsewhere(host, region);
     if (other != nullptr) {
       const std::string_view where =
@@ -149,12 +123,12 @@ class Checker {
         fault = faultOfPair(*above, *level);
       }
       if (fault.empty()) continue;
-      faults_.add(placeOf(placeOf(binding, kind, attachment.first), *level), std::move(fault));
+      faults_.add(placeOf(binding, kind, attachment.first, *level), std::move(fault));
     }
   }
 
   static std::string faultOfLevel(const PortBinding& binding, const Level& level) {
-    if (level.segment->second.value) return {};
+    if (level.segment->second.present) return {};
     return fmt::format("no segment {} in region {}", shown(level.segment->first),
                        shown(binding.region->name));
   }
@@ -164,19 +138,23 @@ class Checker {
       return fmt::format("segment {} stands at level {} too, and may stand at one level only",
                          shown(level.segment->first), above.level);
     }
-    const auto& a = above.segment->second.value;
-    const auto& b = level.segment->second.value;
-    if (!a || !b || a->type != kVlanSegment || *a != *b) return {};
+    const Values& a = above.segment->second.values;
+    const Values& b = level.segment->second.values;
+    const auto vlan = segmentNumber(b);
+    if (segmentType(a) != kVlanSegment || segmentType(b) != kVlanSegment || !vlan ||
+        vlan != segmentNumber(a)) {
+      return {};
+    }
     return fmt::format(
         "segment {} has VLAN {} like segment {} at level {}, and a binding may have "
         "a VLAN once only",
-        shown(level.segment->first), b->id, shown(above.segment->first), above.level);
+        shown(level.segment->first), *vlan, shown(above.segment->first), above.level);
   }
 
-  // A segment that went or changed may break the bindings that nobody touched.
-  void checkUsers(const SegmentTouch& touch) {
-    if (touch.added()) return;
-    for (const SegmentUse& use : touch.segment->second.users) {
+  // A segment that was removed or changed may break the bindings that nobody touched.
+  void checkUsers(const DirtyThing& segment) {
+    if (segment.added()) return;
+    for (const SegmentUse& use : segment.value().users) {
       const PortBinding& binding = *use.binding;
       const bool onHosts = binding.of(AttachmentKind::kHost).contains(use.attachment->first);
       checkLevels(binding, onHosts ? AttachmentKind::kHost : AttachmentKind::kSwitchInterface,
@@ -192,7 +170,7 @@ class Checker {
 
 void checkRules(const CloudState& state, const Change& change, Faults& faults) {
   Checker checker(state, faults);
-  for (const RegionTouch& region : change.regions) checker.check(region);
+  for (const DirtyRegion& region : change.regions) checker.check(region);
 }
 
 }  // namespace vnagent

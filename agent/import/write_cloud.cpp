@@ -1,87 +1,51 @@
-#include "agent/document/vocabulary.h"
+#include "agent/document/write_cloud.h"
+
 #include "agent/import/neutron.h"
 
 namespace vnagent {
 namespace {
 
-void writeNames(std::string_view key, const std::set<std::string>& names, JsonWriter& json) {
-  json.key(key).open('{');
-  for (const auto& name : names) json.key(name).open('{').close('}');
-  json.close('}');
-}
-
-void writeLevels(const ImportedBinding& binding, JsonWriter& json) {
-  json.key("segment").open('{');
-  for (const auto& [level, segment] : binding.segments) json.key(uint64_t{level}).text(segment);
-  json.close('}');
-}
-
-void writeInterfaces(const ImportedPort& port, JsonWriter& json) {
-  json.key("portToSwitchInterfaceBinding").open('{');
-  for (auto at = port.interfaces.begin(); at != port.interfaces.end();) {
-    const std::string& name = at->first.first;
-    json.key(name).open('{');
-    for (; at != port.interfaces.end() && at->first.first == name; ++at) {
-      json.key(at->first.second).open('{').key("host").text(at->second.host);
-      writeLevels(at->second, json);
-      json.close('}');
-    }
-    json.close('}');
+void fillAttachment(const ImportedBinding& binding, Things& segments, Attachment& attachment) {
+  if (!binding.host.empty()) {
+    attachment.values.resize(kSwitchInterfaceBindingScalars.size());
+    attachment.values[kHostBehind] = binding.host;
   }
-  json.close('}');
+  for (const auto& [level, segment] : binding.segments) {
+    attachment.levels.push_back({level, &*segments.find(segment)});
+  }
 }
 
-void writeBinding(const ImportedPort& port, JsonWriter& json) {
-  json.open('{');
-  if (!port.hosts.empty()) {
-    json.key("portToHostBinding").open('{');
-    for (const auto& [host, binding] : port.hosts) {
-      json.key(host).open('{');
-      writeLevels(binding, json);
-      json.close('}');
-    }
-    json.close('}');
+void fillBinding(const ImportedPort& port, Things& segments, PortBinding& binding) {
+  for (const auto& [host, bound] : port.hosts) {
+    fillAttachment(bound, segments, binding.of(AttachmentKind::kHost)[{host, {}}]);
   }
-  if (!port.interfaces.empty()) writeInterfaces(port, json);
-  json.close('}');
-}
-
-void writeSegment(const ImportedSegment& segment, JsonWriter& json) {
-  json.open('{').key("segmentationType");
-  if (segment.type < kSegmentationTypeWords.size()) {
-    json.text(kSegmentationTypeWords.at(segment.type));
-  } else {
-    json.number(uint64_t{segment.type});
+  for (const auto& [key, bound] : port.interfaces) {
+    auto& interfaces = binding.of(AttachmentKind::kSwitchInterface);
+    fillAttachment(bound, segments, interfaces[{key.first, key.second}]);
   }
-  json.key("segmentationId").number(uint64_t{segment.id}).close('}');
 }
 
 }  // namespace
 
 void writeCloud(const NeutronImport& import, std::string_view region, JsonWriter& json) {
-  json.open('{').key("region").open('{').key(region).open('{');
-  writeNames("network", import.networks, json);
-  json.key("segment").open('{');
+  CloudState cloud;
+  Region& filled = cloud.region[std::string(region)];
+  const auto fill = [&](size_t row, const std::set<std::string>& names) {
+    for (const auto& name : names) filled.things[row].try_emplace(name);
+  };
+  fill(rowOf(kRegionCollections, "network"), import.networks);
+  fill(rowOf(kRegionCollections, "vmInstance"), import.vmInstances);
+  fill(rowOf(kRegionCollections, "dhcpInstance"), import.dhcpInstances);
+  fill(rowOf(kRegionCollections, "baremetalInstance"), import.baremetalInstances);
+  fill(rowOf(kRegionCollections, "routerInstance"), import.routerInstances);
   for (const auto& [id, segment] : import.segments) {
-    json.key(id);
-    writeSegment(segment, json);
+    filled.segments()[id].values = {int64_t{segment.type}, int64_t{segment.id}};
   }
-  json.close('}').key("port").open('{');
   for (const auto& [id, port] : import.ports) {
-    json.key(id).open('{').key("vlanType").number(uint64_t{port.vlanType}).close('}');
+    filled.things[kPortRow][id].values = {int64_t{port.vlanType}};
+    if (port.bound) fillBinding(port, filled.segments(), filled.portBinding[id]);
   }
-  json.close('}').key("portBinding").open('{');
-  for (const auto& [id, port] : import.ports) {
-    if (!port.bound) continue;
-    json.key(id);
-    writeBinding(port, json);
-  }
-  json.close('}');
-  writeNames("vmInstance", import.vmInstances, json);
-  writeNames("dhcpInstance", import.dhcpInstances, json);
-  writeNames("baremetalInstance", import.baremetalInstances, json);
-  writeNames("routerInstance", import.routerInstances, json);
-  json.close('}').close('}').close('}');
+  writeCloud(cloud, json);
 }
 
 }  // namespace vnagent

@@ -5,11 +5,14 @@
 namespace vnagent {
 namespace {
 
-std::string text(const ScalarValue& value) {
+std::string text(const Scalar& value, bool quoted) {
   return std::visit(
-      [](const auto& v) {
-        if constexpr (std::is_same_v<std::decay_t<decltype(v)>, std::string>) {
-          return '"' + v + '"';
+      [&](const auto& v) -> std::string {
+        using T = std::decay_t<decltype(v)>;
+        if constexpr (std::is_same_v<T, std::monostate>) {
+          return {};
+        } else if constexpr (std::is_same_v<T, std::string>) {
+          return quoted ? '"' + v + '"' : v;
         } else {
           return fmt::format("{}", v);
         }
@@ -24,11 +27,21 @@ std::string text(const AttachmentAddress& at) {
                            at.key->second);
 }
 
-std::string_view word(RegionSet set) {
-  return kRegionSets.at(static_cast<size_t>(set));
+// " a:b", or nothing where there is nothing to say.
+std::string text(const Values& values, const Kind* kind) {
+  std::string result;
+  const size_t count = kind != nullptr ? kind->scalars.size() : values.size();
+  for (size_t i = 0; i < count; ++i) {
+    result += i == 0 ? ' ' : ':';
+    result += text(kind != nullptr ? valueOf(values, *kind, i) : values[i], false);
+  }
+  return result;
 }
-std::string_view word(ConfigSet set) {
-  return kConfigSets.at(static_cast<size_t>(set));
+
+// "network R", or "credentials" for the configuration's.
+template <class Row>
+std::string text(const Row& row, const Region* region) {
+  return region == nullptr ? std::string(row.name) : fmt::format("{} {}", row.name, region->name);
 }
 
 // One overload for each operation.
@@ -39,30 +52,19 @@ struct Describer {
   S operator()(const op::PortBindingDel& o) {
     return fmt::format("-portBinding {} {}", o.region, o.port);
   }
-  S operator()(const op::SegmentDel& o) { return fmt::format("-segment {} {}", o.region, o.id); }
-  S operator()(const op::PortDel& o) { return fmt::format("-port {} {}", o.region, o.id); }
-  S operator()(const op::RegionSetDel& o) {
-    return fmt::format("-{} {} {}", word(o.set), o.region, o.key);
+  S operator()(const op::ThingDel& o) {
+    return fmt::format("-{} {}", text(*o.row, o.region), o.key);
   }
   S operator()(const op::RegionDel& o) { return fmt::format("-region {}", o.region); }
   S operator()(const op::VlanDel& o) { return fmt::format("-vlan {} {}", o.assignment, o.vlan); }
   S operator()(const op::VlanAssignmentDel& o) {
     return fmt::format("-vlanAssignment {}", o.assignment);
   }
-  S operator()(const op::ConfigSetDel& o) { return fmt::format("-{} {}", word(o.set), o.key); }
-  S operator()(const op::ServiceAclTypeVrfDel& o) {
-    return fmt::format("-serviceAclTypeVrfMap {}", o.key);
-  }
-  S operator()(const op::ConfigScalarIs& o) {
-    return fmt::format("={} {}", kConfigScalars.at(static_cast<size_t>(o.which)).name,
-                       text(o.value));
+  S operator()(const op::ScalarIs& o) {
+    return fmt::format("={} {}", text(*o.row, o.region), text(*o.value, true));
   }
   S operator()(const op::RegionSyncTimeoutIs& o) {
     return fmt::format("=rootRegionSyncTimeout {}", o.seconds);
-  }
-  S operator()(const op::ConfigSetIs& o) { return fmt::format("+{} {}", word(o.set), o.key); }
-  S operator()(const op::ServiceAclTypeVrfIs& o) {
-    return fmt::format("+serviceAclTypeVrfMap {} {}", o.key, o.value);
   }
   S operator()(const op::VlanAssignmentIs& o) {
     S result = fmt::format("+vlanAssignment {}", o.assignment);
@@ -73,27 +75,18 @@ struct Describer {
     return fmt::format("+vlan {} {}:{}", o.assignment, o.vlan, o.assigned);
   }
   S operator()(const op::RegionIs& o) { return fmt::format("+region {}", o.region); }
-  S operator()(const op::RegionSetIs& o) {
-    return fmt::format("+{} {} {}", word(o.set), o.region, o.key);
-  }
-  S operator()(const op::SegmentIs& o) {
-    return fmt::format("+segment {} {} {}:{}", o.region, o.id, o.value.type, o.value.id);
-  }
-  S operator()(const op::PortIs& o) {
-    return fmt::format("+port {} {} {}", o.region, o.id, o.vlanType);
+  S operator()(const op::ThingIs& o) {
+    return fmt::format("+{} {}{}", text(*o.row, o.region), o.thing->first,
+                       text(o.thing->second.values, o.row->of));
   }
   S operator()(const op::PortBindingIs& o) {
     return fmt::format("+portBinding {} {}", o.region, o.port);
   }
   S operator()(const op::AttachmentIs& o) {
-    return "+binding " + text(o.at) + (o.host.empty() ? S() : fmt::format(" {}", o.host));
+    return "+binding " + text(o.at) + text(*o.values, rowOf(o.at.kind).of);
   }
   S operator()(const op::LevelIs& o) {
     return fmt::format("+level {} {} {}", text(o.at), o.level, o.segment);
-  }
-  S operator()(const op::RegionScalarIs& o) {
-    return fmt::format("={} {} {}", kRegionScalars.at(static_cast<size_t>(o.which)).name, o.region,
-                       text(*o.value));
   }
 };
 

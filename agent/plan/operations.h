@@ -14,7 +14,6 @@
 #include <vector>
 
 #include "agent/document/cloud_state.h"
-#include "agent/document/vocabulary.h"
 
 namespace vnagent {
 
@@ -42,15 +41,10 @@ struct AttachmentDel {
 struct PortBindingDel {
   std::string_view region, port;
 };
-struct SegmentDel {
-  std::string_view region, id;
-};
-struct PortDel {
-  std::string_view region, id;
-};
-struct RegionSetDel {
-  std::string_view region;
-  RegionSet set;
+// A member of a region's collection, or of the configuration's where there is no region.
+struct ThingDel {
+  const CollectionRow* row;
+  const Region* region;
   std::string_view key;
 };
 struct RegionDel {
@@ -63,30 +57,19 @@ struct VlanDel {
 struct VlanAssignmentDel {
   std::string_view assignment;
 };
-struct ConfigSetDel {
-  ConfigSet set;
-  std::string_view key;
-};
-struct ServiceAclTypeVrfDel {
-  std::string_view key;
-};
 
-// The agent configuration.
-struct ConfigScalarIs {
-  ConfigScalar which;
-  ScalarValue value;
+// A scalar of a region, or of the configuration where there is no region.
+struct ScalarIs {
+  const ScalarRow* row;
+  const Region* region;
+  const Scalar* value;
 };
 // The timeout that the root machine works with from now on.
 struct RegionSyncTimeoutIs {
   double seconds;
 };
-struct ConfigSetIs {
-  ConfigSet set;
-  std::string_view key;
-};
-struct ServiceAclTypeVrfIs {
-  std::string_view key, value;
-};
+
+// Additions.
 // A new assignment with all its entries, which it has before it is added.
 struct VlanAssignmentIs {
   std::string_view assignment;
@@ -97,30 +80,21 @@ struct VlanIs {
   uint16_t vlan;
   bool assigned;
 };
-
-// Additions.
 struct RegionIs {
   std::string_view region;
 };
-struct RegionSetIs {
-  std::string_view region;
-  RegionSet set;
-  std::string_view key;
-};
-struct SegmentIs {
-  std::string_view region, id;
-  SegmentValue value;
-};
-struct PortIs {
-  std::string_view region, id;
-  uint8_t vlanType;
+// A new member, which has its scalars before it is added; so, too, for the region.
+struct ThingIs {
+  const CollectionRow* row;
+  const Region* region;
+  const ThingEntry* thing;
 };
 struct PortBindingIs {
   std::string_view region, port;
 };
 struct AttachmentIs {
   AttachmentAddress at;
-  std::string_view host;  // behind a switch interface
+  const Values* values;
 };
 struct LevelIs {
   AttachmentAddress at;
@@ -128,22 +102,13 @@ struct LevelIs {
   std::string_view segment;
 };
 
-// The regions' scalars.
-struct RegionScalarIs {
-  std::string_view region;
-  RegionScalar which;
-  const ScalarValue* value;
-};
-
 }  // namespace op
 
 using Operation =
-    std::variant<op::LevelDel, op::AttachmentDel, op::PortBindingDel, op::SegmentDel, op::PortDel,
-                 op::RegionSetDel, op::RegionDel, op::VlanDel, op::VlanAssignmentDel,
-                 op::ConfigSetDel, op::ServiceAclTypeVrfDel, op::ConfigScalarIs,
-                 op::RegionSyncTimeoutIs, op::ConfigSetIs, op::ServiceAclTypeVrfIs,
-                 op::VlanAssignmentIs, op::VlanIs, op::RegionIs, op::RegionSetIs, op::SegmentIs,
-                 op::PortIs, op::PortBindingIs, op::AttachmentIs, op::LevelIs, op::RegionScalarIs>;
+    std::variant<op::LevelDel, op::AttachmentDel, op::PortBindingDel, op::ThingDel, op::RegionDel,
+                 op::VlanDel, op::VlanAssignmentDel, op::ScalarIs, op::RegionSyncTimeoutIs,
+                 op::VlanAssignmentIs, op::VlanIs, op::RegionIs, op::ThingIs, op::PortBindingIs,
+                 op::AttachmentIs, op::LevelIs>;
 
 // The four groups of operations. The activity loop runs until idle after each.
 struct Plan {

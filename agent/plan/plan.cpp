@@ -1,40 +1,38 @@
 #include "agent/plan/plan.h"
 
 #include <algorithm>
+#include <optional>
+#include <unordered_map>
 #include <unordered_set>
 
 namespace vnagent {
 namespace {
 
-std::optional<uint8_t> typeOf(const SegmentEntry& segment) {
-  return segment.second.value ? std::optional(segment.second.value->type) : std::nullopt;
-}
-
-// How one attachment of a port binding that stays gets from before to after.
-enum class Way : uint8_t { kGoes, kComes, kGoesAndComesBack, kLevels };
+// What happens to one attachment of a port binding that stays.
+enum class Step : uint8_t { kRemove, kAdd, kReplace, kLevels };
 
 struct AttachmentPlan {
-  const AttachmentTouch* touch;
+  const DirtyAttachment* dirty;
   AttachmentKind kind;
-  Way way;
+  Step step;
 };
 
 struct BindingPlan {
   const PortBinding* binding;
-  bool goes;   // whole
-  bool comes;  // whole, again or for the first time
+  bool removed;  // whole
+  bool added;    // whole, again or for the first time
   std::vector<AttachmentPlan> attachments;
 };
 
-// Plans one region that existed before and still does, first binding by binding.
+// Plans one region that was changed, first binding by binding.
 class RegionPlanner {
  public:
-  RegionPlanner(const RegionTouch& touch, bool toggle) : touch_(touch), toggle_(toggle) {
-    for (const SegmentTouch& segment : touch.segments) {
-      before_.emplace_back(segment.segment, segment.before);
-      if (segment.changed()) changed_.insert(segment.segment);
+  RegionPlanner(const DirtyRegion& dirty, bool toggle) : dirty_(dirty), toggle_(toggle) {
+    for (const DirtyThing& segment : dirty.things[kSegmentRow]) {
+      const Values& before = segment.changed() ? segment.before : segment.value().values;
+      before_.emplace(segment.entry, segment.added() ? std::nullopt : segmentType(before));
+      if (segment.changed()) changed_.insert(segment.entry);
     }
-    std::ranges::sort(before_, {}, &SegmentBefore::first);
     collectReplaced();
     collectBindings();
   }
@@ -42,87 +40,84 @@ class RegionPlanner {
   // In ascending order of the port id.
   const std::vector<BindingPlan>& bindings() const { return bindings_; }
 
-  // The levels that go from a binding that stays: VLANs first, then the others, each ascending.
-  std::vector<uint8_t> levelsGoing(const AttachmentTouch& touch) const {
+  // The levels to remove from a binding that stays: VLANs first, then the others, each ascending.
+  std::vector<uint8_t> levelsToRemove(const DirtyAttachment& dirty) const {
     std::vector<uint8_t> vlans;
     std::vector<uint8_t> others;
-    for (const Level& level : touch.levelsBefore) {
-      if (stays(touch, level)) continue;
+    for (const Level& level : dirty.before.levels) {
+      if (stays(dirty, level)) continue;
       (typeBefore(*level.segment) == kVlanSegment ? vlans : others).push_back(level.level);
     }
     vlans.insert(vlans.end(), others.begin(), others.end());
     return vlans;
   }
 
-  static bool stays(const AttachmentTouch& touch, const Level& before) {
-    return segmentAt(touch.attachment->second.levels, before.level) == before.segment;
+  static bool stays(const DirtyAttachment& dirty, const Level& before) {
+    return segmentAt(dirty.value().levels, before.level) == before.segment;
   }
 
  private:
-  using SegmentBefore = std::pair<const SegmentEntry*, std::optional<SegmentValue>>;
-
-  const PortBindingTouch* touchOf(const PortBinding& binding) const {
-    const auto id = [](const PortBindingTouch& touch) { return touch.binding->id; };
-    const auto at = std::ranges::lower_bound(touch_.portBindings, binding.id, {}, id);
-    return at != touch_.portBindings.end() && at->binding == &binding ? &*at : nullptr;
+  const DirtyPortBinding* findDirty(const PortBinding& binding) const {
+    const auto id = [](const DirtyPortBinding& dirty) { return dirty.value().id; };
+    const auto at = std::ranges::lower_bound(dirty_.portBindings, binding.id, {}, id);
+    return at != dirty_.portBindings.end() && &at->value() == &binding ? &*at : nullptr;
   }
 
-  std::optional<uint8_t> typeBefore(const SegmentEntry& segment) const {
-    const auto at = std::ranges::lower_bound(before_, &segment, {}, &SegmentBefore::first);
-    if (at == before_.end() || at->first != &segment) return typeOf(segment);
-    return at->second ? std::optional(at->second->type) : std::nullopt;
+  std::optional<int64_t> typeBefore(const ThingEntry& segment) const {
+    const auto at = before_.find(&segment);
+    return at == before_.end() ? segmentType(segment.second.values) : at->second;
   }
 
-  bool namesChanged(const Levels& levels) const {
+  bool nameChanged(const Levels& levels) const {
     return std::ranges::any_of(
         levels, [&](const Level& level) { return changed_.contains(level.segment); });
   }
 
   // Finds the port bindings that used a changed segment or port before and still exist.
   void collectReplaced() {
-    for (const PortTouch& port : touch_.ports) {
+    for (const DirtyThing& port : dirty_.things[kPortRow]) {
       if (!port.changed()) continue;
-      const auto at = touch_.region->portBinding.find(port.id);
-      if (at == touch_.region->portBinding.end()) continue;
-      const PortBindingTouch* touch = touchOf(at->second);
-      if (touch == nullptr || touch->existed) replaced_.insert(&at->second);
+      const auto& bindings = dirty_.value().portBinding;
+      const auto at = bindings.find(port.key());
+      if (at == bindings.end()) continue;
+      const DirtyPortBinding* dirty = findDirty(at->second);
+      if (dirty == nullptr || dirty->existed) replaced_.insert(&at->second);
     }
     if (changed_.empty()) return;
-    for (const PortBindingTouch& touch : touch_.portBindings) {
-      if (touch.added() || touch.removed()) continue;
+    for (const DirtyPortBinding& dirty : dirty_.portBindings) {
+      if (!dirty.changed()) continue;
       for (const auto kind : kAttachmentKinds) {
-        for (const AttachmentTouch& attachment : touch.of(kind)) {
-          const Levels& levels =
-              attachment.removed() ? attachment.attachment->second.levels : attachment.levelsBefore;
-          if (attachment.existed && namesChanged(levels)) replaced_.insert(touch.binding);
+        for (const DirtyAttachment& attachment : dirty.of(kind)) {
+          const Attachment& before = attachment.removed() ? attachment.value() : attachment.before;
+          if (attachment.existed && nameChanged(before.levels)) replaced_.insert(&dirty.value());
         }
       }
     }
-    for (const SegmentEntry* segment : changed_) {
+    for (const ThingEntry* segment : changed_) {
       for (const SegmentUse& use : segment->second.users) {
-        if (leftAlone(use)) replaced_.insert(use.binding);
+        if (isClean(use)) replaced_.insert(use.binding);
       }
     }
   }
 
-  // True where the patch did not touch what uses the segment, which so used it before, too.
-  bool leftAlone(const SegmentUse& use) const {
-    const PortBindingTouch* touch = touchOf(*use.binding);
-    if (touch == nullptr) return true;
-    if (touch->added()) return false;
-    return std::ranges::none_of(touch->attachments, [&](const auto& attachments) {
-      return std::ranges::find(attachments, use.attachment, &AttachmentTouch::attachment) !=
+  // Whether the patch left what uses the segment alone, which so used it before, too.
+  bool isClean(const SegmentUse& use) const {
+    const DirtyPortBinding* dirty = findDirty(*use.binding);
+    if (dirty == nullptr) return true;
+    if (dirty->added()) return false;
+    return std::ranges::none_of(dirty->attachments, [&](const auto& attachments) {
+      return std::ranges::find(attachments, use.attachment, &DirtyAttachment::entry) !=
              attachments.end();
     });
   }
 
   void collectBindings() {
-    for (const PortBindingTouch& touch : touch_.portBindings) {
-      if (replaced_.contains(touch.binding)) continue;
-      if (touch.added() || touch.removed()) {
-        bindings_.push_back({touch.binding, touch.removed(), touch.added(), {}});
+    for (const DirtyPortBinding& dirty : dirty_.portBindings) {
+      if (replaced_.contains(&dirty.value())) continue;
+      if (dirty.changed()) {
+        bindings_.push_back(planBinding(dirty));
       } else {
-        bindings_.push_back(planBinding(touch));
+        bindings_.push_back({&dirty.value(), dirty.removed(), dirty.added(), {}});
       }
     }
     for (const PortBinding* binding : replaced_) bindings_.push_back({binding, true, true, {}});
@@ -130,55 +125,55 @@ class RegionPlanner {
     std::ranges::sort(bindings_, {}, id);
   }
 
-  BindingPlan planBinding(const PortBindingTouch& touch) const {
-    BindingPlan plan{touch.binding, false, false, {}};
+  BindingPlan planBinding(const DirtyPortBinding& dirty) const {
+    BindingPlan plan{&dirty.value(), false, false, {}};
     for (const auto kind : kAttachmentKinds) {
-      for (const AttachmentTouch& attachment : touch.of(kind)) {
-        plan.attachments.push_back({&attachment, kind, wayOf(attachment)});
+      for (const DirtyAttachment& attachment : dirty.of(kind)) {
+        plan.attachments.push_back({&attachment, kind, stepOf(attachment, kind)});
       }
     }
-    if (!toggle_ && losesSharedElement(plan)) return {touch.binding, true, true, {}};
+    if (!toggle_ && losesSharedElement(plan)) return {plan.binding, true, true, {}};
     return plan;
   }
 
-  Way wayOf(const AttachmentTouch& touch) const {
-    if (touch.added()) return Way::kComes;
-    if (touch.removed()) return Way::kGoes;
-    if (touch.attachment->second.host != touch.hostBefore) return Way::kGoesAndComesBack;
-    return strandsVni(touch) ? Way::kGoesAndComesBack : Way::kLevels;
+  Step stepOf(const DirtyAttachment& dirty, AttachmentKind kind) const {
+    if (dirty.added()) return Step::kAdd;
+    if (dirty.removed()) return Step::kRemove;
+    const bool same = areSame(dirty.value().values, dirty.before.values, *rowOf(kind).of);
+    return same && !leavesVni(dirty) ? Step::kLevels : Step::kReplace;
   }
 
-  // True where a VXLAN level goes or changes right above a VLAN level that stays.
-  bool strandsVni(const AttachmentTouch& touch) const {
-    return std::ranges::any_of(touch.levelsBefore, [&](const Level& vxlan) {
-      if (typeBefore(*vxlan.segment) != kVxlanSegment || stays(touch, vxlan)) return false;
+  // Whether a VXLAN level is removed or changed right above a VLAN level that stays.
+  bool leavesVni(const DirtyAttachment& dirty) const {
+    return std::ranges::any_of(dirty.before.levels, [&](const Level& vxlan) {
+      if (typeBefore(*vxlan.segment) != kVxlanSegment || stays(dirty, vxlan)) return false;
       const auto below = static_cast<uint8_t>(vxlan.level + 1);
-      const SegmentEntry* vlan = segmentAt(touch.levelsBefore, below);
-      return vlan != nullptr && typeOf(*vlan) == kVlanSegment &&
-             segmentAt(touch.attachment->second.levels, below) == vlan;
+      const ThingEntry* vlan = segmentAt(dirty.before.levels, below);
+      return vlan != nullptr && segmentType(vlan->second.values) == kVlanSegment &&
+             segmentAt(dirty.value().levels, below) == vlan;
     });
   }
 
-  // True where a switch-interface binding goes, for good or for a while, and another one was there
-  // before and is there after.
+  // Whether a switch-interface binding is removed, for good or for a while, and another one was
+  // there before and is there after.
   static bool losesSharedElement(const BindingPlan& plan) {
-    size_t come = 0;
-    bool gone = false;
-    bool back = false;
+    size_t added = 0;
+    bool removed = false;
+    bool replaced = false;
     for (const AttachmentPlan& attachment : plan.attachments) {
       if (attachment.kind != AttachmentKind::kSwitchInterface) continue;
-      come += attachment.way == Way::kComes ? 1 : 0;
-      gone = gone || attachment.way == Way::kGoes;
-      back = back || attachment.way == Way::kGoesAndComesBack;
+      added += attachment.step == Step::kAdd ? 1 : 0;
+      removed = removed || attachment.step == Step::kRemove;
+      replaced = replaced || attachment.step == Step::kReplace;
     }
-    const auto kept = plan.binding->of(AttachmentKind::kSwitchInterface).size() - come;
-    return (gone && kept >= 1) || (back && kept >= 2);
+    const auto kept = plan.binding->of(AttachmentKind::kSwitchInterface).size() - added;
+    return (removed && kept >= 1) || (replaced && kept >= 2);
   }
 
-  const RegionTouch& touch_;
+  const DirtyRegion& dirty_;
   bool toggle_;
-  std::vector<SegmentBefore> before_;
-  std::unordered_set<const SegmentEntry*> changed_;
+  std::unordered_map<const ThingEntry*, std::optional<int64_t>> before_;  // types of dirty segments
+  std::unordered_set<const ThingEntry*> changed_;
   std::unordered_set<const PortBinding*> replaced_;
   std::vector<BindingPlan> bindings_;
 };
@@ -193,10 +188,8 @@ class Planner {
   Planner(const CloudState& state, const Change& change, const PlanSettings& settings)
       : state_(state), change_(change), settings_(settings) {
     planners_.reserve(change.regions.size());
-    for (const RegionTouch& touch : change.regions) {
-      if (!touch.added() && !touch.removed()) {
-        planners_.emplace_back(&touch, RegionPlanner(touch, settings.toggle));
-      }
+    for (const DirtyRegion& dirty : change.regions) {
+      if (dirty.changed()) planners_.emplace_back(&dirty, RegionPlanner(dirty, settings.toggle));
     }
   }
 
@@ -223,26 +216,20 @@ class Planner {
   }
 
   void planRemovals() {
-    for (const auto& [touch, planner] : planners_) removeLevels(planner);
-    for (const auto& [touch, planner] : planners_) removeAttachments(planner);
-    for (const auto& [touch, planner] : planners_) {
+    for (const auto& [dirty, planner] : planners_) removeLevels(planner);
+    for (const auto& [dirty, planner] : planners_) removeAttachments(planner);
+    for (const auto& [dirty, planner] : planners_) {
       for (const BindingPlan& binding : planner.bindings()) {
-        if (binding.goes) remove(op::PortBindingDel{touch->region->name, binding.binding->id});
+        if (binding.removed) remove(op::PortBindingDel{dirty->value().name, binding.binding->id});
       }
     }
-    for (const auto& [touch, planner] : planners_) {
-      for (const SegmentTouch& segment : touch->segments) {
-        if (segment.before) remove(op::SegmentDel{touch->region->name, segment.segment->first});
+    for (size_t row = 0; row < kPortBindingRow; ++row) {
+      for (const auto& [dirty, planner] : planners_) {
+        removeThings(kRegionCollections[row], &dirty->value(), dirty->things[row]);
       }
     }
-    for (const auto& [touch, planner] : planners_) {
-      for (const PortTouch& port : touch->ports) {
-        if (port.before) remove(op::PortDel{touch->region->name, port.id});
-      }
-    }
-    for (const auto& [touch, planner] : planners_) removeSets(*touch);
-    for (const RegionTouch& touch : change_.regions) {
-      if (touch.removed()) removeRegion(*touch.region);
+    for (const DirtyRegion& dirty : change_.regions) {
+      if (dirty.removed()) removeRegion(dirty.value());
     }
     removeConfiguration();
   }
@@ -250,9 +237,9 @@ class Planner {
   void removeLevels(const RegionPlanner& planner) {
     for (const BindingPlan& binding : planner.bindings()) {
       for (const AttachmentPlan& plan : binding.attachments) {
-        if (plan.way != Way::kLevels) continue;
-        const auto at = addressOf(*binding.binding, plan.kind, plan.touch->attachment->first);
-        for (const uint8_t level : planner.levelsGoing(*plan.touch)) {
+        if (plan.step != Step::kLevels) continue;
+        const auto at = addressOf(*binding.binding, plan.kind, plan.dirty->key());
+        for (const uint8_t level : planner.levelsToRemove(*plan.dirty)) {
           remove(op::LevelDel{at, level});
         }
       }
@@ -262,103 +249,97 @@ class Planner {
   void removeAttachments(const RegionPlanner& planner) {
     for (const BindingPlan& binding : planner.bindings()) {
       for (const AttachmentPlan& plan : binding.attachments) {
-        if (plan.way != Way::kGoes && plan.way != Way::kGoesAndComesBack) continue;
-        remove(op::AttachmentDel{
-            addressOf(*binding.binding, plan.kind, plan.touch->attachment->first)});
+        if (plan.step != Step::kRemove && plan.step != Step::kReplace) continue;
+        remove(op::AttachmentDel{addressOf(*binding.binding, plan.kind, plan.dirty->key())});
       }
     }
   }
 
-  void removeSets(const RegionTouch& touch) {
-    for (size_t i = 0; i < kRegionSets.size(); ++i) {
-      for (const auto& node : touch.sets[i].removed) {
-        remove(op::RegionSetDel{touch.region->name, static_cast<RegionSet>(i), node.value()});
+  // A thing that was changed is taken out, and added again; but a scalar by itself is written over.
+  void removeThings(const CollectionRow& row, const Region* region,
+                    const std::vector<DirtyThing>& things) {
+    for (const DirtyThing& thing : things) {
+      if (thing.removed() || (thing.changed() && row.of != nullptr)) {
+        remove(op::ThingDel{&row, region, thing.key()});
       }
     }
   }
 
+  void addThings(const CollectionRow& row, const Region* region,
+                 const std::vector<DirtyThing>& things, Plan::Step step) {
+    for (const DirtyThing& thing : things) {
+      if (!thing.removed()) plan_[step].emplace_back(op::ThingIs{&row, region, thing.entry});
+    }
+  }
+
+  // What has a key and nothing else goes with its region.
   void removeRegion(const Region& region) {
-    for (const auto& [id, binding] : region.portBinding)
+    for (const auto& [id, binding] : region.portBinding) {
       remove(op::PortBindingDel{region.name, id});
-    for (const auto& [id, segment] : region.segment) {
-      if (segment.value) remove(op::SegmentDel{region.name, id});
     }
-    for (const auto& [id, port] : region.port) remove(op::PortDel{region.name, id});
+    for (size_t row = 0; row < kPortBindingRow; ++row) {
+      if (kRegionCollections[row].of == &kNamed) continue;
+      for (const auto& [id, thing] : region.things[row]) {
+        remove(op::ThingDel{&kRegionCollections[row], &region, id});
+      }
+    }
     remove(op::RegionDel{region.name});
   }
 
   void removeConfiguration() {
-    for (const VlanAssignmentTouch& touch : change_.vlanAssignments) {
-      if (touch.added() || touch.removed()) continue;
-      for (const VlanTouch& vlan : touch.touched) {
-        if (!vlan.after) remove(op::VlanDel{touch.assignment, vlan.vlan});
+    for (const DirtyVlanAssignment& dirty : change_.vlanAssignments) {
+      for (const DirtyVlan& vlan : dirty.vlans) {
+        if (dirty.changed() && !vlan.after) remove(op::VlanDel{dirty.key(), vlan.vlan});
       }
     }
-    for (const VlanAssignmentTouch& touch : change_.vlanAssignments) {
-      if (touch.removed()) remove(op::VlanAssignmentDel{touch.assignment});
+    for (const DirtyVlanAssignment& dirty : change_.vlanAssignments) {
+      if (dirty.removed()) remove(op::VlanAssignmentDel{dirty.key()});
     }
-    for (size_t i = 0; i < kConfigSets.size(); ++i) {
-      for (const auto& node : change_.configSets[i].removed) {
-        remove(op::ConfigSetDel{static_cast<ConfigSet>(i), node.value()});
-      }
-    }
-    for (const AclTypeVrfTouch& touch : change_.aclTypeVrf) {
-      if (touch.after == nullptr) remove(op::ServiceAclTypeVrfDel{touch.key});
+    for (size_t row = 0; row < kConfigCollections.size(); ++row) {
+      removeThings(kConfigCollections[row], nullptr, change_.configThings[row]);
     }
   }
 
   void planConfiguration() {
     const Config& config = state_.config;
-    for (const ConfigScalarTouch& touch : change_.configScalars) {
-      if (!touch.written) continue;
-      const auto index = static_cast<size_t>(touch.which);
-      const auto& held = config.scalars[index];
-      configure(
-          op::ConfigScalarIs{touch.which, held ? *held : defaultOf(kConfigScalars[index].kind)});
-    }
+    planScalars(change_.configScalars, kConfig, nullptr, config.values, Plan::kConfiguration);
     const double after = regionSyncTimeoutOf(config, settings_.regionSyncTimeout);
     if (after != timeoutBefore()) configure(op::RegionSyncTimeoutIs{after});
-    for (size_t i = 0; i < kConfigSets.size(); ++i) {
-      for (const auto key : change_.configSets[i].added) {
-        configure(op::ConfigSetIs{static_cast<ConfigSet>(i), key});
-      }
+    for (size_t row = 0; row < kConfigCollections.size(); ++row) {
+      addThings(kConfigCollections[row], nullptr, change_.configThings[row], Plan::kConfiguration);
     }
-    for (const AclTypeVrfTouch& touch : change_.aclTypeVrf) {
-      if (touch.after != nullptr) configure(op::ServiceAclTypeVrfIs{touch.key, *touch.after});
+    for (const DirtyVlanAssignment& dirty : change_.vlanAssignments) {
+      if (dirty.added()) configure(op::VlanAssignmentIs{dirty.key(), &dirty.value()});
     }
-    for (const VlanAssignmentTouch& touch : change_.vlanAssignments) {
-      if (touch.added()) configure(op::VlanAssignmentIs{touch.assignment, touch.vlans});
-    }
-    for (const VlanAssignmentTouch& touch : change_.vlanAssignments) {
-      if (touch.added() || touch.removed()) continue;
-      for (const VlanTouch& vlan : touch.touched) {
-        if (vlan.after) configure(op::VlanIs{touch.assignment, vlan.vlan, *vlan.after});
+    for (const DirtyVlanAssignment& dirty : change_.vlanAssignments) {
+      for (const DirtyVlan& vlan : dirty.vlans) {
+        if (dirty.changed() && vlan.after) {
+          configure(op::VlanIs{dirty.key(), vlan.vlan, *vlan.after});
+        }
       }
     }
   }
 
   double timeoutBefore() const {
     Config before;
-    before.scalars = state_.config.scalars;
-    for (const ConfigScalarTouch& touch : change_.configScalars) {
-      before.scalars[static_cast<size_t>(touch.which)] = touch.before;
-    }
+    before.values = state_.config.values;
+    for (const DirtyScalar& dirty : change_.configScalars) before.values[dirty.row] = dirty.before;
     return regionSyncTimeoutOf(before, settings_.regionSyncTimeout);
   }
 
   void planAdditions() {
     expectAdditions();
-    for (const RegionTouch& touch : change_.regions) {
-      if (touch.added()) add(op::RegionIs{touch.region->name});
+    for (const DirtyRegion& dirty : change_.regions) {
+      if (dirty.added()) add(op::RegionIs{dirty.value().name});
     }
-    for (const RegionTouch& touch : change_.regions) addSets(touch);
-    for (const RegionTouch& touch : change_.regions) addSegments(touch);
-    for (const RegionTouch& touch : change_.regions) addPorts(touch);
+    for (size_t row = 0; row < kPortBindingRow; ++row) {
+      for (const DirtyRegion& dirty : change_.regions) addThings(row, dirty);
+    }
     auto planner = planners_.begin();
-    for (const RegionTouch& touch : change_.regions) {
-      if (touch.removed()) continue;
-      if (touch.added()) {
-        for (const auto& [id, binding] : touch.region->portBinding) addBinding(binding);
+    for (const DirtyRegion& dirty : change_.regions) {
+      if (dirty.removed()) continue;
+      if (dirty.added()) {
+        for (const auto& [id, binding] : dirty.value().portBinding) addBinding(binding);
         continue;
       }
       for (const BindingPlan& binding : planner->second.bindings()) addTo(binding);
@@ -370,69 +351,41 @@ class Planner {
   // the binding, one attachment, two levels.
   void expectAdditions() {
     size_t expected = 0;
-    for (const RegionTouch& touch : change_.regions) {
-      if (!touch.added()) continue;
-      const Region& region = *touch.region;
-      expected += 1 + region.segment.size() + region.port.size() + 4 * region.portBinding.size();
+    for (const DirtyRegion& dirty : change_.regions) {
+      if (!dirty.added()) continue;
+      const Region& region = dirty.value();
+      expected += 1 + 4 * region.portBinding.size();
+      for (const Things& things : region.things) expected += things.size();
     }
     plan_[Plan::kAdditions].reserve(expected);
   }
 
-  void addSets(const RegionTouch& touch) {
-    if (touch.removed()) return;
-    const auto name = touch.region->name;
-    for (size_t i = 0; i < kRegionSets.size(); ++i) {
-      const auto set = static_cast<RegionSet>(i);
-      if (touch.added()) {
-        for (const auto& key : touch.region->sets[i]) add(op::RegionSetIs{name, set, key});
-      } else {
-        for (const auto key : touch.sets[i].added) add(op::RegionSetIs{name, set, key});
-      }
-    }
-  }
-
-  void addSegments(const RegionTouch& touch) {
-    if (touch.removed()) return;
-    const auto name = touch.region->name;
-    if (touch.added()) {
-      for (const auto& [id, segment] : touch.region->segment) {
-        if (segment.value) add(op::SegmentIs{name, id, *segment.value});
-      }
+  void addThings(size_t row, const DirtyRegion& dirty) {
+    const Region& region = dirty.value();
+    if (!dirty.added()) {
+      addThings(kRegionCollections[row], &region, dirty.things[row], Plan::kAdditions);
       return;
     }
-    for (const SegmentTouch& segment : touch.segments) {
-      const auto& value = segment.segment->second.value;
-      if (value) add(op::SegmentIs{name, segment.segment->first, *value});
-    }
-  }
-
-  void addPorts(const RegionTouch& touch) {
-    if (touch.removed()) return;
-    const auto name = touch.region->name;
-    if (touch.added()) {
-      for (const auto& [id, port] : touch.region->port) add(op::PortIs{name, id, port.vlanType});
-      return;
-    }
-    for (const PortTouch& port : touch.ports) {
-      if (port.port != nullptr) add(op::PortIs{name, port.id, port.port->vlanType});
+    for (const ThingEntry& thing : region.things[row]) {
+      add(op::ThingIs{&kRegionCollections[row], &region, &thing});
     }
   }
 
   void addTo(const BindingPlan& plan) {
-    if (plan.comes) {
+    if (plan.added) {
       addBinding(*plan.binding);
       return;
     }
     for (const AttachmentPlan& attachment : plan.attachments) {
-      if (attachment.way == Way::kGoes) continue;
-      if (attachment.way != Way::kLevels) {
-        addAttachment(*plan.binding, attachment.kind, *attachment.touch->attachment);
+      const DirtyAttachment& dirty = *attachment.dirty;
+      if (attachment.step == Step::kRemove) continue;
+      if (attachment.step != Step::kLevels) {
+        addAttachment(*plan.binding, attachment.kind, *dirty.entry);
         continue;
       }
-      const AttachmentEntry& entry = *attachment.touch->attachment;
-      const auto at = addressOf(*plan.binding, attachment.kind, entry.first);
-      for (const Level& level : entry.second.levels) {
-        if (segmentAt(attachment.touch->levelsBefore, level.level) == level.segment) continue;
+      const auto at = addressOf(*plan.binding, attachment.kind, dirty.key());
+      for (const Level& level : dirty.value().levels) {
+        if (segmentAt(dirty.before.levels, level.level) == level.segment) continue;
         add(op::LevelIs{at, level.level, level.segment->first});
       }
     }
@@ -448,34 +401,43 @@ class Planner {
   void addAttachment(const PortBinding& binding, AttachmentKind kind,
                      const AttachmentEntry& entry) {
     const auto at = addressOf(binding, kind, entry.first);
-    add(op::AttachmentIs{at, entry.second.host});
+    add(op::AttachmentIs{at, &entry.second.values});
     for (const Level& level : entry.second.levels) {
       add(op::LevelIs{at, level.level, level.segment->first});
     }
   }
 
   void planScalars() {
-    for (const RegionTouch& touch : change_.regions) {
-      for (const auto& [which, value] : touch.scalars) {
-        plan_[Plan::kScalars].emplace_back(op::RegionScalarIs{touch.region->name, which, &value});
-      }
+    for (const DirtyRegion& dirty : change_.regions) {
+      if (dirty.removed()) continue;
+      planScalars(dirty.scalars, kRegion, &dirty.value(), dirty.value().values, Plan::kScalars);
+    }
+  }
+
+  void planScalars(const std::vector<DirtyScalar>& dirty, const Kind& kind, const Region* region,
+                   const Values& values, Plan::Step step) {
+    for (const DirtyScalar& scalar : dirty) {
+      if (!scalar.written) continue;
+      const size_t row = scalar.row;
+      plan_[step].emplace_back(
+          op::ScalarIs{&kind.scalars[row], region, &valueOf(values, kind, row)});
     }
   }
 
   const CloudState& state_;
   const Change& change_;
   const PlanSettings& settings_;
-  std::vector<std::pair<const RegionTouch*, RegionPlanner>> planners_;
+  std::vector<std::pair<const DirtyRegion*, RegionPlanner>> planners_;
   Plan plan_;
 };
 
 }  // namespace
 
 double regionSyncTimeoutOf(const Config& config, double otherwise) {
-  for (const auto which :
-       {ConfigScalar::kRegionSyncTimeout, ConfigScalar::kDefaultRegionSyncTimeout}) {
-    const auto& held = config.scalars[static_cast<size_t>(which)];
-    if (held) return std::get<double>(*held);
+  for (const auto row : {rowOf(kConfigScalars, "regionSyncTimeout"),
+                         rowOf(kConfigScalars, "defaultRegionSyncTimeout")}) {
+    const auto* held = config.values.empty() ? nullptr : std::get_if<double>(&config.values[row]);
+    if (held != nullptr) return *held;
   }
   return otherwise;
 }

@@ -10,6 +10,7 @@
 
 #include "agent/document/cloud_document.h"
 #include "agent/document/input.h"
+#include "agent/document/write_cloud.h"
 #include "agent/plan/plan.h"
 
 namespace vnagent {
@@ -78,39 +79,15 @@ class DocumentTest : public ::testing::Test {
 
 inline std::string DocumentTest::dump() const {
   std::string out;
+  JsonWriter json(out, JsonWriter::Style::kIndented);
+  writeCloud(document_.state(), json);
   const auto put = [&out](const auto&... parts) { ((out += parts, out += ' '), ...); };
-  const Config& config = document_.state().config;
-  for (const auto& scalar : config.scalars) put(std::to_string(scalar.has_value()));
-  for (const auto& set : config.sets) {
-    for (const auto& key : set) put("set", key);
-  }
-  for (const auto& [key, value] : config.serviceAclTypeVrfMap) put("vrf", key, value);
-  for (const auto& [name, vlans] : config.vlanAssignment) {
-    put("assignment", name);
-    for (const auto& [vlan, assigned] : vlans) put(std::to_string(vlan), std::to_string(assigned));
-  }
   for (const auto& [name, region] : document_.state().region) {
-    put("region", name);
-    for (const auto& set : region.sets) {
-      for (const auto& key : set) put("set", key);
+    for (const auto& [id, segment] : region.things[kSegmentRow]) {
+      put(name, id, std::to_string(segment.present), std::to_string(segment.users.size()));
     }
-    for (const auto& [id, segment] : region.segment) {
-      put("segment", id, std::to_string(segment.value.has_value()));
-      if (segment.value)
-        put(std::to_string(segment.value->type), std::to_string(segment.value->id));
-      put("used", std::to_string(segment.users.size()));
-    }
-    for (const auto& [id, port] : region.port) put("port", id, std::to_string(port.vlanType));
-    for (const auto& [id, binding] : region.portBinding) {
-      put("binding", id);
-      for (const auto kind : kAttachmentKinds) {
-        for (const auto& [key, attachment] : binding.of(kind)) {
-          put("at", key.first, key.second, attachment.host);
-          for (const Level& level : attachment.levels) {
-            put(std::to_string(level.level), level.segment->first);
-          }
-        }
-      }
+    for (const auto& [id, port] : region.ports()) {
+      put(id, std::to_string(document_.state().ports().elsewhere(id, Region{}) == &region));
     }
   }
   return out;

@@ -20,9 +20,8 @@ bool isEmpty(const CloudState& state) {
   const auto none = [](const auto& all) {
     return std::ranges::all_of(all, [](const auto& set) { return set.empty(); });
   };
-  return state.region.empty() && state.config.vlanAssignment.empty() &&
-         state.config.serviceAclTypeVrfMap.empty() && none(state.config.sets) &&
-         std::ranges::none_of(state.config.scalars, [](const auto& v) { return v.has_value(); });
+  return state.region.empty() && state.config.vlanAssignment.empty() && none(state.config.things) &&
+         std::ranges::all_of(state.config.values, [](const auto& v) { return v.index() == 0; });
 }
 
 bool isPrintable(std::string_view text) {

@@ -21,7 +21,7 @@ LAYERS = {
     "model/OpenStack": MODEL,
     "OpenStackSm": MODEL + ["model/OpenStack"],
     "agent/json": [],
-    "agent/document": ["agent/json"],
+    "agent/document": MODEL + ["model/OpenStack", "agent/json"],
     "agent/plan": ["agent/document"],
     "agent/cloud": LIBRARY + ["agent/document", "agent/plan"],
     "agent/session": FRAMEWORK + ["agent/json", "agent/document", "agent/plan", "agent/cloud"],
