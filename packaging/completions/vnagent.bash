@@ -5,7 +5,7 @@ _vnagent() {
   COMPREPLY=()
   for ((i = 1; i < COMP_CWORD; ++i)); do
     case ${COMP_WORDS[i]} in
-      run | check | import-neutron) command=${COMP_WORDS[i]} && break ;;
+      run | check | import-neutron | schema) command=${COMP_WORDS[i]} && break ;;
     esac
   done
 
@@ -22,10 +22,13 @@ _vnagent() {
     run) words='--help --events --region-sync-timeout --toggle --format --inspect --each --changes --keep-going --trace --trace-file --trace-text --max-input' ;;
     check) words='--help --events --max-input' ;;
     import-neutron) words='--help --region --max-input' ;;
-    *) words='run check import-neutron --help --version' ;;
+    schema) words='--help' ;;
+    *) words='run check import-neutron schema --help --version' ;;
   esac
   if [[ -z $command || $word == -* ]]; then
     mapfile -t COMPREPLY < <(compgen -W "$words" -- "$word")
+  elif [[ $command == schema ]]; then
+    mapfile -t COMPREPLY < <(compgen -W 'cloud output' -- "$word")
   elif [[ $command == import-neutron ]]; then
     compopt -o filenames && mapfile -t COMPREPLY < <(compgen -d -- "$word")
   else

@@ -1,11 +1,12 @@
 # Completion of vnagent's command line for fish.
 
-set -l commands run check import-neutron
+set -l commands run check import-neutron schema
 
 complete -c vnagent -n "not __fish_seen_subcommand_from $commands" -f
 complete -c vnagent -n "not __fish_seen_subcommand_from $commands" -a run -d "Load a cloud, apply events, print what the switch must provide"
 complete -c vnagent -n "not __fish_seen_subcommand_from $commands" -a check -d "Say all that is wrong with a cloud document and events"
 complete -c vnagent -n "not __fish_seen_subcommand_from $commands" -a import-neutron -d "Turn the state of a Neutron server into a cloud document"
+complete -c vnagent -n "not __fish_seen_subcommand_from $commands" -a schema -d "Print the JSON Schema of a document"
 complete -c vnagent -n "not __fish_seen_subcommand_from $commands" -l version -d "Print the version"
 complete -c vnagent -s h -l help -d "Say what the command does"
 
@@ -28,3 +29,5 @@ complete -c vnagent -n "__fish_seen_subcommand_from check" -l max-input -x -d "R
 complete -c vnagent -n "__fish_seen_subcommand_from import-neutron" -l region -x -d "Name of the region in the cloud document"
 complete -c vnagent -n "__fish_seen_subcommand_from import-neutron" -l max-input -x -d "Read no larger file"
 complete -c vnagent -n "__fish_seen_subcommand_from import-neutron" -a "(__fish_complete_directories)"
+
+complete -c vnagent -n "__fish_seen_subcommand_from schema" -f -a "cloud output"
