@@ -1,12 +1,16 @@
 // The program, on a document of 100,000 ports on hosts.
 //
 //   agent/run      `vnagent run` on the document: parsed, checked, applied, printed as JSON
-//   agent/patches  the same with 10,000 patches, each of which moves one port to another host
-//   agent/parse    the bare parse of the document's bytes, with the same JSON library
+//   agent/patches  the same with 100,000 patches, each of which moves one port to another host:
+//                  so many that they take several times as long as the rest
+//   agent/parse    the bare parse of the document's bytes, with a JSON library
 //
-// Each is a process of its own, which reads the document from a file: none is spared the start of a
-// process, and none finds the memory of another. Time is the processor time of the whole
-// process, of its own and of the system on its behalf.
+//   agent/changes/PORTS/none  `vnagent run --each --changes` on a document of so many ports
+//   agent/changes/PORTS/all   the same with 100,000 such patches; the change that each makes is
+//                             printed, and its cost must not grow with the cloud
+//
+// Each is a process of its own, which reads the document from a file. Time is the processor time of
+// the whole process, user and system.
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/resource.h>
@@ -31,7 +35,7 @@ namespace {
 using nlohmann::json;
 
 constexpr std::uint32_t kPorts = 100000;
-constexpr std::uint32_t kPatches = 10000;
+constexpr std::uint32_t kPatches = 100000;
 
 json levels(const Cloud& cloud, std::uint32_t port) {
   const std::string network = std::to_string(cloud.network(port));
@@ -56,11 +60,13 @@ json document(const Cloud& cloud) {
   return {{"region", {{std::string(Cloud::region()), std::move(region)}}}};
 }
 
-// Moves a port from its host to that of the port 40 numbers on.
-json patch(const Cloud& cloud, std::uint32_t port) {
+// Moves a port from its host to that of the port 40 numbers on, or back.
+json patch(const Cloud& cloud, std::uint32_t port, bool back) {
   const std::string id(cloud.portId(port));
-  const std::string to(cloud.host((port + Cloud::kPortsPerHost) % cloud.ports()));
-  const json moved = {{std::string(cloud.host(port)), nullptr}, {to, levels(cloud, port)}};
+  std::string from(cloud.host(port));
+  std::string to(cloud.host((port + Cloud::kPortsPerHost) % cloud.ports()));
+  if (back) from.swap(to);
+  const json moved = {{from, nullptr}, {to, levels(cloud, port)}};
   const json binding = {{"portBinding", {{id, {{"portToHostBinding", moved}}}}}};
   return {{"patch", {{"region", {{std::string(Cloud::region()), binding}}}}}};
 }
@@ -68,13 +74,16 @@ json patch(const Cloud& cloud, std::uint32_t port) {
 // The input of the program, as files beside the results.
 class Files {
  public:
-  explicit Files(const std::filesystem::path& folder)
-      : cloud_((folder / "cloud.json").string()), events_((folder / "events.jsonl").string()) {
-    const Cloud cloud(kPorts, Shape::spread);
+  Files(const std::filesystem::path& folder, std::uint32_t ports)
+      : cloud_((folder / ("cloud-" + std::to_string(ports) + ".json")).string()),
+        events_((folder / ("events-" + std::to_string(ports) + ".jsonl")).string()) {
+    const Cloud cloud(ports, Shape::spread);
     std::ofstream(cloud_) << document(cloud).dump(1);
     std::ofstream events(events_);
     const auto order = cloud.shuffled(1);
-    for (std::uint32_t i = 0; i < kPatches; ++i) events << patch(cloud, order[i]).dump() << '\n';
+    for (std::uint32_t i = 0; i < kPatches; ++i) {
+      events << patch(cloud, order[i % ports], i / ports % 2 != 0).dump() << '\n';
+    }
   }
   const std::string& cloud() const { return cloud_; }
   const std::string& events() const { return events_; }
@@ -107,6 +116,28 @@ double run(std::vector<std::string> command) {
   return seconds(usage.ru_utime) + seconds(usage.ru_stime);
 }
 
+// `vnagent`, and where its input goes.
+class Program {
+ public:
+  explicit Program(const Suite& suite)
+      : program_(suite.options().vnagent),
+        folder_(std::filesystem::path(suite.options().results).parent_path()) {
+    if (program_.empty()) throw std::invalid_argument("--vnagent=PROGRAM is needed");
+  }
+  const std::filesystem::path& folder() const { return folder_; }
+  // The command `vnagent run` on a document, with options.
+  std::vector<std::string> run(const Files& files, std::vector<std::string> options) const {
+    std::vector<std::string> command{program_, "run", files.cloud()};
+    command.insert(command.end(), options.begin(), options.end());
+    return command;
+  }
+
+ private:
+  std::string program_;
+  std::filesystem::path folder_;
+};
+
+// Adds a process as a benchmark; its time is divided by kPorts.
 void addProcess(Suite& suite, const std::string& name, int repetitions,
                 std::vector<std::string> command) {
   suite.addBatch(name, kPorts, repetitions, [=](benchmark::State& state) {
@@ -127,15 +158,26 @@ void addAgent(Suite& suite) {
       !suite.wanted("agent/parse")) {
     return;
   }
-  const std::string program = suite.options().vnagent;
-  if (program.empty()) throw std::invalid_argument("--vnagent=PROGRAM is needed");
-  const Files files(std::filesystem::path(suite.options().results).parent_path());
-  const std::vector<std::string> runCloud{program, "run", files.cloud(), "--format", "json"};
-  auto runPatches = runCloud;
-  runPatches.insert(runPatches.end(), {"--events", files.events()});
-  addProcess(suite, "agent/run", 10, runCloud);
+  const Program program(suite);
+  const Files files(program.folder(), kPorts);
+  const int repetitions = suite.quick() ? 3 : 10;
+  addProcess(suite, "agent/run", 10, program.run(files, {"--format", "json"}));
   addProcess(suite, "agent/parse", 10, {"/proc/self/exe", "--parse=" + files.cloud()});
-  addProcess(suite, "agent/patches", suite.quick() ? 3 : 10, runPatches);
+  addProcess(suite, "agent/patches", repetitions,
+             program.run(files, {"--format", "json", "--events", files.events()}));
+}
+
+void addAgentChanges(Suite& suite) {
+  for (const std::uint32_t ports : {1000U, kPorts}) {
+    const std::string name = "agent/changes/" + std::to_string(ports);
+    if (!suite.wanted(name + "/none") && !suite.wanted(name + "/all")) continue;
+    const Program program(suite);
+    const Files files(program.folder(), ports);
+    const int repetitions = suite.quick() ? 3 : 10;
+    addProcess(suite, name + "/none", repetitions, program.run(files, {"--each", "--changes"}));
+    addProcess(suite, name + "/all", repetitions,
+               program.run(files, {"--each", "--changes", "--events", files.events()}));
+  }
 }
 
 }  // namespace bench

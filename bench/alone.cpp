@@ -1,16 +1,17 @@
-// What is measured in a process of its own, because the framework keeps memory that it once had for
-// the next object.
+// What is measured in a process of its own, because the framework's pool keeps its memory for the
+// next object.
 //
-//   memory/SHAPE/PORTS/SIDE      what the data of the binding benchmarks takes, in bytes a port
-//   load/SHAPE/PORTS/machines    a region with all its ports is added in one go; counters: load,
-//                                and teardown, the end of the machines (ns a port)
+//   memory/SHAPE/PORTS/SIDE      the memory of the data of the binding benchmarks, in bytes a port
+//   load/SHAPE/PORTS/machines    a region with all its ports is added by one change; counters: load,
+//                                and teardown, the destruction of the machines (ns a port)
 //
 // Sides: intern; outputs, the output entities alone; machines, with the counters inputs (the input
-// entities), machines (machines and reactors) and outputs (the output entities, with the texts that
-// they share with the inputs not counted again).
+// entities), machines (machines and reactors with their collections), outputs (the output entities,
+// with the texts that they share with the inputs not counted again) and objects (the machine and
+// reactor objects alone, as the type tracker counts them: exact, the same in every build).
 //
-// Memory is the rise of what malloc has handed out, its own overhead included, and so counted the
-// same for every side, and what the framework has taken for its pool, in use or not.
+// Memory is the rise of what malloc has allocated, with its overhead, and so counted alike for
+// every side, and of what the framework's pool has taken of the system, in use or not.
 #include <malloc.h>
 #include <unistd.h>
 
@@ -21,6 +22,7 @@
 #include <memory>
 #include <sstream>
 #include <stdexcept>
+#include <string_view>
 
 #include "bench/groups.h"
 #include "bench/limit/Limit.h"
@@ -35,7 +37,7 @@ double allocated() {
   return static_cast<double>(info.uordblks + info.hblkhd + Kiv::kivMemTaken());
 }
 
-// Prints the bytes a port that came into use since it was made.
+// Prints by how many bytes a port the memory in use has risen since it was made.
 class Meter {
  public:
   explicit Meter(const Cloud& cloud) : ports_(cloud.ports()), before_(allocated()) {}
@@ -80,6 +82,21 @@ void measureSharingOutputs(const Cloud& cloud) {
   meter.print("total");
 }
 
+// Whether a type of the tracker is a machine, or a reactor, which is a class of its machine: their
+// names are "OpenStack::SomethingSm" and "OpenStack::SomethingSm::KivSomething".
+bool ofMachines(std::string_view typeName) {
+  const std::string_view machine = typeName.substr(0, typeName.find("::Kiv"));
+  return machine.starts_with("OpenStack::") && machine.ends_with("Sm");
+}
+
+double bytesOfMachines() {
+  double bytes = 0;
+  for (const Kiv::AllocTrackRecord& record : Kiv::AllocTrackTypeInfo::report()) {
+    if (ofMachines(record.typeName)) bytes += static_cast<double>(record.liveBytes);
+  }
+  return bytes;
+}
+
 void measureMachines(const Cloud& cloud) {
   Agent agent;
   const Meter meter(cloud);
@@ -87,6 +104,7 @@ void measureMachines(const Cloud& cloud) {
   meter.print("inputs");
   agent.start();
   meter.print("total");
+  std::cout << "objects " << bytesOfMachines() / cloud.ports() << '\n';
 }
 
 void measureLoad(const Cloud& cloud) {
@@ -121,8 +139,8 @@ Figures measured(const std::string& what) {
   return figures;
 }
 
-// A benchmark of one such process after the other, whose counters are the figures. Their sum stands
-// in for the time.
+// A benchmark of one such process after the other, whose counters are the figures. Its time, which
+// Google Benchmark wants, is their sum.
 void addFigures(Suite& suite, const std::string& name, int repetitions,
                 std::function<Figures()> figures) {
   suite.addBatch(name, 1, repetitions, [figures](benchmark::State& state) {

@@ -11,7 +11,7 @@ void checkLimit();
 // Binding and unbinding of ports, through the machines and in straight-line code; several groups.
 void benchBinding(Suite& suite);
 
-// What the same data takes in memory; loading it in one go.
+// What memory the same data takes; adding it by one change.
 void addMemory(Suite& suite);
 void addLoads(Suite& suite);
 // The figures of one process for these two: prints those of `what`.
@@ -28,8 +28,10 @@ void addMaps(Suite& suite);
 void addNames(Suite& suite);
 void addTrace(Suite& suite);
 
-// The program, on a document of 100,000 ports.
+// The program, on a document of 100,000 ports; and the cost of one change to it, in a small cloud
+// and in a large one.
 void addAgent(Suite& suite);
+void addAgentChanges(Suite& suite);
 // What addAgent() compares with: reads a file and parses it, and nothing else.
 int parseFile(const std::string& path);
 

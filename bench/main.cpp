@@ -60,7 +60,7 @@ int main(int argc, char** argv) {
     for (void (*add)(bench::Suite&) :
          {bench::addMemory, bench::addLoads, bench::addRegions, bench::addDispatch,
           bench::addDelivery, bench::addPointers, bench::addMaps, bench::addNames, bench::addTrace,
-          bench::addAgent}) {
+          bench::addAgent, bench::addAgentChanges}) {
       suite.group([&] { add(suite); });
     }
     suite.finish();
