@@ -1,4 +1,4 @@
-// Iterators of both families of keyed collections, while members come and go under them.
+// Iterators of both families of keyed collections, while members are added and removed.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -19,7 +19,7 @@ namespace {
 using Keys::keyOf;
 using Kiv::make;
 
-// The two families behind one face.
+// The two families behind one interface.
 template <class Key>
 class Objects {
  public:
@@ -81,22 +81,22 @@ class IterationTest : public testing::Test {
     collection_.remove(key);
     reference_.erase(key);
   }
-  // The key that stands after this one, by the reference.
+  // The key after this one, by the reference.
   std::optional<K> after(const K& key) const {
     const auto next = reference_.upper_bound(key);
     return next == reference_.end() ? std::nullopt : std::optional<K>(*next);
   }
-  // Walks over all; calls `at(key)` for each, and holds each step against the reference.
-  void walk(const std::function<void(const K&)>& at) {
+  // Iterates over all; calls `at(key)` for each, and checks each step against the reference.
+  void iterate(const std::function<void(const K&)>& at) {
     std::optional<K> expected =
         reference_.empty() ? std::nullopt : std::optional<K>(*reference_.begin());
     std::size_t steps = 0;
     for (auto i = collection_.begin(); i != collection_.end(); ++i) {
-      ASSERT_TRUE(expected.has_value()) << "went on after the last";
+      ASSERT_TRUE(expected.has_value()) << "continued after the last";
       const K key = Collection::keyAt(i);
       ASSERT_EQ(key, *expected);
       at(key);
-      ASSERT_EQ(Collection::keyAt(i), key) << "the current member changed under the iterator";
+      ASSERT_EQ(Collection::keyAt(i), key) << "the current member changed";
       expected = after(key);
       ++steps;
       ASSERT_LT(steps, 10000U);
@@ -128,106 +128,106 @@ TYPED_TEST_SUITE(IterationTest, Collections, FamilyNames);
 
 constexpr int kSizes[] = {0, 1, 2, 4, 5, 9, 60};
 
-TYPED_TEST(IterationTest, MeetsEachMemberOnce) {
+TYPED_TEST(IterationTest, VisitsEachMemberOnce) {
   for (const int size : kSizes) {
     this->fill(size);
-    int met = 0;
-    this->walk([&](const auto&) { ++met; });
-    EXPECT_EQ(met, size);
+    int visited = 0;
+    this->iterate([&](const auto&) { ++visited; });
+    EXPECT_EQ(visited, size);
   }
 }
 
-TYPED_TEST(IterationTest, GoesOnAfterTheDeletionOfTheMemberUnderIt) {
+TYPED_TEST(IterationTest, ContinuesAfterTheDeletionOfTheCurrentMember) {
   for (const int size : kSizes) {
     this->fill(size);
-    int met = 0;
-    this->walk([&](const auto& key) {
-      ++met;
+    int visited = 0;
+    this->iterate([&](const auto& key) {
+      ++visited;
       this->removeKey(key);
     });
-    EXPECT_EQ(met, size);
+    EXPECT_EQ(visited, size);
     EXPECT_EQ(this->collection_.size(), 0U);
   }
 }
 
-TYPED_TEST(IterationTest, DoesNotMeetTheNextMemberThatIsDeletedBeforeItsTurn) {
+TYPED_TEST(IterationTest, DoesNotVisitAMemberThatIsDeletedBeforeItsTurn) {
   this->fill(60);
-  int met = 0;
-  this->walk([&](const auto& key) {
-    ++met;
+  int visited = 0;
+  this->iterate([&](const auto& key) {
+    ++visited;
     if (const auto next = this->after(key)) this->removeKey(*next);
   });
-  EXPECT_EQ(met, 30);
+  EXPECT_EQ(visited, 30);
 }
 
-TYPED_TEST(IterationTest, DoesNotMindTheDeletionOfThoseItHasPassed) {
+TYPED_TEST(IterationTest, IsNotDisturbedByTheDeletionOfVisitedMembers) {
   this->fill(60);
   std::optional<typename TestFixture::K> previous;
-  int met = 0;
-  this->walk([&](const auto& key) {
-    ++met;
+  int visited = 0;
+  this->iterate([&](const auto& key) {
+    ++visited;
     if (previous) this->removeKey(*previous);
     previous = key;
   });
-  EXPECT_EQ(met, 60);
+  EXPECT_EQ(visited, 60);
 }
 
-TYPED_TEST(IterationTest, EndsWhenAllAreDeletedUnderIt) {
+TYPED_TEST(IterationTest, EndsWhenAllMembersAreDeleted) {
   for (const int size : kSizes) {
     this->fill(size);
-    int met = 0;
-    this->walk([&](const auto&) {
-      ++met;
+    int visited = 0;
+    this->iterate([&](const auto&) {
+      ++visited;
       this->collection_.removeAll();
       this->reference_.clear();
     });
-    EXPECT_EQ(met, size == 0 ? 0 : 1);
+    EXPECT_EQ(visited, size == 0 ? 0 : 1);
   }
 }
 
-TYPED_TEST(IterationTest, MeetsWhatIsInsertedAfterItsPlaceAndNothingBefore) {
+TYPED_TEST(IterationTest, VisitsWhatIsInsertedAfterTheCurrentMemberOnly) {
   this->fill(3);
   int added = 3;
-  this->walk([&](const auto&) {
+  this->iterate([&](const auto&) {
     for (int i = 0; i < 5 && added < 200; ++i) this->add(added++);
   });
   EXPECT_EQ(this->collection_.size(), this->reference_.size());
 }
 
-TYPED_TEST(IterationTest, DoesNotMeetAKeyAgainThatIsDeletedAndInsertedAnew) {
+TYPED_TEST(IterationTest, DoesNotVisitAgainAKeyThatIsDeletedAndReinserted) {
   this->fill(40);
-  int met = 0;
-  this->walk([&](const auto& key) {
-    ++met;
+  int visited = 0;
+  this->iterate([&](const auto& key) {
+    ++visited;
     this->removeKey(key);
     this->addKey(key);
   });
-  EXPECT_EQ(met, 40);
+  EXPECT_EQ(visited, 40);
 }
 
-TYPED_TEST(IterationTest, FindsItsWayWhenAllWereExchangedUnderIt) {
+TYPED_TEST(IterationTest, ContinuesWhenAllMembersAreReplaced) {
   this->fill(40);
-  int met = 0;
-  this->walk([&](const auto&) {
-    ++met;
+  int visited = 0;
+  this->iterate([&](const auto&) {
+    ++visited;
     const auto keys = this->reference_;
     this->collection_.removeAll();
     for (const auto& key : keys) this->addKey(key);
   });
-  EXPECT_EQ(met, 40);
+  EXPECT_EQ(visited, 40);
 }
 
-TYPED_TEST(IterationTest, TwoWalksAtOnceDoNotDisturbEachOther) {
+TYPED_TEST(IterationTest, NestedIterationsDoNotDisturbEachOther) {
   this->fill(12);
   int inner = 0;
-  this->walk([&](const auto& key) {
-    this->walk([&](const auto&) { ++inner; });
+  this->iterate([&](const auto& key) {
+    this->iterate([&](const auto&) { ++inner; });
     this->removeKey(key);
   });
   EXPECT_EQ(inner, 12 * 13 / 2);
 }
 
-TYPED_TEST(IterationTest, FollowsTheReferenceWhateverHappensUnderIt) {
+TYPED_TEST(IterationTest, FollowsTheReferenceUnderRandomChanges) {
   for (unsigned seed = 1; seed <= 25; ++seed) {
     SCOPED_TRACE("seed " + std::to_string(seed));
     std::mt19937 random(seed);
@@ -239,8 +239,8 @@ TYPED_TEST(IterationTest, FollowsTheReferenceWhateverHappensUnderIt) {
     for (int n = 0; n < keys; ++n) {
       if (random() % 2 == 0) this->add(n);
     }
-    int budget = 60;  // of insertions, or the walk might never end
-    this->walk([&](const auto& key) {
+    int budget = 60;  // of insertions, or the iteration might never end
+    this->iterate([&](const auto& key) {
       for (auto times = random() % 4; times > 0; --times) {
         const auto what = random() % 10;
         if (what < 3) this->removeKey(key);
@@ -258,7 +258,7 @@ TYPED_TEST(IterationTest, FollowsTheReferenceWhateverHappensUnderIt) {
   }
 }
 
-TEST(IteratorTest, TheMemberUnderAnIteratorStaysUsableAfterItsDeletion) {
+TEST(IteratorTest, TheCurrentMemberIsUsableAfterItsDeletion) {
   const Support::LiveObjects nothingIsLeft;
   using Item = Keys::Item<Kiv::Name>;
   Kiv::HashMap<Item, Kiv::Name> map;
@@ -285,7 +285,7 @@ class CursorTest : public testing::Test {
   Kiv::HashMap<Item, Kiv::U8> map_;
 };
 
-TEST_F(CursorTest, ALoopHoldsItsMemberFromItsDeletionOn) {
+TEST_F(CursorTest, ALoopPinsItsMemberWhenItIsDeleted) {
   for (const auto& member : map_) {
     EXPECT_EQ(member->references(), 1U) << "the collection's";
     const auto removed = map_.deleteMember(member->fwkKey());
@@ -294,7 +294,7 @@ TEST_F(CursorTest, ALoopHoldsItsMemberFromItsDeletionOn) {
   EXPECT_TRUE(map_.empty());
 }
 
-TEST_F(CursorTest, EachOfSeveralLoopsHoldsTheMember) {
+TEST_F(CursorTest, EachOfSeveralCursorsPinsTheMember) {
   auto first = map_.iteratorAt(3);
   const auto second = map_.iteratorAt(3);
   auto third = map_.iteratorAt(4);
@@ -307,7 +307,7 @@ TEST_F(CursorTest, EachOfSeveralLoopsHoldsTheMember) {
   EXPECT_EQ(third.key(), 5);
 }
 
-TEST_F(CursorTest, ACopyStaysWhereItIsWhenTheOtherGoesOn) {
+TEST_F(CursorTest, ACopyOfAnIteratorAdvancesByItself) {
   auto at = map_.iteratorAt(2);
   auto copy = at;
   (void)map_.deleteMember(2);
@@ -326,7 +326,7 @@ TEST_F(CursorTest, ACopyStaysWhereItIsWhenTheOtherGoesOn) {
   EXPECT_TRUE(late == map_.end());
 }
 
-TEST_F(CursorTest, IteratorsMayEndInAnyOrder) {
+TEST_F(CursorTest, IteratorsMayBeDestroyedInAnyOrder) {
   using Iterator = decltype(map_)::iterator;
   std::optional<Iterator> at[3] = {map_.iteratorAt(1), map_.iteratorAt(1), map_.iteratorAt(1)};
   at[1].reset();
@@ -337,28 +337,28 @@ TEST_F(CursorTest, IteratorsMayEndInAnyOrder) {
   at[2].reset();
 }
 
-TEST_F(CursorTest, ALoopThatWasLeftHoldsNothing) {
-  Kiv::Ptr<Item> met;
+TEST_F(CursorTest, ALoopThatWasLeftPinsNothing) {
+  Kiv::Ptr<Item> visited;
   for (const auto& member : map_) {
-    met = member;
+    visited = member;
     if (member->fwkKey() == 4) break;
   }
-  EXPECT_EQ(met->references(), 2U);
+  EXPECT_EQ(visited->references(), 2U);
   (void)map_.deleteMember(4);
-  EXPECT_EQ(met->references(), 1U);
+  EXPECT_EQ(visited->references(), 1U);
 }
 
-TEST_F(CursorTest, AMemberMayLeaveAndComeBackUnderALoop) {
-  int met = 0;
+TEST_F(CursorTest, TheCurrentMemberMayBeRemovedAndReinserted) {
+  int visited = 0;
   for (const auto& member : map_) {
     const Kiv::Ptr<Item> kept = map_.deleteMember(member->fwkKey());
     map_.newMember(kept);
     (void)map_.deleteMember(member->fwkKey());
     map_.newMember(kept);
-    ++met;
+    ++visited;
     EXPECT_EQ(member->references(), 3U);
   }
-  EXPECT_EQ(met, 9);
+  EXPECT_EQ(visited, 9);
   for (const auto& member : map_) EXPECT_EQ(member->references(), 1U);
 }
 
@@ -477,7 +477,7 @@ TYPED_TEST(StepTest, WithoutBucketsAllMembersAreInTheFirst) {
   EXPECT_EQ(map.findNextBucket(1), nullptr);
 }
 
-// Takes the one that stands after it along when it ends.
+// Deletes the member after it when it is destroyed.
 class Last final : public Kiv::Member {
  public:
   static constexpr std::string_view kTypeName = "Test::Last";
@@ -492,30 +492,30 @@ class Last final : public Kiv::Member {
   const Kiv::U8 key_;
 };
 
-TEST(IteratorTest, GoesOnWhenRoomIsMadeUnderIt) {
+TEST(IteratorTest, ContinuesWhenMemoryIsReserved) {
   for (const int count : {1, 3, 9, 40}) {
     Kiv::HashMap<Keys::Item<Kiv::U32>, Kiv::U32> map;
     for (int n = 0; n < count; ++n) map.newMember(make<Keys::Item<Kiv::U32>>(keyOf<Kiv::U32>(n)));
-    std::size_t met = 0;
+    std::size_t visited = 0;
     for (const auto& member : map) {
       EXPECT_EQ(map[member->fwkKey()], member.get());
-      map.reserve(10 * ++met);
+      map.reserve(10 * ++visited);
     }
-    EXPECT_EQ(met, map.size());
+    EXPECT_EQ(visited, map.size());
   }
 }
 
-TEST(IteratorTest, WhereALoopGoesOnToIsThereEvenWhenTheOneBeforeTakesItAlong) {
+TEST(IteratorTest, TheNextMemberIsVisitedWhenTheCurrentOneDeletesItOnDestruction) {
   const Support::LiveObjects nothingIsLeft;
   Last::Map map;
   for (Kiv::U8 key = 0; key < 6; ++key) map.newMember(make<Last>(map, key));
-  std::vector<int> met;
+  std::vector<int> visited;
   for (const auto& member : map) {
-    met.push_back(member->fwkKey());
+    visited.push_back(member->fwkKey());
     (void)map.deleteMember(member->fwkKey());
   }
-  // Each ends when the loop leaves it, and the next is met all the same.
-  EXPECT_EQ(met, (std::vector<int>{0, 1, 2, 3, 4, 5}));
+  // Each is destroyed when the loop advances, and the next one is visited all the same.
+  EXPECT_EQ(visited, (std::vector<int>{0, 1, 2, 3, 4, 5}));
   EXPECT_TRUE(map.empty());
 }
 

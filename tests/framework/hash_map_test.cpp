@@ -32,7 +32,7 @@ class HashMapTest : public testing::Test {
   static void insert(Map& map, const std::vector<int>& numbers) {
     for (const int n : numbers) map.newMember(make<Item>(keyOf<K>(n)));
   }
-  // The keys as the collection should hold them.
+  // The keys in the order in which the collection should have them.
   static std::vector<K> inOrder(const std::vector<int>& numbers) {
     std::vector<K> keys;
     for (const int n : numbers) keys.push_back(keyOf<K>(n));
@@ -71,7 +71,7 @@ TYPED_TEST(HashMapTest, IsEmptyAtFirst) {
   EXPECT_EQ(map.changes(), 0U);
 }
 
-TYPED_TEST(HashMapTest, AMemberIsFoundByItsKeyAndHeld) {
+TYPED_TEST(HashMapTest, AMemberIsFoundByItsKeyAndReferenced) {
   using K = TypeParam;
   typename TestFixture::Map map;
   const auto item = make<typename TestFixture::Item>(keyOf<K>(7));
@@ -85,7 +85,7 @@ TYPED_TEST(HashMapTest, AMemberIsFoundByItsKeyAndHeld) {
   EXPECT_FALSE(map.empty());
 }
 
-TYPED_TEST(HashMapTest, AMemberThatIsTakenOutIsHandedOver) {
+TYPED_TEST(HashMapTest, ARemovedMemberIsReturned) {
   using K = TypeParam;
   typename TestFixture::Map map;
   TestFixture::insert(map, {1, 2, 3});
@@ -119,7 +119,7 @@ TYPED_TEST(HashMapTest, EveryMemberIsFoundAtEverySize) {
   }
 }
 
-TYPED_TEST(HashMapTest, MembersStandInTheOrderOfTheirBitReversedHashes) {
+TYPED_TEST(HashMapTest, MembersAreInTheOrderOfTheirBitReversedHashes) {
   for (const int count : {1, 4, 5, 8, 9, 100, 250}) {
     typename TestFixture::Map map;
     TestFixture::insert(map, TestFixture::upTo(count));
@@ -128,7 +128,7 @@ TYPED_TEST(HashMapTest, MembersStandInTheOrderOfTheirBitReversedHashes) {
   }
 }
 
-TYPED_TEST(HashMapTest, TheOrderDoesNotDependOnHowTheCollectionCameToBe) {
+TYPED_TEST(HashMapTest, TheOrderDependsOnTheKeysAlone) {
   using K = TypeParam;
   typename TestFixture::Map direct;
   TestFixture::insert(direct, {3, 50, 120, 7, 11, 200});
@@ -145,7 +145,7 @@ TYPED_TEST(HashMapTest, TheOrderDoesNotDependOnHowTheCollectionCameToBe) {
   EXPECT_EQ(TestFixture::keysOf(grownAndShrunk), TestFixture::keysOf(direct));
 }
 
-TYPED_TEST(HashMapTest, EmptyingTakesOutAllAndTheCollectionServesOn) {
+TYPED_TEST(HashMapTest, AnEmptiedCollectionCanBeFilledAgain) {
   using K = TypeParam;
   typename TestFixture::Map map;
   for (const int count : {1, 5, 100}) {
@@ -157,7 +157,7 @@ TYPED_TEST(HashMapTest, EmptyingTakesOutAllAndTheCollectionServesOn) {
   }
 }
 
-TYPED_TEST(HashMapTest, TheEndOfTheCollectionLetsItsMembersGo) {
+TYPED_TEST(HashMapTest, ADestroyedCollectionReleasesItsMembers) {
   using K = TypeParam;
   const auto kept = make<typename TestFixture::Item>(keyOf<K>(1));
   {
@@ -204,7 +204,7 @@ TEST(HashMapMembershipTest, AnObjectIsAMemberOfOneCollectionAtATime) {
   EXPECT_EQ(other["a"], item.get());
 }
 
-TEST(HashMapMembershipTest, AReplacedMemberLeavesItsPlaceToTheNewOne) {
+TEST(HashMapMembershipTest, AReplacementTakesTheReplacedMembersPosition) {
   const Support::LiveObjects nothingIsLeft;
   Map map;
   for (const char* name : {"a", "b", "c", "d", "e", "f"}) map.newMember(make<Item>(name));
@@ -243,7 +243,7 @@ TYPED_TEST(HashMapTest, EveryMemberCanBeReplacedAtEverySize) {
   }
 }
 
-TEST(HashMapMembershipTest, EachChangeIsCounted) {
+TEST(HashMapMembershipTest, TheVersionRisesWithEachChange) {
   const Support::LiveObjects nothingIsLeft;
   Map map;
   const auto a = make<Item>("a");
@@ -262,7 +262,7 @@ TEST(HashMapMembershipTest, EachChangeIsCounted) {
   EXPECT_EQ(map.changes(), 6U);
 }
 
-TEST(HashMapBucketsTest, AFewMembersNeedNoneAndBucketsFollowTheirNumber) {
+TEST(HashMapBucketsTest, TheNumberOfBucketsFollowsThatOfTheMembers) {
   const Support::LiveObjects nothingIsLeft;
   Map map;
   const auto insertUpTo = [&](std::size_t size) {
@@ -295,13 +295,13 @@ TEST(HashMapBucketsTest, AFewMembersNeedNoneAndBucketsFollowTheirNumber) {
   EXPECT_EQ(map.buckets(), 0U);
 }
 
-TYPED_TEST(HashMapTest, RoomThatIsMadeAtAnySizeServesThoseWhoComeAndChangesNoOther) {
+TYPED_TEST(HashMapTest, ReservingMemoryAtAnySizeChangesNoMember) {
   using K = TypeParam;
   for (const int count : {0, 1, 2, 4, 5, 16, 17, 60}) {
-    for (const std::size_t room : {0U, 1U, 4U, 5U, 16U, 17U, 300U}) {
+    for (const std::size_t capacity : {0U, 1U, 4U, 5U, 16U, 17U, 300U}) {
       typename TestFixture::Map map;
       TestFixture::insert(map, TestFixture::upTo(count));
-      map.reserve(room);
+      map.reserve(capacity);
       ASSERT_THAT(TestFixture::keysOf(map),
                   ElementsAreArray(TestFixture::inOrder(TestFixture::upTo(count))));
       for (int n = count; n < 100; ++n) TestFixture::insert(map, {n});
@@ -313,7 +313,7 @@ TYPED_TEST(HashMapTest, RoomThatIsMadeAtAnySizeServesThoseWhoComeAndChangesNoOth
   }
 }
 
-// A key that says where it stands.
+// A key that determines its order.
 struct Placed {
   Kiv::U32 place = 0;
   int number = 0;
@@ -322,8 +322,8 @@ struct Placed {
   friend bool operator<(const Placed& a, const Placed& b) { return a.number < b.number; }
 };
 
-// The two highest orders are one, as the highest marks gaps.
-TEST(HashMapBucketsTest, TheHighestOrdersAreOneWhereverTheyStand) {
+// The highest order marks gaps.
+TEST(HashMapBucketsTest, TheTwoHighestOrdersAreTreatedAsOne) {
   Kiv::HashMap2018<Placed> set;
   set.newMember({~0U - 1, 9}, true);
   set.newMember({~0U, 5}, true);
@@ -335,7 +335,7 @@ TEST(HashMapBucketsTest, TheHighestOrdersAreOneWhereverTheyStand) {
   EXPECT_EQ(set.size(), 42U);
 }
 
-TEST(HashMapBucketsTest, WithRoomThereAreAsManyBucketsAsTheMembersWillNeed) {
+TEST(HashMapBucketsTest, ReservingMemoryMakesTheBucketsForTheMembers) {
   const Support::LiveObjects nothingIsLeft;
   Map map;
   map.reserve(1000);
@@ -346,14 +346,14 @@ TEST(HashMapBucketsTest, WithRoomThereAreAsManyBucketsAsTheMembersWillNeed) {
   EXPECT_EQ(map.buckets(), 2048U);
 }
 
-TEST(HashMapBucketsTest, RoomThatNobodyTookIsLetGoWithTheCollection) {
+TEST(HashMapBucketsTest, UnusedReservedMemoryIsFreedWithTheCollection) {
   const std::size_t before = Kiv::kivMemTaken();
   for (int i = 0; i < 100'000; ++i) Map().reserve(12);
   EXPECT_LE(Kiv::kivMemTaken(), before + (2U << 20));
 }
 
-// A collection that mirrors another one is filled in its order.
-TEST(HashMapBucketsTest, MembersThatComeInOrderAreFoundAndStandInIt) {
+// As when a collection mirrors another one.
+TEST(HashMapBucketsTest, MembersInsertedInOrderAreFoundInOrder) {
   const Support::LiveObjects nothingIsLeft;
   using Number = Keys::Item<Kiv::U32>;
   Kiv::HashMap<Number, Kiv::U32> map;
@@ -368,8 +368,8 @@ TEST(HashMapBucketsTest, MembersThatComeInOrderAreFoundAndStandInIt) {
   }
 }
 
-// With a cost in proportion to the square of the members this would not end.
-TEST(HashMapBucketsTest, AHundredThousandMembersAreLetGoInNoTime) {
+// At a cost proportional to the square of the members this would not end.
+TEST(HashMapBucketsTest, AHundredThousandMembersAreRemovedInLinearTime) {
   const Support::LiveObjects nothingIsLeft;
   using Number = Keys::Item<Kiv::U32>;
   Kiv::HashMap<Number, Kiv::U32> map;
@@ -384,7 +384,7 @@ TEST(HashMapBucketsTest, AHundredThousandMembersAreLetGoInNoTime) {
   EXPECT_TRUE(set.empty());
 }
 
-// Puts another member in while it goes.
+// Inserts another member when it is destroyed.
 class Heir final : public Kiv::Member {
  public:
   static constexpr std::string_view kTypeName = "Test::Heir";
@@ -401,7 +401,7 @@ class Heir final : public Kiv::Member {
   const Kiv::U32 generation_;
 };
 
-TEST(HashMapMembershipTest, EmptyingAlsoTakesOutWhatTheEndOfAMemberPutsIn) {
+TEST(HashMapMembershipTest, EmptyingAlsoRemovesWhatADestructorInserts) {
   const Support::LiveObjects nothingIsLeft;
   Heir::Family family;
   family.newMember(make<Heir>(family, Kiv::U32{9}));
@@ -409,7 +409,7 @@ TEST(HashMapMembershipTest, EmptyingAlsoTakesOutWhatTheEndOfAMemberPutsIn) {
   EXPECT_TRUE(family.empty());
 }
 
-// Has an even key, and puts in one with the odd key that follows when it ends.
+// Has an even key, and inserts a member with the next, odd key when it is destroyed.
 class Even final : public Kiv::Member {
  public:
   static constexpr std::string_view kTypeName = "Test::Even";
@@ -426,9 +426,9 @@ class Even final : public Kiv::Member {
   const Kiv::U32 key_;
 };
 
-TEST(HashMapMembershipTest, EmptyingManyAlsoTakesOutWhatComesInBeforeAndBehindTheWalk) {
+TEST(HashMapMembershipTest, EmptyingAlsoRemovesWhatDestructorsInsertBeforeAndAfterThePosition) {
   const Support::LiveObjects nothingIsLeft;
-  for (const Kiv::U32 distance : {2U, 1U << 25, 3U << 24}) {  // in hashes, and so in places
+  for (const Kiv::U32 distance : {2U, 1U << 25, 3U << 24}) {  // of hashes, and so of positions
     Even::Family family;
     for (Kiv::U32 i = 0; i < 40; ++i) family.newMember(make<Even>(family, distance * i));
     family.emptyAllBuckets();

@@ -38,7 +38,7 @@ K keyOf(int number) {
   }
 }
 
-// Where a key stands among others.
+// The order of keys in a collection.
 template <class K>
 struct InOrder {
   bool operator()(const K& a, const K& b) const {

@@ -19,14 +19,14 @@ using Kiv::Ptr;
 class Thing : public Kiv::PtrInterface {
  public:
   static constexpr std::string_view kTypeName = "Test::Thing";
-  explicit Thing(bool* gone = nullptr) : gone_(gone) {}
+  explicit Thing(bool* destroyed = nullptr) : destroyed_(destroyed) {}
   ~Thing() override {
-    if (gone_ != nullptr) *gone_ = true;
+    if (destroyed_ != nullptr) *destroyed_ = true;
   }
   const Kiv::Type& fwkType() const override { return Kiv::typeRecord<Thing>; }
 
  private:
-  bool* gone_;
+  bool* destroyed_;
 };
 
 class SpecialThing final : public Thing {
@@ -36,7 +36,7 @@ class SpecialThing final : public Thing {
   const Kiv::Type& fwkType() const override { return Kiv::typeRecord<SpecialThing>; }
 };
 
-// Takes and drops pointers to itself while it goes.
+// Makes and drops pointers to itself in its destructor.
 class Clinging final : public Kiv::PtrInterface {
  public:
   static constexpr std::string_view kTypeName = "Test::Clinging";
@@ -80,7 +80,7 @@ TEST_P(PtrTest, ANewObjectHasOneReference) {
   EXPECT_EQ(thing->references(), 1U);
 }
 
-TEST_P(PtrTest, ACopyRaisesTheCountAndItsEndLowersIt) {
+TEST_P(PtrTest, ACopyRaisesTheCountAndItsDestructionLowersIt) {
   const Ptr<Thing> thing = make<Thing>();
   {
     const Ptr<Thing> copy = thing;
@@ -104,35 +104,35 @@ TEST_P(PtrTest, AMoveLeavesTheCountAndEmptiesItsSource) {
   EXPECT_EQ(base->references(), 1U);
 }
 
-TEST_P(PtrTest, TheLastPointerThatGoesFreesTheObject) {
-  bool gone = false;
-  Ptr<Thing> last = make<Thing>(&gone);
+TEST_P(PtrTest, TheLastPointerFreesTheObject) {
+  bool destroyed = false;
+  Ptr<Thing> last = make<Thing>(&destroyed);
   Ptr<Thing> other = last;
   other = nullptr;
-  EXPECT_FALSE(gone);
+  EXPECT_FALSE(destroyed);
   last = nullptr;
-  EXPECT_TRUE(gone);
+  EXPECT_TRUE(destroyed);
 }
 
 TEST_P(PtrTest, AssignmentFreesWhatWasHeldBefore) {
-  bool firstGone = false;
-  bool secondGone = false;
-  Ptr<Thing> holder = make<Thing>(&firstGone);
-  holder = make<Thing>(&secondGone);
-  EXPECT_TRUE(firstGone);
-  EXPECT_FALSE(secondGone);
+  bool firstDestroyed = false;
+  bool secondDestroyed = false;
+  Ptr<Thing> holder = make<Thing>(&firstDestroyed);
+  holder = make<Thing>(&secondDestroyed);
+  EXPECT_TRUE(firstDestroyed);
+  EXPECT_FALSE(secondDestroyed);
   const Ptr<Thing> another = make<Thing>();
   holder = another;
-  EXPECT_TRUE(secondGone);
+  EXPECT_TRUE(secondDestroyed);
   EXPECT_EQ(another->references(), 2U);
 }
 
 TEST_P(PtrTest, AssignmentToItselfKeepsTheObject) {
-  bool gone = false;
-  Ptr<Thing> thing = make<Thing>(&gone);
+  bool destroyed = false;
+  Ptr<Thing> thing = make<Thing>(&destroyed);
   const Ptr<Thing>& alias = thing;
   thing = alias;
-  EXPECT_FALSE(gone);
+  EXPECT_FALSE(destroyed);
   EXPECT_EQ(thing->references(), 1U);
 }
 
@@ -175,7 +175,7 @@ TEST_P(PtrTest, PointersToOneObjectHashAlike) {
   EXPECT_TRUE(set.contains(b));
 }
 
-TEST_P(PtrTest, AnObjectThatTakesPointersToItselfWhileItGoesIsFreedOnce) {
+TEST_P(PtrTest, ADestructorMayMakePointersToItsObject) {
   int ends = 0;
   make<Clinging>(&ends) = nullptr;
   EXPECT_EQ(ends, 1);
@@ -223,12 +223,12 @@ TEST_P(PtrTest, TheFlagsSurviveCounting) {
 }
 
 TEST_P(PtrTest, AFlaggedObjectIsFreedByItsLastPointerToo) {
-  bool gone = false;
-  Ptr<Thing> thing = make<Thing>(&gone);
+  bool destroyed = false;
+  Ptr<Thing> thing = make<Thing>(&destroyed);
   thing->kivMarkedForDeletionIs(true);
   thing->hasNotificationActiveIs(true);
   thing = nullptr;
-  EXPECT_TRUE(gone);
+  EXPECT_TRUE(destroyed);
 }
 
 // The word as tools read it: the first word after the pointer to the virtual functions.

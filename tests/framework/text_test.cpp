@@ -222,7 +222,7 @@ TEST(HashTest, BitsAreReversed) {
   }
 }
 
-TEST(HashTest, TheEmptyTextHashesToNothing) {
+TEST(HashTest, TheEmptyTextHashesToZero) {
   EXPECT_EQ(Kiv::hashText(""), 0U);
   EXPECT_EQ(Kiv::hashText("x"), Kiv::hashText(std::string("x")));
   EXPECT_EQ(Kiv::kivHash(std::string_view("x")), Kiv::kivHash(String("x")));

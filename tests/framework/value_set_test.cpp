@@ -51,7 +51,7 @@ TEST_F(ValueSetTest, AnEntryHasAKeyAndAValue) {
   EXPECT_EQ(set_.size(), 1U);
 }
 
-TEST_F(ValueSetTest, AnEntryOfFalseIsThereAndNotTheSameAsNone) {
+TEST_F(ValueSetTest, AnEntryWithTheValueFalseIsPresent) {
   EXPECT_TRUE(set_.newMember(7, false));
   EXPECT_TRUE(set_.contains(7));
   EXPECT_FALSE(set_[7]);
@@ -60,7 +60,7 @@ TEST_F(ValueSetTest, AnEntryOfFalseIsThereAndNotTheSameAsNone) {
   EXPECT_EQ(set_.size(), 1U);
 }
 
-TEST_F(ValueSetTest, SaysWhetherAnythingChanged) {
+TEST_F(ValueSetTest, ReturnsWhetherAnythingChanged) {
   EXPECT_TRUE(set_.newMember(7, true));
   EXPECT_FALSE(set_.newMember(7, true));
   EXPECT_TRUE(set_.newMember(7, false));
@@ -70,7 +70,7 @@ TEST_F(ValueSetTest, SaysWhetherAnythingChanged) {
   EXPECT_FALSE(set_.deleteMember(7));
 }
 
-TEST_F(ValueSetTest, EntriesStandInTheOrderOfTheirBitReversedHashes) {
+TEST_F(ValueSetTest, EntriesAreInTheOrderOfTheirBitReversedHashes) {
   for (Kiv::U16 key = 0; key < 8; ++key) set_.newMember(key, true);
   EXPECT_THAT(keysOf(set_), ElementsAre(0, 4, 2, 6, 1, 5, 3, 7));
 }
@@ -81,7 +81,7 @@ TEST_F(ValueSetTest, TheCurrentEntryMayBeReadAfterItsDeletion) {
   auto at = set_.begin();
   EXPECT_EQ(at.currNodeMaybeStale().key, 2);
   set_.newMember(2, true);
-  EXPECT_FALSE(at.currNodeMaybeStale().value) << "as it was when the iterator came to it";
+  EXPECT_FALSE(at.currNodeMaybeStale().value) << "as it was when the iterator reached it";
   set_.emptyAllBuckets();
   EXPECT_EQ(at.currNodeMaybeStale().key, 2);
   EXPECT_EQ((*at).key, 2);
@@ -132,7 +132,7 @@ struct Chosen {
   friend bool operator<(const Chosen& a, const Chosen& b) { return a.number < b.number; }
 };
 
-// Puts all in, takes every third out, and holds order, size and look-ups against what must be left.
+// Inserts all, deletes every third, and checks order, size and look-ups of the rest.
 void expectAllFound(Kiv::U32 hash) {
   constexpr Kiv::U32 kEntries = 600;
   Kiv::HashMap2018<Chosen> set;
@@ -152,17 +152,17 @@ void expectAllFound(Kiv::U32 hash) {
   EXPECT_FALSE(set.contains({3, hash}));
 }
 
-TEST_F(ValueSetTest, KeysOfOneHashAreToldApartAndStandInTheirOrder) {
+TEST_F(ValueSetTest, KeysOfOneHashAreDistinctAndSorted) {
   expectAllFound(0);
   expectAllFound(0x5555);
 }
-TEST_F(ValueSetTest, KeysOfTheHighestOrderToo) {
+TEST_F(ValueSetTest, KeysOfTheHighestHashAreDistinctAndSorted) {
   expectAllFound(~Kiv::U32{0});
 }
 
-// The iterator's own order is what mirrors are filled in. With a cost in proportion to the square
-// of the entries this would not end.
-TEST_F(ValueSetTest, ASetMayBeFilledAndEmptiedInItsOwnOrder) {
+// As when a set mirrors another one. At a cost proportional to the square of the entries this would
+// not end.
+TEST_F(ValueSetTest, ASetCanBeFilledAndEmptiedInItsOwnOrder) {
   using Numbers = Kiv::HashMap2018<Kiv::U32>;
   constexpr Kiv::U32 kEntries = 300000;
   Numbers set;
@@ -183,13 +183,13 @@ TEST_F(ValueSetTest, ASetMayBeFilledAndEmptiedInItsOwnOrder) {
   EXPECT_TRUE(mirror.empty());
 }
 
-TEST_F(ValueSetTest, WhatIsLeftAfterHalfHasGoneInOrderIsFoundAndTakesNewEntries) {
+TEST_F(ValueSetTest, TheRestIsFoundAfterMostEntriesAreDeletedInOrder) {
   using Numbers = Kiv::HashMap2018<Kiv::U32>;
   Numbers set;
   for (Kiv::U32 n = 0; n < 4096; ++n) set.newMember(n, true);
-  std::size_t gone = 0;
+  std::size_t deleted = 0;
   for (const auto& entry : set) {
-    if (++gone > 4000) break;
+    if (++deleted > 4000) break;
     set.deleteMember(entry.key);
   }
   EXPECT_EQ(set.size(), 96U);
@@ -203,7 +203,7 @@ TEST_F(ValueSetTest, WhatIsLeftAfterHalfHasGoneInOrderIsFoundAndTakesNewEntries)
   }
 }
 
-TEST_F(ValueSetTest, AnIteratorFindsItsWayWhileEntriesMoveInAndOut) {
+TEST_F(ValueSetTest, AnIteratorContinuesWhileEntriesSpillAndReturn) {
   for (Kiv::U16 key = 0; key < 4; ++key) set_.newMember(key, true);
   auto at = set_.begin();
   EXPECT_EQ(at->key, 0);
@@ -217,7 +217,7 @@ TEST_F(ValueSetTest, AnIteratorFindsItsWayWhileEntriesMoveInAndOut) {
   EXPECT_TRUE(at == set_.end());
 }
 
-TEST_F(ValueSetTest, KeysThatOwnMemoryAreLetGo) {
+TEST_F(ValueSetTest, KeysThatOwnMemoryAreDestroyed) {
   Kiv::HashMap2018<Kiv::String> texts;
   const auto before = Support::liveCounts();
   for (int n = 0; n < 40; ++n) texts.newMember(Keys::keyOf<Kiv::String>(n), true);
@@ -228,7 +228,7 @@ TEST_F(ValueSetTest, KeysThatOwnMemoryAreLetGo) {
   EXPECT_EQ(Support::liveCounts(), before);
 }
 
-TEST_F(ValueSetTest, ValuesMayBePointersWhichAreHeldAndLetGo) {
+TEST_F(ValueSetTest, PointersAsValuesAreCounted) {
   using Item = Keys::Item<Kiv::Name>;
   const auto item = Kiv::make<Item>("a");
   Kiv::HashMap2018<Kiv::U8, Kiv::Ptr<const Item>> references;
@@ -244,25 +244,25 @@ TEST_F(ValueSetTest, ValuesMayBePointersWhichAreHeldAndLetGo) {
   EXPECT_EQ(item->references(), 1U);
 }
 
-// A member that takes another entry out of the set that lets go of it.
-class Meddler final : public Kiv::Member {
+// Deletes another entry of its set when it is destroyed.
+class DeletesOther final : public Kiv::Member {
  public:
-  static constexpr std::string_view kTypeName = "Test::Meddler";
-  using Set = Kiv::HashMap2018<Kiv::U8, Kiv::Ptr<const Meddler>>;
+  static constexpr std::string_view kTypeName = "Test::DeletesOther";
+  using Set = Kiv::HashMap2018<Kiv::U8, Kiv::Ptr<const DeletesOther>>;
 
-  Meddler(Set& set, Kiv::U8 other) : set_(set), other_(other) {}
-  ~Meddler() override { set_.deleteMember(other_); }
-  const Kiv::Type& fwkType() const override { return Kiv::typeRecord<Meddler>; }
+  DeletesOther(Set& set, Kiv::U8 other) : set_(set), other_(other) {}
+  ~DeletesOther() override { set_.deleteMember(other_); }
+  const Kiv::Type& fwkType() const override { return Kiv::typeRecord<DeletesOther>; }
 
  private:
   Set& set_;
   Kiv::U8 other_;
 };
 
-TEST_F(ValueSetTest, WhatGoesMayTakeOthersAlongWhileAllGo) {
-  Meddler::Set set;
+TEST_F(ValueSetTest, ADestructorMayDeleteOtherEntriesWhileTheSetIsEmptied) {
+  DeletesOther::Set set;
   for (Kiv::U8 key = 0; key < 7; ++key) {
-    set.newMember(key, Kiv::make<Meddler>(set, static_cast<Kiv::U8>(6 - key)));
+    set.newMember(key, Kiv::make<DeletesOther>(set, static_cast<Kiv::U8>(6 - key)));
   }
   set.emptyAllBuckets();
   EXPECT_TRUE(set.empty());
