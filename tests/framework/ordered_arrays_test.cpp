@@ -210,6 +210,21 @@ TEST_F(OrderedArraysTest, ProbedArraysTakeAsManyEntriesAsTheyAreMadeFor) {
   }
 }
 
+TEST_F(OrderedArraysTest, LargerArraysHaveOverflowForTheEntriesOfTheLastBucket) {
+  for (U32 inLast = 6; inLast <= 11; ++inLast) {
+    SCOPED_TRACE(inLast);
+    ASSERT_TRUE(arrays_.reserve(26));
+    for (U32 n = 0; n < inLast; ++n) insert(kHighest - n);
+    for (U32 n = inLast; n < 26; ++n) insert(n << 20);
+    check();
+    insert(1);
+    EXPECT_EQ(arrays_.shape.buckets(), 64U);
+    check();
+    if (HasFatalFailure()) return;
+    while (!expected_.empty()) erase(0);
+  }
+}
+
 TEST_F(OrderedArraysTest, EntriesThatWouldBeFarFromTheirBucketsKeepTheLargeArrays) {
   for (U32 n = 0; n < 4096; ++n) insert(n << 19);
   const U32 buckets = arrays_.shape.buckets();
