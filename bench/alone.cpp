@@ -2,8 +2,8 @@
 // next object.
 //
 //   memory/SHAPE/PORTS/SIDE      the memory of the data of the binding benchmarks, in bytes a port
-//   load/SHAPE/PORTS/machines    a region with all its ports is added by one change; counters: load,
-//                                and teardown, the destruction of the machines (ns a port)
+//   load/SHAPE/PORTS/machines    a region with all its ports is added by one change; counters:
+//                                load, and teardown, the end of the machines (ns a port)
 //
 // Sides: intern; outputs, the output entities alone; machines, with the counters inputs (the input
 // entities), machines (machines and reactors with their collections), outputs (the output entities,

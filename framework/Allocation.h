@@ -1,11 +1,11 @@
 // Memory of the framework's objects, and the tracker that says what is alive.
 //
-// kivMemAlloc() serves small sizes from a pool, which takes regions of the system that are huge
-// pages once there are many; other sizes go to the system. In a sanitizer build everything goes to
-// the system, so that misuse is seen. Regions are kept for the life of the process.
+// kivMemAlloc() allocates small sizes from a pool (framework/detail/Pool.h), which keeps its memory
+// for the life of the process; other sizes come from malloc(). In a sanitizer build, all sizes do,
+// so that the sanitizer sees each of them.
 //
-// Threads: any, once enableThreadSafePointers is set; else the activity thread only. The counters
-// of the tracker may be read on any thread at any time.
+// Threads: any, once enableThreadSafePointers is set, and a spin lock guards the pool then; else
+// the activity thread only. The counters of the tracker may be read on any thread at any time.
 #pragma once
 
 #include <atomic>
@@ -18,10 +18,10 @@
 namespace [[gnu::visibility("default")]] Kiv {
 
 // Whether reference counts, the allocator and its tracker are safe to use from several threads at
-// once. Process-wide; set it before a second thread touches an object, and leave it.
+// once. Process-wide; set it before a second thread touches an object, and do not reset it.
 extern bool enableThreadSafePointers;
 
-// How memory is aligned, in bytes: as pointers and numbers need it, not more.
+// The alignment of allocated memory in bytes: that of pointers and numbers, not more.
 inline constexpr std::size_t kMemAlignment = 8;
 
 // Returns `size` bytes, aligned to kMemAlignment. Throws std::bad_alloc when there is no memory.
@@ -30,11 +30,11 @@ inline constexpr std::size_t kMemAlignment = 8;
 // As kivMemAlloc(), but returns null when there is no memory.
 [[nodiscard]] void* kivMemAllocOrNull(std::size_t size) noexcept;
 
-// Gives back what kivMemAlloc(size) returned; `size` must be the same.
+// Frees what kivMemAlloc(size) returned; null is allowed. REQUIRES: `size` is the same.
 void kivMemFree(void* memory, std::size_t size) noexcept;
 
-// How many bytes of the system's memory small sizes have taken, in use or not; other sizes are the
-// system's to count. 0 in a sanitizer build. Any thread.
+// The bytes of the system's memory that the pool has, in use or not; malloc() counts the rest. 0 in
+// a sanitizer build. Any thread.
 std::size_t kivMemTaken() noexcept;
 
 // What the tracker knows about one type of object.
@@ -53,9 +53,9 @@ class AllocTrackTypeInfo {
   AllocTrackTypeInfo(const AllocTrackTypeInfo&) = delete;
   AllocTrackTypeInfo& operator=(const AllocTrackTypeInfo&) = delete;
 
-  // Accounts for one object of this type that came, with its size in bytes.
+  // Counts one object of this type that was made, with its size in bytes.
   static void trackAllocation(AllocTrackTypeInfo& type, std::size_t size) noexcept;
-  // The same, for one that went.
+  // Counts one that was destroyed.
   static void trackDeallocation(AllocTrackTypeInfo& type, std::size_t size) noexcept;
 
   // Every type that was ever allocated, sorted by name.

@@ -1,4 +1,8 @@
 // Hashes of keys, and the order in which keyed collections keep their members.
+//
+// A type of keys needs ==, <, and a member function hash(); integers and strings are known here.
+// The order of a key is its hash with the bits reversed: its upper bits select the bucket, so when
+// the number of buckets doubles, each bucket is split in place and the order stays.
 #pragma once
 
 #include <concepts>
@@ -22,9 +26,9 @@ inline U32 hashText(std::string_view text) {
   return text.empty() ? 0 : static_cast<U32>(std::hash<std::string_view>()(text));
 }
 
-// The hash of a key. Small integers hash such that collections keyed by one (the levels of a
-// binding) iterate in ascending order; other integers hash to themselves, which spreads ids that
-// stand close together.
+// The hash of a key. Integers of eight bits hash such that collections keyed by one (the levels of
+// a binding) iterate in ascending order; other integers hash to themselves, which distributes
+// consecutive ids over all buckets.
 template <class K>
 U32 kivHash(const K& key) {
   if constexpr (std::same_as<K, U8>) {
@@ -38,9 +42,8 @@ U32 kivHash(const K& key) {
   }
 }
 
-// The place of a key in its collection: members stand in ascending order of this, equals in order
-// of their keys. The upper bits select the bucket, so the order survives growth. A key that carries
-// its order is asked for it.
+// The order of a key: members are in ascending order of this, those of equal orders in order of
+// their keys. A type of keys that stores its order has a member function order().
 template <class K>
 U32 kivOrder(const K& key) {
   if constexpr (std::same_as<K, U8>) {

@@ -126,10 +126,10 @@ class HashMap {
   // The member that follows this key in order, whether the key is present or not; null at the end.
   V* findNextG(const K& key) { return nextAfter(key); }
   const V* findNextG(const K& key) const { return nextAfter(key); }
-  // Calls each(member) for every member, in order. REQUIRES: it leaves the collection as it is.
-  // Costs less than a loop, which registers a cursor.
+  // Calls each(member) for every member, in order, without a cursor. REQUIRES: `each` does not
+  // change the collection.
   template <class Each>
-  void forEachAtRest(Each each) const {
+  void forEachUnguarded(Each each) const {
     Table::Walk walk = table_.walkFrom(0);
     while (Member* at = table_.next(walk)) each(static_cast<V&>(*at));
   }

@@ -160,7 +160,7 @@ class ChildMap : public HashMap<C, K> {
 
   // What the machine passes on to all that it owns.
   void hasNotificationActiveIs(bool active) {
-    this->forEachAtRest([active](C& child) { child.hasNotificationActiveIs(active); });
+    this->forEachUnguarded([active](C& child) { child.hasNotificationActiveIs(active); });
   }
 
  private:

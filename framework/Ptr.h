@@ -1,5 +1,12 @@
-// Kiv::Ptr<T>: the strong pointer to a framework object. One machine word; a copy raises the
-// object's count, the last one to go frees the object.
+// Kiv::Ptr<T>: the strong, intrusive pointer to a framework object.
+//
+//   Kiv::Ptr<Region> region = Kiv::make<Region>(name);
+//
+// One machine word. A copy raises the object's count, and the last Ptr to be destroyed frees the
+// object. A const Ptr<T> still gives a T; what may not be changed is held by a Ptr<const T>.
+// Nothing but make() allocates or throws.
+//
+// Threads: as PtrInterface.h says.
 #pragma once
 
 #include <cstddef>
@@ -34,7 +41,7 @@ class Ptr {
     if (object_ != nullptr) object_->referencesDec();
   }
 
-  // Takes over the reference that came with a new object.
+  // Takes over a reference that is the caller's, such as that of a new object, without counting.
   [[nodiscard]] static Ptr adopt(T* object) noexcept {
     Ptr pointer;
     pointer.object_ = object;
@@ -50,13 +57,13 @@ class Ptr {
     Ptr(std::move(other)).swap(*this);
     return *this;
   }
-  // Each takes what the other holds.
+  // Exchanges the objects.
   void swap(Ptr& other) noexcept { std::swap(object_, other.object_); }
-  // Hands the reference to the caller, and is null afterwards.
+  // Gives the reference to the caller, who is to adopt() or drop it; is null afterwards.
   [[nodiscard]] T* release() noexcept { return std::exchange(object_, nullptr); }
 
   // Access
-  // The object, borrowed; null when there is none.
+  // The object, borrowed for as long as a Ptr holds it; null when there is none.
   T* get() const noexcept { return object_; }
   T* operator->() const noexcept { return object_; }
   T& operator*() const noexcept { return *object_; }
@@ -79,8 +86,8 @@ bool operator==(const Ptr<T>& a, const Ptr<U>& b) noexcept {
   return static_cast<const void*>(a.get()) == static_cast<const void*>(b.get());
 }
 
-// Makes an object of class T and returns the only reference to it. What T's constructor throws
-// passes through; nothing is left behind then.
+// Makes an object of class T, counts it for its type, and returns the only reference to it. Throws
+// std::bad_alloc, and what T's constructor throws; nothing is left behind then.
 template <class T, class... Arguments>
 [[nodiscard]] Ptr<T> make(Arguments&&... arguments) {
   static_assert(alignof(T) <= kMemAlignment, "objects come from kivMemAlloc()");

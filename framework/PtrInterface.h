@@ -1,8 +1,16 @@
-// The base of every entity, machine and reactor: one word that holds the reference count and the
-// object's flags.
+// The base of every entity, machine and reactor: an intrusive reference count and the object's
+// flags, in one word.
 //
-// Objects are made with Kiv::make<T>() and held by Kiv::Ptr<T>; the last Ptr that goes frees the
-// object. Counts may be raised and dropped on any thread while enableThreadSafePointers is set;
+// Objects are made with Kiv::make<T>() and held by Kiv::Ptr<T>; the last Ptr to be destroyed frees
+// the object. The count is the lower 27 bits of the word; the upper five are flags:
+//
+//   31  marked for deletion: a zombie, which ignores every notification
+//   30  registered, of a notifiee
+//   29  notifications are active
+//   28  a member of a keyed collection
+//   27  initialized, of a machine
+//
+// Threads: while enableThreadSafePointers is set, counts may be raised and dropped on any thread;
 // everything else belongs to the activity thread.
 #pragma once
 
@@ -21,7 +29,7 @@ class PtrInterface {
   PtrInterface(const PtrInterface&) = delete;
   PtrInterface& operator=(const PtrInterface&) = delete;
 
-  // Counting. The count starts at one, owned by whoever constructed the object.
+  // Counting. The count starts at one, which belongs to whoever constructed the object.
   void referencesInc() const noexcept {
     if (enableThreadSafePointers) {
       word_.fetch_add(1, std::memory_order_relaxed);
@@ -40,23 +48,23 @@ class PtrInterface {
     }
     if ((before & kCountMask) == 1) free();
   }
-  // How many references there are.
+  // The number of references.
   U32 references() const { return word_.load(std::memory_order_relaxed) & kCountMask; }
 
-  // Marked for deletion: a zombie. A zombie ignores every notification.
+  // Whether the object is a zombie.
   bool markedForDeletion() const { return flag(kMarkedForDeletion); }
-  // Only sets the mark.
+  // Only sets the flag; see Reactor::kivDoZombieReactors() for what goes with it.
   void kivMarkedForDeletionIs(bool marked) { flagIs(kMarkedForDeletion, marked); }
 
   // Whether notifications are delivered to this object, and to what it owns.
   bool hasNotificationActive() const { return flag(kNotificationActive); }
   virtual void hasNotificationActiveIs(bool active) { flagIs(kNotificationActive, active); }
 
-  // The record of the object's class, and its reflection; null where it has none.
+  // The record of the object's class, and its reflection; null for a class without.
   virtual const Type& fwkType() const = 0;
   virtual const GenericIf* genericIf() const { return nullptr; }
 
-  // Who observes this object; null for what cannot be observed.
+  // The observers of this object; null for an object that cannot be observed.
   virtual NotifieeList* notifieeList() const { return nullptr; }
 
   static void* operator new(std::size_t size) { return kivMemAlloc(size); }
@@ -66,11 +74,12 @@ class PtrInterface {
   PtrInterface() = default;
   virtual ~PtrInterface() = default;
 
-  // Whether the object is a notifiee that is registered; kept here because the word has room.
+  // The flags of derived classes, which are here because the word has bits left.
+  // Whether the object is a notifiee that is registered.
   bool registered() const { return flag(kRegistered); }
   void registeredIs(bool registered) { flagIs(kRegistered, registered); }
 
-  // Whether the object is registered, active and no zombie.
+  // Whether the object is registered, active and no zombie, in one test.
   bool listening() const {
     constexpr U32 kAll = kRegistered | kNotificationActive | kMarkedForDeletion;
     return (word_.load(std::memory_order_relaxed) & kAll) == (kRegistered | kNotificationActive);
@@ -80,7 +89,7 @@ class PtrInterface {
   bool collected() const { return flag(kCollected); }
   void collectedIs(bool collected) { flagIs(kCollected, collected); }
 
-  // Whether a machine has been brought in line with its inputs; likewise.
+  // Whether the object is a machine that was synchronised with its inputs for the first time.
   bool initialized() const { return flag(kInitialized); }
   void initializedIs(bool initialized) { flagIs(kInitialized, initialized); }
 

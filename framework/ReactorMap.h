@@ -125,13 +125,13 @@ class ReactorMap : public HashMap<R, K, typename R::Entity> {
   // What the machine passes on to all that it owns: the switch of notifications, the zombie mark,
   // the loss of the machine, and that an input is about to be replaced.
   void hasNotificationActiveIs(bool active) {
-    this->forEachAtRest([active](R& reactor) { reactor.hasNotificationActiveIs(active); });
+    this->forEachUnguarded([active](R& reactor) { reactor.hasNotificationActiveIs(active); });
   }
   void kivDoZombieReactors(bool zombie) {
     for (const auto& reactor : *this) reactor->kivDoZombieReactors(zombie);
   }
   void machineDel() {
-    this->forEachAtRest([](R& reactor) {
+    this->forEachUnguarded([](R& reactor) {
       reactor.machineDel();
       reactor.hasNotificationActiveIs(false);
     });

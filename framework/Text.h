@@ -1,11 +1,13 @@
 // Kiv::Name and Kiv::String: immutable, counted, hash-carrying strings.
 //
 // Name is for identifiers (of regions, hosts, elements), String for free text (ids, referrers);
-// they are two types so that a signature says which it takes. Each is one pointer to a shared
-// representation: a copy raises a count, equal pointers are equal at once, different hashes are
-// different at once. The empty string owns nothing. Look-ups by std::string_view need no string.
+// they are two types so that a signature says which it takes.
 //
-// Threads: as objects, see PtrInterface.h.
+// Each is one pointer to a shared representation: a copy raises its count. Texts of one
+// representation are equal, texts of different hashes are not, and only the rest compares
+// characters. The empty text owns nothing. Making one throws std::bad_alloc; nothing else throws.
+//
+// Threads: while enableThreadSafePointers is set, texts may be copied and destroyed on any thread.
 #pragma once
 
 #include <atomic>
@@ -32,7 +34,7 @@ class Text {
   bool empty() const { return rep_ == nullptr; }
   std::size_t size() const { return rep_ == nullptr ? 0 : rep_->size; }
   U32 hash() const { return bitReverse(order()); }
-  // The place in a keyed collection; see kivOrder().
+  // The order in a keyed collection; see kivOrder().
   U32 order() const { return rep_ == nullptr ? 0 : rep_->order; }
 
  protected:

@@ -180,7 +180,7 @@ class PublicationSm : public Kiv::Machine<M> {
   // machine's collection.
   Kiv::U8 levelOf(const KivSegment& reactor, const Kiv::TraceSource& here) const {
     const KivSegment* found = nullptr;
-    segment_.forEachAtRest([&](const KivSegment& member) {
+    segment_.forEachUnguarded([&](const KivSegment& member) {
       if (found == nullptr && member.notifier() == reactor.notifier()) found = &member;
     });
     KIV_ASSERT(found, here.file, here.function);

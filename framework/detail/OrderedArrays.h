@@ -163,7 +163,7 @@ struct OrderedArrays {
   // Adds an entry of this order, whose parts the owner then makes, before what is at this position:
   // that of lowerBound(), after `rank` others of the same order. Returns its position, which is
   // another one if the arrays grew; npos when there is no memory, and no entry has changed then.
-  // The block and the shape may be new in either case.
+  // The block and the shape may be new in either case. REQUIRES: there is a block.
   [[nodiscard]] U32 insertGap(U32 at, U32 rank, U32 order) noexcept {
     if (!shape.dense()) return insertGapProbed(at, rank, order);
     if (count == shape.capacity()) {
