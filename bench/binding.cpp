@@ -1,6 +1,7 @@
 // Binding and unbinding of ports, at sizes from a thousand to a million.
 //
-//   bind/SHAPE/PORTS/SIDE        ports come and go while nearly all are bound, in random order
+//   bind/SHAPE/PORTS/SIDE        ports are bound and unbound while nearly all are bound, in random
+//                                order
 //   bind-all/SHAPE/PORTS/SIDE    all ports are bound, then unbound, in random order
 //   bind-hosts/SHAPE/PORTS/SIDE  the same, host by host
 //
@@ -19,8 +20,8 @@
 namespace bench {
 namespace {
 
-// Ports that come and go in a fixed order. A window of it is unbound: its ports are bound, and
-// those behind it unbound. So what is touched was not touched for as long as possible.
+// Ports that are bound and unbound in a fixed order. A window of the order is unbound: its ports
+// are bound, and those after it unbound. So each port was not used for as long as possible.
 template <class Side>
 class Churn {
  public:
@@ -53,8 +54,8 @@ class Churn {
   }
 
  private:
-  std::uint32_t at(std::size_t place) const {
-    return order_[place < order_.size() ? place : place - order_.size()];
+  std::uint32_t at(std::size_t index) const {
+    return order_[index < order_.size() ? index : index - order_.size()];
   }
 
   std::vector<std::uint32_t> order_;
@@ -78,7 +79,7 @@ class Clouds {
   std::map<std::uint32_t, Cloud> clouds_;
 };
 
-// How much of a cloud comes and goes in one repetition, and in which order.
+// How many ports are bound and unbound in one repetition, and in which order.
 struct Plan {
   std::string name;
   std::uint32_t ports;
@@ -112,8 +113,8 @@ std::string family(const char* what, const Clouds& clouds, std::uint32_t ports) 
   return std::string(what).append("/").append(clouds.shape()).append("/") + std::to_string(ports);
 }
 
-// All sizes of a shape in one group: how cost grows with size is one of the questions.
-void addComingAndGoing(Suite& suite, Clouds& clouds) {
+// All sizes of a shape are in one group, since their ratio, the growth of the cost, is a target.
+void addChurn(Suite& suite, Clouds& clouds) {
   constexpr std::uint32_t kOperations = 20000;
   for (const std::uint32_t ports : {1000U, 10000U, 100000U, 1000000U}) {
     const std::uint32_t window = std::min(ports / 10, kOperations);
@@ -129,7 +130,7 @@ void addComingAndGoing(Suite& suite, Clouds& clouds) {
   }
 }
 
-// All ports of a cloud come, then go.
+// All ports of a cloud are bound, then unbound.
 void addAll(Suite& suite, Clouds& clouds, std::uint32_t ports, bool hostByHost) {
   const Plan plan{family(hostByHost ? "bind-hosts" : "bind-all", clouds, ports),
                   ports,
@@ -156,7 +157,7 @@ void benchAll(Suite& suite, Shape shape, bool hostByHost) {
 void benchBinding(Suite& suite) {
   for (const Shape shape : {Shape::spread, Shape::packed}) {
     Clouds clouds(shape);
-    suite.group([&] { addComingAndGoing(suite, clouds); });
+    suite.group([&] { addChurn(suite, clouds); });
     benchAll(suite, shape, false);
     benchAll(suite, shape, true);
   }

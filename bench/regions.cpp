@@ -1,12 +1,10 @@
-// Whole regions, and what is not a port on a host.
+// Everything but ports on hosts.
 //
-//   load/SHAPE/PORTS/machines     a region with all its ports is added in one go; counters: load,
-//                                 and teardown, the end of the machines (ns a port)
 //   switch/SIDE                   bindings of 10,000 ports to switch interfaces; sides:
 //                                 switchports, elements (the toggle on, off)
-//   segments                      VLAN segments that arrive and leave
-//   assignment                    4,094 VLANs assigned to a region, and taken away (ns a VLAN)
-//   heartbeats                    heartbeats of 1,000 regions that sync
+//   segments                      VLAN segments that are added and removed
+//   assignment                    4,094 VLANs assigned to a region, and unassigned (ns a VLAN)
+//   heartbeats                    heartbeats of 1,000 regions that synchronise
 //   hosts/SIDE                    a port that moves over 10,000 hosts, from each to the next;
 //                                 sides: machines, intern
 #include <algorithm>
@@ -22,8 +20,8 @@ namespace {
 using Kiv::Name;
 using Kiv::String;
 
-// Takes the time of `first` and of `second`, each `operations` operations, as counters and as the
-// repetition's time.
+// Measures the time of `first` and of `second`, each `operations` operations, as counters and as
+// the repetition's time.
 template <class First, class Second>
 void timeBoth(benchmark::State& state, std::int64_t operations, const char* firstName, First first,
               const char* secondName, Second second) {
@@ -191,7 +189,7 @@ void heartbeats(benchmark::State& state) {
   }
 }
 
-// The port with a cloud's first id moves from each host to the next; port numbers stand for hosts.
+// The port with a cloud's first id moves from each host to the next; port numbers number the hosts.
 constexpr std::uint32_t kHosts = 10000;
 
 template <class Move>

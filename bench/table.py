@@ -144,7 +144,7 @@ def print_memory(results: Results) -> None:
 
 def print_regions(results: Results) -> None:
     """What else the machines do."""
-    table = Table("A whole region, added in one go; the end of its machines (ns a port)",
+    table = Table("A whole region, added by one change; the destruction of its machines (ns a port)",
                   "data", "load", "teardown")
     for shape in SHAPES:
         for ports in SIZES:
@@ -158,8 +158,8 @@ def print_regions(results: Results) -> None:
             ("switch/switchports", "bind, unbind a port on a switch interface, toggle on",
              "bind", "unbind"),
             ("switch/elements", "the same, toggle off", "bind", "unbind"),
-            ("segments", "a VLAN segment arrives, leaves, of 4,094", "arrive", "leave"),
-            ("assignment", "a VLAN is assigned, taken away, 4,094 in one go", "assign",
+            ("segments", "a VLAN segment is added, removed, of 4,094", "arrive", "leave"),
+            ("assignment", "a VLAN is assigned, unassigned, 4,094 by one change", "assign",
              "unassign"),
             ("heartbeats", "a heartbeat of one of 1,000 regions", "", ""),
             ("hosts/machines", "a port moves to the next of 10,000 hosts", "", ""),
@@ -173,9 +173,9 @@ def print_regions(results: Results) -> None:
 def print_framework(results: Results) -> None:
     """The framework beside what else could be used, each row relative to its reference."""
     rows = (
-        ("Telling observers at once (ns)", "dispatch", ("1", "8"),
+        ("Immediate notification (ns)", "dispatch", ("1", "8"),
          ("kiv", "virtual", "sigc", "signals2", "qt")),
-        ("Queueing and delivering a call with a key, so many waiting (ns)", "delivery",
+        ("Deferred notification with a key, so many waiting (ns)", "delivery",
          ("1", "1000"), ("kiv", "ring", "function", "asio", "qt")),
         ("Maps of 100,000 UUIDs (ns a member)", "maps", ("hit", "miss", "insert", "iterate"),
          ("kiv", "node", "flat", "unordered", "intrusive")),

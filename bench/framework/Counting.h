@@ -18,7 +18,7 @@ class Subject final : public Kiv::Entity<Subject> {
    public:
     virtual void onKey(Kiv::U32 /*key*/) {}
     virtual void onKeykivImmediate() {}
-    // What it was called with, added up.
+    // The sum of what it was called with.
     virtual std::uint64_t sum() const = 0;
   };
 };
@@ -34,7 +34,7 @@ class Observer {
   virtual void onChange() = 0;
 };
 
-// Makes one that adds up, too.
+// Makes one that adds up likewise.
 std::unique_ptr<Observer> makeObserver();
 
 }  // namespace bench

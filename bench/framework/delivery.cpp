@@ -1,4 +1,4 @@
-// Telling observers later: calls with a 32-bit key that are queued, then delivered.
+// Deferred notification: calls with a 32-bit key that are queued, then delivered.
 //
 //   delivery/WAITING/SIDE
 //
@@ -32,7 +32,7 @@ void deliverKiv(benchmark::State& state, std::uint32_t waiting) {
   if (waiting > 1 && notifiee->sum() == 0) state.SkipWithError("nothing was delivered");
 }
 
-// As bare as it can be: whoever queues more than it holds loses.
+// Without any check: a call that is queued when it is full overwrites another one.
 class Ring {
  public:
   explicit Ring(std::size_t size) : calls_(size) {}

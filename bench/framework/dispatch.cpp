@@ -1,9 +1,9 @@
-// Telling observers at once.
+// Immediate notification of observers.
 //
 //   dispatch/OBSERVERS/SIDE
 //
-// Sides: kiv, the walk over an entity's notifiees that a mutator makes; virtual, a loop of virtual
-// calls; signals2, sigc, qt. Time is that of telling all observers once.
+// Sides: kiv, the loop over an entity's notifiees that a mutator makes; virtual, a loop of virtual
+// calls; signals2, sigc, qt. Time is that of notifying all observers once.
 #include <sigc++/sigc++.h>
 
 #include <boost/signals2/signal.hpp>
@@ -33,7 +33,7 @@ void dispatchKiv(benchmark::State& state, int observers) {
     });
     benchmark::ClobberMemory();
   }
-  if (notifiees.back()->sum() == 0) state.SkipWithError("nobody was told");
+  if (notifiees.back()->sum() == 0) state.SkipWithError("nobody was notified");
 }
 
 void dispatchVirtual(benchmark::State& state, int observers) {

@@ -3,7 +3,7 @@
 //   maps/WHAT/SIDE
 //
 // WHAT: hit and miss, look-ups in random order by keys that are equal to the members', not the same
-// objects; insert, members made and put into an empty map, which grows; iterate. Sides: kiv,
+// objects; insert, members made and inserted into an empty map, which grows; iterate. Sides: kiv,
 // Kiv::HashMap; node, absl::node_hash_map; flat, absl::flat_hash_map; unordered,
 // std::unordered_map; intrusive, boost::intrusive::unordered_set, whose buckets are there from the
 // start. All have the same keys, Kiv::String, which know their hash. Time is that of one member.
@@ -27,7 +27,7 @@ using Kiv::String;
 
 constexpr std::uint32_t kMembers = 100000;
 
-// The keys of a map: as they are put in, as they are looked for, and such that are not in.
+// The keys of a map: in order of insertion, in order of look-up, and keys that are absent.
 struct Keys {
   std::vector<String> in;
   std::vector<String> sought;
@@ -63,7 +63,7 @@ class KivMember final : public Kiv::Member {
   std::uint64_t value_ = 1;
 };
 
-// The sides: how each puts in, looks up, and goes through its members.
+// The sides: how each inserts, looks up, and iterates over its members.
 struct KivSide {
   Kiv::HashMap<KivMember, String> map;
   void insert(const String& key) { map.newMember(Kiv::make<KivMember>(key)); }

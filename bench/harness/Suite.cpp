@@ -65,7 +65,7 @@ void Suite::group(const std::function<void()>& add) {
     try {
       add();
       if (added_ != 0) runAdded(part);
-      std::_Exit(0);  // without letting the data go piece by piece
+      std::_Exit(0);  // without destroying the data object by object
     } catch (const std::exception& error) {
       std::cerr << "openstacksm_bench: " << error.what() << '\n';
       std::_Exit(1);

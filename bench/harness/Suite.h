@@ -1,7 +1,7 @@
 // The benchmarks of a run, in groups. What is to be compared is added to one group: the repetitions
 // of a group's members are interleaved at random, so that a machine that is slower for a while is
-// slower for all of them. Each group has a process of its own, a child of the run's: its data is
-// let go with it, and no group finds memory that another has left behind in disorder.
+// slower for all of them. Each group is a child process, so that no group works in memory that
+// another one has fragmented.
 #pragma once
 
 #include <benchmark/benchmark.h>
@@ -38,7 +38,7 @@ class Suite {
   // Whether a benchmark of this name was asked for; only then is its data to be made.
   bool wanted(const std::string& name) const;
 
-  // Adds a benchmark that takes its own time: a repetition is one call, which goes through all
+  // Adds a benchmark that measures its own time: a repetition is one call, which goes through all
   // operations in one batch of the state, and sets the time that they took.
   void addBatch(const std::string& name, std::int64_t operations, int repetitions,
                 Function function);

@@ -1,4 +1,4 @@
-// Interned text: equal texts are one object, known by its address; it goes with its last holder.
+// Interned text: equal texts are one object, identified by its address and counted by its handles.
 #pragma once
 
 #include <absl/container/flat_hash_set.h>
@@ -17,7 +17,7 @@ class Interned {
   Interned() noexcept = default;
   // The text, interned now or before.
   static Interned of(std::string_view text);
-  // The text where it is interned already; else one that is not.
+  // The text if it is interned already; else one that is not.
   static Interned find(std::string_view text);
 
   Interned(const Interned& other) noexcept : rep_(other.rep_) {

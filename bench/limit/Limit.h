@@ -15,7 +15,7 @@
 
 namespace bench {
 
-// The best tables to be had.
+// The fastest tables that there are.
 struct SwissTables {
   template <class K, class V>
   using Map = absl::flat_hash_map<K, V>;
@@ -23,7 +23,7 @@ struct SwissTables {
   using Set = absl::flat_hash_set<K>;
 };
 
-// Those of the language.
+// Those of the standard library.
 struct StdTables {
   template <class K, class V>
   using Map = std::unordered_map<K, V>;
@@ -56,7 +56,7 @@ class InternLimit {
   Requested<Interned, SwissTables> requested_;
 };
 
-// `ids`, the floor: everybody who calls knows ports, hosts and regions by number.
+// `ids`, a lower bound: the caller has ports, hosts and regions as numbers.
 class IdsLimit {
  public:
   explicit IdsLimit(const Cloud& cloud) : cloud_(cloud) {}

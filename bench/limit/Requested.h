@@ -3,7 +3,7 @@
 // Holds what the output entities hold for hosts, by host: the ports by region, the VLANs, each with
 // its ports and with its VNIs, each with their ports. bind() and unbind() make the final writes
 // that the machines make, entry by entry, and nothing else: nobody is notified, nothing is
-// remembered. As there, an entry goes with its last port, and a host stays.
+// remembered. As there, an entry is removed with its last port, and a host stays.
 #pragma once
 
 #include <cstdint>
@@ -36,7 +36,7 @@ class Requested {
     vlan.mappedVni[vni].insert(port);
   }
 
-  // It needs it no more.
+  // The port does not need it any more.
   void unbind(const Id& port, const Id& hostName, const Id& region, std::uint32_t vlanId,
               std::uint32_t vni) {
     const auto host = hosts_.find(hostName);
@@ -67,7 +67,7 @@ class Requested {
   }
 
  private:
-  // Takes the port out of the entry, and the entry with its last port.
+  // Removes the port from the entry, and the entry with its last port.
   template <class Map, class Key>
   static void dropReferrer(Map& map, const Key& key, const Id& port) {
     const auto entry = map.find(key);

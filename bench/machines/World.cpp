@@ -15,7 +15,7 @@ Agent::Agent()
       status_(Kiv::make<OpenStack::OpenStackStatus>()),
       resources_(Kiv::make<VirtualNetwork::RequestedResourcesCollection>()),
       elements_(Kiv::make<VirtualNetwork::NetworkElementCollection>()) {
-  loop();  // is there before anything is observed
+  loop();  // must exist before anything is observed
 }
 
 void Agent::start() {

@@ -22,7 +22,7 @@ class Agent {
 
   // Makes the root machine, and runs the loop.
   void start();
-  // Lets the machines go, and runs the loop.
+  // Destroys the machines, and runs the loop.
   void stop();
 
   const Kiv::Ptr<OpenStack::OpenStackConfig>& cloud() const { return cloud_; }
