@@ -18,11 +18,10 @@ using Kiv::U64;
 using Arrays = Kiv::detail::OrderedArrays<U64, Kiv::U16>;
 constexpr U32 kHighest = Arrays::clampOrder(~U32{0});
 
-// An entry's order, and what is in its two columns.
+// An entry's order, and the number that is in its two columns.
 struct Entry {
   U32 order;
   U64 number;
-  friend bool operator==(const Entry&, const Entry&) = default;
 };
 
 // Arrays beside a sorted list of what they must hold.
