@@ -3,9 +3,9 @@
 // Merging a patch changes the document in place and notes that here. The change then serves three
 // readers: the rules are checked on what is dirty, the plan of operations is made from the
 // difference, and a refused patch is rolled back. What a patch removed lives on in the change, so
-// that nothing in the plan dangles, until the change goes.
+// that nothing in the plan dangles, until the change is dropped.
 //
-// Only what stood in the document before is taken apart here: a new region, port binding or VLAN
+// Only what existed before is listed member by member: a new region, port binding or VLAN
 // assignment is one entry, and what is in it is read from the document itself.
 #pragma once
 

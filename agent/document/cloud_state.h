@@ -99,7 +99,7 @@ std::string_view hostOf(AttachmentKind kind, const AttachmentEntry& attachment);
 
 struct PortBinding {
   Region* region = nullptr;
-  std::string_view id;                       // the key that it stands under, its port's id
+  std::string_view id;                       // its key, the id of its port
   std::array<AttachmentMap, 2> attachments;  // by AttachmentKind
 
   AttachmentMap& of(AttachmentKind kind) { return attachments[static_cast<size_t>(kind)]; }
@@ -110,7 +110,7 @@ struct PortBinding {
 using PortBindingMap = std::map<std::string, PortBinding, std::less<>>;
 
 struct Region {
-  std::string_view name;  // the key that it stands under
+  std::string_view name;  // its key
   Values values;
   std::array<Things, kRegionCollections.size()> things;  // by row; those that have a writer
   PortBindingMap portBinding;
@@ -129,8 +129,8 @@ struct Config {
   VlanAssignmentMap vlanAssignment;
 };
 
-// Where a key stands in a map, or where it belongs. Keys mostly come in ascending order, so that
-// the end is looked at first.
+// The entry of a key in a map, or where it would be inserted. Keys mostly come in ascending order,
+// so that the end is looked at first.
 template <class Map, class Key>
 typename Map::iterator placeFor(Map& map, const Key& key) {
   const bool atEnd = map.empty() || map.key_comp()(std::prev(map.end())->first, key);
@@ -198,7 +198,7 @@ class CloudState {
   }
 
   // Index or unindex one thing, or all that is in it. Nothing else changes.
-  // An id of a port is as its region keeps it, and unindexed before that goes.
+  // An id of a port is as its region keeps it, and unindexed before it is erased.
   void indexPort(const Region& in, std::string_view id) { ports_.add(id, in); }
   void unindexPort(const Region& in, std::string_view id) { ports_.remove(id, in); }
   void index(AttachmentKind kind, PortBinding& binding, AttachmentEntry& attachment);

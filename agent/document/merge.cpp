@@ -5,13 +5,15 @@
 namespace vnagent {
 namespace {
 
-// VLAN assignments.
+// What a table may have and this file would not see.
+static_assert(kPortBinding.scalars.empty(), "PortBinding holds no scalars: give it Values");
+static_assert(kVlanAssignment.scalars.empty(), "an assignment holds no scalars: give it Values");
+static_assert(std::ranges::count(kRegionCollections, nullptr, &CollectionRow::add) == 1,
+              "only port bindings have operations of their own: write this row with things()");
+static_assert(std::ranges::count(kConfigCollections, nullptr, &CollectionRow::add) == 1,
+              "only VLAN assignments have operations of their own: write this row with things()");
 
-void removeAssignment(VlanAssignmentMap& map, VlanAssignmentMap::iterator at, Change& change) {
-  DirtyVlanAssignment dirty{{&*at, true}};
-  dirty.gone = map.extract(at);
-  change.vlanAssignments.push_back(std::move(dirty));
-}
+// VLAN assignments.
 
 void mergeVlans(const JsonValue& patch, DirtyVlanAssignment& dirty, Faults& faults) {
   const CollectionRow& row = kVlanAssignmentCollections.front();
@@ -46,97 +48,67 @@ void mergeVlans(const JsonValue& patch, DirtyVlanAssignment& dirty, Faults& faul
 
 void mergeAssignments(const JsonValue& patch, const CollectionRow& row, VlanAssignmentMap& map,
                       Change& change, Faults& faults) {
-  if (patch.isNull()) {
-    while (!map.empty()) removeAssignment(map, map.begin(), change);
-    return;
-  }
-  if (!readObject(patch, row.what, faults)) return;
-  for (const JsonValue* member : patch.all()) {
-    auto at = map.find(member->key);
-    const bool existed = at != map.end();
-    if (member->isNull()) {
-      if (existed) removeAssignment(map, at, change);
-      continue;
-    }
-    if (!readKey(*member, row.key, faults) || !readObject(*member, row.of->name, faults)) continue;
-    if (!existed) at = map.try_emplace(std::string(member->key)).first;
-    DirtyVlanAssignment dirty{{&*at, existed}};
-    if (const JsonValue* vlans = member->find("vlan")) mergeVlans(*vlans, dirty, faults);
-    refuseUnknown(*member, *row.of, faults);
-    std::ranges::sort(dirty.vlans, {}, &DirtyVlan::vlan);
-    if (!existed || !dirty.vlans.empty()) change.vlanAssignments.push_back(std::move(dirty));
-  }
-}
-
-// Port bindings.
-
-void removePortBinding(CloudState& state, DirtyRegion& region, PortBindingMap::iterator at) {
-  state.unindex(at->second);
-  DirtyPortBinding dirty{{&*at, true}};
-  dirty.gone = region.value().portBinding.extract(at);
-  region.portBindings.push_back(std::move(dirty));
+  const auto remove = [&](VlanAssignmentMap::iterator at) {
+    DirtyVlanAssignment dirty{{&*at, true}};
+    dirty.gone = map.extract(at);
+    change.vlanAssignments.push_back(std::move(dirty));
+  };
+  mergeMembers(patch, row, map, faults, remove,
+               [&](const JsonValue& member, auto at, bool existed) {
+                 if (!existed) at = map.try_emplace(at, std::string(member.key));
+                 DirtyVlanAssignment dirty{{&*at, existed}};
+                 if (const JsonValue* vlans = member.find("vlan"))
+                   mergeVlans(*vlans, dirty, faults);
+                 refuseUnknown(member, *row.of, faults);
+                 std::ranges::sort(dirty.vlans, {}, &DirtyVlan::vlan);
+                 if (!existed || !dirty.vlans.empty())
+                   change.vlanAssignments.push_back(std::move(dirty));
+               });
 }
 
 void mergePortBindings(const JsonValue& patch, const CollectionRow& row, CloudState& state,
                        DirtyRegion& region, Faults& faults) {
   auto& map = region.value().portBinding;
-  if (patch.isNull()) {
-    while (!map.empty()) removePortBinding(state, region, map.begin());
-    return;
-  }
-  if (!readObject(patch, row.what, faults)) return;
-  for (const JsonValue* member : patch.all()) {
-    auto at = placeFor(map, member->key);
-    const bool existed = at != map.end() && at->first == member->key;
-    if (member->isNull()) {
-      if (existed) removePortBinding(state, region, at);
-      continue;
-    }
-    if (!readKey(*member, row.key, faults) || !readObject(*member, row.of->name, faults)) continue;
-    if (!existed) {
-      at = map.emplace_hint(at, std::string(member->key), PortBinding{});
-      at->second.region = &region.value();
-      at->second.id = at->first;
-    }
-    DirtyPortBinding dirty{{&*at, existed}};
-    auto* segments = region.existed ? &region.things[kSegmentRow] : nullptr;
-    mergePortBinding(*member, state, dirty, segments, faults);
-    const bool changed = !existed || !dirty.attachments[0].empty() || !dirty.attachments[1].empty();
-    if (changed && region.existed) region.portBindings.push_back(std::move(dirty));
-  }
-}
-
-// Regions.
-
-void removeRegion(CloudState& state, Change& change, RegionMap::iterator at) {
-  state.unindex(at->second);
-  DirtyRegion dirty{{&*at, true}};
-  dirty.gone = state.region.extract(at);
-  change.regions.push_back(std::move(dirty));
+  const auto remove = [&](PortBindingMap::iterator at) {
+    state.unindex(at->second);
+    DirtyPortBinding dirty{{&*at, true}};
+    dirty.gone = map.extract(at);
+    region.portBindings.push_back(std::move(dirty));
+  };
+  mergeMembers(patch, row, map, faults, remove,
+               [&](const JsonValue& member, auto at, bool existed) {
+                 if (!existed) {
+                   at = map.try_emplace(at, std::string(member.key));
+                   at->second.region = &region.value();
+                   at->second.id = at->first;
+                 }
+                 DirtyPortBinding dirty{{&*at, existed}};
+                 auto* segments = region.existed ? &region.things[kSegmentRow] : nullptr;
+                 mergePortBinding(member, state, dirty, segments, faults);
+                 const bool changed =
+                     !existed || !dirty.attachments[0].empty() || !dirty.attachments[1].empty();
+                 if (changed && region.existed) region.portBindings.push_back(std::move(dirty));
+               });
 }
 
 void mergeRegions(const JsonValue& patch, const CollectionRow& row, CloudState& state,
                   Change& change, Faults& faults) {
-  if (patch.isNull()) {
-    while (!state.region.empty()) removeRegion(state, change, state.region.begin());
-    return;
-  }
-  if (!readObject(patch, row.what, faults)) return;
-  for (const JsonValue* member : patch.all()) {
-    auto at = state.region.find(member->key);
-    const bool existed = at != state.region.end();
-    if (member->isNull()) {
-      if (existed) removeRegion(state, change, at);
-      continue;
-    }
-    if (!readKey(*member, row.key, faults) || !readObject(*member, row.of->name, faults)) continue;
-    if (!existed) {
-      at = state.region.try_emplace(std::string(member->key)).first;
-      at->second.name = at->first;
-    }
-    change.regions.push_back({{&*at, existed}});
-    mergeRegion(*member, state, change.regions.back(), faults);
-  }
+  auto& map = state.region;
+  const auto remove = [&](RegionMap::iterator at) {
+    state.unindex(at->second);
+    DirtyRegion dirty{{&*at, true}};
+    dirty.gone = map.extract(at);
+    change.regions.push_back(std::move(dirty));
+  };
+  mergeMembers(patch, row, map, faults, remove,
+               [&](const JsonValue& member, auto at, bool existed) {
+                 if (!existed) {
+                   at = map.try_emplace(at, std::string(member.key));
+                   at->second.name = at->first;
+                 }
+                 change.regions.push_back({{&*at, existed}});
+                 mergeRegion(member, state, change.regions.back(), faults);
+               });
 }
 
 }  // namespace

@@ -17,6 +17,30 @@ namespace vnagent {
 // Writes what it did to `change`, which must be empty, and what it could not do to `faults`.
 void merge(const JsonValue& patch, CloudState& state, Change& change, Faults& faults);
 
+// The walk that all collections share: null removes all members; of an object, each null removes
+// one, and each other member that has a legal key and is an object where it must be is merged.
+// `map` is anything like std::map with keys of one part. remove(at) and merge(member, at, exists),
+// where `at` is the member's entry, or where it belongs.
+template <class Map, class Remove, class Merge>
+void mergeMembers(const JsonValue& patch, const CollectionRow& row, Map& map, Faults& faults,
+                  Remove remove, Merge merge) {
+  if (patch.isNull()) {
+    for (auto at = map.begin(); at != map.end();) remove(at++);
+    return;
+  }
+  if (!readObject(patch, row.what, faults)) return;
+  for (const JsonValue* member : patch.all()) {
+    const auto at = placeFor(map, member->key);
+    const bool exists = at != map.end() && at->first == member->key;
+    if (member->isNull()) {
+      if (exists) remove(at);
+    } else if (readKey(*member, row.key, faults) &&
+               (row.of == nullptr || readObject(*member, row.of->name, faults))) {
+      merge(*member, at, exists);
+    }
+  }
+}
+
 // The parts of it.
 
 // The members of a configuration, or of a region that is new or was changed.
@@ -41,8 +65,8 @@ void mergeThings(const JsonValue& patch, const ThingCollection& collection, Faul
 
 // Scalars.
 
-// Of a thing that is written: merges them in place. With the thing itself gone (null), what stood
-// in it counts as written where that changes it.
+// Of a thing that is written: merges them in place. With the thing itself removed (null), the
+// scalars that it had count as written where that changes them.
 void mergeWritten(const JsonValue& patch, const Kind& kind, Values& values,
                   std::vector<DirtyScalar>& dirty, Faults& faults);
 

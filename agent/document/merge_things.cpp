@@ -22,20 +22,12 @@ class ThingMerger {
       : to_(collection), faults_(faults) {}
 
   void merge(const JsonValue& patch) {
-    if (patch.isNull()) {
-      for (auto at = to_.things.begin(); at != to_.things.end();) remove(at++);
-      return;
-    }
-    if (!readObject(patch, to_.row.what, faults_)) return;
     if (isIndexed()) to_.state->expectPorts(patch.size);
-    for (const JsonValue* member : patch.all()) {
-      if (member->isNull()) {
-        const auto at = to_.things.find(member->key);
-        if (at != to_.things.end()) remove(at);
-      } else if (readKey(*member, to_.row.key, faults_)) {
-        mergeMember(*member);
-      }
-    }
+    mergeMembers(
+        patch, to_.row, to_.things, faults_, [this](Things::iterator at) { remove(at); },
+        [this](const JsonValue& member, Things::iterator at, bool known) {
+          mergeMember(member, at, known);
+        });
   }
 
  private:
@@ -56,17 +48,14 @@ class ThingMerger {
     if (to_.dirty != nullptr) to_.dirty->push_back(std::move(dirty));
   }
 
-  void mergeMember(const JsonValue& patch) {
-    const CollectionRow& row = to_.row;
-    if (row.of != nullptr && !readObject(patch, row.of->name, faults_)) return;
-    auto at = placeFor(to_.things, patch.key);
-    const bool known = at != to_.things.end() && at->first == patch.key;
+  // A segment that a level of the patch names is known before it exists.
+  void mergeMember(const JsonValue& patch, Things::iterator at, bool known) {
     const bool existed = known && at->second.present;
     auto values = valuesAfter(patch, existed ? &at->second.values : nullptr);
     if (!values || (existed && isSame(*values, at->second.values))) return;
     if (!known) at = to_.things.emplace_hint(at, std::string(patch.key), Thing{});
     Thing& thing = at->second;
-    // A segment that a level named first is dirty already.
+    // One that is known and did not exist is dirty already.
     if (to_.dirty != nullptr && known == existed) {
       to_.dirty->push_back({{&*at, existed}, std::move(thing.values)});
     }

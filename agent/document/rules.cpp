@@ -47,7 +47,7 @@ class Checker {
 
   void checkWhole(const Region& region) {
     for (const auto& [id, port] : region.ports()) checkPort(region, id);
-    // Ports and bindings stand in one order, so that no port needs to be looked up.
+    // Ports and bindings are in the same order, so that no port needs to be looked up.
     auto port = region.ports().begin();
     for (const auto& [id, binding] : region.portBinding) {
       while (port != region.ports().end() && port->first < id) ++port;

@@ -4,7 +4,7 @@
 //   a port binding has host bindings or switch-interface bindings, not both;
 //   a host occurs in the host bindings, and behind the switch interfaces, of one region at most;
 //   a port id occurs in one region at most;
-//   a segment stands at one level of a binding at most, and the VLAN segments of one binding have
+//   a segment is at one level of a binding at most, and the VLAN segments of one binding have
 //   different VLAN ids.
 //
 // The machines take all of them for granted.

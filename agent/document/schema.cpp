@@ -187,8 +187,8 @@ class SchemaWriter {
     json_.close('}').close(']');
   }
 
-  // The members of an object by key; `value` writes what one is. Under a key that is none, null is
-  // all that may stand.
+  // The members of an object by key; `value` writes what one is. Under a key that is none, only
+  // null is legal.
   template <class Value>
   void writeKeys(const KeyForm& key, Value value) {
     const auto nullUnder = [&](std::string_view pattern) {
@@ -196,7 +196,7 @@ class SchemaWriter {
     };
     json_.key("patternProperties").open('{');
     if (key.number) {
-      // Some engines let $ stand before a line feed at the end, too.
+      // Some engines let $ match before a line feed at the end, too.
       json_.key(fmt::format("^(?:{})$(?!\\n)", key.pattern)).open('{');
       value();
       json_.close('}').close('}');

@@ -42,7 +42,7 @@ struct Form {
   double low = -std::numeric_limits<double>::infinity();  // of a number
   double high = std::numeric_limits<double>::infinity();
   bool open = false;                             // more than `low`, not `low` itself
-  std::span<const std::string_view> words = {};  // stand for 0, 1, ...; of a kInteger, kWord
+  std::span<const std::string_view> words = {};  // for 0, 1, ...; of a kInteger, kWord
   bool mayBeEmpty = false;                       // of a kName
   std::string_view what = {};                    // names the range, where it has a name
 };
@@ -102,7 +102,7 @@ std::optional<std::string_view> readText(const JsonValue& value, const Form& for
 // Whether a scalar that is given is one of this form; asked of numbers only.
 bool isOf(const Scalar& value, const Form& form);
 
-// What a scalar of this form stands for where it is not given: false, 0 or the empty text.
+// The value of a scalar of this form that is not given: false, 0 or the empty text.
 const Scalar& defaultOf(const Form& form);
 
 // A scalar that is given, as the document has it.

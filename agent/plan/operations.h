@@ -118,7 +118,4 @@ struct Plan {
   std::vector<Operation>& operator[](Step step) { return steps[step]; }
 };
 
-// One line for logs and tests: "+level R p host:h 1 seg", "-segment R s", "=syncStatus R 1".
-std::string describe(const Operation& operation);
-
 }  // namespace vnagent

@@ -272,7 +272,7 @@ class Planner {
     }
   }
 
-  // What has a key and nothing else goes with its region.
+  // Members that have only a key are removed with their region.
   void removeRegion(const Region& region) {
     for (const auto& [id, binding] : region.portBinding) {
       remove(op::PortBindingDel{region.name, id});

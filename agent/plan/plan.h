@@ -1,8 +1,8 @@
-// Makes the operations of a change: what the entities must go through so that the machines watching
-// them see every change, and nothing that a change makes stale stays behind.
+// Makes the operations of a change: what is done to the entities so that the machines that watch
+// them are notified of every change, and no output is left that only the old state explains.
 //
-// Machines watch the members of collections, not the insides of segments, ports and bindings. So a
-// thing that changes inside is taken out and put back, and with it the whole of what hangs on it:
+// Machines watch the members of collections, not the scalars of segments, ports and bindings. So a
+// thing whose scalars change is removed and added again, and with it all that depends on it:
 //   - a segment's type or id, a port's VLAN type: all port bindings that used it before;
 //   - the host behind a switch interface: that switch-interface binding;
 //   - a level: the level; but the whole binding where the level was a VXLAN right above a VLAN that

@@ -12,6 +12,7 @@
 #include "agent/document/input.h"
 #include "agent/document/write_cloud.h"
 #include "agent/plan/plan.h"
+#include "tests/agent/describe_operation.h"
 
 namespace vnagent {
 

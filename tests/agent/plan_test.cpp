@@ -66,7 +66,7 @@ TEST_F(Planning, ADocumentIsAddedFromTheRootDownAndItsScalarsAreWrittenLast) {
                   "=syncInterval S 2", "=syncHeartbeat S 1.5", "=syncStatus S 1", "|"));
 }
 
-TEST_F(Planning, ThingsAreTakenInByteOrderAndNumbersInNumericOrder) {
+TEST_F(Planning, MembersAreInByteOrderAndNumbersInNumericOrder) {
   EXPECT_THAT(take(inRegion("'port': {'p10': {}, 'p9': {}, 'P': {}, '\xc3\xa4': {}}")),
               ElementsAre("|", "|", "+port R P 0", "+port R p10 0", "+port R p9 0",
                           "+port R \xc3\xa4 0", "|", "|"));
@@ -108,7 +108,7 @@ TEST_F(Planning, ANewRegionsScalarsAreWrittenAfterAllAdditions) {
                           "=requester B \"x\"", "|"));
 }
 
-TEST_F(Planning, WithTheConfigurationGoneWhatStoodInItIsWrittenWithItsDefault) {
+TEST_F(Planning, WhenTheConfigurationIsRemovedWhatItHadIsWrittenWithItsDefault) {
   take(
       "{'config': {'vlanTypeDriver': 3, 'enabled': false, 'gracePeriod': 4, 'credentials': {'c': "
       "{}}, "
@@ -119,7 +119,7 @@ TEST_F(Planning, WithTheConfigurationGoneWhatStoodInItIsWrittenWithItsDefault) {
   EXPECT_THAT(take("{'config': null}"), ElementsAre("|", "|", "|", "|"));
 }
 
-TEST_F(Planning, TheRootMachineGetsTheTimeoutThatComesOut) {
+TEST_F(Planning, TheRootMachineGetsTheEffectiveTimeout) {
   const auto timeout = [&](std::string_view members) {
     return take(Plan::kConfiguration, fmt::format("{{'config': {{{}}}}}", members));
   };
@@ -137,7 +137,7 @@ TEST_F(Planning, TheRootMachineGetsTheTimeoutThatComesOut) {
 
 // The difference, and nothing else.
 
-TEST_F(Planning, WhatStaysAsItIsIsNotTouched) {
+TEST_F(Planning, WhatDoesNotChangeMakesNoOperation) {
   const auto again = onSwitch("p", "e", behind("b", "'0': 'x5', '1': 'v10'"));
   take(again);
   EXPECT_THAT(take(again), ElementsAre("|", "|", "|", "|"));
@@ -157,7 +157,7 @@ TEST_F(Planning, RemovingWhatIsNotThereDoesNothing) {
   for (const auto& patch : patches) EXPECT_THAT(take(patch), ElementsAre("|", "|", "|", "|"));
 }
 
-TEST_F(Planning, ANullInANewThingIsDroppedButTheThingIsThere) {
+TEST_F(Planning, ANullInANewThingIsIgnoredAndTheThingIsAdded) {
   EXPECT_THAT(take("{'region': {'N': {'segment': {'s': null}, 'portBinding': null}}}"),
               ElementsAre("|", "|", "+region N", "|", "|"));
   EXPECT_THAT(take("{'config': {'vlanAssignment': {'N': {'vlan': {'5': null}}}}}"),
@@ -169,7 +169,7 @@ TEST_F(Planning, ANullInANewThingIsDroppedButTheThingIsThere) {
               ElementsAre("|", "|", "+portBinding R q", "|", "|"));
 }
 
-TEST_F(Planning, AnEntryOfAnAssignmentChangesInPlaceAndGoesBeforeTheAssignments) {
+TEST_F(Planning, EntriesOfAssignmentsChangeInPlaceAndAreRemovedBeforeAssignments) {
   take(
       "{'config': {'vlanAssignment': {'A': {'vlan': {'1': true, '2': true, '30': false}}, 'B': "
       "{}}}}");
@@ -186,7 +186,7 @@ TEST_F(Planning, AnEntryOfAnAssignmentChangesInPlaceAndGoesBeforeTheAssignments)
 
 // Removals.
 
-TEST_F(Planning, RemovalsGoFromTheLeavesUp) {
+TEST_F(Planning, RemovalsAreOrderedFromTheLeavesUp) {
   take(onHost("p", "h", levels("'0': 'v10', '1': 'v11'")));
   take(onHost("p", "i", "{}"));
   take(onSwitch("q", "e", behind("b", "'0': 'v12'")));
@@ -205,7 +205,7 @@ TEST_F(Planning, RemovalsGoFromTheLeavesUp) {
                   "|"));
 }
 
-TEST_F(Planning, ABindingThatGoesIsNotTakenApart) {
+TEST_F(Planning, ARemovedBindingIsRemovedWhole) {
   take(onHost("p", "h", levels("'0': 'x5', '1': 'v10'")));
   EXPECT_THAT(take(onHost("p", "h", "null")),
               ElementsAre("-binding R p host:h", "|", "|", "|", "|"));
@@ -217,7 +217,7 @@ TEST_F(Planning, ABindingThatGoesIsNotTakenApart) {
               ElementsAre("-binding R p switch:leaf:e", "|", "|", "|", "|"));
 }
 
-TEST_F(Planning, AllRegionsGoWithTheRegions) {
+TEST_F(Planning, RemovingTheCollectionRemovesEveryRegion) {
   take("{'region': {'A': {}}}");
   EXPECT_THAT(take("{'region': null}"),
               ElementsAre("-region A", "-segment R o1", "-segment R v10", "-segment R v11",
@@ -235,7 +235,7 @@ TEST_F(Planning, AHostBindingBecomesASwitchInterfaceBindingInOnePatch) {
 
 // Levels.
 
-TEST_F(Planning, OfTheLevelsThatGoVlansGoFirst) {
+TEST_F(Planning, OfSeveralLevelsVlansAreRemovedFirst) {
   take(onHost("p", "h", levels("'0': 'x5', '1': 'v12', '2': 'o1', '3': 'v11', '10': 'v10'")));
   EXPECT_THAT(
       take(onHost("p", "h", levels("'0': null, '1': null, '2': null, '3': null, '10': null"))),
@@ -243,11 +243,11 @@ TEST_F(Planning, OfTheLevelsThatGoVlansGoFirst) {
                   "-level R p host:h 0", "-level R p host:h 2", "|", "|", "|", "|"));
 }
 
-TEST_F(Planning, ALevelWhoseSegmentChangesGoesAndComesBack) {
+TEST_F(Planning, ALevelWhoseSegmentChangesIsRemovedAndAdded) {
   take(onHost("p", "h", levels("'0': 'x5', '1': 'v10'")));
   EXPECT_THAT(take(onHost("p", "h", levels("'1': 'v11'"))),
               ElementsAre("-level R p host:h 1", "|", "|", "+level R p host:h 1 v11", "|", "|"));
-  // Both change: the VLAN goes first and nothing is stranded.
+  // Both change: the VLAN is removed first, and no VNI is left behind.
   EXPECT_THAT(take(onHost("p", "h", levels("'0': 'x6', '1': 'v10'"))),
               ElementsAre("-level R p host:h 1", "-level R p host:h 0", "|", "|",
                           "+level R p host:h 0 x6", "+level R p host:h 1 v10", "|", "|"));
@@ -255,7 +255,7 @@ TEST_F(Planning, ALevelWhoseSegmentChangesGoesAndComesBack) {
               ElementsAre("|", "|", "+level R p host:h 2 o1", "|", "|"));
 }
 
-TEST_F(Planning, AVxlanThatLeavesAVlanBelowTakesTheBindingWithIt) {
+TEST_F(Planning, RemovingAVxlanAboveAVlanReplacesTheBinding) {
   take(onHost("p", "h", levels("'0': 'x5', '1': 'v10'")));
   EXPECT_THAT(take(onHost("p", "h", levels("'0': null"))),
               ElementsAre("-binding R p host:h", "|", "|", "+binding R p host:h",
@@ -299,7 +299,7 @@ TEST_F(Planning, ASwitchInterfaceBindingFollowsTheSameRulesForLevels) {
 
 // Replacement.
 
-TEST_F(Planning, AChangedSegmentTakesAllPortBindingsThatUsedItAlong) {
+TEST_F(Planning, AChangedSegmentReplacesAllPortBindingsThatUsedIt) {
   take(onHost("p", "h", levels("'0': 'x5', '1': 'v10'")));
   take(onHost("q", "h", levels("'0': 'v11'")));
   take(onSwitch("r", "e", behind("b", "'0': 'v10'")));
@@ -313,7 +313,7 @@ TEST_F(Planning, AChangedSegmentTakesAllPortBindingsThatUsedItAlong) {
               ElementsAre("-portBinding R p", "-portBinding R r", "-segment R v10"));
 }
 
-TEST_F(Planning, WhoUsedAChangedSegmentBeforeCountsNotWhoUsesItAfter) {
+TEST_F(Planning, UsersOfAChangedSegmentAreThoseBeforeThePatch) {
   take(onHost("p", "h", levels("'0': 'v10'")));
   take(onHost("p", "i", levels("'0': 'v11'")));
   take(onHost("q", "h", levels("'0': 'v11'")));
@@ -332,7 +332,7 @@ TEST_F(Planning, WhoUsedAChangedSegmentBeforeCountsNotWhoUsesItAfter) {
                    inRegion("'segment': {'v11': {'segmentationId': 21}}, 'portBinding': "
                             "{'p': {'portToHostBinding': {'h': {'segment': {'3': 'x5'}}}}}")),
               ElementsAre("-portBinding R p", "-portBinding R q", "-segment R v11"));
-  // One that used it and goes does not come back.
+  // One that used it and is removed is not added again.
   EXPECT_THAT(
       take(inRegion("'segment': {'x5': {'segmentationId': 55}}, 'portBinding': {'p': null}")),
       ElementsAre("-portBinding R p", "-segment R x5", "|", "|", "+segment R x5 1:55", "|", "|"));
@@ -346,14 +346,14 @@ TEST_F(Planning, WhoUsedAChangedSegmentBeforeCountsNotWhoUsesItAfter) {
                   "+portBinding R r", "+binding R r host:h", "+level R r host:h 0 v10", "|", "|"));
 }
 
-TEST_F(Planning, ASegmentThatGoesTakesOnlyItsLevelsAlong) {
+TEST_F(Planning, ARemovedSegmentRemovesOnlyItsLevels) {
   take(onHost("p", "h", levels("'0': 'x5', '3': 'v10'")));
   EXPECT_THAT(take(inRegion("'segment': {'v10': null}, 'portBinding': "
                             "{'p': {'portToHostBinding': {'h': {'segment': {'3': null}}}}}")),
               ElementsAre("-level R p host:h 3", "-segment R v10", "|", "|", "|", "|"));
 }
 
-TEST_F(Planning, AVxlanSegmentThatGoesCountsAsTheVxlanThatItWas) {
+TEST_F(Planning, ARemovedVxlanSegmentCountsWithTheTypeThatItHad) {
   take(onHost("p", "h", levels("'0': 'x5', '1': 'v10'")));
   EXPECT_THAT(take(inRegion("'segment': {'x5': null}, 'portBinding': "
                             "{'p': {'portToHostBinding': {'h': {'segment': {'0': null}}}}}")),
@@ -361,7 +361,7 @@ TEST_F(Planning, AVxlanSegmentThatGoesCountsAsTheVxlanThatItWas) {
                           "+level R p host:h 1 v10", "|", "|"));
 }
 
-TEST_F(Planning, AChangedVlanTypeTakesThePortBindingAlong) {
+TEST_F(Planning, AChangedVlanTypeReplacesThePortBinding) {
   take(onHost("p", "h", levels("'0': 'v10'")));
   EXPECT_THAT(
       take(inRegion("'port': {'p': {'vlanType': 1}}")),
@@ -375,7 +375,7 @@ TEST_F(Planning, AChangedVlanTypeTakesThePortBindingAlong) {
               ElementsAre("-port R q", "|", "|", "+port R q 2", "+portBinding R q", "|", "|"));
 }
 
-TEST_F(Planning, AChangedHostBehindASwitchInterfaceTakesThatBindingAlong) {
+TEST_F(Planning, AChangedHostBehindASwitchInterfaceReplacesThatBinding) {
   take(onSwitch("p", "e1", behind("b", "'0': 'v10'")));
   take(onSwitch("p", "e2", behind("b")));
   EXPECT_THAT(take(onSwitch("p", "e1", "{'host': 'c'}")),
@@ -395,7 +395,7 @@ class PlanningWithToggleOff : public Planning {
   }
 };
 
-TEST_F(PlanningWithToggleOff, OneOfTwoSwitchInterfaceBindingsTakesThePortBindingAlong) {
+TEST_F(PlanningWithToggleOff, RemovingOneOfTwoSwitchInterfaceBindingsReplacesThePortBinding) {
   twoInterfaces();
   EXPECT_THAT(
       take(onSwitch("p", "e2", "null")),
@@ -405,7 +405,7 @@ TEST_F(PlanningWithToggleOff, OneOfTwoSwitchInterfaceBindingsTakesThePortBinding
               ElementsAre("-binding R p switch:leaf:e1", "|", "|", "|", "|"));
 }
 
-TEST_F(PlanningWithToggleOff, SoDoesOneThatGoesAndComesBack) {
+TEST_F(PlanningWithToggleOff, ReplacingOneOfTwoReplacesThePortBindingToo) {
   twoInterfaces();
   EXPECT_THAT(take(Plan::kRemovals, onSwitch("p", "e2", "{'host': 'd'}")),
               ElementsAre("-portBinding R p"));
@@ -414,7 +414,7 @@ TEST_F(PlanningWithToggleOff, SoDoesOneThatGoesAndComesBack) {
               ElementsAre("-portBinding R p"));
 }
 
-TEST_F(PlanningWithToggleOff, SoDoTwoThatBothGoAndComeBack) {
+TEST_F(PlanningWithToggleOff, ReplacingBothReplacesThePortBindingToo) {
   twoInterfaces();
   EXPECT_THAT(take(Plan::kRemovals,
                    inRegion("'portBinding': {'p': {'portToSwitchInterfaceBinding': {'leaf': "
@@ -422,7 +422,7 @@ TEST_F(PlanningWithToggleOff, SoDoTwoThatBothGoAndComeBack) {
               ElementsAre("-portBinding R p"));
 }
 
-TEST_F(PlanningWithToggleOff, OneThatIsAllThePortHasGoesAlone) {
+TEST_F(PlanningWithToggleOff, TheOnlySwitchInterfaceBindingIsReplacedAlone) {
   take(onSwitch("p", "e1", behind("b")));
   EXPECT_THAT(take(onSwitch("p", "e1", "{'host': 'c'}")),
               ElementsAre("-binding R p switch:leaf:e1", "|", "|", "+binding R p switch:leaf:e1 c",
@@ -434,20 +434,20 @@ TEST_F(PlanningWithToggleOff, OneThatIsAllThePortHasGoesAlone) {
                           "|", "|"));
 }
 
-TEST_F(PlanningWithToggleOff, AMereLevelStaysInItsBinding) {
+TEST_F(PlanningWithToggleOff, RemovingALevelKeepsTheBinding) {
   twoInterfaces();
   EXPECT_THAT(take(onSwitch("p", "e1", levels("'0': null"))),
               ElementsAre("-level R p switch:leaf:e1 0", "|", "|", "|", "|"));
 }
 
-TEST_F(PlanningWithToggleOff, HostBindingsShareNothing) {
+TEST_F(PlanningWithToggleOff, HostBindingsAreRemovedAlone) {
   take(onHost("p", "h", "{}"));
   take(onHost("p", "i", "{}"));
   EXPECT_THAT(take(onHost("p", "i", "null")),
               ElementsAre("-binding R p host:i", "|", "|", "|", "|"));
 }
 
-TEST_F(Planning, WithTheToggleOnOneOfTwoSwitchInterfaceBindingsGoesAlone) {
+TEST_F(Planning, WithTheToggleOnOneOfTwoSwitchInterfaceBindingsIsRemovedAlone) {
   take(onSwitch("p", "e1", behind("b")));
   take(onSwitch("p", "e2", behind("c")));
   EXPECT_THAT(take(onSwitch("p", "e2", "null")),

@@ -44,7 +44,7 @@ TEST_F(Rules, APortOfAnotherRegionIsNotEnoughForABinding) {
   refusedAt("{'region': {'A': {'portBinding': {'Bp': {}}}}}", "/region/A/portBinding/Bp: no port");
 }
 
-TEST_F(Rules, APortCannotGoWhileItsBindingStays) {
+TEST_F(Rules, APortCannotBeRemovedWhileItIsBound) {
   world();
   take("{'region': {'R': {'portBinding': {'Rp': {}}}}}");
   refusedAt("{'region': {'R': {'port': {'Rp': null}}}}", "/region/R/portBinding/Rp: no port");
@@ -75,7 +75,7 @@ TEST_F(Rules, ASegmentOfAnotherRegionIsNotEnoughForALevel) {
       "/region/A/portBinding/Ap/portToHostBinding/h/segment/0: no segment");
 }
 
-TEST_F(Rules, ASegmentCannotGoWhileALevelNamesIt) {
+TEST_F(Rules, ASegmentCannotBeRemovedWhileALevelNamesIt) {
   world();
   take(
       "{'region': {'R': {'portBinding': {'Rp': {'portToHostBinding': {'h': {'segment': {'3': "
@@ -176,7 +176,7 @@ TEST_F(Rules, APortIdIsInOneRegion) {
 
 // Segments of one binding.
 
-TEST_F(Rules, ASegmentStandsAtOneLevelOfABinding) {
+TEST_F(Rules, ASegmentIsAtOneLevelOfABinding) {
   world();
   refusedAt(
       "{'region': {'R': {'portBinding': {'Rp': {'portToHostBinding': "

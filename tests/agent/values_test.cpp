@@ -164,7 +164,7 @@ TEST_F(Values, ASegmentNeedsItsTypeAndItsId) {
   bad(kSegment, {"'segmentationType': null", "'segmentationId': null"}, "/region/R/segment/s");
 }
 
-TEST_F(Values, VlanIdsAndLevelsAreWrittenPlainly) {
+TEST_F(Values, VlanIdsAndLevelsAreInPlainDecimal) {
   constexpr std::string_view kVlan =
       "{{'config': {{'vlanAssignment': {{'R': {{'vlan': {{'{}': true}}}}}}}}}}";
   good(kVlan, {"1", "4094"});

@@ -21,7 +21,7 @@ inline constexpr Kind kHostBinding{"a host binding", OnChange::kReplace, {}, kLe
 
 inline constexpr std::array kSwitchInterfaceBindingScalars{
     scalar<&OpenStack::PortToSwitchInterfaceBinding::hostIs>(
-        "host", form::kName, "The host that stands behind the switch interface.")
+        "host", form::kName, "The host behind the switch interface.")
         .required(),
 };
 inline constexpr size_t kHostBehind = rowOf(kSwitchInterfaceBindingScalars, "host");

@@ -1,11 +1,17 @@
-#include "agent/plan/operations.h"
+// Operations as tests compare them, one line each: "+level R p host:h 1 seg", "-segment R s",
+// "=syncStatus R 1".
+#pragma once
 
 #include <fmt/format.h>
 
-namespace vnagent {
-namespace {
+#include <string>
 
-std::string text(const Scalar& value, bool quoted) {
+#include "agent/plan/operations.h"
+
+namespace vnagent {
+namespace detail {
+
+inline std::string text(const Scalar& value, bool quoted) {
   return std::visit(
       [&](const auto& v) -> std::string {
         using T = std::decay_t<decltype(v)>;
@@ -20,7 +26,7 @@ std::string text(const Scalar& value, bool quoted) {
       value);
 }
 
-std::string text(const AttachmentAddress& at) {
+inline std::string text(const AttachmentAddress& at) {
   return at.kind == AttachmentKind::kHost
              ? fmt::format("{} {} host:{}", at.region(), at.port(), at.key->first)
              : fmt::format("{} {} switch:{}:{}", at.region(), at.port(), at.key->first,
@@ -28,7 +34,7 @@ std::string text(const AttachmentAddress& at) {
 }
 
 // " a:b", or nothing where there is nothing to say.
-std::string text(const Values& values, const Kind* kind) {
+inline std::string text(const Values& values, const Kind* kind) {
   std::string result;
   const size_t count = kind != nullptr ? kind->scalars.size() : values.size();
   for (size_t i = 0; i < count; ++i) {
@@ -90,10 +96,10 @@ struct Describer {
   }
 };
 
-}  // namespace
+}  // namespace detail
 
-std::string describe(const Operation& operation) {
-  return std::visit(Describer{}, operation);
+inline std::string describe(const Operation& operation) {
+  return std::visit(detail::Describer{}, operation);
 }
 
 }  // namespace vnagent
