@@ -1,5 +1,5 @@
-# The two commands of the README are `make run` and `make test`; `make` alone builds the release.
-# Each does everything on a fresh Debian 12: installs what is missing, configures, builds, runs.
+# `make run` and `make test` are the two commands of the README; `make` alone builds the release. Each
+# command installs what it needs, configures, builds and runs, on a fresh Debian 12 with git and make.
 
 .PHONY: all build configure dependencies run test sim fuzz bench bench-quick coverage mutation docs \
   packages clean
@@ -23,8 +23,8 @@ test: configure
 	cmake --build --preset release
 	tests/run.py --preset release
 
-# The simulation of the library, for as many events as wanted, from a seed, with the feature toggle
-# on, off or both.
+# The simulation of the library: EVENTS events from the seed SEED, with the feature toggle on, off or
+# both.
 EVENTS ?= 10000000
 SEED ?= 1
 TOGGLE ?= both
@@ -34,7 +34,7 @@ sim: configure
 	build/release/bin/library_simulation --events $(EVENTS) --seed $(SEED) --toggle $(TOGGLE) \
 	  --out build/simulation-failures --vnagent build/release/bin/vnagent
 
-# The fuzz targets, each for so many seconds, so many at a time; TARGET=NAME runs one: see
+# The fuzz targets, each for SECONDS seconds, JOBS at a time; TARGET=NAME runs one: see
 # tests/fuzz/README.md.
 SECONDS ?= 60
 JOBS ?= 1
@@ -47,7 +47,7 @@ fuzz:
 	tests/fuzz/run.py build/fuzz --seconds $(SECONDS) --jobs $(JOBS) \
 	  $(if $(TARGET),--target $(TARGET))
 
-# What it costs, as tables; up to 15 minutes, bench-quick up to 3. FILTER=REGEX runs a part: see
+# The benchmarks, as tables; up to 15 minutes, bench-quick up to 3. FILTER=REGEX runs a part: see
 # bench/README.md.
 bench bench-quick:
 	packaging/install-build-dependencies libbenchmark-dev libabsl-dev libsigc++-2.0-dev
@@ -58,7 +58,7 @@ bench bench-quick:
 	bench/table.py $(if $(filter bench-quick,$@),--quick) $(if $(FILTER),--partial) \
 	  build/bench/results.json
 
-# Which branches of framework, model and machines their tests take: a table, and
+# The branches of framework, model and machines that their tests take: a table, and
 # build/coverage/html. Fails when a file is below 95 %.
 coverage:
 	packaging/install-build-dependencies clang libclang-rt-14-dev llvm-14
@@ -66,13 +66,16 @@ coverage:
 	cmake --build --preset coverage --target framework_test model_test OpenStackSm_test
 	tests/coverage/report.py build/coverage
 
-# Whether tests see it when the machines' code is changed in one place: every place, or SAMPLE of them
-# that SEED chooses. All take half an hour; see tests/mutation/survivors.md.
+# Whether the tests notice when the code is changed in one place: every place, or SAMPLE of them, which
+# SEED chooses; of all four folders of the source, or of those in IN. A whole run takes hours; see
+# tests/mutation/survivors.md.
 SAMPLE ?= 0
+IN ?= OpenStackSm model framework agent
 
 mutation:
 	packaging/install-build-dependencies python3-clang-14
-	nice -n 10 tests/mutation/run.py --sample $(SAMPLE) --seed $(SEED)
+	nice -n 10 /usr/bin/python3 tests/mutation/run.py --in $(IN) --sample $(SAMPLE) --seed $(SEED) \
+	  --jobs $(JOBS)
 
 # The reference of the public headers, as build/docs/html, and the drawing of the architecture.
 docs:

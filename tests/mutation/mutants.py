@@ -1,16 +1,19 @@
-"""Finds the places of the machines' code that can be changed, and plants all changes at once.
+"""Finds the places of the code that can be changed, and plants many changes at once.
 
-Each change, a mutant, is planted so that it is at work only when it is selected (mutant.inc); one
-build then serves all of them. Looks at the bodies of functions, with libclang:
+Each change, a mutant, is planted so that it has an effect only when it is selected (mutant.inc);
+one build then serves all of them. Looks at the bodies of functions, with libclang:
 
-    flip      the condition of an `if`, `while`, `for` or `?:`, an operand of && and ||, a comparison
+    flip      a comparison, the condition of an `if`, `while`, `for` or `?:`, an operand of && and ||
     edge      < to <=, > to >=, and back
     drop      a statement that is an expression; `return;`, `continue;`, `break;`
     swap      two such statements that stand next to each other
     constant  a number, text, character, truth value or enumerator, to another
+
+What the compiler evaluates, such as the constexpr tables, is not changed.
 """
 
 import re
+from collections.abc import Iterator
 from dataclasses import dataclass, field
 from pathlib import Path
 
@@ -23,9 +26,13 @@ FUNCTIONS = {Kind.FUNCTION_DECL, Kind.CXX_METHOD, Kind.CONSTRUCTOR, Kind.DESTRUC
 FLIPPED_EDGE = {"<": "<=", "<=": "<", ">": ">=", ">=": ">"}
 COMPARISON = re.compile(r"^\s*(==|!=|<=|>=|<|>)\s*$")
 LOGICAL = re.compile(r"^\s*(&&|\|\|)\s*$")
+# A raw text, a text, a character, a comment, a bracket or semicolon. Not the mark in 1'000.
+TOKEN = re.compile(r"""R"(?P<mark>[^(\s]*)\(.*?\)(?P=mark)" | "(?:[^"\\\n]|\\.)*"
+                       | (?<![0-9a-fA-F])'(?:[^'\\\n]|\\.)+' | //[^\n]* | /\*.*?\*/ | [()\[\]{};]""",
+                   re.S | re.X)
 
 
-@dataclass
+@dataclass(eq=False)
 class Mutant:
     file: str
     line: int
@@ -43,7 +50,8 @@ class Mutant:
 
 @dataclass
 class Edit:
-    """A stretch of a file that is planted with mutants; `render` is given its text, edited within."""
+    """A range of a file in which mutants are planted; `render` is given its text, with the inner
+    edits applied."""
     begin: int
     end: int
     render: object
@@ -62,10 +70,11 @@ class File:
 
     def __init__(self, path: Path, name: str) -> None:
         self.name = name
-        self.source = path.read_bytes().decode("utf-8")
-        assert self.source.isascii(), f"{name}: offsets are those of bytes"
+        # libclang counts bytes, so each byte is one character here.
+        self.source = path.read_bytes().decode("latin-1")
         self.edits: list[Edit] = []
         self.places: set[tuple[int, int, str]] = set()
+        self.chosen: set[int] = set()  # what planted() plants
 
     # Places
 
@@ -77,7 +86,7 @@ class File:
         return Mutant(self.name, line, function, operator, one_line(self.text(begin, end)))
 
     def add(self, begin: int, end: int, function: str, operator: str, render: object) -> None:
-        """Plants one mutant; `render(number, inner)` gives the new text of the stretch."""
+        """Plants one mutant; `render(number, inner)` gives the new text of the extent."""
         if (begin, end, operator) in self.places:
             return
         self.places.add((begin, end, operator))
@@ -91,19 +100,21 @@ class File:
     def closing(self, opening: int) -> int:
         """Where the bracket closes that opens at an offset."""
         pairs = {"(": ")", "[": "]", "{": "}"}
-        depth = []
-        at = opening
-        while True:
-            char = self.source[at]
-            if char == '"':
-                at = self.source.index('"', at + 1)
-            elif char in pairs:
+        depth: list[str] = []
+        for at, char in self.brackets(opening, len(self.source)):
+            if char in pairs:
                 depth.append(pairs[char])
             elif depth and char == depth[-1]:
                 depth.pop()
                 if not depth:
                     return at
-            at += 1
+        raise ValueError(f"{self.name}: nothing closes what opens at {opening}")
+
+    def brackets(self, begin: int, end: int) -> Iterator[tuple[int, str]]:
+        """The brackets and semicolons of a range, without those in texts and comments."""
+        for found in TOKEN.finditer(self.source, begin, end):
+            if found[0] in "()[]{};":
+                yield found.start(), found[0]
 
     def condition(self, keyword: int, function: str, declared: str | None) -> None:
         """Flips the condition in the brackets after a keyword; `declared` is what it declares."""
@@ -113,9 +124,9 @@ class File:
         closing = self.closing(opening)
         parts = [opening + 1]
         depth = 0
-        for at in range(opening + 1, closing):
-            depth += {"(": 1, "{": 1, "[": 1, ")": -1, "}": -1, "]": -1}.get(self.source[at], 0)
-            if self.source[at] == ";" and depth == 0:
+        for at, char in self.brackets(opening + 1, closing):
+            depth += {"(": 1, "{": 1, "[": 1, ")": -1, "}": -1, "]": -1}.get(char, 0)
+            if char == ";" and depth == 0:
                 parts.append(at + 1)
         is_for = self.text(keyword, opening).strip() == "for"
         if is_for and len(parts) < 3:
@@ -124,7 +135,8 @@ class File:
             self.flip(parts[1], parts[2] - 1, function)
         elif declared is not None and len(parts) == 1:
             self.add(parts[0], closing, function, "flip",
-                     lambda n, inner: f"{inner}; mutation::on({n}) != static_cast<bool>({declared})")
+                     lambda n, inner:
+                     f"{inner}; mutation::on({n}) != static_cast<bool>({declared})")
         else:
             self.flip(parts[-1], closing, function)
 
@@ -146,9 +158,11 @@ class File:
         def render(inner: str) -> str:
             text = ""
             for at, mutant in enumerate(mutants):
+                if mutant.number not in self.chosen:
+                    continue
                 order = list(run)
                 order[at], order[at + 1] = order[at + 1], order[at]
-                swapped = " ".join(self.text(*stretch) for stretch in order)
+                swapped = " ".join(self.text(*extent) for extent in order)
                 text += f"if (mutation::on({mutant.number})) {{ {swapped} }} else "
             return f"{{ {text}{{ {inner} }} }}"
 
@@ -156,19 +170,24 @@ class File:
 
     # Planting
 
-    def planted(self) -> str:
-        """The source with all mutants in it."""
+    def planted(self, chosen: set[int]) -> bytes:
+        """The source with the mutants of these numbers in it."""
+        self.chosen = chosen
         root = Edit(0, len(self.source), lambda inner: inner, [])
         open_edits = [root]
-        # Of two edits of one stretch the later found lies inside.
-        for edit in sorted(self.edits, key=lambda e: (e.begin, -e.end)):
+        for edit in self.edits:
+            edit.inner = []
+        edits = [e for e in self.edits if any(m.number in chosen for m in e.mutants)]
+        # Of two edits of one range the later found lies inside.
+        for edit in sorted(edits, key=lambda e: (e.begin, -e.end)):
             while edit.begin >= open_edits[-1].end:
                 open_edits.pop()
             if edit.end > open_edits[-1].end:
-                raise ValueError(f"{self.name}: stretches that cross: {self.text(edit.begin, edit.end)}")
+                raise ValueError(
+                    f"{self.name}: ranges that cross: {self.text(edit.begin, edit.end)}")
             open_edits[-1].inner.append(edit)
             open_edits.append(edit)
-        return self.render(root)
+        return self.render(root).encode("latin-1")
 
     def render(self, edit: Edit) -> str:
         text = ""
@@ -183,8 +202,8 @@ class Finder:
     """Walks what libclang makes of a file, and of the headers under the same folder."""
 
     def __init__(self, root: Path, folder: str, flags: list[str]) -> None:
-        self.root = root
-        self.folder = root / folder
+        self.root = root.resolve()
+        self.folder = self.root / folder
         self.flags = flags
         self.files: dict[str, File] = {}
         self.macros: dict[str, list[tuple[int, int]]] = {}
@@ -207,8 +226,8 @@ class Finder:
                 self.files[name] = File(Path(where.name), name)
                 self.macros[name] = []
             if cursor.kind == Kind.MACRO_INSTANTIATION:
-                extent = cursor.extent
-                self.macros[name].append((extent.start.offset, extent.end.offset))
+                where = cursor.extent
+                self.macros[name].append((where.start.offset, where.end.offset))
             elif not cursor.kind.is_preprocessing():
                 self.walk(self.files[name], cursor, "")
 
@@ -244,7 +263,7 @@ class Finder:
         children = list(cursor.get_children())
         if cursor.kind in (Kind.IF_STMT, Kind.WHILE_STMT, Kind.FOR_STMT):
             file.condition(begin, function, self.declared(children))
-            for child in children[1:]:
+            for child in children[-1:] if cursor.kind == Kind.FOR_STMT else children[1:]:
                 self.run_of_one(file, child, function)
         elif cursor.kind == Kind.CXX_FOR_RANGE_STMT:
             self.run_of_one(file, children[-1], function)
@@ -305,7 +324,7 @@ class Finder:
         file.add(begin, end, function, "constant",
                  lambda n, inner: f"(mutation::on({n}) ? {other} : {inner})")
 
-    def stretch(self, file: File, cursor: cindex.Cursor) -> tuple[int, int] | None:
+    def extent(self, file: File, cursor: cindex.Cursor) -> tuple[int, int] | None:
         """A statement that can be dropped, with its semicolon."""
         begin, end = span(cursor)
         for first, last in self.macros[file.name]:
@@ -322,19 +341,19 @@ class Finder:
         """A statement that is the body of another, without braces."""
         if cursor.kind.is_expression() and file.source[span(cursor)[1]] != ";":
             return  # the condition
-        if stretch := self.stretch(file, cursor):
-            file.statements([[stretch]], function)
+        if extent := self.extent(file, cursor):
+            file.statements([[extent]], function)
 
     def runs(self, file: File, statements: list[cindex.Cursor]) -> list[list[tuple[int, int]]]:
         runs: list[list[tuple[int, int]]] = [[]]
         for statement in statements:
-            stretch = self.stretch(file, statement)
-            if stretch is None:
+            extent = self.extent(file, statement)
+            if extent is None:
                 runs.append([])
             elif statement.kind in JUMPS:
-                runs += [[stretch], []]
+                runs += [[extent], []]
             else:
-                runs[-1].append(stretch)
+                runs[-1].append(extent)
         return [run for run in runs if run]
 
 
@@ -342,17 +361,17 @@ def span(cursor: cindex.Cursor) -> tuple[int, int]:
     return cursor.extent.start.offset, cursor.extent.end.offset
 
 
-def find(root: Path, folder: str, flags: list[str]) -> tuple[list[File], list[Mutant]]:
-    """All mutants of a folder, numbered from 1 in the order of files and lines."""
-    finder = Finder(root, folder, flags)
-    for path in sorted((root / folder).rglob("*.cpp")):
-        finder.parse(path)
-    files = [finder.files[name] for name in sorted(finder.files)]
-    mutants = []
+def find(root: Path, folders: list[str], flags: list[str]) -> tuple[list[File], list[Mutant]]:
+    """All mutants of some folders, numbered from 1 in the order of folders, files and lines."""
+    files: list[File] = []
+    for folder in folders:
+        finder = Finder(root, folder, flags)
+        for path in sorted((root / folder).rglob("*.cpp")):
+            finder.parse(path)
+        files += [finder.files[name] for name in sorted(finder.files)]
+    mutants = [mutant for file in files for edit in sorted(file.edits, key=lambda e: e.begin)
+               for mutant in edit.mutants]
     twins: dict[str, int] = {}
-    for file in files:
-        edits = sorted(file.edits, key=lambda e: e.begin)
-        mutants += [mutant for edit in edits for mutant in edit.mutants]
     for number, mutant in enumerate(mutants, 1):
         mutant.number = number
         key = mutant.key()
