@@ -1,8 +1,12 @@
 // The clock, and the timers that observe it.
 //
 // A reactor that derives from Clock::NotifieeConst is armed with timeMinIs(), the absolute time of
-// its next wake-up, and gets onTime() from the activity loop once that time is reached; once for
-// each arming. +infinity disarms. Activity thread only.
+// its next wake-up, and gets onTime() from the activity loop once that time is reached: once for
+// each arming, and not when it was disarmed or armed anew before the call. +infinity disarms.
+//
+// A timer is idle, armed (in the clock's heap of timers), or expired (its call is pending in the
+// activity loop). Arming, disarming and expiring cost logarithmic time in the number of armed
+// timers. Activity thread only.
 #pragma once
 
 #include <limits>
@@ -25,9 +29,11 @@ class Clock final : public Entity<Clock> {
     // The time of timeMin() is reached.
     virtual void onTime() {}
 
-    // Arms the timer for this time, instead of any before. Logarithmic in the number of timers.
+    // Arms the timer for this time, in place of any earlier time, also of one that has expired
+    // and whose call is pending. Without a clock it only stores the time. Throws std::bad_alloc;
+    // the timer is as it was then.
     void timeMinIs(Seconds time);
-    // The time that was last set; it stays as it was set after the timer has fired.
+    // The time that was last set; it stays after the timer has fired.
     Seconds timeMin() const { return timeMin_; }
 
     void notifierIs(const Ptr<const PtrInterface>& entity) override;
@@ -37,26 +43,35 @@ class Clock final : public Entity<Clock> {
 
    private:
     friend class Clock;
-    static constexpr std::size_t kNotArmed = ~std::size_t{0};
+    static constexpr std::size_t kIdle = ~std::size_t{0};
+    static constexpr std::size_t kExpired = kIdle - 1;
+
+    bool armed() const { return index_ < kExpired; }
+    // Calls onTime(), unless the timer was armed or disarmed since it expired. This is what is
+    // queued in the activity loop.
+    virtual void deliverExpiry() final;
+
     Seconds timeMin_ = kNever;
-    U64 sequence_ = 0;               // equal times fire in the order of their arming
-    std::size_t place_ = kNotArmed;  // in the clock's heap
+    U64 sequence_ = 0;           // equal times fire in the order of their arming
+    std::size_t index_ = kIdle;  // in the clock's heap; or one of the constants above
   };
 
   // The time of the earliest armed timer; kNever when there is none.
   Seconds nextTime() const { return armed_.empty() ? kNever : armed_.front()->timeMin_; }
 
   // Queues onTime() of the earliest timer and disarms it, when its time is not after `now`; returns
-  // false when there is no such timer.
+  // false when there is no such timer. Throws std::bad_alloc; the timer is still armed then.
   bool fireNext(Seconds now) const;
 
  private:
   static bool before(const NotifieeConst& a, const NotifieeConst& b);
+  // Reserves memory for one more armed timer.
+  void reserveOne() const;
   void arm(NotifieeConst& timer) const;
   void disarm(NotifieeConst& timer) const;
-  void rise(std::size_t place) const;
-  void sink(std::size_t place) const;
-  void put(std::size_t place, NotifieeConst* timer) const;
+  void siftUp(std::size_t index) const;
+  void siftDown(std::size_t index) const;
+  void put(std::size_t index, NotifieeConst* timer) const;
 
   // A binary heap of the armed timers. Observing does not change the clock, hence mutable.
   mutable std::vector<NotifieeConst*> armed_;

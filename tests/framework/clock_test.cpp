@@ -90,7 +90,7 @@ TEST_F(ClockTest, ATimerArmedInThePastFiresAtOnceButFromTheLoop) {
   EXPECT_THAT(at(100), ElementsAre("one"));
 }
 
-TEST_F(ClockTest, ArmingAnewTakesThePlaceOfTheOldTime) {
+TEST_F(ClockTest, ArmingAnewReplacesTheOldTime) {
   const auto one = timer("one", 10);
   one->timeMinIs(20);
   EXPECT_EQ(loop_.nextTimer(), 20);
@@ -154,7 +154,61 @@ TEST_F(ClockTest, FiringOneQueuesItAndLeavesTheOthersArmed) {
   EXPECT_THAT(delivered(), ElementsAre("b"));
 }
 
-TEST_F(ClockTest, ATimerThatGoesWhileArmedIsForgotten) {
+TEST_F(ClockTest, ATimerThatIsDisarmedAfterItExpiredDoesNotFire) {
+  const auto one = timer("one", 10);
+  time_.nowIs(10);
+  ASSERT_TRUE(loop_.fireNextTimer());
+  one->timeMinIs(Clock::kNever);
+  EXPECT_THAT(delivered(), IsEmpty());
+  EXPECT_THAT(at(20), IsEmpty());
+  one->timeMinIs(30);
+  EXPECT_THAT(at(30), ElementsAre("one"));
+}
+
+TEST_F(ClockTest, ATimerThatIsSetToLaterAfterItExpiredFiresThen) {
+  const auto one = timer("one", 10);
+  time_.nowIs(10);
+  ASSERT_TRUE(loop_.fireNextTimer());
+  one->timeMinIs(20);
+  EXPECT_THAT(delivered(), IsEmpty());
+  EXPECT_EQ(loop_.nextTimer(), 20);
+  EXPECT_THAT(at(19), IsEmpty());
+  EXPECT_THAT(at(20), ElementsAre("one"));
+  EXPECT_THAT(at(30), IsEmpty());
+}
+
+TEST_F(ClockTest, ATimerThatIsArmedAnewAfterItExpiredFiresOnce) {
+  const auto one = timer("one", 10);
+  time_.nowIs(10);
+  ASSERT_TRUE(loop_.fireNextTimer());
+  one->timeMinIs(5);
+  ASSERT_TRUE(loop_.fireNextTimer()) << "it is due again";
+  EXPECT_THAT(delivered(), ElementsAre("one"));
+  EXPECT_THAT(at(20), IsEmpty());
+}
+
+TEST_F(ClockTest, AHandlerThatRunsBeforeATimerMayDisarmIt) {
+  const auto box = make<Toys::Box>();
+  const auto watcher = watch<Toys::BoxWatcher>(box);
+  const auto one = timer("one", 10);
+  watcher->then = [&](const std::string&) { one->timeMinIs(Clock::kNever); };
+  box->labelIs("x");
+  time_.nowIs(10);
+  ASSERT_TRUE(loop_.fireNextTimer());
+  EXPECT_THAT(delivered(), ElementsAre("label"));
+}
+
+TEST_F(ClockTest, AnExpiredTimerMayBeFreed) {
+  auto one = timer("one", 10);
+  time_.nowIs(10);
+  ASSERT_TRUE(loop_.fireNextTimer());
+  one->hasNotificationActiveIs(false);
+  one = nullptr;
+  EXPECT_THAT(delivered(), IsEmpty());
+  EXPECT_EQ(loop_.nextTimer(), Clock::kNever);
+}
+
+TEST_F(ClockTest, AnArmedTimerThatIsFreedIsForgotten) {
   auto a = timer("a", 10);
   const auto b = timer("b", 20);
   auto c = timer("c", 30);
@@ -164,7 +218,7 @@ TEST_F(ClockTest, ATimerThatGoesWhileArmedIsForgotten) {
   EXPECT_THAT(at(40), ElementsAre("b"));
 }
 
-TEST_F(ClockTest, ATimerThatDoesNotListenWhenItIsDueIsSpent) {
+TEST_F(ClockTest, ATimerThatIsInactiveWhenItIsDueDoesNotFireLater) {
   const auto one = timer("one", 10);
   one->hasNotificationActiveIs(false);
   EXPECT_THAT(at(10), IsEmpty());
@@ -207,7 +261,7 @@ TEST_F(ClockTest, ADisconnectedTimerIsNotArmed) {
   EXPECT_THAT(at(20), IsEmpty());
 }
 
-TEST_F(ClockTest, AnArmedTimerStaysArmedWhenItIsGivenWhatIsNoClock) {
+TEST_F(ClockTest, AnArmedTimerStaysArmedWhenItIsConnectedToWhatIsNoClock) {
   const auto one = timer("one", 10);
   EXPECT_THROW(one->notifierIs(make<Toys::Box>()), Kiv::RangeException);
   EXPECT_EQ(loop_.nextTimer(), 10);
@@ -287,7 +341,7 @@ TEST_F(ClockTest, WithoutASourceTheTimeIsThatOfTheSteadyClock) {
   EXPECT_LE(now, after);
 }
 
-TEST_F(ClockTest, TheTimeStandsStillWithinATurn) {
+TEST_F(ClockTest, TheTimeDoesNotAdvanceWithinATurn) {
   const auto box = make<Toys::Box>();
   const auto watcher = watch<Toys::BoxWatcher>(box);
   std::vector<Seconds> seen;
@@ -300,10 +354,10 @@ TEST_F(ClockTest, TheTimeStandsStillWithinATurn) {
   box->labelIs("x");
   loop_.run();
   EXPECT_THAT(seen, ElementsAre(5, 5, 5));
-  EXPECT_EQ(Kiv::System::currentTime(), 8) << "it moves on after the turn";
+  EXPECT_EQ(Kiv::System::currentTime(), 8) << "it advances after the turn";
 }
 
-TEST_F(ClockTest, TheTimeMovesOnAfterATurnThatThrew) {
+TEST_F(ClockTest, TheTimeAdvancesAfterATurnThatThrew) {
   const auto box = make<Toys::Box>();
   const auto watcher = watch<Toys::BoxWatcher>(box);
   watcher->then = [&](const std::string&) {
