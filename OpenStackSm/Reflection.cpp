@@ -17,7 +17,7 @@ const Kiv::GenericIf* machineReflection(std::string_view typeName) {
 }
 
 Kiv::GenericValue genericIfFromCtorArgs(std::string_view typeName,
-                                        const Kiv::GenericArguments& arguments) {
+                                        Kiv::GenericArgumentsView arguments) {
   const Kiv::GenericIf* machine = machineReflection(typeName);
   if (machine == nullptr) {
     Kiv::throwRangeException("there is no machine of type " + std::string(typeName));

@@ -18,6 +18,6 @@ const Kiv::GenericIf* machineReflection(std::string_view typeName);
 // range exception for an unknown type and for arguments that do not fit, and what the machine's
 // factory throws.
 Kiv::GenericValue genericIfFromCtorArgs(std::string_view typeName,
-                                        const Kiv::GenericArguments& arguments);
+                                        Kiv::GenericArgumentsView arguments);
 
 }

@@ -1,6 +1,6 @@
-// Attribute tables: one for each machine or entity class, which says of every attribute its index,
-// its name, its key and how it is reached. The only such list: traces, exception texts, the check
-// of an existing child, reflection and tools are all fed from it.
+// Attribute tables: one for each machine or entity class, with the index, name, key and accessors
+// of each attribute. It is the only such list: traces, exception texts, the check of an existing
+// child, reflection and tools all read it.
 //
 //   static constexpr auto kAttributes = Kiv::attributes(
 //       Kiv::keyArgument(130, "regionName", &RegionConfigSm::regionName),
@@ -15,10 +15,9 @@
 //       Kiv::plain(151, "initialized", &RegionConfigSm::initialized,
 //                  &RegionConfigSm::initializedIs));
 //
-// The arguments of the constructor stand in its order. The key of a collection is named as its
-// members name it, and has no name where they don't know it.
-//
-// An entity's table leaves out the indices; they are given in order.
+// The constructor's arguments are listed in its order. The key of a collection has the name that
+// its members give it, and none where they do not know it. An entity's table leaves out the
+// indices; its attributes are numbered in order.
 #pragma once
 
 #include <concepts>
@@ -35,10 +34,11 @@ namespace detail {
 
 [[noreturn]] void throwUnsupported(const KivAttr& attribute, unsigned operation);
 void requireArguments(const KivAttr& attribute, std::size_t given, std::size_t wanted);
+[[noreturn]] void throwAtEnd(const KivAttr& attribute);
 
 // Calls `call` with the arguments unwrapped to the plain types of Parameters.
 template <class... Parameters, class Call>
-decltype(auto) unwrapped(const KivAttr& attribute, const GenericArguments& arguments, Call call) {
+decltype(auto) unwrapped(const KivAttr& attribute, GenericArgumentsView arguments, Call call) {
   requireArguments(attribute, arguments.size(), sizeof...(Parameters));
   return [&]<std::size_t... I>(std::index_sequence<I...>)->decltype(auto) {
     return call(arguments[I].template as<std::remove_cvref_t<Parameters>>()...);
@@ -48,7 +48,7 @@ decltype(auto) unwrapped(const KivAttr& attribute, const GenericArguments& argum
 
 template <class R, class M, class... Parameters>
 GenericValue call(const KivAttr& attribute, std::type_identity_t<M>& object,
-                  R (M::*function)(Parameters...), const GenericArguments& arguments) {
+                  R (M::*function)(Parameters...), GenericArgumentsView arguments) {
   return unwrapped<Parameters...>(attribute, arguments, [&](const auto&... values) {
     if constexpr (std::is_void_v<R>) {
       (object.*function)(values...);
@@ -86,12 +86,12 @@ inline std::string_view keyTypeOf(std::nullptr_t) {
 
 }  // namespace Kiv
 
-// Templates that the library does not export: whoever has a table has them for himself.
+// These templates are not exported by the library: each binary instantiates them for its tables.
 namespace Kiv {
 
-// What an attribute is to the constructor of its machine, and so to an owner that is asked for the
-// machine again, with other arguments: no argument; the key, which is not compared; one that must
-// be the same; one that is written into the existing machine.
+// Whether an attribute is an argument of its machine's constructor, and what happens to it when the
+// owner is asked for an existing machine with other arguments: it is none; it is the key, which is
+// not compared; it must be the same; it is written into the existing machine.
 enum class ArgumentRole : U8 { none, key, fixed, changing };
 
 // A plain attribute. Get reads it from a const object; Set, where there is one, writes it.
@@ -101,7 +101,7 @@ struct PlainAttribute {
   Get get;            // the member function that reads it
   Set set = nullptr;  // the one that writes it, if any
 
-  // Adds what the code says of the attribute.
+  // Fills in the types, and whether it can be written.
   void describe(KivAttr& described) const {
     described.type = ValueTraits<detail::Returned<Get>>::kTypeName;
     described.writable = !std::is_null_pointer_v<Set>;
@@ -110,7 +110,7 @@ struct PlainAttribute {
   // Runs one operation on an object of the class; throws where it has none such.
   template <class T>
   GenericValue operate(T& object, bool isConst, U8 operation,
-                       const GenericArguments& arguments) const {
+                       GenericArgumentsView arguments) const {
     if (operation == GenericOp::kRead) {
       detail::requireArguments(attr, arguments.size(), 0);
       return GenericValue::of(detail::Returned<Get>((std::as_const(object).*get)()));
@@ -135,13 +135,13 @@ struct HandlerAttribute {
   KivAttr attr;   // what it is
   Call function;  // the member function
 
-  // Adds what the code says of the attribute.
+  // Fills in the types, and whether it can be written.
   void describe(KivAttr& described) const { described.keyType = detail::keyTypeOf(function); }
 
   // Runs one operation on an object of the class; throws where it has none such.
   template <class T>
   GenericValue operate(T& object, bool isConst, U8 operation,
-                       const GenericArguments& arguments) const {
+                       GenericArgumentsView arguments) const {
     if (operation != GenericOp::kCall || isConst) detail::throwUnsupported(attr, operation);
     if constexpr (std::is_null_pointer_v<Call>) {
       detail::throwUnsupported(attr, operation);
@@ -170,7 +170,7 @@ struct CollectionAttribute {
   static constexpr bool kWritable =
       !std::is_null_pointer_v<Create> && !std::is_null_pointer_v<Delete>;
 
-  // Adds what the code says of the attribute.
+  // Fills in the types, and whether it can be written.
   void describe(KivAttr& described) const {
     described.type = memberType();
     described.keyType = ValueTraits<Key>::kTypeName;
@@ -180,7 +180,7 @@ struct CollectionAttribute {
   // Runs one operation on an object of the class; throws where it has none such.
   template <class T>
   GenericValue operate(T& object, bool isConst, U8 operation,
-                       const GenericArguments& arguments) const {
+                       GenericArgumentsView arguments) const {
     C& owner = object;
     const auto key = [&] {
       detail::requireArguments(attr, arguments.size(), 1);
@@ -255,6 +255,7 @@ struct CollectionAttribute {
 
     bool iterNonnull() const override { return !(at_ == std::default_sentinel); }
     GenericValue iterKey() const override {
+      requireMember();
       if constexpr (kHoldsMembers) {
         return GenericValue::of(at_.key());
       } else {
@@ -262,6 +263,7 @@ struct CollectionAttribute {
       }
     }
     GenericValue iterObj() const override {
+      requireMember();
       if constexpr (kHoldsMembers) {
         using Value = typename Map::Value;
         if (isConst_) return GenericValue::of(Ptr<const Value>(*at_));
@@ -270,18 +272,24 @@ struct CollectionAttribute {
         return GenericValue::of(at_->value);
       }
     }
-    void iterInc() override { ++at_; }
+    void iterInc() override {
+      if (iterNonnull()) ++at_;
+    }
     void iterDel() override {
       if constexpr (std::is_null_pointer_v<Delete>) {
         detail::throwUnsupported(attribute_.attr, GenericOp::kDelete);
       } else {
         if (isConst_) detail::throwUnsupported(attribute_.attr, GenericOp::kDelete);
-        const GenericArguments arguments{iterKey()};
-        attribute_.operate(*object_, false, GenericOp::kDelete, arguments);
+        const GenericValue key = iterKey();
+        attribute_.operate(*object_, false, GenericOp::kDelete, {&key, 1});
       }
     }
 
    private:
+    void requireMember() const {
+      if (!iterNonnull()) detail::throwAtEnd(attribute_.attr);
+    }
+
     CollectionAttribute attribute_;
     Ptr<T> object_;
     bool isConst_;
@@ -289,7 +297,7 @@ struct CollectionAttribute {
   };
 };
 
-// Makes the entry of a plain attribute. Without an index, the table gives it.
+// Makes the entry of a plain attribute. Without an index, it is numbered by the table.
 template <class Get, class Set = std::nullptr_t>
 constexpr PlainAttribute<Get, Set> plain(U16 index, std::string_view name, Get get,
                                          Set set = nullptr) {
@@ -325,7 +333,7 @@ constexpr HandlerAttribute<Call> handler(U16 index, std::string_view name,
                                          std::string_view signature, Call function) {
   return {{index, KivAttrKind::handler, name, "", signature, ""}, function};
 }
-// Makes the entry of a collection. Without an index, the table gives it.
+// Makes the entry of a collection. Without an index, it is numbered by the table.
 template <class C, class Map, class Create = std::nullptr_t, class Delete = std::nullptr_t>
 constexpr CollectionAttribute<C, Map, Create, Delete> collection(U16 index, std::string_view name,
                                                                  std::string_view key, Map C::*map,
@@ -362,8 +370,8 @@ struct AttributeTable {
   // The index at which the attributes of every class start.
   static constexpr U16 kFirstIndex = 130;
 
-  // Where the trace lines of a handler come from. A name that is not in the table does not compile
-  // in a constant expression, which is where it is meant to be used.
+  // The source of a handler's trace lines, for a constant expression: there, a name that is not in
+  // the table does not compile.
   constexpr TraceSource handler(std::string_view file, std::string_view name) const {
     TraceSource source;
     const auto look = [&](const KivAttr& attr) {
@@ -382,7 +390,8 @@ struct AttributeTable {
                       entries);
   }
 
-  // The name of the collection that stands at `map` in `object`; empty when there is none such.
+  // The name of the collection `map`, which is a member of `object`; empty when it is not in the
+  // table.
   template <class T, class Map>
   std::string_view nameOf(const T& object, const Map& map) const {
     std::string_view name;
@@ -422,7 +431,7 @@ constexpr AttributeTable<A..., B...> attributes(const AttributeTable<A...>& base
 }
 
 // The reflection of class T, from its table. Maker, where tools can make a T, is the function that
-// does; it takes what the table calls arguments of the constructor.
+// does; its parameters are what the table lists as arguments of the constructor.
 template <class T, class Table, class Maker = std::nullptr_t>
 class GenericIfOf final : public GenericIf {
  public:
@@ -445,7 +454,7 @@ class GenericIfOf final : public GenericIf {
   std::span<const GenericCtorArg> constructorArguments() const override { return arguments_; }
 
   void genericIfAttributeOp(PtrInterface& object, bool isConst, GenericOp op,
-                            const GenericArguments& arguments, GenericValue& result,
+                            GenericArgumentsView arguments, GenericValue& result,
                             bool& notHandled) const override {
     notHandled = !at(op.attribute, [&](const auto& attribute) {
       result = attribute.operate(own(object), isConst, op.operation, arguments);
@@ -464,7 +473,7 @@ class GenericIfOf final : public GenericIf {
     return iterator(object, isConst, attribute, &key);
   }
 
-  GenericValue genericIfFromCtorArgs(const GenericArguments& arguments) const override {
+  GenericValue genericIfFromCtorArgs(GenericArgumentsView arguments) const override {
     if constexpr (std::is_null_pointer_v<Maker>) {
       throw UnsupportedOperationException(std::string(T::kTypeName).append(" cannot be made"));
     } else {
@@ -511,7 +520,7 @@ class GenericIfOf final : public GenericIf {
     std::apply(collect, table_.arguments());
   }
   template <class R, class... Parameters>
-  GenericValue make(R (*maker)(Parameters...), const GenericArguments& arguments) const {
+  GenericValue make(R (*maker)(Parameters...), GenericArgumentsView arguments) const {
     const KivAttr constructor{0, KivAttrKind::handler, T::kTypeName, "", "", ""};
     return detail::unwrapped<Parameters...>(constructor, arguments, [&](const auto&... values) {
       return GenericValue::of(maker(values...));

@@ -79,5 +79,10 @@ void requireArguments(const KivAttr& attribute, std::size_t given, std::size_t w
                           .append(std::to_string(given)));
 }
 
+void throwAtEnd(const KivAttr& attribute) {
+  throwRangeException(
+      std::string("the iterator of ").append(attribute.name).append(" is at its end"));
+}
+
 }  // namespace detail
 }  // namespace Kiv

@@ -21,17 +21,19 @@
 // in other number throw a range exception. Activity thread only.
 #pragma once
 
-#include <boost/container/small_vector.hpp>
 #include <memory>
 #include <span>
+#include <vector>
 
 #include "framework/GenericValue.h"
 #include "framework/KivAttr.h"
 
 namespace [[gnu::visibility("default")]] Kiv {
 
-// The arguments of an operation, in order.
-using GenericArguments = boost::container::small_vector<GenericValue, 8>;
+// The arguments of an operation, in order: a container to build them in, and the view of them that
+// the functions below take.
+using GenericArguments = std::vector<GenericValue>;
+using GenericArgumentsView = std::span<const GenericValue>;
 
 // A known attribute does not have the operation that was asked of it.
 class UnsupportedOperationException final : public Exception {
@@ -56,8 +58,9 @@ struct GenericCtorArg {
   std::string_view typeName;  // of its type
 };
 
-// A position in a collection attribute. Tolerates, like the iterators of the collections, that the
-// current member or others are deleted. Holds the object.
+// A position in a collection attribute. As with the iterators of the collections, the current
+// member or others may be deleted meanwhile. Holds the object. At the end, iterKey(), iterObj() and
+// iterDel() throw a range exception, and iterInc() does nothing.
 class GenericIterator {
  public:
   virtual ~GenericIterator() = default;
@@ -69,7 +72,7 @@ class GenericIterator {
   virtual GenericValue iterObj() const = 0;
   // Goes to the next member.
   virtual void iterInc() = 0;
-  // Deletes the current member through its collection; iterInc() then goes to the next. Throws
+  // Deletes the current member through its collection; iterInc() then advances to the next. Throws
   // UnsupportedOperationException where the collection cannot be changed.
   virtual void iterDel() = 0;
 };
@@ -93,7 +96,7 @@ class GenericIf {
   // Runs one operation on an object of the class. `isConst` says that the object may not be
   // changed.
   virtual void genericIfAttributeOp(PtrInterface& object, bool isConst, GenericOp op,
-                                    const GenericArguments& arguments, GenericValue& result,
+                                    GenericArgumentsView arguments, GenericValue& result,
                                     bool& notHandled) const = 0;
 
   // An iterator over a collection attribute, from its start. Throws UnsupportedOperationException
@@ -116,7 +119,7 @@ class GenericIf {
   // The arguments of the constructor; none for a class that tools cannot make.
   virtual std::span<const GenericCtorArg> constructorArguments() const = 0;
   // A new object, made from them. Throws UnsupportedOperationException where tools cannot make one.
-  virtual GenericValue genericIfFromCtorArgs(const GenericArguments& arguments) const = 0;
+  virtual GenericValue genericIfFromCtorArgs(GenericArgumentsView arguments) const = 0;
 
   // Reads a plain attribute of an object by name. Throws a range exception for an unknown name.
   GenericValue read(const PtrInterface& object, std::string_view name) const;

@@ -1,4 +1,4 @@
-// Attribute descriptors: what traces, exception texts and tools know of an attribute.
+// Attribute descriptors: the properties of an attribute that traces, exception texts and tools use.
 #pragma once
 
 #include <string_view>
@@ -7,7 +7,7 @@
 
 namespace [[gnu::visibility("default")]] Kiv {
 
-// What an attribute is to tools.
+// The kind of an attribute.
 enum class KivAttrKind : U8 {
   plain,       // one value or object
   handler,     // something that can be called
@@ -22,7 +22,7 @@ struct KivAttr {
   std::string_view key;        // of a collection: the name of its key, where it has one; else empty
   std::string_view signature;  // of a handler: its full signature, as traces print it; else empty
   std::string_view argument;   // its name as an argument of the constructor; empty when it is none
-  // What follows is known to the description of a class, which finds it in the code; empty before.
+  // Filled in by the description of a class (GenericIf), from the types of its members.
   std::string_view type = {};     // of its value, or of a collection's members; of a handler: empty
   std::string_view keyType = {};  // of a collection's key, or of what a handler takes; else empty
   bool writable = false;  // whether it can be written, or members be made and deleted through it

@@ -41,9 +41,7 @@ install(DIRECTORY ${PROJECT_SOURCE_DIR}/framework ${PROJECT_SOURCE_DIR}/model
   PATTERN "OpenStackSm/detail/Referrer.h" EXCLUDE
   PATTERN "OpenStackSm/detail/Toggle.h" EXCLUDE)
 
-# What finds the library: find_package(OpenStackSm), pkg-config openstacksm. The headers include
-# some of Boost's.
-set(boost_version ${Boost_VERSION_MAJOR}.${Boost_VERSION_MINOR})
+# What finds the library: find_package(OpenStackSm), pkg-config openstacksm.
 install(EXPORT OpenStackSm NAMESPACE OpenStackSm:: FILE OpenStackSmTargets.cmake
   DESTINATION ${cmake_dir} COMPONENT development)
 configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/OpenStackSmConfig.cmake.in

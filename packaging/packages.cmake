@@ -38,7 +38,7 @@ of each region.")
 
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libopenstacksm-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
-set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "${same_version}, libboost-dev")
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "${same_version}")
 set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION
   "state machines from cloud to switch: development files
 What is needed to embed the library in a host agent: headers, the CMake

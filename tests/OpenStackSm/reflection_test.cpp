@@ -215,6 +215,31 @@ TEST_F(ReflectionTest, IteratorsWalkFromTheStartOrFromAKeyAndOutliveDeletions) {
   op(*machine, "handlePortBinding", GenericOp::kCall, {GenericValue::of(String(first))});
 }
 
+TEST_F(ReflectionTest, AnIteratorAtItsEndThrowsWhenItIsAskedForAMember) {
+  const auto throwsAtEnd = [](Kiv::GenericIterator& at) {
+    ASSERT_FALSE(at.iterNonnull());
+    EXPECT_THAT([&] { (void)at.iterKey(); }, ThrowsMessage<Kiv::RangeException>(HasSubstr("end")));
+    EXPECT_THROW((void)at.iterObj(), Kiv::RangeException);
+    EXPECT_THROW(at.iterDel(), Kiv::RangeException);
+    at.iterInc();
+    EXPECT_FALSE(at.iterNonnull());
+  };
+  const GenericIf& description = *world.root->genericIf();
+  const Kiv::U16 index = description.attribute("regionConfigSm")->index;
+  const auto walked = description.genericIfIterator(*world.root, index);
+  while (walked->iterNonnull()) walked->iterInc();
+  throwsAtEnd(*walked);
+  throwsAtEnd(
+      *description.genericIfIteratorKey(*world.root, index, GenericValue::of(Name("none"))));
+  EXPECT_TRUE(world.root->regionConfigSm().contains("R"));
+
+  const auto& host = *world.hostSm("p1", "h1")->portToHostBinding();
+  const auto entries = host.genericIf()->iterate(host, "segment");
+  while (entries->iterNonnull()) entries->iterInc();
+  EXPECT_THROW((void)entries->iterKey(), Kiv::RangeException);
+  EXPECT_THROW((void)entries->iterObj(), Kiv::RangeException);
+}
+
 TEST_F(ReflectionTest, AMachineIsMadeFromTheArgumentsOfItsConstructor) {
   const auto statuses = Kiv::make<OpenStack::OpenStackStatus>();
   GenericArguments arguments{
