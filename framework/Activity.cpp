@@ -28,10 +28,10 @@ void ActivityManager::run() {
   struct Turn {
     explicit Turn(bool& running) : running_(running) {
       running_ = true;
-      System::standsStillIs(true);
+      System::frozenIs(true);
     }
     ~Turn() {
-      System::standsStillIs(false);
+      System::frozenIs(false);
       running_ = false;
     }
     bool& running_;

@@ -1,16 +1,17 @@
 // The activity manager: the loop that delivers notifications, and the owner of the clock.
 //
-// The host makes one (one at a time in a process), before it makes entities that are observed, and
-// keeps it until they are gone. The host owns the thread:
+// The host makes one (one at a time in a process) before it makes entities that are observed, and
+// destroys it after them. The host owns the thread:
 //
 //   Kiv::ActivityManager loop;
 //   ... change entities ...
 //   loop.run();                                    // deliver until idle
 //   sleepUntil(loop.nextTimer());                  // in a poll of the host's own
-//   loop.runTimers();                              // fire what is due, and deliver
+//   loop.runTimers();                              // fire the timers that are due, and deliver
 //
-// Notifications are delivered first in, first out. While one for the same notifiee, attribute and
-// key waits, another adds nothing. An entry holds its notifiee until it is delivered or skipped.
+// Notifications are delivered first in, first out. While one is pending for the same notifiee,
+// handler and key, another is not queued. A pending notification holds its notifiee until it is
+// delivered or skipped; it is skipped when the notifiee does not listen then.
 // Nothing here starts a thread, sleeps or blocks. Activity thread only.
 #pragma once
 
@@ -27,9 +28,9 @@ class Activity;
 // The loop and its clock; see above.
 class ActivityManager {
  public:
-  // Becomes the process's. REQUIRES: there is none.
+  // Becomes the instance() of the process. REQUIRES: there is none.
   ActivityManager();
-  // Drops what still waits, undelivered.
+  // Drops what is pending, undelivered.
   ~ActivityManager();
   ActivityManager(const ActivityManager&) = delete;
   ActivityManager& operator=(const ActivityManager&) = delete;
@@ -38,13 +39,13 @@ class ActivityManager {
   static ActivityManager& instance();
 
   // Delivery
-  // Delivers until nothing waits, also what the handlers add meanwhile. Called from a handler it
-  // does nothing. What a handler throws passes through: its notification is spent, the rest waits
-  // for the next call.
+  // Delivers until nothing is pending, also what the handlers queue meanwhile. Does nothing when
+  // called from a handler. What a handler throws passes through: its notification counts as
+  // delivered, the others stay pending for the next call.
   [[gnu::hot]] void run();
-  // Whether nothing waits.
+  // Whether nothing is pending.
   bool idle() const { return queue_.empty(); }
-  // How many notifications wait.
+  // How many notifications are pending.
   std::size_t waiting() const { return queue_.size(); }
 
   // Time
@@ -57,16 +58,35 @@ class ActivityManager {
   // Fires every timer that is due by now, in order of time, and runs until idle after each.
   void runTimers();
 
-  // Queueing
-  // Queues a call of `handler`, unless the same one waits. The attributes of entities call this.
+  // Queueing Queues a call of `handler`, unless the same call is pending. The attributes of
+  // entities use this. Throws std::bad_alloc; nothing was queued then.
   template <class N>
   void queue(N& notifiee, void (N::*handler)()) {
     queue_.push(notifiee, handler);
   }
   template <class N, class K>
   void queue(N& notifiee, void (N::*handler)(KeyArgument<K>), const K& key) {
-    queue_.template push<N, K>(notifiee, handler, key);
+    queue_.push<N, K>(notifiee, handler, key);
   }
+  // A transaction: its end removes what was queued since its beginning, unless keep() was called.
+  // For a change that is to be queued before it is made. REQUIRES: run() was not called meanwhile.
+  class TentativeQueueing {
+   public:
+    explicit TentativeQueueing(ActivityManager& loop) : loop_(loop), end_(loop.queue_.end()) {}
+    ~TentativeQueueing() {
+      if (!kept_) loop_.queue_.removeSince(end_);
+    }
+    TentativeQueueing(const TentativeQueueing&) = delete;
+    TentativeQueueing& operator=(const TentativeQueueing&) = delete;
+
+    ActivityManager& loop() const { return loop_; }
+    void keep() { kept_ = true; }
+
+   private:
+    ActivityManager& loop_;
+    U32 end_;
+    bool kept_ = false;
+  };
 
  private:
   detail::PendingQueue queue_;

@@ -1,6 +1,7 @@
 #include "framework/Notifiee.h"
 
 #include <string>
+#include <utility>
 
 #include "framework/Entity.h"
 
@@ -24,35 +25,39 @@ void NotifieeBase::notifierIs(const Ptr<const PtrInterface>& entity) {
 void NotifieeBase::isRegisteredNotifieeIs(bool registered) {
   if (registered == this->registered() || !notifier_) return;
   if (registered) {
-    notifier_->notifieeList()->join(*this);
+    notifier_->notifieeList()->add(*this);
   } else if (next_ != nullptr) {
-    notifier_->notifieeList()->leave(*this);
+    notifier_->notifieeList()->remove(*this);
   }
   registeredIs(registered);
 }
 
-void NotifieeList::Round::leaves(const NotifieeBase& notifiee) {
-  if (&notifiee == current_) {
-    hold();
-  } else if (current_ == nullptr && &notifiee == next_) {
+void NotifieeList::ListCursor::unlinking(const NotifieeList& list, const NotifieeBase& notifiee) {
+  forEachIn(&list, [&](Cursor& cursor) { static_cast<ListCursor&>(cursor).correct(notifiee); });
+  Cursor::remove(&list, notifiee);
+}
+
+void NotifieeList::ListCursor::correct(const NotifieeBase& unlinked) {
+  if (removed_ && &unlinked == next_) {
     next_ = next_ == last_ ? nullptr : next_->next_;
-  } else if (&notifiee == last_) {
+  } else if (!removed_ && &unlinked == notifiee()) {
+    next_ = &unlinked == last_ ? nullptr : unlinked.next_;
+    removed_ = true;
+  } else if (&unlinked == last_) {
     last_ = last_->previous_;
   }
 }
 
-void NotifieeList::Round::hold() {
-  next_ = current_ == last_ ? nullptr : current_->next_;
-  held_ = Ptr<NotifieeBase>(current_);
-  current_ = nullptr;
+void NotifieeList::ListCursor::nextOfStale() {
+  do {
+    NotifieeBase* const called = notifiee();
+    NotifieeBase* next = next_;
+    if (!std::exchange(removed_, false)) next = called == last_ ? nullptr : called->next_;
+    advance(next);  // may free `called`, and with it `next` and others
+  } while (notifiee() != nullptr && pinned());
 }
 
-NotifieeBase* NotifieeList::Round::nextOfHeld() {
-  held_ = nullptr;  // may end it, and with it others
-  return next_;
-}
-
-void NotifieeList::join(NotifieeBase& notifiee) {
+void NotifieeList::add(NotifieeBase& notifiee) {
   if (first_ == nullptr) {
     first_ = notifiee.previous_ = notifiee.next_ = &notifiee;
     return;
@@ -63,8 +68,8 @@ void NotifieeList::join(NotifieeBase& notifiee) {
   first_->previous_ = &notifiee;
 }
 
-void NotifieeList::leave(NotifieeBase& notifiee) {
-  Round::allLeave(*this, notifiee);
+void NotifieeList::remove(NotifieeBase& notifiee) {
+  ListCursor::unlinking(*this, notifiee);
   if (notifiee.next_ == &notifiee) {
     first_ = nullptr;
   } else {

@@ -1,4 +1,4 @@
-// Notifiees: the observers of entities, and the lists in which they stand.
+// Notifiees, the observers of entities, and the list of them that each entity has.
 //
 // An entity's class declares a nested NotifieeConst with an empty virtual handler for each of its
 // notifications. An observer derives from it, overrides what it needs, connects to one entity with
@@ -14,11 +14,14 @@
 //
 // A notifiee holds its entity; the entity does not hold its notifiees. Handlers named
 // on...kivImmediate run at once, inside the mutator; all others from the activity loop. A notifiee
-// that is not active, is a zombie or has gone is not called. Activity thread only.
+// that is not registered, not active, or a zombie is not called. Each pending notification holds
+// its notifiee: one that its owner has dropped may be called until the loop has run. Activity
+// thread only.
 #pragma once
 
 #include "framework/HashMap.h"
-#include "framework/detail/Overrider.h"
+#include "framework/detail/Cursor.h"
+#include "framework/detail/PackedHandler.h"
 
 namespace [[gnu::visibility("default")]] Kiv {
 
@@ -34,19 +37,19 @@ class NotifieeBase : public Member {
   // another type.
   virtual void notifierIs(const Ptr<const PtrInterface>& entity);
 
-  // Whether this notifiee is told what its entity notifies of. Without an entity it never is.
+  // Adds this notifiee to the end of its entity's list, or removes it; it is called only while it
+  // is in the list. Does nothing without an entity.
   void isRegisteredNotifieeIs(bool registered);
   bool isRegisteredNotifiee() const { return registered(); }
 
-  // Whether a change is to be told to this notifiee.
+  // Whether this notifiee is called: it is registered, active and no zombie.
   bool listens() const { return listening(); }
 
-  // Whether this notifiee has left a handler of its class empty; false where that cannot be told.
+  // Whether this notifiee's class overrides the handler, which is empty else. Also true where that
+  // is not known (framework/detail/PackedHandler.h).
   template <class N, class Handler>
-  static bool ignores(const N& notifiee, Handler handler) {
-    return detail::ignores(
-        notifiee, static_cast<const N*>(static_cast<const NotifieeBase&>(notifiee).kivDeaf()),
-        handler);
+  static bool overrides(const N& notifiee, Handler handler) {
+    return detail::PackedHandler::overridden(notifiee, unsubscribed(notifiee), handler);
   }
 
   // The reactor that this notifiee is.
@@ -61,9 +64,9 @@ class NotifieeBase : public Member {
 
   // The observed entity, its class unknown; null when not connected.
   const EntityBase* notifierBase() const { return notifier_.get(); }
-  // Registers a notifiee that has left every handler empty: as nothing can be told to it, it stands
-  // in no list. Does nothing without an entity.
-  void registerSilently() { registeredIs(notifier_ != nullptr); }
+  // Registers a notifiee whose class overrides no handler. It is not added to the list, as there is
+  // nothing to call. Does nothing without an entity.
+  void registerPassively() { registeredIs(notifier_ != nullptr); }
 
  private:
   friend class NotifieeList;
@@ -71,15 +74,20 @@ class NotifieeBase : public Member {
   // The record of the entity type that this class of notifiee observes.
   virtual const Type& kivNotifierType() const = 0;
   // A notifiee of such entities that overrides no handler; null where there is none.
-  virtual const NotifieeBase* kivDeaf() const { return nullptr; }
+  virtual const NotifieeBase* kivUnsubscribed() const { return nullptr; }
+  template <class N>
+  static const N* unsubscribed(const N& notifiee) {
+    return static_cast<const N*>(static_cast<const NotifieeBase&>(notifiee).kivUnsubscribed());
+  }
 
   Ptr<const EntityBase> notifier_;
-  NotifieeBase* previous_ = nullptr;  // in a ring with the other notifiees of the entity
-  NotifieeBase* next_ = nullptr;      // null where it stands in no list
+  NotifieeBase* previous_ = nullptr;  // in the entity's circular list
+  NotifieeBase* next_ = nullptr;      // null where it is in no list
 };
 
-// The notifiees of one entity. Tolerates, in the middle of a round, that a notifiee leaves (it is
-// not called any more) or joins (it is not called in this round).
+// The registered notifiees of one entity, in the order of their registration: an intrusive circular
+// list, one word for each entity. Copes with notifiees that are removed during an iteration (it
+// does not reach them any more) or added (it does not reach them yet).
 class NotifieeList {
  public:
   NotifieeList() = default;
@@ -88,21 +96,19 @@ class NotifieeList {
 
   bool empty() const { return first_ == nullptr; }
 
-  // Calls `call(notifiee)` for each that listens, in the order of their registration. The one that
-  // is called stays until the call returns, whoever lets go of it.
+  // Calls `call(notifiee)` for each that listens, in order. `call` may add and remove notifiees,
+  // and may drop the last reference to any; the one that is called lives until the call returns.
   template <class Call>
   void forEach(Call&& call) {
     if (empty()) return;
-    Round round(*this);
-    for (NotifieeBase* notifiee = first_; notifiee != nullptr; notifiee = round.next(notifiee)) {
-      round.current_ = notifiee;
+    for (ListCursor cursor(*this); NotifieeBase* notifiee = cursor.notifiee(); cursor.next()) {
       if (notifiee->listens()) call(*notifiee);
     }
   }
 
-  // The same for a `call` that changes no list, and lets go of no notifiee.
+  // The same without a cursor. REQUIRES: `call` changes no list, and drops no notifiee.
   template <class Call>
-  void forEachAtRest(Call&& call) const {
+  [[gnu::always_inline]] void forEachUnguarded(Call&& call) const {
     if (empty()) return;
     NotifieeBase* notifiee = first_;
     do {
@@ -113,59 +119,40 @@ class NotifieeList {
 
  private:
   friend class NotifieeBase;
-  friend class PtrInterface;
 
-  // One walk over a list. Those under way are known, so that who leaves can correct them. Where
-  // nobody does, a walk costs little more than its calls: the notifiee that is being called is held
-  // only once it leaves, or loses its last reference.
-  class Round {
+  // The registered cursor of an iteration. It advances to the successor in the list; where the list
+  // changes meanwhile, it remembers the successor of a notifiee that was removed under it. A
+  // notifiee that is not there any more when its turn comes is not called.
+  class ListCursor : private detail::Cursor {
    public:
-    explicit Round(NotifieeList& list)
-        : last_(list.first_->previous_), list_(list), outer_(innermost_) {
-      innermost_ = this;
-    }
-    ~Round() { innermost_ = outer_; }
-    Round(const Round&) = delete;
-    Round& operator=(const Round&) = delete;
-
-    // The one after `called`, which was called; null at the end.
-    NotifieeBase* next(NotifieeBase* called) {
-      if (current_ != called) [[unlikely]]
-        return nextOfHeld();
-      return called == last_ ? nullptr : called->next_;
-    }
-    // Corrects all walks under way for a notifiee that is about to leave its list.
-    static void allLeave(const NotifieeList& list, const NotifieeBase& notifiee) {
-      for (Round* round = innermost_; round != nullptr; round = round->outer_) {
-        if (&round->list_ == &list) round->leaves(notifiee);
-      }
-    }
-    // Makes the walks in which this object is being called hold it.
-    static void allHold(const PtrInterface& object) {
-      for (Round* round = innermost_; round != nullptr; round = round->outer_) {
-        if (round->current_ == &object) round->hold();
-      }
+    // At the first notifiee. REQUIRES: there is one.
+    explicit ListCursor(const NotifieeList& list) : last_(list.first_->previous_) {
+      begin(&list, list.first_);
     }
 
-    NotifieeBase* current_ = nullptr;  // being called; null once it is held
+    // The notifiee to call; null at the end.
+    NotifieeBase* notifiee() const { return static_cast<NotifieeBase*>(object()); }
+    void next() {
+      if (stale()) [[unlikely]]
+        return nextOfStale();
+      NotifieeBase* const called = notifiee();
+      advance(called == last_ ? nullptr : called->next_);
+    }
+
+    // Corrects the cursors of a list for a notifiee that is about to be unlinked.
+    static void unlinking(const NotifieeList& list, const NotifieeBase& notifiee);
 
    private:
-    void leaves(const NotifieeBase& notifiee);
-    void hold();
-    NotifieeBase* nextOfHeld();
+    void nextOfStale();
+    void correct(const NotifieeBase& unlinked);
 
-    // The innermost of the walks under way, across all lists.
-    inline static constinit Round* innermost_ = nullptr;
-
-    NotifieeBase* last_;  // the last of those that were there when the round began
-    NotifieeList& list_;
-    NotifieeBase* next_ = nullptr;  // once the current one is held: to be called next
-    Ptr<NotifieeBase> held_;
-    Round* outer_;
+    NotifieeBase* last_;            // the last of those that were in the list at the beginning
+    NotifieeBase* next_ = nullptr;  // where removed_: the successor, null at the end
+    bool removed_ = false;          // whether the current one was removed from the list
   };
 
-  void join(NotifieeBase& notifiee);
-  void leave(NotifieeBase& notifiee);
+  void add(NotifieeBase& notifiee);
+  void remove(NotifieeBase& notifiee);
 
   NotifieeBase* first_ = nullptr;
 };
@@ -186,14 +173,14 @@ class Notifiee : public Base {
  private:
   const Type& kivNotifierType() const override { return typeRecord<E>; }
   // Of the binary that made this notifiee, as each has its own copies of the empty handlers.
-  [[gnu::visibility("hidden")]] const NotifieeBase* kivDeaf() const override {
+  [[gnu::visibility("hidden")]] const NotifieeBase* kivUnsubscribed() const override {
     using Handlers = typename E::NotifieeConst;
     if constexpr (std::is_abstract_v<Handlers>) {
       return nullptr;
     } else {
-      struct [[gnu::visibility("hidden")]] Deaf final : Handlers{};
-      static const Deaf deaf;
-      return &deaf;
+      struct [[gnu::visibility("hidden")]] Unsubscribed final : Handlers{};
+      static const Unsubscribed unsubscribed;
+      return &unsubscribed;
     }
   }
 };

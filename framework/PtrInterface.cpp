@@ -1,12 +1,12 @@
 #include "framework/PtrInterface.h"
 
-#include "framework/Notifiee.h"
+#include "framework/detail/Cursor.h"
 
 namespace [[gnu::visibility("default")]] Kiv {
 
 void PtrInterface::free() const noexcept {
   if (registered()) {
-    NotifieeList::Round::allHold(*this);
+    detail::Cursor::pinAll(*this);
     if (references() != 0) return;
   }
   // A destructor may take and drop a Ptr to its own object; the bias keeps that from freeing twice.

@@ -81,7 +81,7 @@ class Reactor : public E::NotifieeConst {
  private:
   void enlist() {
     if constexpr (Silent) {
-      this->registerSilently();
+      this->registerPassively();
     } else {
       this->isRegisteredNotifieeIs(true);
     }

@@ -102,9 +102,8 @@ class ReactorMap : public HashMap<R, K, typename R::Entity> {
   // two were in line before it, it looks at that member only.
   template <class Input, class Hook = NoHook>
   void resynchronise(Machine& machine, const Input& input, Hook hook = {}) {
-    const ChangeUnderWay* change = ChangeUnderWay::innermost();
-    if (change != nullptr && change->collection == &input && inLineAt_ == change->before) {
-      resynchroniseOne(machine, input, *static_cast<const K*>(change->key), hook);
+    if (const K* changed = input.singleChangeSince(inLineAt_)) {
+      resynchroniseOne(machine, input, *changed, hook);
       inLineAt_ = input.changes();
     } else {
       const U32 before = input.changes();

@@ -22,6 +22,10 @@
 
 namespace [[gnu::visibility("default")]] Kiv {
 
+namespace detail {
+class TextWord;
+}
+
 // What Name and String share. Not used by itself.
 class Text {
  public:
@@ -63,6 +67,8 @@ class Text {
   }
 
  private:
+  friend class detail::TextWord;
+
   // The shared representation; the characters follow it.
   struct Rep {
     mutable std::atomic<U32> references;

@@ -7,8 +7,8 @@ namespace {
 
 const SteadyTime steadyTime;
 constinit const TimeSource* installed = nullptr;
-constinit bool still = false;
-constinit Seconds stillAt = 0;
+constinit bool isFrozen = false;
+constinit Seconds frozenAt = 0;
 
 Seconds sourceTime() {
   return installed == nullptr ? steadyTime.now() : installed->now();
@@ -21,16 +21,16 @@ Seconds SteadyTime::now() const {
 }
 
 Seconds System::currentTime() {
-  return still ? stillAt : sourceTime();
+  return isFrozen ? frozenAt : sourceTime();
 }
 
 void System::timeSourceIs(const TimeSource* source) {
   installed = source;
 }
 
-void System::standsStillIs(bool standsStill) {
-  if (standsStill) stillAt = sourceTime();
-  still = standsStill;
+void System::frozenIs(bool frozen) {
+  if (frozen) frozenAt = sourceTime();
+  isFrozen = frozen;
 }
 
 }  // namespace Kiv

@@ -1,7 +1,7 @@
 // Time: monotonic seconds, from a source that the host installs.
 //
-// Time is an input: it stands still within a turn of the activity loop, and in tests and replays it
-// moves only when told (VirtualTime). Activity thread only.
+// Time is an input: it does not advance within a turn of the activity loop, and in tests and
+// replays it advances only when it is set (VirtualTime). Activity thread only.
 #pragma once
 
 namespace [[gnu::visibility("default")]] Kiv {
@@ -9,7 +9,7 @@ namespace [[gnu::visibility("default")]] Kiv {
 // A number of seconds: a point of the monotonic time, or a span of it.
 using Seconds = double;
 
-// Where the time comes from.
+// The source of the time.
 class TimeSource {
  public:
   virtual ~TimeSource() = default;
@@ -23,7 +23,7 @@ class SteadyTime final : public TimeSource {
   Seconds now() const override;
 };
 
-// A time that moves only when told.
+// A time that advances only when it is set.
 class VirtualTime final : public TimeSource {
  public:
   Seconds now() const override { return now_; }
@@ -34,7 +34,7 @@ class VirtualTime final : public TimeSource {
   Seconds now_ = 0;
 };
 
-// The time that the framework and the machines go by.
+// The time that the framework and the machines use.
 class System {
  public:
   // The current monotonic time. Within a turn of the activity loop it is that of the turn's start.
@@ -45,8 +45,8 @@ class System {
 
  private:
   friend class ActivityManager;
-  // Makes currentTime() stand still, until the matching call with false.
-  static void standsStillIs(bool standsStill);
+  // Freezes currentTime(), until the matching call with false.
+  static void frozenIs(bool frozen);
 };
 
 }  // namespace Kiv

@@ -12,9 +12,10 @@
 //
 // Sequences differ in how they find the next object; that is not a cursor's business. A collection
 // searches for the key of the object that the cursor is at (see HashMap::Iterator). A list of
-// notifiees has no keys: it would derive from this class, add the successor and the last notifiee
-// to call, correct both in forEachIn() before it unlinks a notifiee, and then call remove(). Where
-// the last reference to an object may go while a cursor is at it, pinAll() keeps the object.
+// notifiees has no keys: its cursor (see NotifieeList) adds the successor and the last notifiee to
+// call, and the list corrects both in forEachIn() before it unlinks a notifiee, and then calls
+// remove(). Where the last reference to an object may go while a cursor is at it, pinAll() keeps
+// the object.
 //
 // Cost: a registration is two words written on the stack; a change without active cursors is one
 // load of a thread-local pointer. Nothing here allocates or throws. A cursor stays on its thread;
@@ -41,6 +42,8 @@ class Cursor {
   PtrInterface* object() const { return object_; }
   // Whether the sequence has changed since the cursor came to its object.
   bool stale() const { return stale_; }
+  // Whether the object has left the sequence, or would have ended, since then.
+  bool pinned() const { return pinned_; }
 
   // Goes to an object of this sequence, and registers; does nothing for null. REQUIRES: the cursor
   // is at none.

@@ -10,48 +10,56 @@ PendingQueue::~PendingQueue() {
   NotifieeBase* held = nullptr;
   for (; !empty(); ++first_) {
     const Pending& first = at(first_);
-    if (first.callee.kind().drop != nullptr) first.callee.kind().drop(first.key);
+    drop(first.handler, first.key);
     if (held != nullptr && held != first.notifiee) held->referencesDec();
     held = first.notifiee;
   }
   if (held != nullptr) held->referencesDec();
 }
 
-bool PendingQueue::add(NotifieeBase& notifiee, Callee callee, U64 key, U32 keyHash) {
-  if (end_ == limit_) [[unlikely]]
-    return addAtLimit(notifiee, callee, key, keyHash);
-  U32& newest = youngest(notifiee, callee, keyHash);
-  if (static_cast<std::int32_t>(newest - first_) >= 0) [[unlikely]] {
-    return addUnlessWaiting(notifiee, callee, key, keyHash);
-  }
-  // There is no older one, which is what older() says already: the number there was left behind.
-  return append(newest, notifiee, callee, key);
+U32& PendingQueue::newest(const Pending& entry) const {
+  const auto hash = entry.handler.kind().hash;
+  const U32 keyHash = hash == nullptr ? static_cast<U32>(entry.key) : hash(entry.key);
+  return newest(*entry.notifiee, entry.handler, keyHash);
 }
 
-bool PendingQueue::addUnlessWaiting(NotifieeBase& notifiee, Callee callee, U64 key, U32 keyHash) {
-  U32& newest = youngest(notifiee, callee, keyHash);
-  // Each step goes to an older one, whatever a number that was left behind says.
-  U32 younger = end_ - first_;
-  for (U32 number = newest; number - first_ < younger;) {
+bool PendingQueue::add(NotifieeBase& notifiee, PackedHandler handler, U64 key, U32 keyHash) {
+  if (end_ == limit_) [[unlikely]]
+    return addAtLimit(notifiee, handler, key, keyHash);
+  U32& bucket = newest(notifiee, handler, keyHash);
+  if (static_cast<std::int32_t>(bucket - first_) >= 0) [[unlikely]] {
+    return addUnlessPending(notifiee, handler, key, keyHash);
+  }
+  // The chain is empty. The number that previous() has for the new entry is dangling.
+  return append(bucket, notifiee, handler, key);
+}
+
+bool PendingQueue::addUnlessPending(NotifieeBase& notifiee, PackedHandler handler, U64 key,
+                                    U32 keyHash) {
+  U32& bucket = newest(notifiee, handler, keyHash);
+  // Each step goes to a smaller number, whatever a dangling one says.
+  U32 bound = end_ - first_;
+  for (U32 number = bucket; number - first_ < bound;) {
     const Pending& p = at(number);
-    if (p.notifiee == &notifiee && p.callee == callee) {
-      const auto same = callee.kind().same;
+    if (p.notifiee == &notifiee && p.handler == handler) {
+      const auto same = handler.kind().same;
       if (p.key == key || (same != nullptr && same(p.key, key))) return false;
     }
-    younger = number - first_;
-    number = older(number);
+    bound = number - first_;
+    number = previous(number);
   }
-  older(end_) = newest;
-  return append(newest, notifiee, callee, key);
+  previous(end_) = bucket;
+  return append(bucket, notifiee, handler, key);
 }
 
-bool PendingQueue::addAtLimit(NotifieeBase& notifiee, Callee callee, U64 key, U32 keyHash) {
+bool PendingQueue::addAtLimit(NotifieeBase& notifiee, PackedHandler handler, U64 key, U32 keyHash) {
   if (ring_ == nullptr || size() > mask_) grow();
   limit_ = first_ + mask_ + 1;
-  return add(notifiee, callee, key, keyHash);
+  return add(notifiee, handler, key, keyHash);
 }
 
-inline bool PendingQueue::append(U32& newest, NotifieeBase& notifiee, Callee callee, U64 key) {
+inline bool PendingQueue::append(U32& newest, NotifieeBase& notifiee, PackedHandler handler,
+                                 U64 key) {
   const U32 number = end_++;
   newest = number;
   Pending& p = at(number);
@@ -61,33 +69,41 @@ inline bool PendingQueue::append(U32& newest, NotifieeBase& notifiee, Callee cal
     last_ = &notifiee;
     notifiee.referencesInc();
   }
-  p.callee = callee;
+  p.handler = handler;
   return true;
 }
 
-// Doubles the ring.
+void PendingQueue::removeSince(U32 end) noexcept {
+  while (end_ != end && !empty()) {
+    const Pending& p = at(--end_);
+    newest(p) = std::exchange(previous(end_), first_ - 1);
+    drop(p.handler, p.key);
+    last_ = empty() ? nullptr : at(end_ - 1).notifiee;
+    if (last_ != p.notifiee) p.notifiee->referencesDec();
+  }
+}
+
+// Doubles the ring. Throws std::bad_alloc; nothing has changed then.
 void PendingQueue::grow() {
-  const U32 size = ring_ == nullptr ? kSizeAtFirst : 2 * (mask_ + 1);
+  const U32 size = ring_ == nullptr ? kInitialSize : 2 * (mask_ + 1);
   auto ring = std::make_unique<Pending[]>(size);
-  auto older = std::make_unique<U32[]>(size);
-  youngest_ = std::make_unique<U32[]>(std::size_t{2} * size);
+  auto previous = std::make_unique<U32[]>(size);
+  newest_ = std::make_unique<U32[]>(std::size_t{2} * size);
   shift_ = 64 - static_cast<U32>(std::bit_width(size));
   for (U32 number = first_; number != end_; ++number) {
     const Pending& p = at(number);
-    const auto hash = p.callee.kind().hash;
-    const U32 keyHash = hash == nullptr ? static_cast<U32>(p.key) : hash(p.key);
-    older[number & (size - 1)] = std::exchange(youngest(*p.notifiee, p.callee, keyHash), number);
+    previous[number & (size - 1)] = std::exchange(newest(p), number);
     ring[number & (size - 1)] = p;
   }
   ring_ = std::move(ring);
-  older_ = std::move(older);
+  previous_ = std::move(previous);
   mask_ = size - 1;
 }
 
 void PendingQueue::freeRing() {
   ring_ = nullptr;
-  older_ = nullptr;
-  youngest_ = nullptr;
+  previous_ = nullptr;
+  newest_ = nullptr;
   mask_ = 0;
   limit_ = end_;
 }

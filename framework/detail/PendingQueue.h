@@ -1,65 +1,70 @@
-// The notifications that wait for the activity loop: a ring of small entries, and a table in which
-// one that waits already is found.
+// The pending notifications of the activity loop: a first-in, first-out queue without duplicates.
+//
+// Technique: a ring buffer, and over it an index of hash chains, as data compressors keep one over
+// their window. Each entry has a number, one more than that of the entry before it; its index in
+// the ring is the number modulo the ring's size. newest_[hash] is the number of the newest entry
+// with that hash, previous_[index] that of the one before it in its chain. Taking out the oldest
+// entry does not touch the index: a number outside [first_, end_) is known to be dangling.
+//
+// An entry is three words: the notifiee, the handler (PackedHandler), and the key. A key that is an
+// integer, a Name or String, or of no more than eight bytes that may be copied as such, is in its
+// word. For any other key, and for a handler that cannot be packed, the word points to a box that
+// holds both. The CallKind, which the handler leads to, knows which of these it is: it is the
+// entry's table of functions.
+//
+// Invariants:
+//   - The entries are those with the numbers in [first_, end_); never two that are the same call.
+//   - The ring's size is a power of two, and at least end_ - first_. The index has twice as many
+//     buckets.
+//   - The numbers of a chain fall. A chain ends at the first number that is dangling.
+//   - Of each run of neighbours with the same notifiee, the last holds one reference to it. last_
+//     is the notifiee of the last run.
+//
+// Costs: queueing and delivering take constant time, amortised over the doubling of the ring, and
+// allocate nothing but boxes and the ring. A pending notification takes 36 bytes. The ring shrinks
+// only when the loop has emptied it.
 #pragma once
 
+#include <array>
+#include <bit>
 #include <concepts>
 #include <cstddef>
 #include <cstring>
 #include <memory>
-#include <new>
 #include <tuple>
 #include <type_traits>
 #include <utility>
 
 #include "framework/Notifiee.h"
 #include "framework/Text.h"
-#include "framework/detail/Overrider.h"
+#include "framework/detail/PackedHandler.h"
 
 namespace [[gnu::visibility("default")]] Kiv {
 
-// How a handler takes a key: integers by value, everything else by reference.
+// The type in which a handler gets a key: integers by value, everything else by reference.
 template <class K>
 using KeyArgument = std::conditional_t<std::integral<K>, K, const K&>;
 
 namespace detail {
 
-// What differs between handlers. Where a key is all in its word, there is little to call.
+// What can be done with the key word of an entry, and how its handler is called.
 struct CallKind {
-  void (*deliver)(NotifieeBase&, U64 key, U64 place);  // calls the handler, and drops the key
-  bool (*same)(U64 a, U64 b);                          // whether keys are; null: as the words are
-  U32 (*hash)(U64 key);                                // null: the word
-  void (*drop)(U64 key) noexcept;                      // null: nothing is to be done
+  void (*deliver)(NotifieeBase&, PackedHandler, U64 key);  // calls the handler, and drops the key
+  bool (*same)(U64 a, U64 b);      // whether the calls are the same; null: when the words are
+  U32 (*hash)(U64 key);            // null: the word
+  void (*drop)(U64 key) noexcept;  // frees what the word holds; null: nothing
 };
 
-// A kind of handler, and the place of the one that is meant, in one word: addresses of static data
-// have no more than 48 bits.
-class Callee {
- public:
-  Callee() = default;
-  Callee(const CallKind& kind, U32 place)
-      : word_(static_cast<U64>(place) << 48 | reinterpret_cast<std::uintptr_t>(&kind)) {}
-
-  const CallKind& kind() const {
-    return *reinterpret_cast<const CallKind*>(static_cast<std::uintptr_t>(word_ << 16 >> 16));
-  }
-  U64 place() const { return word_ >> 48; }
-  U64 hash() const { return word_; }
-  friend bool operator==(Callee, Callee) = default;
-
- private:
-  U64 word_;
-};
-
-// One notification that waits.
+// One pending notification.
 struct Pending {
-  NotifieeBase* notifiee;  // held once by those that stand next to each other
-  Callee callee;
-  U64 key;  // a word, which the kind understands
+  NotifieeBase* notifiee;
+  PackedHandler handler;
+  U64 key;  // a word, as the handler's CallKind understands it
 };
 
-// The hash of a key among what waits: of those that it has, the one that takes nothing to compute.
+// The hash of a key in the index: of those that it offers, the one that is cheapest to have.
 template <class K>
-U32 waitingHash(const K& key) {
+U32 pendingHash(const K& key) {
   if constexpr (std::integral<K>) {
     return static_cast<U32>(key);
   } else if constexpr (requires { key.order(); }) {
@@ -69,69 +74,116 @@ U32 waitingHash(const K& key) {
   }
 }
 
-// A virtual handler without a key.
+// A key in a word. word() is the word of a key and of each copy of it; keep() makes the copy that
+// the word stands for, take() hands that copy out. A Borrowed shows the copy without
+// taking it. Here for keys whose bytes are their value.
+template <class K>
+struct KeyWord {
+  static constexpr bool kFits = sizeof(K) <= sizeof(U64) && std::is_trivially_copyable_v<K>;
+
+  class Borrowed {
+   public:
+    explicit Borrowed(U64 word) : key_(take(word)) {}
+    const K& key() const { return key_; }
+
+   private:
+    K key_;
+  };
+
+  static U64 word(const K& key) {
+    U64 word = 0;
+    std::memcpy(&word, &key, sizeof(key));
+    return word;
+  }
+  static void keep(const K& /*key*/) {}
+  static K take(U64 word) {
+    std::array<std::byte, sizeof(K)> bytes;
+    std::memcpy(bytes.data(), &word, sizeof(bytes));
+    return std::bit_cast<K>(bytes);
+  }
+  static void drop(U64 /*word*/) noexcept {}
+};
+
+// The shared characters of a string as a word.
+class TextWord {
+ public:
+  static U64 of(const Text& text) { return reinterpret_cast<std::uintptr_t>(text.rep_); }
+  // Takes a reference more.
+  static void keep(const Text& text) { text.inc(); }
+  // Gives an empty string the characters, and one reference to them.
+  static void set(Text& text, U64 word) {
+    text.rep_ = reinterpret_cast<const Text::Rep*>(static_cast<std::uintptr_t>(word));
+  }
+  // Empties the string without dropping its reference.
+  static void forget(Text& text) { text.rep_ = nullptr; }
+};
+
+// The same for strings: the word is the address of the shared characters.
+template <std::derived_from<Text> K>
+struct KeyWord<K> {
+  static constexpr bool kFits = true;
+
+  class Borrowed {
+   public:
+    explicit Borrowed(U64 word) { TextWord::set(key_, word); }
+    ~Borrowed() { TextWord::forget(key_); }
+    Borrowed(const Borrowed&) = delete;
+    Borrowed& operator=(const Borrowed&) = delete;
+    const K& key() const { return key_; }
+
+   private:
+    K key_;
+  };
+
+  static U64 word(const K& key) { return TextWord::of(key); }
+  static void keep(const K& key) { TextWord::keep(key); }
+  static K take(U64 word) {
+    K key;
+    TextWord::set(key, word);
+    return key;
+  }
+  static void drop(U64 word) noexcept { (void)take(word); }
+};
+
+// A packed handler without a key.
 template <class N>
 struct PlainCall {
-  static void deliver(NotifieeBase& notifiee, U64, U64 place) {
-    (static_cast<N&>(notifiee).*handlerAt<void (N::*)()>(place))();
+  static void deliver(NotifieeBase& notifiee, PackedHandler handler, U64) {
+    (static_cast<N&>(notifiee).*handler.member<void (N::*)()>())();
   }
   static constexpr CallKind kind{&deliver, nullptr, nullptr, nullptr};
 };
 
-// A virtual handler with an integer.
+// A packed handler with an integer.
 template <class N, class K>
 struct IntegerCall {
   static U64 word(K key) { return static_cast<U64>(key); }
   static void keep(K) {}
-  static void deliver(NotifieeBase& notifiee, U64 key, U64 place) {
-    (static_cast<N&>(notifiee).*handlerAt<void (N::*)(K)>(place))(static_cast<K>(key));
+  static void deliver(NotifieeBase& notifiee, PackedHandler handler, U64 key) {
+    (static_cast<N&>(notifiee).*handler.member<void (N::*)(K)>())(static_cast<K>(key));
   }
   static constexpr CallKind kind{&deliver, nullptr, nullptr, nullptr};
 };
 
-// A virtual handler with a key that fits into a word, and may move as its bytes.
+// A packed handler with any other key that fits into a word.
 template <class N, class K>
 struct WordCall {
-  static constexpr bool kFits = sizeof(K) <= sizeof(U64) && alignof(K) <= alignof(U64) &&
-                                (std::is_trivially_copyable_v<K> || std::derived_from<K, Text>);
-
-  // A key that is in a word.
-  class Held {
-   public:
-    explicit Held(U64 word) { std::memcpy(room_, &word, sizeof(room_)); }
-    K& key() { return *std::launder(reinterpret_cast<K*>(room_)); }
-
-   private:
-    alignas(K) std::byte room_[sizeof(K)];
-  };
-
-  // The word of a key, and of any copy of it.
-  static U64 word(const K& key) {
-    U64 word = 0;
-    std::memcpy(&word, static_cast<const void*>(&key), sizeof(key));
-    return word;
+  using Word = KeyWord<K>;
+  static U64 word(const K& key) { return Word::word(key); }
+  static void keep(const K& key) { Word::keep(key); }
+  static void deliver(NotifieeBase& notifiee, PackedHandler handler, U64 word) {
+    const K key = Word::take(word);
+    (static_cast<N&>(notifiee).*handler.member<void (N::*)(const K&)>())(key);
   }
-  // Makes the copy that its word stands for.
-  static void keep(const K& key) {
-    alignas(K) std::byte room[sizeof(K)];
-    new (room) K(key);
+  static bool same(U64 a, U64 b) {
+    return typename Word::Borrowed(a).key() == typename Word::Borrowed(b).key();
   }
-  static void deliver(NotifieeBase& notifiee, U64 word, U64 place) {
-    struct Dropped {
-      K& key;
-      ~Dropped() { key.~K(); }
-    };
-    Held held(word);
-    const Dropped taken{held.key()};
-    (static_cast<N&>(notifiee).*handlerAt<void (N::*)(const K&)>(place))(taken.key);
-  }
-  static bool same(U64 a, U64 b) { return Held(a).key() == Held(b).key(); }
-  static U32 hash(U64 word) { return waitingHash(Held(word).key()); }
-  static void drop(U64 word) noexcept { Held(word).key().~K(); }
+  static U32 hash(U64 word) { return pendingHash(typename Word::Borrowed(word).key()); }
+  static void drop(U64 word) noexcept { Word::drop(word); }
   static constexpr CallKind kind{&deliver, &same, &hash, &drop};
 };
 
-// Any handler, with a key or without: both lie elsewhere.
+// Any handler, without a key or with some, in a box.
 template <class N, class... K>
 struct BoxedCall {
   struct Box {
@@ -141,7 +193,7 @@ struct BoxedCall {
 
   static Box* box(U64 word) { return reinterpret_cast<Box*>(static_cast<std::uintptr_t>(word)); }
   static U64 word(const Box* box) { return reinterpret_cast<std::uintptr_t>(box); }
-  static void deliver(NotifieeBase& notifiee, U64 word, U64) {
+  static void deliver(NotifieeBase& notifiee, PackedHandler, U64 word) {
     const std::unique_ptr<Box> taken(box(word));
     call(static_cast<N&>(notifiee), *taken, std::index_sequence_for<K...>());
   }
@@ -155,7 +207,7 @@ struct BoxedCall {
     return box(a)->handler == box(b)->handler && box(a)->key == box(b)->key;
   }
   static U32 hash(U64 word) {
-    return std::apply([](const K&... key) { return (U32{0} + ... + waitingHash(key)); },
+    return std::apply([](const K&... key) { return (U32{0} + ... + pendingHash(key)); },
                       box(word)->key);
   }
   static void drop(U64 word) noexcept { delete box(word); }
@@ -163,10 +215,6 @@ struct BoxedCall {
 };
 
 // The queue; see above.
-//
-// Each entry has a number, one more than that of the one before it. A bucket keeps the number of
-// the youngest of its hash, and beside each entry stands that of the one before it; numbers of
-// those that are gone are left where they are, and known by being out of range.
 class PendingQueue {
  public:
   PendingQueue() = default;
@@ -177,87 +225,95 @@ class PendingQueue {
   bool empty() const { return first_ == end_; }
   std::size_t size() const { return end_ - first_; }
 
-  // Puts a call at the end, unless the same one waits. Throws std::bad_alloc.
+  // Adds a call at the end, unless the same call is pending. Throws std::bad_alloc; the queue is
+  // then as it was.
   template <class N>
   void push(N& notifiee, void (N::*handler)()) {
-    const U32 place = placeOf(handler);
-    if (place == 0) return pushBoxed<N>(notifiee, handler);
-    (void)add(notifiee, {PlainCall<N>::kind, place}, 0, 0);
+    if (!PackedHandler::packs(handler)) return pushBoxed<N>(notifiee, handler);
+    (void)add(notifiee, PackedHandler(PlainCall<N>::kind, handler), 0, 0);
   }
   template <class N, class K>
   void push(N& notifiee, void (N::*handler)(KeyArgument<K>), const K& key) {
-    using Call = std::conditional_t<std::integral<K>, IntegerCall<N, K>, WordCall<N, K>>;
-    if constexpr (WordCall<N, K>::kFits) {
-      const U32 place = placeOf(handler);
-      if (place == 0) return pushBoxed<N, K>(notifiee, handler, key);
-      const bool added = add(notifiee, {Call::kind, place}, Call::word(key), waitingHash(key));
-      if (added) Call::keep(key);
+    if constexpr (KeyWord<K>::kFits) {
+      using Call = std::conditional_t<std::integral<K>, IntegerCall<N, K>, WordCall<N, K>>;
+      if (!PackedHandler::packs(handler)) return pushBoxed<N, K>(notifiee, handler, key);
+      const PackedHandler packed(Call::kind, handler);
+      if (add(notifiee, packed, Call::word(key), pendingHash(key))) Call::keep(key);
     } else {
       pushBoxed<N, K>(notifiee, handler, key);
     }
   }
 
-  // Takes out one after the other, also what is put in meanwhile, and delivers it to a notifiee
-  // that listens. What a handler throws passes through; the rest waits. REQUIRES: not within
-  // itself.
+  // The number of the next entry.
+  U32 end() const { return end_; }
+  // Removes what was added since end() was this number. REQUIRES: nothing was delivered since.
+  [[gnu::cold]] void removeSince(U32 end) noexcept;
+
+  // Removes the entries from the first on, also those that are added meanwhile, and delivers each
+  // whose notifiee listens. What a handler throws passes through; the other entries stay. REQUIRES:
+  // not called from a handler that it calls.
   void deliverAll() {
     for (U32 number = first_; number != end_;) {
       const Pending& first = at(number);
       NotifieeBase& notifiee = *first.notifiee;
-      const Callee callee = first.callee;
+      const PackedHandler handler = first.handler;
       const U64 key = first.key;
       first_ = ++number;
       if (number != end_ && at(number).notifiee == &notifiee) [[likely]] {
-        deliver(notifiee, callee, key);
+        deliver(notifiee, handler, key);
       } else {
-        const Hold hold(*this, notifiee);
-        deliver(notifiee, callee, key);
+        const EndOfRun hold(*this, notifiee);
+        deliver(notifiee, handler, key);
       }
     }
   }
 
-  // Gives back the memory that a burst has left. REQUIRES: empty.
+  // Frees the memory of a large burst. REQUIRES: empty.
   void shrink() {
     if (mask_ >= kSizeToKeep) freeRing();
   }
 
  private:
-  static constexpr U32 kSizeAtFirst = 64;
+  static constexpr U32 kInitialSize = 64;
   static constexpr U32 kSizeToKeep = 1024;
 
-  // The reference on a notifiee that goes with the last of its entries that stand next to each
-  // other: that one was taken out.
-  class Hold {
+  // The reference that the last entry of a run held, for the time of its delivery.
+  class EndOfRun {
    public:
-    Hold(PendingQueue& queue, NotifieeBase& notifiee) : notifiee_(notifiee) {
+    EndOfRun(PendingQueue& queue, NotifieeBase& notifiee) : notifiee_(notifiee) {
       if (queue.empty()) queue.last_ = nullptr;
     }
-    ~Hold() { notifiee_.referencesDec(); }
-    Hold(const Hold&) = delete;
-    Hold& operator=(const Hold&) = delete;
+    ~EndOfRun() { notifiee_.referencesDec(); }
+    EndOfRun(const EndOfRun&) = delete;
+    EndOfRun& operator=(const EndOfRun&) = delete;
 
    private:
     NotifieeBase& notifiee_;
   };
-  static void deliver(NotifieeBase& notifiee, Callee callee, U64 key) {
+  static void deliver(NotifieeBase& notifiee, PackedHandler handler, U64 key) {
     if (notifiee.listens()) [[likely]] {
-      callee.kind().deliver(notifiee, key, callee.place());
-    } else if (callee.kind().drop != nullptr) {
-      callee.kind().drop(key);
+      handler.kind().deliver(notifiee, handler, key);
+    } else {
+      drop(handler, key);
     }
   }
+  static void drop(PackedHandler handler, U64 key) noexcept {
+    if (handler.kind().drop != nullptr) handler.kind().drop(key);
+  }
 
-  // The bucket of a call. Integers that follow each other are spread evenly.
-  U32& youngest(const NotifieeBase& notifiee, Callee callee, U32 keyHash) const {
+  // The bucket of a call: the number of its newest entry. Integers that follow each other are
+  // spread evenly.
+  U32& newest(const NotifieeBase& notifiee, PackedHandler handler, U32 keyHash) const {
     constexpr U64 kSpread = 0x9e3779b99e3779b1U;
     const U64 whom = reinterpret_cast<std::uintptr_t>(&notifiee);
-    const U64 mixed = (whom + callee.hash() + (static_cast<U64>(keyHash) << 32)) * kSpread;
-    return youngest_[mixed >> shift_];
+    const U64 mixed = (whom + handler.hash() + (static_cast<U64>(keyHash) << 32)) * kSpread;
+    return newest_[mixed >> shift_];
   }
+  // The bucket of an entry.
+  U32& newest(const Pending& entry) const;
   Pending& at(U32 number) const { return ring_[number & mask_]; }
-  // The number of the one before it with such a hash; where there is none, one that was left
-  // behind.
-  U32& older(U32 number) const { return older_[number & mask_]; }
+  // The number of the entry before this one in its chain; dangling where there is none.
+  U32& previous(U32 number) const { return previous_[number & mask_]; }
 
   template <class N, class... K>
   [[gnu::cold, gnu::noinline]] void pushBoxed(N& notifiee, void (N::*handler)(KeyArgument<K>...),
@@ -265,27 +321,28 @@ class PendingQueue {
     using Call = BoxedCall<N, K...>;
     std::unique_ptr<typename Call::Box> box(new typename Call::Box{handler, {key...}});
     const U64 word = Call::word(box.get());
-    if (add(notifiee, {Call::kind, 0}, word, Call::hash(word))) (void)box.release();
+    if (add(notifiee, PackedHandler(Call::kind), word, Call::hash(word))) (void)box.release();
   }
-  // Adds an entry, unless it waits; returns whether it did. What is not usual is a function of its
-  // own, and called last, so that the usual one needs no room on the stack.
-  [[gnu::hot]] bool add(NotifieeBase& notifiee, Callee callee, U64 key, U32 keyHash);
-  [[gnu::hot, gnu::noinline]] bool addUnlessWaiting(NotifieeBase& notifiee, Callee callee, U64 key,
-                                                    U32 keyHash);
-  [[gnu::noinline]] bool addAtLimit(NotifieeBase& notifiee, Callee callee, U64 key, U32 keyHash);
-  bool append(U32& newest, NotifieeBase& notifiee, Callee callee, U64 key);
+  // Adds an entry, unless the same call is pending; returns whether it did. What is not usual is in
+  // functions of their own, which are called last, so that the usual case needs no stack frame.
+  [[gnu::hot]] bool add(NotifieeBase& notifiee, PackedHandler handler, U64 key, U32 keyHash);
+  [[gnu::hot, gnu::noinline]] bool addUnlessPending(NotifieeBase& notifiee, PackedHandler handler,
+                                                    U64 key, U32 keyHash);
+  [[gnu::noinline]] bool addAtLimit(NotifieeBase& notifiee, PackedHandler handler, U64 key,
+                                    U32 keyHash);
+  bool append(U32& newest, NotifieeBase& notifiee, PackedHandler handler, U64 key);
   void grow();
   void freeRing();
 
-  std::unique_ptr<Pending[]> ring_;  // those that wait, by number
-  std::unique_ptr<U32[]> older_;     // likewise
-  std::unique_ptr<U32[]> youngest_;  // by hash; twice as many
-  U32 mask_ = 0;                     // the size of the ring, a power of two, less one
-  U32 shift_ = 0;                    // what brings a hash down to a bucket
-  U32 first_ = 1;                 // the number of the first that waits; 0 is in no bucket's range
-  U32 end_ = 1;                   // the number of the next to come
-  U32 limit_ = 1;                 // the number at which the ring may be full
-  NotifieeBase* last_ = nullptr;  // of the last that waits; null when none does
+  std::unique_ptr<Pending[]> ring_;  // the entries, by number
+  std::unique_ptr<U32[]> previous_;  // the chains, by number
+  std::unique_ptr<U32[]> newest_;    // their beginnings, by hash; twice as many
+  U32 mask_ = 0;                     // the ring's size, less one
+  U32 shift_ = 0;                    // shifts a hash down to a bucket
+  U32 first_ = 1;                    // the oldest entry; 0 is no entry's number, but after 2^32
+  U32 end_ = 1;                      // the number of the next entry
+  U32 limit_ = 1;                    // the number at which the ring may be full
+  NotifieeBase* last_ = nullptr;     // of the last run; null when the queue is empty
 };
 
 }  // namespace detail

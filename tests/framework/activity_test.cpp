@@ -1,4 +1,4 @@
-// The loop: what waits, in which order it is delivered, and what is skipped.
+// The loop: what is pending, in which order it is delivered, and what is skipped.
 #include "framework/Activity.h"
 
 #include <gmock/gmock.h>
@@ -43,7 +43,7 @@ TEST_F(ActivityTest, IsIdleAtFirst) {
   EXPECT_TRUE(loop_.idle());
 }
 
-TEST_F(ActivityTest, IsTheOneOfTheProcess) {
+TEST_F(ActivityTest, IsTheInstanceOfTheProcess) {
   EXPECT_EQ(&Kiv::ActivityManager::instance(), &loop_);
 }
 
@@ -62,7 +62,7 @@ TEST_F(ActivityTest, DeliversFirstInFirstOut) {
   EXPECT_TRUE(loop_.idle());
 }
 
-TEST_F(ActivityTest, OneThatWaitsIsNotQueuedAgainAndKeepsItsPlace) {
+TEST_F(ActivityTest, APendingNotificationIsNotQueuedAgainAndKeepsItsPosition) {
   box_->slotIs(1, true);
   box_->labelIs("a");
   box_->slotIs(1, false);
@@ -72,14 +72,14 @@ TEST_F(ActivityTest, OneThatWaitsIsNotQueuedAgainAndKeepsItsPlace) {
   EXPECT_THAT(delivered(), ElementsAre("slot 1", "slot", "label"));
 }
 
-TEST_F(ActivityTest, WaitingIsByKey) {
+TEST_F(ActivityTest, NotificationsWithOtherKeysArePendingBesideEachOther) {
   box_->slotIs(1, true);
   box_->slotIs(2, true);
   (void)happened();
   EXPECT_THAT(delivered(), ElementsAre("slot 1", "slot", "slot 2"));
 }
 
-TEST_F(ActivityTest, WaitingIsByAttribute) {
+TEST_F(ActivityTest, NotificationsOfOtherAttributesArePendingBesideEachOther) {
   const auto marble = make<Toys::Marble>("m");
   box_->slotIs(1, true);
   box_->lentIs(1, marble);
@@ -87,7 +87,7 @@ TEST_F(ActivityTest, WaitingIsByAttribute) {
   EXPECT_THAT(delivered(), ElementsAre("slot 1", "slot", "lent 1", "lent"));
 }
 
-TEST_F(ActivityTest, WaitingIsByNotifiee) {
+TEST_F(ActivityTest, NotificationsOfOtherNotifieesArePendingBesideEachOther) {
   box_->labelIs("a");
   const auto second = watch<BoxWatcher>(box_, "2:");
   box_->labelIs("b");
@@ -103,7 +103,7 @@ TEST_F(ActivityTest, OneThatIsBeingDeliveredMayBeQueuedAgain) {
   EXPECT_THAT(delivered(), ElementsAre("label", "label", "label"));
 }
 
-TEST_F(ActivityTest, WhatAHandlerAddsComesAfterAllThatWaits) {
+TEST_F(ActivityTest, WhatAHandlerQueuesIsDeliveredAfterAllThatIsPending) {
   watcher_->then = [&](const std::string& what) {
     if (what == "slot 1") box_->labelIs("added");
   };
@@ -113,7 +113,7 @@ TEST_F(ActivityTest, WhatAHandlerAddsComesAfterAllThatWaits) {
   EXPECT_THAT(delivered(), ElementsAre("slot 1", "slot", "slot 2", "label"));
 }
 
-TEST_F(ActivityTest, AHandlerMayAddManyTimesWhatWaitsAndKeepsItsKey) {
+TEST_F(ActivityTest, AHandlerKeepsItsKeyWhileItQueuesMoreThanTheRingHolds) {
   std::vector<std::string> keys;
   class Grower final : public Box::NotifieeConst {
    public:
@@ -158,7 +158,7 @@ TEST_F(ActivityTest, RunCalledFromAHandlerDoesNothing) {
   EXPECT_THAT(delivered(), ElementsAre("label", "end of label", "slot 1", "slot"));
 }
 
-TEST_F(ActivityTest, WhatAHandlerThrowsLeavesTheRunAndTheRestWaits) {
+TEST_F(ActivityTest, WhatAHandlerThrowsLeavesRunAndTheOthersStayPending) {
   watcher_->then = [](const std::string& what) {
     if (what == "slot 1") throw std::runtime_error("no");
   };
@@ -171,7 +171,7 @@ TEST_F(ActivityTest, WhatAHandlerThrowsLeavesTheRunAndTheRestWaits) {
   EXPECT_THAT(delivered(), ElementsAre("slot"));
 }
 
-TEST_F(ActivityTest, WhatWasSpentByAThrowMayBeQueuedAgain) {
+TEST_F(ActivityTest, ANotificationWhoseHandlerThrewMayBeQueuedAgain) {
   int times = 0;
   watcher_->then = [&](const std::string&) {
     if (++times == 1) throw std::runtime_error("no");
@@ -211,7 +211,7 @@ TEST_F(ActivityTest, SkipsANotifieeThatIsDisconnected) {
   EXPECT_THAT(delivered(), IsEmpty());
 }
 
-TEST_F(ActivityTest, SkipsWhoeverBecameSilentWithinTheSameRun) {
+TEST_F(ActivityTest, SkipsANotifieeThatWasDeactivatedInTheSameRun) {
   const auto second = watch<BoxWatcher>(box_, "2:");
   watcher_->then = [&](const std::string&) { second->hasNotificationActiveIs(false); };
   box_->labelIs("x");
@@ -243,7 +243,7 @@ TEST_F(ActivityTest, EachOfSeveralEntriesHoldsItsNotifieeUntilTheLastIsDelivered
   EXPECT_THAT(delivered(), ElementsAre("2:label")) << "the other was let go";
 }
 
-TEST_F(ActivityTest, NeighboursOfOneNotifieeHoldItTogetherUntilTheLastIsDelivered) {
+TEST_F(ActivityTest, ARunOfEntriesOfOneNotifieeHoldsItUntilTheLastIsDelivered) {
   const Ptr<BoxWatcher> watched = watcher_;
   std::vector<Kiv::U32> references;
   watcher_->then = [&](const std::string& what) {
@@ -266,7 +266,7 @@ TEST_F(ActivityTest, NeighboursOfOneNotifieeHoldItTogetherUntilTheLastIsDelivere
   EXPECT_EQ(watched->references(), 1U);
 }
 
-TEST_F(ActivityTest, OneThatIsSkippedIsLetGo) {
+TEST_F(ActivityTest, ANotifieeThatIsSkippedIsReleased) {
   const auto second = watch<BoxWatcher>(box_, "2:");
   for (int round = 0; round < 3; ++round) {
     box_->labelIs("x");
@@ -324,7 +324,7 @@ class Drawer final : public Kiv::Entity<Drawer> {
   Kiv::ValueSet<Key> spoon_;
 };
 
-TEST_F(ActivityTest, KeysThatHashAlikeWaitEachForItself) {
+TEST_F(ActivityTest, KeysOfOneHashArePendingBesideEachOther) {
   class Watcher final : public Drawer::NotifieeConst {
    public:
     explicit Watcher(const std::string&) {}
@@ -397,7 +397,7 @@ class OddTest : public Toys::LoopTest {
   Ptr<Odd> odd_ = make<Odd>();
 };
 
-TEST_F(OddTest, HandlersAndKeysOfAnyShapeWaitOnceAndInOrder) {
+TEST_F(OddTest, HandlersAndKeysOfAnyShapeArePendingOnceAndInOrder) {
   queueAll();
   queueAll();
   EXPECT_EQ(loop_.waiting(), 12U);
@@ -417,7 +417,7 @@ TEST_F(OddTest, WhatIsSkippedOrDroppedIsFreed) {
 }
 
 // Equal texts that are not the same object, and more than fit into the first ring.
-TEST_F(ActivityTest, EqualTextsWaitOnce) {
+TEST_F(ActivityTest, EqualTextsArePendingOnce) {
   for (int times = 0; times < 2; ++times) {
     for (int n = 0; n < 300; ++n) {
       const Kiv::String id(std::to_string(n));
@@ -437,8 +437,8 @@ TEST_F(ActivityTest, EqualTextsWaitOnce) {
   EXPECT_EQ(told[300], "marble 299");
 }
 
-// The ring goes round many times without growing, and grows in the middle of a turn.
-TEST_F(ActivityTest, WhatWaitsIsFoundHoweverOftenTheQueueHasTurned) {
+// The ring wraps many times without growing, and grows in the middle of a turn.
+TEST_F(ActivityTest, PendingNotificationsAreFoundHoweverOftenTheRingWraps) {
   std::mt19937 random(7);
   for (int turn = 0; turn < 400; ++turn) {
     std::vector<std::string> expected;
@@ -455,9 +455,9 @@ TEST_F(ActivityTest, WhatWaitsIsFoundHoweverOftenTheQueueHasTurned) {
   }
 }
 
-// Many at once, against a reference: each notifiee, attribute and key waits once, in the order of
-// its first change.
-TEST_F(ActivityTest, ManyThatWaitComeOnceAndInOrder) {
+// Many at once, against a reference: each notifiee, attribute and key is pending once, in the order
+// of its first change.
+TEST_F(ActivityTest, ManyPendingNotificationsAreDeliveredOnceAndInOrder) {
   for (unsigned seed = 1; seed <= 10; ++seed) {
     SCOPED_TRACE("seed " + std::to_string(seed));
     std::mt19937 random(seed);
@@ -507,7 +507,7 @@ TEST_F(ActivityTest, ManyThatWaitComeOnceAndInOrder) {
 
 // The end of the loop
 
-TEST(ActivityEndTest, WhatStillWaitsIsDroppedUndelivered) {
+TEST(ActivityEndTest, WhatIsPendingAtTheEndIsDroppedUndelivered) {
   const Support::LiveObjects nothingIsLeft;
   Toys::journal.clear();
   {
@@ -545,7 +545,7 @@ TEST(ActivityDeathTest, AProcessHasOneLoopAtATime) {
   EXPECT_DEATH(two(), "Assertion \"theInstance == nullptr\" failed: Activity: ActivityManager");
 }
 
-TEST(ActivityDeathTest, WithoutALoopNobodyCanBeTold) {
+TEST(ActivityDeathTest, WithoutALoopNobodyCanBeNotified) {
   EXPECT_DEATH((void)Kiv::ActivityManager::instance(),
                "Assertion \"theInstance != nullptr\" failed: Activity: instance");
 }

@@ -28,7 +28,7 @@ TEST(GenericValue, NumbersAreReadFromPlainDecimals) {
   EXPECT_EQ(text("18446744073709551615").as<Kiv::U64>(), std::numeric_limits<Kiv::U64>::max());
 }
 
-TEST(GenericValue, WhatIsNoPlainDecimalIsNoNumber) {
+TEST(GenericValue, ATextThatIsNoPlainDecimalIsNoNumber) {
   for (const char* wrong : {"", "00", "01", "+1", "-1", " 1", "1 ", "1a", "a", "0x1", "1.0"}) {
     EXPECT_THAT(
         [&] { text(wrong).as<Kiv::U32>(); },
@@ -64,7 +64,7 @@ TEST(GenericValue, SecondsArePrintedShortestThatReadsBack) {
   EXPECT_EQ(GenericValue::of(std::numeric_limits<double>::infinity()).text(), "inf");
 }
 
-TEST(GenericValue, TruthIsReadFromItsTwoWords) {
+TEST(GenericValue, BooleansAreReadFromTrueAndFalse) {
   EXPECT_TRUE(text("true").as<bool>());
   EXPECT_FALSE(text("false").as<bool>());
   EXPECT_THROW(text("yes").as<bool>(), Kiv::RangeException);
@@ -73,7 +73,7 @@ TEST(GenericValue, TruthIsReadFromItsTwoWords) {
   EXPECT_TRUE(GenericValue::of(true).as<bool>());
 }
 
-TEST(GenericValue, TruthIsNoNumberAndNoText) {
+TEST(GenericValue, ABooleanIsNoNumberAndNoText) {
   EXPECT_THROW(GenericValue::of(true).as<Kiv::U8>(), Kiv::RangeException);
   EXPECT_THROW(GenericValue::of(true).as<String>(), Kiv::RangeException);
 }

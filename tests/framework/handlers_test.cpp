@@ -79,7 +79,7 @@ class Porter final : public Door::NotifieeConst {
   void onKnock() override { Toys::journal.push_back("knock"); }
 };
 
-TEST_F(HandlersTest, AHandlerThatEveryWatcherMustGiveIsCalled) {
+TEST_F(HandlersTest, AHandlerThatIsPureVirtualIsCalled) {
   const auto door = make<Door>();
   const auto porter = Toys::watch<Porter>(door);
   door->lockIs(1);
@@ -124,7 +124,7 @@ class Clerk final : public Ledger::NotifieeConst {
   std::vector<Kiv::U32> credits;
 };
 
-TEST_F(HandlersTest, OfVeryManyKeysEachIsToldOnceAndInOrder) {
+TEST_F(HandlersTest, EachOfVeryManyKeysIsDeliveredOnceAndInOrder) {
   std::mt19937 random(17);
   std::vector<Kiv::U32> numbers(200000);
   for (Kiv::U32 i = 0; i < numbers.size(); ++i) {

@@ -1,4 +1,4 @@
-// Notifiees: registration, and what may happen to them while they are being told.
+// Notifiees: registration, and what may happen to them while their entity notifies.
 #include "framework/Notifiee.h"
 
 #include <gmock/gmock.h>
@@ -35,15 +35,23 @@ class NotifieeTest : public Toys::LoopTest {
       all_.push_back(watch<BoxWatcher>(box_, std::to_string(n) + ":"));
     }
   }
-  // Lets go of every watcher, and of what still waits for them.
+  // Drops every watcher, and what still waits for them.
   void startAgain() {
     for (const auto& watcher : all_) watcher->then = nullptr;
     (void)delivered();
     all_.clear();
   }
-  // Changes the box, and returns who was told of it at once.
-  std::vector<std::string> round() {
+  // Changes the box, and returns who was notified of it at once.
+  std::vector<std::string> notified() {
     box_->slotIs(next_++, true);
+    return happened();
+  }
+  // Calls the immediate handler of each notifiee of the box, and returns who was called. Nothing is
+  // queued, so that no queue holds a notifiee.
+  std::vector<std::string> called() {
+    box_->notifieeList()->forEach([](Kiv::NotifieeBase& notifiee) {
+      static_cast<Box::NotifieeConst&>(notifiee).onSlotkivImmediate();
+    });
     return happened();
   }
 
@@ -56,49 +64,49 @@ class NotifieeTest : public Toys::LoopTest {
 
 // Connecting
 
-TEST_F(NotifieeTest, IsToldOnlyWhenConnectedRegisteredAndActive) {
+TEST_F(NotifieeTest, IsNotifiedOnlyWhenConnectedRegisteredAndActive) {
   const auto watcher = make<BoxWatcher>();
   EXPECT_EQ(watcher->notifier(), nullptr);
   EXPECT_FALSE(watcher->listens());
-  EXPECT_THAT(round(), IsEmpty());
+  EXPECT_THAT(notified(), IsEmpty());
 
   watcher->notifierIs(box_);
   EXPECT_EQ(watcher->notifier(), box_.get());
   EXPECT_FALSE(watcher->isRegisteredNotifiee());
-  EXPECT_THAT(round(), IsEmpty());
+  EXPECT_THAT(notified(), IsEmpty());
 
   watcher->isRegisteredNotifieeIs(true);
   EXPECT_TRUE(watcher->isRegisteredNotifiee());
   EXPECT_FALSE(watcher->listens());
-  EXPECT_THAT(round(), IsEmpty());
+  EXPECT_THAT(notified(), IsEmpty());
 
   watcher->hasNotificationActiveIs(true);
   EXPECT_TRUE(watcher->listens());
-  EXPECT_THAT(round(), ElementsAre("slot!"));
+  EXPECT_THAT(notified(), ElementsAre("slot!"));
 }
 
-TEST_F(NotifieeTest, IsNotToldWhileInactiveZombieOrUnregistered) {
+TEST_F(NotifieeTest, IsNotNotifiedWhileInactiveZombieOrUnregistered) {
   const auto watcher = watch<BoxWatcher>(box_);
   watcher->hasNotificationActiveIs(false);
-  EXPECT_THAT(round(), IsEmpty());
+  EXPECT_THAT(notified(), IsEmpty());
   watcher->hasNotificationActiveIs(true);
   watcher->kivMarkedForDeletionIs(true);
-  EXPECT_THAT(round(), IsEmpty());
+  EXPECT_THAT(notified(), IsEmpty());
   watcher->kivMarkedForDeletionIs(false);
   watcher->isRegisteredNotifieeIs(false);
-  EXPECT_THAT(round(), IsEmpty());
+  EXPECT_THAT(notified(), IsEmpty());
   EXPECT_TRUE(loop_.idle());
   watcher->isRegisteredNotifieeIs(true);
-  EXPECT_THAT(round(), ElementsAre("slot!"));
+  EXPECT_THAT(notified(), ElementsAre("slot!"));
 }
 
 TEST_F(NotifieeTest, RegisteringTwiceIsTheSameAsOnce) {
   const auto watcher = watch<BoxWatcher>(box_);
   watcher->isRegisteredNotifieeIs(true);
-  EXPECT_THAT(round(), ElementsAre("slot!"));
+  EXPECT_THAT(notified(), ElementsAre("slot!"));
   watcher->isRegisteredNotifieeIs(false);
   watcher->isRegisteredNotifieeIs(false);
-  EXPECT_THAT(round(), IsEmpty());
+  EXPECT_THAT(notified(), IsEmpty());
 }
 
 TEST_F(NotifieeTest, WithoutAnEntityItCannotBeRegistered) {
@@ -115,10 +123,10 @@ TEST_F(NotifieeTest, HoldsItsEntityWhichDoesNotHoldIt) {
   watcher = nullptr;
   EXPECT_EQ(box_->references(), 1U);
   EXPECT_TRUE(box_->notifieeList()->empty());
-  EXPECT_THAT(round(), IsEmpty());
+  EXPECT_THAT(notified(), IsEmpty());
 }
 
-TEST_F(NotifieeTest, ConnectingToAnotherEntityLeavesTheOldOneAndRegistersWithNone) {
+TEST_F(NotifieeTest, ConnectingToAnotherEntityUnregistersFromTheOldOneAndRegistersWithNone) {
   const auto watcher = watch<BoxWatcher>(box_);
   const auto other = make<Box>();
   watcher->notifierIs(other);
@@ -129,7 +137,7 @@ TEST_F(NotifieeTest, ConnectingToAnotherEntityLeavesTheOldOneAndRegistersWithNon
   watcher->isRegisteredNotifieeIs(true);
   other->slotIs(1, true);
   EXPECT_THAT(happened(), ElementsAre("slot!"));
-  EXPECT_THAT(round(), IsEmpty());
+  EXPECT_THAT(notified(), IsEmpty());
 }
 
 TEST_F(NotifieeTest, ANullEntityDisconnects) {
@@ -138,7 +146,7 @@ TEST_F(NotifieeTest, ANullEntityDisconnects) {
   EXPECT_EQ(watcher->notifier(), nullptr);
   EXPECT_FALSE(watcher->isRegisteredNotifiee());
   EXPECT_EQ(box_->references(), 1U);
-  EXPECT_THAT(round(), IsEmpty());
+  EXPECT_THAT(notified(), IsEmpty());
 }
 
 TEST_F(NotifieeTest, AnEntityOfAnotherTypeThrowsAndTheConnectionStays) {
@@ -150,10 +158,10 @@ TEST_F(NotifieeTest, AnEntityOfAnotherTypeThrowsAndTheConnectionStays) {
     EXPECT_STREQ(e.what(), "a notifiee of Toys::Box cannot observe a Toys::Marble");
   }
   EXPECT_EQ(watcher->notifier(), box_.get());
-  EXPECT_THAT(round(), ElementsAre("slot!"));
+  EXPECT_THAT(notified(), ElementsAre("slot!"));
 }
 
-TEST_F(NotifieeTest, IsTheReactorThatItIs) {
+TEST_F(NotifieeTest, KivReactorIsTheNotifieeItself) {
   const auto watcher = watch<BoxWatcher>(box_);
   EXPECT_EQ(watcher->kivReactor(), watcher.get());
 }
@@ -179,72 +187,72 @@ TEST_F(NotifieeTest, OneEntityMayBeObservedThroughSeveralKindsOfNotifiee) {
   EXPECT_THAT(delivered(), ElementsAre("inside:colour"));
 }
 
-// In the middle of a round
+// While an entity notifies
 
-TEST_F(NotifieeTest, AllAreToldInTheOrderOfTheirRegistration) {
+TEST_F(NotifieeTest, AllAreCalledInTheOrderOfTheirRegistration) {
   watchers(3);
-  EXPECT_THAT(round(), ElementsAre("1:slot!", "2:slot!", "3:slot!"));
+  EXPECT_THAT(notified(), ElementsAre("1:slot!", "2:slot!", "3:slot!"));
   all_[0]->isRegisteredNotifieeIs(false);
   all_[0]->isRegisteredNotifieeIs(true);
-  EXPECT_THAT(round(), ElementsAre("2:slot!", "3:slot!", "1:slot!"));
+  EXPECT_THAT(notified(), ElementsAre("2:slot!", "3:slot!", "1:slot!"));
 }
 
-TEST_F(NotifieeTest, OneThatLeavesItselfIsNotMissedByTheNext) {
+TEST_F(NotifieeTest, OneMayUnregisterItselfInItsHandler) {
   for (const std::size_t who : {0U, 1U, 2U}) {
     startAgain();
     watchers(3);
     all_[who]->then = [&](const std::string&) { all_[who]->isRegisteredNotifieeIs(false); };
-    EXPECT_THAT(round(), ElementsAre("1:slot!", "2:slot!", "3:slot!"));
-    EXPECT_EQ(round().size(), 2U);
+    EXPECT_THAT(notified(), ElementsAre("1:slot!", "2:slot!", "3:slot!"));
+    EXPECT_EQ(notified().size(), 2U);
   }
 }
 
-TEST_F(NotifieeTest, OneThatLeavesBeforeItsTurnIsNotToldAnyMore) {
+TEST_F(NotifieeTest, OneThatIsUnregisteredBeforeItsTurnIsNotCalled) {
   for (const std::size_t who : {1U, 2U}) {
     startAgain();
     watchers(3);
     all_[0]->then = [&](const std::string&) { all_[who]->isRegisteredNotifieeIs(false); };
-    EXPECT_THAT(round(), ElementsAre("1:slot!", who == 1 ? "3:slot!" : "2:slot!"));
+    EXPECT_THAT(notified(), ElementsAre("1:slot!", who == 1 ? "3:slot!" : "2:slot!"));
   }
 }
 
-TEST_F(NotifieeTest, OneThatBecomesInactiveBeforeItsTurnIsNotToldAnyMore) {
+TEST_F(NotifieeTest, OneThatIsDeactivatedBeforeItsTurnIsNotCalled) {
   watchers(3);
   all_[0]->then = [&](const std::string&) { all_[1]->hasNotificationActiveIs(false); };
-  EXPECT_THAT(round(), ElementsAre("1:slot!", "3:slot!"));
+  EXPECT_THAT(notified(), ElementsAre("1:slot!", "3:slot!"));
 }
 
-TEST_F(NotifieeTest, OneThatHasBeenToldMayLeave) {
+TEST_F(NotifieeTest, OneThatWasCalledMayBeFreed) {
   watchers(3);
   all_[2]->then = [&](const std::string&) {
     all_[0] = nullptr;
     all_[1] = nullptr;
   };
-  EXPECT_THAT(round(), ElementsAre("1:slot!", "2:slot!", "3:slot!"));
-  EXPECT_THAT(round(), ElementsAre("3:slot!"));
+  EXPECT_THAT(called(), ElementsAre("1:slot!", "2:slot!", "3:slot!"));
+  EXPECT_THAT(called(), ElementsAre("3:slot!"));
 }
 
-TEST_F(NotifieeTest, AllMayLeaveAtOnce) {
+TEST_F(NotifieeTest, AllMayBeUnregisteredAtOnce) {
   watchers(4);
   all_[1]->then = [&](const std::string&) {
     for (const auto& watcher : all_) watcher->isRegisteredNotifieeIs(false);
   };
-  EXPECT_THAT(round(), ElementsAre("1:slot!", "2:slot!"));
+  EXPECT_THAT(notified(), ElementsAre("1:slot!", "2:slot!"));
   EXPECT_TRUE(box_->notifieeList()->empty());
-  EXPECT_TRUE(loop_.idle()) << "they left before anything was queued for them";
+  EXPECT_THAT(delivered(), IsEmpty()) << "they are not registered any more";
 }
 
-TEST_F(NotifieeTest, OneThatJoinsIsToldFromTheNextRoundOn) {
+TEST_F(NotifieeTest, OneThatRegistersIsCalledFromTheNextChangeOn) {
   watchers(2);
   all_[1]->then = [&](const std::string&) {
     all_[1]->then = nullptr;
     all_.push_back(watch<BoxWatcher>(box_, "new:"));
   };
-  EXPECT_THAT(round(), ElementsAre("1:slot!", "2:slot!"));
-  EXPECT_THAT(round(), ElementsAre("1:slot!", "2:slot!", "new:slot!"));
+  EXPECT_THAT(notified(), ElementsAre("1:slot!", "2:slot!"));
+  EXPECT_THAT(notified(), ElementsAre("1:slot!", "2:slot!", "new:slot!"));
 }
 
-TEST_F(NotifieeTest, OneThatLeavesAndJoinsAgainBeforeItsTurnIsToldFromTheNextRoundOn) {
+TEST_F(NotifieeTest, OneThatRegistersAnewBeforeItsTurnIsCalledFromTheNextChangeOn) {
   for (const std::size_t who : {1U, 2U}) {
     startAgain();
     watchers(3);
@@ -252,29 +260,29 @@ TEST_F(NotifieeTest, OneThatLeavesAndJoinsAgainBeforeItsTurnIsToldFromTheNextRou
       all_[who]->isRegisteredNotifieeIs(false);
       all_[who]->isRegisteredNotifieeIs(true);
     };
-    EXPECT_THAT(round(), ElementsAre("1:slot!", who == 1 ? "3:slot!" : "2:slot!"));
+    EXPECT_THAT(notified(), ElementsAre("1:slot!", who == 1 ? "3:slot!" : "2:slot!"));
     all_[0]->then = nullptr;
-    EXPECT_EQ(round().size(), 3U);
+    EXPECT_EQ(notified().size(), 3U);
   }
 }
 
-TEST_F(NotifieeTest, OneThatLeavesAndJoinsAgainWhileItIsToldIsToldOnce) {
+TEST_F(NotifieeTest, OneThatRegistersAnewInItsHandlerIsCalledOnce) {
   watchers(2);
   all_[1]->then = [&](const std::string&) {
     all_[1]->isRegisteredNotifieeIs(false);
     all_[1]->isRegisteredNotifieeIs(true);
   };
-  EXPECT_THAT(round(), ElementsAre("1:slot!", "2:slot!"));
+  EXPECT_THAT(notified(), ElementsAre("1:slot!", "2:slot!"));
 }
 
-TEST_F(NotifieeTest, OneMayDropTheLastReferenceToItself) {
+TEST_F(NotifieeTest, OneMayDropTheLastReferenceToItselfInItsHandler) {
   watchers(3);
   all_[1]->then = [&](const std::string&) { all_[1] = nullptr; };
-  EXPECT_THAT(round(), ElementsAre("1:slot!", "2:slot!", "3:slot!"));
-  EXPECT_THAT(round(), ElementsAre("1:slot!", "3:slot!"));
+  EXPECT_THAT(called(), ElementsAre("1:slot!", "2:slot!", "3:slot!"));
+  EXPECT_THAT(called(), ElementsAre("1:slot!", "3:slot!"));
 }
 
-TEST_F(NotifieeTest, OneThatDropsTheLastReferenceToItselfStaysUntilItReturns) {
+TEST_F(NotifieeTest, OneThatDropsTheLastReferenceToItselfLivesUntilItReturns) {
   watchers(2);
   bool listened = false;
   all_[0]->then = [&](const std::string&) {
@@ -282,12 +290,12 @@ TEST_F(NotifieeTest, OneThatDropsTheLastReferenceToItselfStaysUntilItReturns) {
     all_[0] = nullptr;
     listened = self->listens();
   };
-  EXPECT_THAT(round(), ElementsAre("1:slot!", "2:slot!"));
+  EXPECT_THAT(called(), ElementsAre("1:slot!", "2:slot!"));
   EXPECT_TRUE(listened);
-  EXPECT_THAT(round(), ElementsAre("2:slot!"));
+  EXPECT_THAT(called(), ElementsAre("2:slot!"));
 }
 
-TEST_F(NotifieeTest, OneThatIsToldInTwoRoundsStaysUntilTheOuterReturns) {
+TEST_F(NotifieeTest, OneThatIsCalledInTwoIterationsLivesUntilTheOuterReturns) {
   watchers(2);
   int depth = 0;
   bool listened = false;
@@ -302,13 +310,13 @@ TEST_F(NotifieeTest, OneThatIsToldInTwoRoundsStaysUntilTheOuterReturns) {
     (void)delivered();
     listened = first->listens();
   };
-  (void)round();
+  (void)notified();
   EXPECT_EQ(depth, 2);
   EXPECT_TRUE(listened);
-  EXPECT_THAT(round(), ElementsAre("2:slot!"));
+  EXPECT_THAT(notified(), ElementsAre("2:slot!"));
 }
 
-TEST_F(NotifieeTest, OneThatGoesToAnotherEntityAndLosesItsLastReferenceStaysUntilItReturns) {
+TEST_F(NotifieeTest, OneThatConnectsToAnotherEntityAndLosesItsLastReferenceLivesUntilItReturns) {
   watchers(3);
   bool went = false;
   all_[1]->then = [&](const std::string&) {
@@ -321,19 +329,27 @@ TEST_F(NotifieeTest, OneThatGoesToAnotherEntityAndLosesItsLastReferenceStaysUnti
     all_[2] = nullptr;
     other->slotIs(1, true);
   };
-  EXPECT_THAT(round(), ElementsAre("1:slot!", "2:slot!", "2:slot!"));
-  EXPECT_THAT(delivered(), ElementsAre("2:slot 1", "2:slot", "1:slot 0", "1:slot"));
-  EXPECT_THAT(round(), ElementsAre("1:slot!"));
+  EXPECT_THAT(called(), ElementsAre("1:slot!", "2:slot!", "2:slot!"));
+  EXPECT_THAT(delivered(), ElementsAre("2:slot 1", "2:slot"));
+  EXPECT_THAT(called(), ElementsAre("1:slot!"));
 }
 
 TEST_F(NotifieeTest, OneMayDropTheLastReferenceToTheNext) {
   watchers(3);
   all_[0]->then = [&](const std::string&) { all_[1] = nullptr; };
-  EXPECT_THAT(round(), ElementsAre("1:slot!", "3:slot!"));
-  EXPECT_THAT(round(), ElementsAre("1:slot!", "3:slot!"));
+  EXPECT_THAT(called(), ElementsAre("1:slot!", "3:slot!"));
+  EXPECT_THAT(called(), ElementsAre("1:slot!", "3:slot!"));
 }
 
-TEST_F(NotifieeTest, RoundsWithinRoundsKeepTheirPlaces) {
+TEST_F(NotifieeTest, OneThatIsDroppedWhileItsNotificationWaitsIsCalledUntilTheLoopHasRun) {
+  watchers(2);
+  all_[0]->then = [&](const std::string&) { all_[1] = nullptr; };
+  EXPECT_THAT(notified(), ElementsAre("1:slot!", "2:slot!"));
+  EXPECT_THAT(delivered(), ElementsAre("1:slot 0", "2:slot 0", "1:slot", "2:slot"));
+  EXPECT_THAT(notified(), ElementsAre("1:slot!"));
+}
+
+TEST_F(NotifieeTest, NestedIterationsKeepTheirPositions) {
   watchers(3);
   int depth = 0;
   all_[0]->then = [&](const std::string&) {
@@ -341,20 +357,20 @@ TEST_F(NotifieeTest, RoundsWithinRoundsKeepTheirPlaces) {
     box_->slotIs(1000, true);
   };
   all_[1]->then = [&](const std::string&) { all_[2]->isRegisteredNotifieeIs(false); };
-  EXPECT_THAT(round(), ElementsAre("1:slot!", "1:slot!", "2:slot!", "2:slot!"));
+  EXPECT_THAT(notified(), ElementsAre("1:slot!", "1:slot!", "2:slot!", "2:slot!"));
 }
 
-TEST_F(NotifieeTest, RoundsOfOneEntityDoNotMindWhoLeavesAnother) {
+TEST_F(NotifieeTest, AnIterationIsNotAffectedByTheNotifieesOfAnotherEntity) {
   watchers(2);
   const auto other = make<Box>();
   auto elsewhere = watch<BoxWatcher>(other, "elsewhere:");
   all_[0]->then = [&](const std::string&) { elsewhere = nullptr; };
-  EXPECT_THAT(round(), ElementsAre("1:slot!", "2:slot!"));
+  EXPECT_THAT(notified(), ElementsAre("1:slot!", "2:slot!"));
 }
 
 // The end of an entity
 
-TEST_F(NotifieeTest, AnEntityMayLoseItsLastReferenceWhileItTells) {
+TEST_F(NotifieeTest, AnEntityMayLoseItsLastReferenceWhileItNotifies) {
   const auto watcher = watch<BoxWatcher>(box_);
   const auto second = watch<BoxWatcher>(box_, "2:");
   watcher->then = [&](const std::string&) {
@@ -389,7 +405,7 @@ TEST_F(NotifieeTest, AnEntityMayLoseItsLastReferenceWhileItRemovesAll) {
   EXPECT_EQ(marble->references(), 1U);
 }
 
-TEST_F(NotifieeTest, AMemberMayGoWhileItsRemovalIsTold) {
+TEST_F(NotifieeTest, ARemovedMemberIsGoneWhenItsRemovalIsNotified) {
   box_->marbleIs("a");
   const auto watcher = watch<BoxWatcher>(box_);
   watcher->then = [&](const std::string& what) {
@@ -401,16 +417,16 @@ TEST_F(NotifieeTest, AMemberMayGoWhileItsRemovalIsTold) {
   EXPECT_THAT(delivered(), ElementsAre("marble!", "marble a", "marble"));
 }
 
-// A random crowd, held against a model: a round meets those that stood in the list when it began
-// and have not left since, in order.
-TEST_F(NotifieeTest, ARoundMeetsWhoeverIsThereAtItsBeginningAndHasNotLeft) {
+// Random registrations, held against a model: an iteration reaches those that were registered when
+// it began and have not been unregistered since, in order.
+TEST_F(NotifieeTest, AnIterationReachesWhoeverWasRegisteredAtItsBeginningAndStillIs) {
   for (unsigned seed = 1; seed <= 40; ++seed) {
     SCOPED_TRACE("seed " + std::to_string(seed));
     std::mt19937 random(seed);
     startAgain();
     watchers(8);
     std::vector<std::size_t> list{0, 1, 2, 3, 4, 5, 6, 7};
-    std::vector<std::size_t> expected = list;  // of the current round, still to come
+    std::vector<std::size_t> expected = list;  // of the current iteration, still to come
     for (std::size_t who = 0; who < all_.size(); ++who) {
       all_[who]->then = [&, who](const std::string& what) {
         if (what != "slot!") return;
@@ -432,7 +448,7 @@ TEST_F(NotifieeTest, ARoundMeetsWhoeverIsThereAtItsBeginningAndHasNotLeft) {
     }
     for (int rounds = 0; rounds < 20 && !HasFatalFailure(); ++rounds) {
       expected = list;
-      (void)round();
+      (void)notified();
       EXPECT_THAT(expected, IsEmpty());
     }
   }

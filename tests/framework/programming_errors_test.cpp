@@ -32,7 +32,7 @@ TEST(ExceptionsTest, ANameInUseExceptionCarriesItsText) {
   EXPECT_THROW(Kiv::throwNameInUseException("x"), Kiv::NameInUseException);
 }
 
-TEST(ExceptionsTest, TheTwoAreOfOneFamilyAndNotOfEachOther) {
+TEST(ExceptionsTest, BothExceptionsDeriveFromExceptionAndNotFromEachOther) {
   static_assert(std::is_base_of_v<std::runtime_error, Kiv::Exception>);
   static_assert(std::is_base_of_v<Kiv::Exception, Kiv::RangeException>);
   static_assert(std::is_base_of_v<Kiv::Exception, Kiv::NameInUseException>);
@@ -65,7 +65,7 @@ TEST(AssertTest, AConditionMayBeAPointer) {
   KIV_ASSERT(marble, "Unit", "handleX");
 }
 
-TEST(AssertDeathTest, ABrokenOneTellsItsTextItsUnitAndItsHandlerAndAborts) {
+TEST(AssertDeathTest, AFailedAssertionPrintsItsTextUnitAndHandlerAndAborts) {
   const auto broken = [] {
     const int domains = 2;
     KIV_ASSERT(domains == 1, "Unit", "handleX");
@@ -74,12 +74,12 @@ TEST(AssertDeathTest, ABrokenOneTellsItsTextItsUnitAndItsHandlerAndAborts) {
               "^Assertion \"domains == 1\" failed: Unit: handleX\n");
 }
 
-TEST(AssertDeathTest, ANullPointerBreaksIt) {
+TEST(AssertDeathTest, ANullPointerFails) {
   const Kiv::Ptr<Toys::Marble> found;
   EXPECT_DEATH(KIV_ASSERT(found, "Unit", "handleX"), "Assertion \"found\" failed");
 }
 
-TEST(AssertDeathTest, TextsNeedNotEndWithAZero) {
+TEST(AssertDeathTest, TextsNeedNotBeZeroTerminated) {
   const std::string_view all = "textfilefunction";
   EXPECT_DEATH(Kiv::assertionFailed(all.substr(0, 4), all.substr(4, 4), all.substr(8)),
                "^Assertion \"text\" failed: file: function\n");

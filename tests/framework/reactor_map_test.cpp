@@ -380,6 +380,9 @@ class CountingInput {
   auto end() const { return shelf_.pot().end(); }
   std::size_t size() const { return shelf_.pot().size(); }
   Kiv::U32 changes() const { return shelf_.pot().changes(); }
+  const Kiv::String* singleChangeSince(Kiv::U32 version) const {
+    return static_cast<const Kiv::String*>(Kiv::detail::SingleChange::keySince(this, version));
+  }
   mutable int looks = 0;
   mutable int walks = 0;
 
@@ -393,10 +396,8 @@ class ResynchroniseTest : public ReactorMapTest {
   ResynchroniseTest() : input_(*shelf_) { machine_->shelfDel(); }
 
   void resynchronise(const void* collection, const Kiv::String& key, Kiv::U32 before) {
-    Kiv::ChangeUnderWay change{collection, &key, before, Kiv::ChangeUnderWay::innermost()};
-    Kiv::ChangeUnderWay::innermost() = &change;
+    const Kiv::detail::SingleChange change(collection, before, &key);
     machine_->pot().resynchronise(*machine_, input_);
-    Kiv::ChangeUnderWay::innermost() = change.outer;
   }
 
   CountingInput input_;

@@ -100,7 +100,7 @@ class Box final : public Kiv::Entity<Box> {
   Kiv::ValueSet<Kiv::U16> slot_;
 };
 
-// Writes what it is told into the journal, after its tag, and then does what the test asks for.
+// Writes each notification into the journal, after its tag, and then does what the test asks for.
 class BoxWatcher final : public Box::NotifieeConst {
  public:
   explicit BoxWatcher(std::string tag = "") : tag_(std::move(tag)) {}
@@ -147,7 +147,8 @@ Kiv::Ptr<W> watch(const Kiv::Ptr<E>& entity, const std::string& tag = "") {
   return watcher;
 }
 
-// A loop whose time moves only when told, and an empty journal. Holds the test to leaving nothing.
+// A loop whose time advances only when it is set, and an empty journal. Fails a test that leaves
+// objects behind.
 class LoopTest : public testing::Test {
  protected:
   LoopTest() {

@@ -97,7 +97,7 @@ TEST_F(TraceTest, WithoutASinkLinesAreDropped) {
   EXPECT_THAT(lines_, IsEmpty());
 }
 
-TEST_F(TraceTest, ANewSinkTakesThePlaceOfTheOldOne) {
+TEST_F(TraceTest, ANewSinkReplacesTheOldOne) {
   handle_.levelIs(9);
   int lines = 0;
   handle_.sinkIs([&](const Kiv::TraceLine&) { ++lines; });
