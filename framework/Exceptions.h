@@ -1,5 +1,5 @@
-// What the framework throws at programming errors: misuse of an interface by the code that embeds
-// it. An operator's input never ends here.
+// The exceptions that the framework throws at programming errors: misuse of an interface by the
+// code that embeds it. An operator's input never causes one.
 #pragma once
 
 #include <stdexcept>

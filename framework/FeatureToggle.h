@@ -1,4 +1,4 @@
-// The feature-toggle service: named switches that the host decides. Activity thread only.
+// The feature-toggle service: named switches whose states the host provides. Activity thread only.
 #pragma once
 
 #include <functional>
@@ -15,7 +15,7 @@ inline constexpr U32 kToggleKnown = 2;  // the answer may be kept for the life o
 // Answers for one toggle: its name, and the default where the host has no opinion.
 using ToggleProvider = std::function<U32(std::string_view name, bool byDefault)>;
 
-// Installs the host's provider, before anything asks; an empty one takes it away.
+// Installs the host's provider, before anything asks; an empty one removes it.
 void toggleProviderIs(ToggleProvider provider);
 
 // The state of a toggle, as the installed provider answers; without one the default, not known.

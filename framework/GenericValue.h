@@ -59,7 +59,7 @@ class GenericValue {
 
   bool empty() const { return form_ == ValueForm::nothing; }
   std::string_view typeName() const { return typeName_; }
-  // How tools take the value.
+  // How tools write the value.
   ValueForm form() const { return form_; }
   // The value as text; an object by its type's name and its address.
   std::string text() const { return form_ == ValueForm::object ? objectText() : text_; }
@@ -70,7 +70,7 @@ class GenericValue {
     return constant_ ? nullptr : Ptr<PtrInterface>(const_cast<PtrInterface*>(object_.get()));
   }
 
-  // The value as a T. Text stands for any type that can be parsed from it. Throws a range exception
+  // The value as a T. A text is parsed as any type that has a parser. Throws a range exception
   // when it is of another type, also when it is null; a pointer to a constant object is no pointer
   // to a changeable one.
   template <class T>

@@ -1,4 +1,4 @@
-// Tracing: lines with a level, given to a sink that the host installs.
+// Tracing: lines with a level, passed to a sink that the host installs.
 //
 // A trace that is off costs one load and a branch, and evaluates none of its message:
 //
@@ -9,7 +9,8 @@
 //     helper->trace("File", __LINE__, "function");
 //   }
 //
-// Levels rise with detail: 0 what must not be, 9 the entry of every handler. Activity thread only.
+// Levels rise with detail: 0 for broken invariants, 9 for the entry of each handler. Activity
+// thread only.
 #pragma once
 
 #include <functional>
@@ -21,17 +22,17 @@ namespace [[gnu::visibility("default")]] Kiv {
 
 // One trace line, borrowed for the call of the sink.
 struct TraceLine {
-  int level;                  // how much of a detail it is
+  int level;                  // from 0, the most important, to 9
   std::string_view file;      // the source unit
   int line;                   // in that unit
   std::string_view function;  // the short name of the handler
   std::string_view text;      // the message
 };
 
-// What decides which lines are written, and where they go.
+// Decides which lines are written, and passes them to a sink.
 class TraceHandle {
  public:
-  // Who gets the lines.
+  // The function that is called with each line.
   using Sink = std::function<void(const TraceLine&)>;
 
   // The highest level that is written; below zero (the default) nothing is.
@@ -40,11 +41,11 @@ class TraceHandle {
   // Whether a line of this level is written.
   bool enabled(int level) const { return level <= level_; }
 
-  // Who gets the lines; without a sink they are dropped. A sink may not throw.
+  // Installs the sink; without one, lines are dropped. A sink may not throw.
   void sinkIs(Sink sink) {
     sink_ = sink == nullptr ? nullptr : std::make_unique<Sink>(std::move(sink));
   }
-  // Gives a line to the sink.
+  // Passes a line to the sink.
   void write(const TraceLine& line) const {
     if (sink_ != nullptr) (*sink_)(line);
   }
@@ -63,12 +64,12 @@ inline TraceHandle& _defaultTraceHandle() {
   return detail::defaultTraceHandle;
 }
 
-// One line in the making.
+// One line while it is written.
 class TraceHelper {
  public:
-  // Room for a helper on the caller's stack.
+  // Storage for a helper on the caller's stack.
   struct Storage {
-    // The room itself.
+    // The bytes of the helper.
     alignas(std::ostringstream) std::byte bytes[sizeof(std::ostringstream) + 2 * sizeof(void*)];
   };
 
@@ -79,7 +80,7 @@ class TraceHelper {
 
   // The stream on which the message is built.
   std::ostream& stream() { return stream_; }
-  // Gives the finished line to the handle's sink.
+  // Passes the finished line to the handle's sink.
   void trace(std::string_view file, int line, std::string_view function);
 
  private:
@@ -107,7 +108,7 @@ class EnsureTraceHelperIsDestroyed {
   TraceHelper* helper_;
 };
 
-// Where a machine's line comes from: the source unit, the handler's short name and its signature.
+// The source of a machine's line: the source unit, the handler's short name and its signature.
 struct TraceSource {
   std::string_view file;       // the source unit
   std::string_view function;   // the handler's short name

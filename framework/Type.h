@@ -1,4 +1,4 @@
-// Type records: what an object says of its own type.
+// Type records: the name, size and allocation counters of each class of objects.
 #pragma once
 
 #include "framework/Allocation.h"
@@ -17,7 +17,7 @@ class Type {
   std::string_view name() const { return allocations_.typeName(); }
   // The size of one object, in bytes.
   std::size_t size() const { return size_; }
-  // What is alive of the class.
+  // How many objects of the class are alive.
   AllocTrackTypeInfo& allocations() const { return allocations_; }
 
   friend bool operator==(const Type& a, const Type& b) { return &a == &b || a.name() == b.name(); }
