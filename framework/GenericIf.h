@@ -21,6 +21,8 @@
 // in other number throw a range exception. Activity thread only.
 #pragma once
 
+#include <initializer_list>
+#include <iterator>
 #include <memory>
 #include <span>
 #include <vector>
@@ -30,10 +32,18 @@
 
 namespace [[gnu::visibility("default")]] Kiv {
 
-// The arguments of an operation, in order: a container to build them in, and the view of them that
-// the functions below take.
+// The arguments of an operation, in order, to build them in.
 using GenericArguments = std::vector<GenericValue>;
-using GenericArgumentsView = std::span<const GenericValue>;
+
+// A view of such arguments, or of any other contiguous values; those that are written in braces
+// live until the end of the call.
+class GenericArgumentsView : public std::span<const GenericValue> {
+ public:
+  using std::span<const GenericValue>::span;
+  GenericArgumentsView() = default;
+  GenericArgumentsView(std::initializer_list<GenericValue> values)
+      : span(std::data(values), values.size()) {}
+};
 
 // A known attribute does not have the operation that was asked of it.
 class UnsupportedOperationException final : public Exception {
