@@ -5,7 +5,7 @@
 namespace {
 
 // Ends the process, and leaves what it holds to the system: taking a large cloud apart, machine by
-// machine, takes as long as half of the run, and nobody sees it. Builds that look for leaks and
+// machine, takes half as long as the run, without an effect. Builds that look for leaks and
 // misuse do take it apart.
 void leave([[maybe_unused]] int status) {
 #ifndef VNAGENT_TAKES_ALL_APART

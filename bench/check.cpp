@@ -1,5 +1,5 @@
 // The limit is a yardstick only while it makes the writes that the machines make: its entries are
-// held against theirs, port by port.
+// compared with theirs, port by port.
 #include <stdexcept>
 
 #include "bench/groups.h"

@@ -92,7 +92,7 @@ struct CollectionRow {
 // What it means that a scalar changes.
 enum class OnChange : uint8_t {
   kWrite,    // it is written, also when it is named with the value that it has
-  kReplace,  // the thing is taken out and put back, and with it all that hangs on it
+  kReplace,  // the thing is removed and added again, with all that depends on it
 };
 
 struct Kind {

@@ -48,11 +48,11 @@ void mergeConfig(const JsonValue& patch, Config& config, Change& change, Faults&
 void mergeRegion(const JsonValue& patch, CloudState& state, DirtyRegion& dirty, Faults& faults);
 
 // One port binding that is new or was changed. `segments` takes the segments that its levels are
-// the first to name; null where nobody asks.
+// the first to name; null where it is not needed.
 void mergePortBinding(const JsonValue& patch, CloudState& state, DirtyPortBinding& dirty,
                       std::vector<DirtyThing>* segments, Faults& faults);
 
-// A collection of things. `dirty` is null where nobody asks what changed; `state` where no thing of
+// A collection of things. `dirty` is null where changes are not recorded; `state` where no thing of
 // the collection is in an index.
 struct ThingCollection {
   const CollectionRow& row;

@@ -63,7 +63,7 @@ class BindingMerger {
     note(kind, std::move(dirty));
   }
 
-  // Of a new binding nobody asks what changed.
+  // Changes within a new binding are not recorded.
   void note(AttachmentKind kind, DirtyAttachment dirty) {
     if (dirty_.existed) dirty_.of(kind).push_back(std::move(dirty));
   }

@@ -1,4 +1,4 @@
-// Both families of keyed collections under a random stream of operations, held against std::map.
+// Both families of keyed collections under a random stream of operations, compared with std::map.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-// The arrays under the collections, with orders that the test chooses: held against a sorted list,
+// The arrays under the collections, with orders that the test chooses: compared with a sorted list,
 // and at their fullest.
 #include "framework/detail/OrderedArrays.h"
 

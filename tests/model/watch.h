@@ -1,4 +1,4 @@
-// How the tests of the model look at an entity: what its watchers are told when it changes.
+// How the tests of the model observe an entity: the notifications that a change causes.
 //
 // A watcher writes down each notification: "segment!" is the immediate one, "segment a" the keyed
 // one, "segment" the one without a key or that of a scalar.
@@ -49,7 +49,7 @@ class ModelTest : public testing::Test {
     return std::exchange(told, {});
   }
 
-  // Runs `change`, and returns what a watcher of class W is told of it.
+  // Runs `change`, and returns the notifications of a watcher of class W.
   template <class W, class E, class Change>
   std::vector<std::string> toldOf(const Kiv::Ptr<E>& entity, Change change) {
     const Kiv::Ptr<W> watcher = Kiv::make<W>();
