@@ -279,7 +279,7 @@ struct OrderedArrays {
     if (less == (U32{1} << kGroup) - 1) return gallop(*this, order, at + kGroup - 1);
     return at + static_cast<U32>(std::countr_one(less));
   }
-  // What is out of line takes the arrays as a value, which is passed in registers.
+  // Functions that are not inlined take the arrays as a value, which is passed in registers.
   [[gnu::noinline]] static U32 findAfter(OrderedArrays arrays, U32 order, U32 below) {
     const U32 at = gallop(arrays, order, below);
     return arrays.orders()[at] == order ? at : npos;

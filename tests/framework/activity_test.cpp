@@ -224,7 +224,7 @@ TEST_F(ActivityTest, AnEntryHoldsItsNotifieeUntilItIsDelivered) {
   watcher_ = nullptr;
   EXPECT_THAT(delivered(), ElementsAre("label"));
   box_->labelIs("y");
-  EXPECT_TRUE(loop_.idle()) << "nobody is left to be told";
+  EXPECT_TRUE(loop_.idle()) << "a notification is pending";
 }
 
 TEST_F(ActivityTest, EachOfSeveralEntriesHoldsItsNotifieeUntilTheLastIsDelivered) {

@@ -54,7 +54,8 @@ TEST_F(AttributeTest, AWriteOfAnUnchangedScalarIsNotifiedToo) {
 }
 
 TEST_F(AttributeTest, NothingWaitsForANotifieeThatLeftTheHandlerEmpty) {
-  if (!Kiv::detail::PackedHandler::kPacks) GTEST_SKIP() << "what is overridden cannot be told";
+  if (!Kiv::detail::PackedHandler::kPacks)
+    GTEST_SKIP() << "whether a handler is overridden is not known";
   class ColourBlind final : public Box::NotifieeConst {
     void onMarble(const Kiv::String& id) override { Toys::journal.push_back("marble " + id.str()); }
   };

@@ -268,7 +268,7 @@ TEST_F(ClockTest, AnArmedTimerStaysArmedWhenItIsConnectedToWhatIsNoClock) {
   EXPECT_THAT(at(10), ElementsAre("one"));
 }
 
-// Many timers under random arming, held against a reference sorted by time and arming.
+// Many timers under random arming, compared with a reference sorted by time and arming.
 TEST_F(ClockTest, ManyTimersFireAsTheReferenceSays) {
   for (unsigned seed = 1; seed <= 20; ++seed) {
     SCOPED_TRACE("seed " + std::to_string(seed));

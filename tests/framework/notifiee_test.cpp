@@ -417,7 +417,7 @@ TEST_F(NotifieeTest, ARemovedMemberIsGoneWhenItsRemovalIsNotified) {
   EXPECT_THAT(delivered(), ElementsAre("marble!", "marble a", "marble"));
 }
 
-// Random registrations, held against a model: an iteration reaches those that were registered when
+// Random registrations, compared with a model: an iteration reaches those that were registered when
 // it began and have not been unregistered since, in order.
 TEST_F(NotifieeTest, AnIterationReachesWhoeverWasRegisteredAtItsBeginningAndStillIs) {
   for (unsigned seed = 1; seed <= 40; ++seed) {
