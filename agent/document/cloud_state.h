@@ -143,7 +143,7 @@ template <class Key>
 class Occupancy {
  public:
   void add(std::string_view name, const Region& region) {
-    auto [share, end] = shares_.equal_range(Key(name));
+    auto [share, end] = shares_.equal_range(name);
     if (share != end) ++beyondFirst_;
     for (; share != end; ++share) {
       if (share->second.region != &region) continue;
@@ -155,7 +155,7 @@ class Occupancy {
   }
 
   void remove(std::string_view name, const Region& region) {
-    const auto [first, end] = shares_.equal_range(Key(name));
+    const auto [first, end] = shares_.equal_range(name);
     auto share = first;
     while (share != end && share->second.region != &region) ++share;
     if (share == end || --share->second.count > 0) return;
@@ -166,7 +166,7 @@ class Occupancy {
   // A region other than `region` that has it too, or null.
   const Region* elsewhere(std::string_view name, const Region& region) const {
     if (beyondFirst_ == 0) return nullptr;
-    auto [share, end] = shares_.equal_range(Key(name));
+    auto [share, end] = shares_.equal_range(name);
     while (share != end && share->second.region == &region) ++share;
     return share == end ? nullptr : share->second.region;
   }
@@ -181,7 +181,12 @@ class Occupancy {
     const Region* region;
     size_t count;
   };
-  std::unordered_multimap<Key, Share> shares_;
+  // Looks keys up by views of them.
+  struct Hash {
+    using is_transparent = void;
+    size_t operator()(std::string_view name) const { return std::hash<std::string_view>()(name); }
+  };
+  std::unordered_multimap<Key, Share, Hash, std::equal_to<>> shares_;
   size_t beyondFirst_ = 0;  // shares that are not the only one of their name
 };
 

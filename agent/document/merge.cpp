@@ -53,17 +53,15 @@ void mergeAssignments(const JsonValue& patch, const CollectionRow& row, VlanAssi
     dirty.gone = map.extract(at);
     change.vlanAssignments.push_back(std::move(dirty));
   };
-  mergeMembers(patch, row, map, faults, remove,
-               [&](const JsonValue& member, auto at, bool existed) {
-                 if (!existed) at = map.try_emplace(at, std::string(member.key));
-                 DirtyVlanAssignment dirty{{&*at, existed}};
-                 if (const JsonValue* vlans = member.find("vlan"))
-                   mergeVlans(*vlans, dirty, faults);
-                 refuseUnknown(member, *row.of, faults);
-                 std::ranges::sort(dirty.vlans, {}, &DirtyVlan::vlan);
-                 if (!existed || !dirty.vlans.empty())
-                   change.vlanAssignments.push_back(std::move(dirty));
-               });
+  const auto mergeOne = [&](const JsonValue& member, auto at, bool existed) {
+    if (!existed) at = map.try_emplace(at, std::string(member.key));
+    DirtyVlanAssignment dirty{{&*at, existed}};
+    if (const JsonValue* vlans = member.find("vlan")) mergeVlans(*vlans, dirty, faults);
+    refuseUnknown(member, *row.of, faults);
+    std::ranges::sort(dirty.vlans, {}, &DirtyVlan::vlan);
+    if (!existed || !dirty.vlans.empty()) change.vlanAssignments.push_back(std::move(dirty));
+  };
+  mergeMembers(patch, row, map, faults, remove, mergeOne);
 }
 
 void mergePortBindings(const JsonValue& patch, const CollectionRow& row, CloudState& state,
@@ -75,20 +73,19 @@ void mergePortBindings(const JsonValue& patch, const CollectionRow& row, CloudSt
     dirty.gone = map.extract(at);
     region.portBindings.push_back(std::move(dirty));
   };
-  mergeMembers(patch, row, map, faults, remove,
-               [&](const JsonValue& member, auto at, bool existed) {
-                 if (!existed) {
-                   at = map.try_emplace(at, std::string(member.key));
-                   at->second.region = &region.value();
-                   at->second.id = at->first;
-                 }
-                 DirtyPortBinding dirty{{&*at, existed}};
-                 auto* segments = region.existed ? &region.things[kSegmentRow] : nullptr;
-                 mergePortBinding(member, state, dirty, segments, faults);
-                 const bool changed =
-                     !existed || !dirty.attachments[0].empty() || !dirty.attachments[1].empty();
-                 if (changed && region.existed) region.portBindings.push_back(std::move(dirty));
-               });
+  const auto mergeOne = [&](const JsonValue& member, auto at, bool existed) {
+    if (!existed) {
+      at = map.try_emplace(at, std::string(member.key));
+      at->second.region = &region.value();
+      at->second.id = at->first;
+    }
+    DirtyPortBinding dirty{{&*at, existed}};
+    auto* segments = region.existed ? &region.things[kSegmentRow] : nullptr;
+    mergePortBinding(member, state, dirty, segments, faults);
+    const bool changed = !existed || !dirty.attachments[0].empty() || !dirty.attachments[1].empty();
+    if (changed && region.existed) region.portBindings.push_back(std::move(dirty));
+  };
+  mergeMembers(patch, row, map, faults, remove, mergeOne);
 }
 
 void mergeRegions(const JsonValue& patch, const CollectionRow& row, CloudState& state,
@@ -100,15 +97,15 @@ void mergeRegions(const JsonValue& patch, const CollectionRow& row, CloudState& 
     dirty.gone = map.extract(at);
     change.regions.push_back(std::move(dirty));
   };
-  mergeMembers(patch, row, map, faults, remove,
-               [&](const JsonValue& member, auto at, bool existed) {
-                 if (!existed) {
-                   at = map.try_emplace(at, std::string(member.key));
-                   at->second.name = at->first;
-                 }
-                 change.regions.push_back({{&*at, existed}});
-                 mergeRegion(member, state, change.regions.back(), faults);
-               });
+  const auto mergeOne = [&](const JsonValue& member, auto at, bool existed) {
+    if (!existed) {
+      at = map.try_emplace(at, std::string(member.key));
+      at->second.name = at->first;
+    }
+    change.regions.push_back({{&*at, existed}});
+    mergeRegion(member, state, change.regions.back(), faults);
+  };
+  mergeMembers(patch, row, map, faults, remove, mergeOne);
 }
 
 }  // namespace
