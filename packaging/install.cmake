@@ -4,6 +4,7 @@
 #                           added to an embedder's include path
 #   lib/                    libOpenStackSm.so, its CMake package and its pkg-config file
 #   share/doc/OpenStackSm/  the licence, the pages for embedders, the example host agent
+#   share/doc/vnagent/      the page about the cloud document
 #   bin/vnagent             with its man page and the completions of three shells
 #
 # Components: `library` has what a program needs at run time, `development` what is needed to build
@@ -90,6 +91,8 @@ if(OPENSTACKSM_AGENT)
     @ONLY)
   install(FILES ${PROJECT_BINARY_DIR}/packaging/vnagent.1
     DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT agent)
+  install(FILES ${PROJECT_SOURCE_DIR}/docs/cloud-document.md
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/vnagent COMPONENT agent)
   install(FILES ${CMAKE_CURRENT_LIST_DIR}/completions/vnagent.bash RENAME vnagent
     DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT agent)
   install(FILES ${CMAKE_CURRENT_LIST_DIR}/completions/_vnagent

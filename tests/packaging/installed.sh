@@ -26,6 +26,8 @@ if command -v mandoc >/dev/null; then
 fi
 grep -q "^.Os \"OpenStackSm $("$prefix/bin/vnagent" --version | cut -d' ' -f2)\"$" "$manual" ||
   fail "the man page is of another version than the program"
+page=$(grep -o 'share/doc/[^ ]*\.md' "$manual")
+[ -f "$prefix/$page" ] || fail "the man page points to $page, which is not installed"
 
 # shellcheck disable=SC2043
 for check in "bash share/bash-completion/completions/vnagent" \
