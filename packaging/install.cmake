@@ -65,7 +65,6 @@ install(FILES ${PROJECT_BINARY_DIR}/packaging/openstacksm.pc
 
 # The pages, and the programs that they quote; the example host agent is a project of its own.
 install(FILES ${PROJECT_SOURCE_DIR}/docs/embedding.md ${PROJECT_SOURCE_DIR}/docs/architecture.md
-              ${PROJECT_SOURCE_DIR}/docs/cloud-document.md
               ${PROJECT_SOURCE_DIR}/docs/architecture.svg ${PROJECT_SOURCE_DIR}/docs/architecture.dot
               ${PROJECT_SOURCE_DIR}/docs/framework.md ${PROJECT_SOURCE_DIR}/docs/output-model.md
               ${PROJECT_SOURCE_DIR}/docs/sync-protocol.md ${PROJECT_SOURCE_DIR}/docs/terms.md
