@@ -5,11 +5,6 @@
 namespace vnagent {
 namespace {
 
-bool isPrinted(const Scalar& value, const ScalarRow& row) {
-  if (value.index() == 0) return false;
-  return row.presence != ScalarRow::Presence::kOptional || value != defaultOf(row.form);
-}
-
 void writeScalars(const Values& values, const Kind& kind, JsonWriter& json) {
   for (size_t i = 0; i < values.size(); ++i) {
     const ScalarRow& row = kind.scalars[i];
@@ -25,19 +20,6 @@ void writeThings(const Things& things, const CollectionRow& row, JsonWriter& jso
   for (const auto& [key, thing] : things) {
     json.key(key);
     writeThing(thing, row, json);
-  }
-  json.close('}');
-}
-
-void writeAttachment(const Attachment& attachment, const Kind& kind, JsonWriter& json) {
-  json.open('{');
-  writeScalars(attachment.values, kind, json);
-  if (!attachment.levels.empty()) {
-    json.key(kLevels.front().name).open('{');
-    for (const Level& level : attachment.levels) {
-      json.key(uint64_t{level.level}).text(level.segment->first);
-    }
-    json.close('}');
   }
   json.close('}');
 }
@@ -66,15 +48,17 @@ void writeAssignments(const VlanAssignmentMap& map, const CollectionRow& row, Js
   if (map.empty()) return;
   json.key(row.name).open('{');
   for (const auto& [name, vlans] : map) {
-    json.key(name).open('{');
-    if (!vlans.empty()) {
-      json.key(kVlanAssignmentCollections.front().name).open('{');
-      for (const auto& [vlan, assigned] : vlans) json.key(uint64_t{vlan}).boolean(assigned);
-      json.close('}');
-    }
-    json.close('}');
+    json.key(name);
+    writeVlanAssignment(vlans, json);
   }
   json.close('}');
+}
+
+}  // namespace
+
+bool isPrinted(const Scalar& value, const ScalarRow& row) {
+  if (value.index() == 0) return false;
+  return row.presence != ScalarRow::Presence::kOptional || value != defaultOf(row.form);
 }
 
 bool isEmpty(const Config& config) {
@@ -84,7 +68,28 @@ bool isEmpty(const Config& config) {
   return config.vlanAssignment.empty() && std::ranges::all_of(config.things, &Things::empty);
 }
 
-}  // namespace
+void writeAttachment(const Attachment& attachment, const Kind& kind, JsonWriter& json) {
+  json.open('{');
+  writeScalars(attachment.values, kind, json);
+  if (!attachment.levels.empty()) {
+    json.key(kLevels.front().name).open('{');
+    for (const Level& level : attachment.levels) {
+      json.key(uint64_t{level.level}).text(level.segment->first);
+    }
+    json.close('}');
+  }
+  json.close('}');
+}
+
+void writeVlanAssignment(const VlanSet& vlans, JsonWriter& json) {
+  json.open('{');
+  if (!vlans.empty()) {
+    json.key(kVlanAssignmentCollections.front().name).open('{');
+    for (const auto& [vlan, assigned] : vlans) json.key(uint64_t{vlan}).boolean(assigned);
+    json.close('}');
+  }
+  json.close('}');
+}
 
 void writeThing(const Thing& thing, const CollectionRow& row, JsonWriter& json) {
   if (row.of == nullptr) {

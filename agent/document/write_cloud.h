@@ -15,5 +15,11 @@ void writeConfig(const Config& config, JsonWriter& json);
 void writeRegion(const Region& region, JsonWriter& json);
 void writePortBinding(const PortBinding& binding, JsonWriter& json);
 void writeThing(const Thing& thing, const CollectionRow& row, JsonWriter& json);
+void writeAttachment(const Attachment& attachment, const Kind& kind, JsonWriter& json);
+void writeVlanAssignment(const VlanSet& vlans, JsonWriter& json);
+
+// Whether a scalar is printed, and whether nothing of the configuration is.
+bool isPrinted(const Scalar& value, const ScalarRow& row);
+bool isEmpty(const Config& config);
 
 }  // namespace vnagent

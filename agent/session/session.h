@@ -45,7 +45,7 @@ struct StepOutcome {
   uint64_t step = 0;              // the steps of a session count from 0
   double time = 0;                // of the clock, when the step was done
   std::vector<Fault> faults;      // why the event was refused; none: it was applied
-  const Change* cloud = nullptr;  // what a patch did to the cloud document
+  const Change* cloud = nullptr;  // of a patch: the change of the cloud document (write_change.h)
   OutputDocument output;          // what has changed of the output, if the settings ask for it
 
   bool applied() const { return faults.empty(); }

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <limits>
 
+#include "agent/document/write_change.h"
 #include "agent/output/output_json.h"
 
 namespace vnagent {
@@ -217,6 +218,24 @@ TEST(CheckingSession, TakesEventsAndHoldsNoCloud) {
   EXPECT_EQ(session.time(), 5);
   EXPECT_EQ(session.nextTimer(), kNever);
   EXPECT_EQ(session.document().region.size(), 1U);
+}
+
+TEST_F(SessionTest, TheOutcomeOfAPatchHasTheChangeOfTheDocument) {
+  const auto cloudChange = [&](std::string_view line) -> std::string {
+    const StepOutcome outcome = take(line);
+    if (outcome.cloud == nullptr) return "none";
+    std::string text;
+    JsonWriter writer(text, JsonWriter::Style::kOneLine);
+    writeChange(session_.document(), *outcome.cloud, writer);
+    return text;
+  };
+  EXPECT_EQ(cloudChange("{'patch': {'region': {'R': {'port': {'p': {}, 'q': {'vlanType': 1}}}}}}"),
+            R"({"region": {"R": {"port": {"p": {}, "q": {"vlanType": 1}}}}})");
+  EXPECT_EQ(cloudChange("{'patch': {'region': {'R': {'port': {'p': {}, 'q': null}}}}}"),
+            R"({"region": {"R": {"port": {"q": null}}}})");
+  EXPECT_EQ(cloudChange("{'patch': {'region': {'R': {'port': {'p': {}}}}}}"), "{}");
+  EXPECT_EQ(cloudChange("{'patch': {'x': 1}}"), "none");
+  EXPECT_EQ(cloudChange("{'advance': 1}"), "none");
 }
 
 // Changes of the output.
