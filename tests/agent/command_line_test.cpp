@@ -78,7 +78,9 @@ TEST_F(CommandLine, AWrongCommandLineIsNamedInOneLine) {
       {{"import-neutron", "--region", "", "dir"},
        "--region: the empty string is no name (1 to 255 bytes)",
        "vnagent import-neutron"},
-      {{"import-neutron", "--region", "R"}, "DIR is required", "vnagent import-neutron"}};
+      {{"import-neutron", "--region", "R"}, "DIR is required", "vnagent import-neutron"},
+      {{"schema"}, "DOCUMENT is required", "vnagent schema"},
+      {{"schema", "x"}, "DOCUMENT: 'x' is neither cloud nor output", "vnagent schema"}};
   for (const auto& [arguments, fault, help] : wrong) {
     const auto result = vnagent(arguments);
     EXPECT_EQ(result.status, 2) << testing::PrintToString(arguments);
@@ -96,6 +98,7 @@ TEST_F(CommandLine, NumbersAreDecimal) {
     EXPECT_EQ(result.status, 0) << result.err;
     return result.out.find("\"syncTimedOut\"") != std::string::npos;
   };
+  EXPECT_TRUE(timedOut("0.5"));
   EXPECT_TRUE(timedOut("2"));
   EXPECT_FALSE(timedOut("2.5"));
   EXPECT_TRUE(timedOut("1.5e0"));
@@ -130,10 +133,14 @@ TEST_F(CommandLine, HelpSaysWhatThereIsAndTheVersionIsPrinted) {
   EXPECT_EQ(vnagent({"--version"}).status, 0);
 }
 
-TEST_F(CommandLine, HelpThatCannotBeWrittenIsAnError) {
-  const auto result = vnagentOnFullDevice({"--help"});
-  EXPECT_EQ(result.status, 1);
-  EXPECT_THAT(result.err, HasSubstr("cannot write to standard output: "));
+TEST_F(CommandLine, TextThatCannotBeWrittenIsAnError) {
+  const std::vector<std::vector<std::string>> commands{
+      {"--help"}, {"--version"}, {"schema", "cloud"}};
+  for (const auto& arguments : commands) {
+    const auto result = vnagentOnFullDevice(arguments);
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.err, HasSubstr("cannot write to standard output: No space left"));
+  }
 }
 
 TEST(NearestWord, IsTheOneThatTakesTheFewestChanges) {

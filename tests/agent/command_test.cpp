@@ -120,7 +120,8 @@ TEST_F(Commands, ImportReadsAFolderAndReportsWhatItLeavesOut) {
   file("ports.json", R"({"ports": [{"id": "p", "binding:vif_type": "unbound"}]})");
   const auto result = vnagent({"import-neutron", "--region", "Region/One", folder_.string()});
   EXPECT_EQ(result.status, 0);
-  EXPECT_THAT(result.out, AllOf(HasSubstr("\"Region/One\": {"), HasSubstr("\"p\": {")));
+  EXPECT_THAT(result.out, AllOf(HasSubstr("\"Region/One\": {"), HasSubstr("\"p\": {"),
+                                testing::EndsWith("}\n")));
   EXPECT_THAT(result.err, HasSubstr("segment s left out: "));
 }
 
