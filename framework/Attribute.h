@@ -46,6 +46,7 @@ struct On {
   void (N::*keyed)(KeyArgument<K>);  // from the loop, with the member's key
   void (N::*immediate)();            // at once, inside the mutator
   void (N::*whole)();                // from the loop, after the keyed one
+  std::string_view name = {};        // the attribute's, where its mutator takes an entity
 };
 
 namespace detail {
@@ -219,7 +220,7 @@ class Collection : public detail::Observed<HashMap<V, K>, K> {
   // Throws a range exception when null, or when it is a member of a collection already.
   template <class N>
   Ptr<V> is(const EntityBase& entity, const On<N, K>& on, const Ptr<V>& child) {
-    if (!child) throwRangeException("null entity given to a collection");
+    if (!child) throwNullArgument(on.name, entity.fwkType().name());
     if ((*this)[child->fwkKey()] == child.get()) return child;
     return add(entity, on, child);
   }
@@ -273,7 +274,7 @@ class References : public detail::Entries<K, Ptr<const E>> {
   template <class N>
   void is(const EntityBase& entity, const On<N, K>& on, const K& key,
           const Ptr<const E>& referred) {
-    if (!referred) throwRangeException("null entity given to a collection");
+    if (!referred) throwNullArgument(on.name, entity.fwkType().name());
     this->assign(entity, on, key, referred);
   }
 };

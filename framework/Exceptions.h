@@ -4,6 +4,7 @@
 
 #include <stdexcept>
 #include <string>
+#include <string_view>
 
 namespace [[gnu::visibility("default")]] Kiv {
 
@@ -32,6 +33,12 @@ class NameInUseException final : public Exception {
 [[noreturn]] void throwRangeException(const std::string& text);
 // Throws one with this text.
 [[noreturn]] void throwNameInUseException(const std::string& text);
+
+// The fixed text of the exception for a null argument to a collection's mutator. It closes with a
+// double-quote character, which readers of old logs search for.
+std::string nullArgumentText(std::string_view collection, std::string_view type);
+// Throws a range exception with that text.
+[[noreturn]] void throwNullArgument(std::string_view collection, std::string_view type);
 
 // A pointer value as text for an exception's message: the type's name and the address, or "null".
 std::string valueToStrepOfRawPtr(const void* pointer, const Type& type);

@@ -164,16 +164,16 @@ class Config final : public Kiv::Entity<Config> {
  private:
   static constexpr Kiv::On<NotifieeConst, Kiv::Name> kOnMandatoryRegion{
       &NotifieeConst::onMandatoryRegion, &NotifieeConst::onMandatoryRegionkivImmediate,
-      &NotifieeConst::onMandatoryRegion};
+      &NotifieeConst::onMandatoryRegion, "mandatoryRegion"};
   static constexpr Kiv::On<NotifieeConst, Kiv::Name> kOnCredentials{
       &NotifieeConst::onCredentials, &NotifieeConst::onCredentialskivImmediate,
-      &NotifieeConst::onCredentials};
+      &NotifieeConst::onCredentials, "credentials"};
   static constexpr Kiv::On<NotifieeConst, Kiv::Name> kOnVlanAssignment{
       &NotifieeConst::onVlanAssignment, &NotifieeConst::onVlanAssignmentkivImmediate,
-      &NotifieeConst::onVlanAssignment};
+      &NotifieeConst::onVlanAssignment, "vlanAssignment"};
   static constexpr Kiv::On<NotifieeConst, Kiv::Name> kOnKeystoneAuthUrl{
       &NotifieeConst::onKeystoneAuthUrl, &NotifieeConst::onKeystoneAuthUrlkivImmediate,
-      &NotifieeConst::onKeystoneAuthUrl};
+      &NotifieeConst::onKeystoneAuthUrl, "keystoneAuthUrl"};
 
   Kiv::Scalar<bool> enabled_;
   Kiv::Collection<NamedObject, Kiv::Name> mandatoryRegion_;

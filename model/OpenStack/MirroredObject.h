@@ -2,6 +2,8 @@
 // thread only.
 #pragma once
 
+#include <type_traits>
+
 #include "framework/Attribute.h"
 #include "framework/Text.h"
 
@@ -11,7 +13,8 @@ namespace [[gnu::visibility("default")]] OpenStack {
 template <class K>
 class MirroredObject final : public Kiv::Entity<MirroredObject<K>> {
  public:
-  static constexpr std::string_view kTypeName = "OpenStack::MirroredObject";
+  static constexpr std::string_view kTypeName =
+      std::is_same_v<K, Kiv::Name> ? "OpenStack::NamedObject" : "OpenStack::IdentifiedObject";
   const Kiv::GenericIf* genericIf() const override;
 
   class NotifieeConst : public Kiv::Notifiee<MirroredObject> {};

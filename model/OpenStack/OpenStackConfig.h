@@ -27,8 +27,9 @@ class OpenStackConfig final : public Kiv::Entity<OpenStackConfig> {
   void regionDelAll() { region_.delAll(*this, kOnRegion); }
 
  private:
-  static constexpr Kiv::On<NotifieeConst, Kiv::Name> kOnRegion{
-      &NotifieeConst::onRegion, &NotifieeConst::onRegionkivImmediate, &NotifieeConst::onRegion};
+  static constexpr Kiv::On<NotifieeConst, Kiv::Name> kOnRegion{&NotifieeConst::onRegion,
+                                                               &NotifieeConst::onRegionkivImmediate,
+                                                               &NotifieeConst::onRegion, "region"};
 
   Kiv::Collection<Region, Kiv::Name> region_;
 };

@@ -71,11 +71,12 @@ class PortBinding final : public Kiv::Entity<PortBinding> {
  private:
   static constexpr Kiv::On<NotifieeConst, Kiv::Name> kOnPortToHostBinding{
       &NotifieeConst::onPortToHostBinding, &NotifieeConst::onPortToHostBindingkivImmediate,
-      &NotifieeConst::onPortToHostBinding};
+      &NotifieeConst::onPortToHostBinding, "portToHostBinding"};
   static constexpr Kiv::On<NotifieeConst, VirtualNetwork::SwitchInterface>
       kOnPortToSwitchInterfaceBinding{&NotifieeConst::onPortToSwitchInterfaceBinding,
                                       &NotifieeConst::onPortToSwitchInterfaceBindingkivImmediate,
-                                      &NotifieeConst::onPortToSwitchInterfaceBinding};
+                                      &NotifieeConst::onPortToSwitchInterfaceBinding,
+                                      "portToSwitchInterfaceBinding"};
 
   Kiv::String portId_;
   Kiv::Scalar<Kiv::Ptr<const Port>> port_;

@@ -37,8 +37,9 @@ class PortToHostBinding final : public Kiv::Entity<PortToHostBinding> {
   void segmentDelAll() { segment_.delAll(*this, kOnSegment); }
 
  private:
-  static constexpr Kiv::On<NotifieeConst, Kiv::U8> kOnSegment{
-      &NotifieeConst::onSegment, &NotifieeConst::onSegmentkivImmediate, &NotifieeConst::onSegment};
+  static constexpr Kiv::On<NotifieeConst, Kiv::U8> kOnSegment{&NotifieeConst::onSegment,
+                                                              &NotifieeConst::onSegmentkivImmediate,
+                                                              &NotifieeConst::onSegment, "segment"};
 
   Kiv::Name host_;
   Kiv::References<Segment, Kiv::U8> segment_;

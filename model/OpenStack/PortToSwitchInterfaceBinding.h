@@ -14,10 +14,10 @@ class PortToSwitchInterfaceBinding final : public Kiv::Entity<PortToSwitchInterf
 
   class NotifieeConst : public Kiv::Notifiee<PortToSwitchInterfaceBinding> {
    public:
-    virtual void onHost() {}
     virtual void onSegment(Kiv::U8 /*level*/) {}
     virtual void onSegmentkivImmediate() {}
     virtual void onSegment() {}
+    virtual void onHost() {}
   };
 
   explicit PortToSwitchInterfaceBinding(VirtualNetwork::SwitchInterface switchInterface)
@@ -44,8 +44,9 @@ class PortToSwitchInterfaceBinding final : public Kiv::Entity<PortToSwitchInterf
   void segmentDelAll() { segment_.delAll(*this, kOnSegment); }
 
  private:
-  static constexpr Kiv::On<NotifieeConst, Kiv::U8> kOnSegment{
-      &NotifieeConst::onSegment, &NotifieeConst::onSegmentkivImmediate, &NotifieeConst::onSegment};
+  static constexpr Kiv::On<NotifieeConst, Kiv::U8> kOnSegment{&NotifieeConst::onSegment,
+                                                              &NotifieeConst::onSegmentkivImmediate,
+                                                              &NotifieeConst::onSegment, "segment"};
 
   VirtualNetwork::SwitchInterface switchInterface_;
   Kiv::Scalar<Kiv::Name> host_;

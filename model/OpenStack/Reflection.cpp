@@ -113,7 +113,7 @@ const Kiv::GenericIf* RegionStatus::genericIf() const {
       Kiv::plain("name", &RegionStatus::name), Kiv::plain("syncStatus", &RegionStatus::syncStatus),
       Kiv::plain("oldSyncStatus", &RegionStatus::oldSyncStatus),
       Kiv::plain("owner", &RegionStatus::owner), Kiv::plain("requestId", &RegionStatus::requestId),
-      Kiv::plain("vlanPool", Kiv::reader(&RegionStatus::vlanPool)),
+      Kiv::plain("vlanPool", &RegionStatus::onlyPool),
       Kiv::plain("vlanAssignmentUuid", &RegionStatus::vlanAssignmentUuid)));
   return &description;
 }

@@ -212,30 +212,33 @@ class Region final : public Kiv::Entity<Region> {
  private:
   static constexpr Kiv::On<NotifieeConst, Kiv::Name> kOnServiceEndPoint{
       &NotifieeConst::onServiceEndPoint, &NotifieeConst::onServiceEndPointkivImmediate,
-      &NotifieeConst::onServiceEndPoint};
+      &NotifieeConst::onServiceEndPoint, "serviceEndPoint"};
   static constexpr Kiv::On<NotifieeConst, Kiv::String> kOnTenant{
-      &NotifieeConst::onTenant, &NotifieeConst::onTenantkivImmediate, &NotifieeConst::onTenant};
+      &NotifieeConst::onTenant, &NotifieeConst::onTenantkivImmediate, &NotifieeConst::onTenant,
+      "tenant"};
   static constexpr Kiv::On<NotifieeConst, Kiv::String> kOnNetwork{
-      &NotifieeConst::onNetwork, &NotifieeConst::onNetworkkivImmediate, &NotifieeConst::onNetwork};
+      &NotifieeConst::onNetwork, &NotifieeConst::onNetworkkivImmediate, &NotifieeConst::onNetwork,
+      "network"};
   static constexpr Kiv::On<NotifieeConst, Kiv::String> kOnSegment{
-      &NotifieeConst::onSegment, &NotifieeConst::onSegmentkivImmediate, &NotifieeConst::onSegment};
+      &NotifieeConst::onSegment, &NotifieeConst::onSegmentkivImmediate, &NotifieeConst::onSegment,
+      "segment"};
   static constexpr Kiv::On<NotifieeConst, Kiv::String> kOnPort{
-      &NotifieeConst::onPort, &NotifieeConst::onPortkivImmediate, &NotifieeConst::onPort};
+      &NotifieeConst::onPort, &NotifieeConst::onPortkivImmediate, &NotifieeConst::onPort, "port"};
   static constexpr Kiv::On<NotifieeConst, Kiv::String> kOnVmInstance{
       &NotifieeConst::onVmInstance, &NotifieeConst::onVmInstancekivImmediate,
-      &NotifieeConst::onVmInstance};
+      &NotifieeConst::onVmInstance, "vmInstance"};
   static constexpr Kiv::On<NotifieeConst, Kiv::String> kOnDhcpInstance{
       &NotifieeConst::onDhcpInstance, &NotifieeConst::onDhcpInstancekivImmediate,
-      &NotifieeConst::onDhcpInstance};
+      &NotifieeConst::onDhcpInstance, "dhcpInstance"};
   static constexpr Kiv::On<NotifieeConst, Kiv::String> kOnBaremetalInstance{
       &NotifieeConst::onBaremetalInstance, &NotifieeConst::onBaremetalInstancekivImmediate,
-      &NotifieeConst::onBaremetalInstance};
+      &NotifieeConst::onBaremetalInstance, "baremetalInstance"};
   static constexpr Kiv::On<NotifieeConst, Kiv::String> kOnRouterInstance{
       &NotifieeConst::onRouterInstance, &NotifieeConst::onRouterInstancekivImmediate,
-      &NotifieeConst::onRouterInstance};
+      &NotifieeConst::onRouterInstance, "routerInstance"};
   static constexpr Kiv::On<NotifieeConst, Kiv::String> kOnPortBinding{
       &NotifieeConst::onPortBinding, &NotifieeConst::onPortBindingkivImmediate,
-      &NotifieeConst::onPortBinding};
+      &NotifieeConst::onPortBinding, "portBinding"};
 
   Kiv::Name name_;
   Kiv::Collection<NamedObject, Kiv::Name> serviceEndPoint_;

@@ -3,10 +3,10 @@
 namespace [[gnu::visibility("default")]] OpenStack {
 
 Kiv::Ptr<VlanPool> RegionStatus::vlanPoolIs(const Kiv::Name& name) {
-  if (const Kiv::Ptr<VlanPool> pool = vlanPool(); pool && pool->name() == name) return pool;
-  Kiv::Ptr<VlanPool> pool = Kiv::make<VlanPool>(name);
-  vlanPool_.is(*this, &NotifieeConst::onVlanPool, pool);
-  return pool;
+  const Kiv::Ptr<RegionStatus> hold(this);
+  const Kiv::Name own = name;  // the caller's may belong to the pool that is deleted
+  if (!vlanPool_.contains(own)) vlanPoolDelAll();
+  return vlanPool_.is(*this, kOnVlanPool, own);
 }
 
 }  // namespace OpenStack

@@ -6,6 +6,32 @@
 
 namespace [[gnu::visibility("default")]] OpenStack {
 
+// The VLAN pools of a region status, of which there is one at most: that pool, or null, and the
+// operations of a keyed collection. Borrowed until the status changes. P: VlanPool, const or not.
+template <class P>
+class VlanPools : public Kiv::Ptr<P> {
+  using Collection = Kiv::Collection<VlanPool, Kiv::Name>;
+  using Map = std::conditional_t<std::is_const_v<P>, const Collection, Collection>;
+
+ public:
+  VlanPools(std::nullptr_t) {}
+  explicit VlanPools(Map& map) : map_(&map) {
+    for (const auto& pool : map) Kiv::Ptr<P>::operator=(Kiv::Ptr<P>(pool));
+  }
+
+  // The pool of this name; null when absent.
+  P* operator[](const Kiv::Name& name) const { return map_ == nullptr ? nullptr : (*map_)[name]; }
+  bool contains(const Kiv::Name& name) const { return (*this)[name] != nullptr; }
+  std::size_t size() const { return map_ == nullptr ? 0 : map_->size(); }
+  bool empty() const { return size() == 0; }
+  // Iteration; REQUIRES: not made from null.
+  auto begin() const { return map_->begin(); }
+  auto end() const { return map_->end(); }
+
+ private:
+  Map* map_ = nullptr;
+};
+
 // What the machines say of one region.
 class RegionStatus final : public Kiv::Entity<RegionStatus> {
  public:
@@ -18,6 +44,8 @@ class RegionStatus final : public Kiv::Entity<RegionStatus> {
     virtual void onOldSyncStatus() {}
     virtual void onOwner() {}
     virtual void onRequestId() {}
+    virtual void onVlanPool(const Kiv::Name& /*name*/) {}
+    virtual void onVlanPoolkivImmediate() {}
     virtual void onVlanPool() {}
     virtual void onVlanAssignmentUuid() {}
   };
@@ -46,12 +74,16 @@ class RegionStatus final : public Kiv::Entity<RegionStatus> {
   const Kiv::String& requestId() const { return requestId_.get(); }
   void requestIdIs(const Kiv::String& v) { requestId_.is(*this, &NotifieeConst::onRequestId, v); }
 
-  // The VLAN pool; owned, null until it is made. vlanPoolIs() returns the pool of this name, made
-  // when there is none.
-  Kiv::Ptr<const VlanPool> vlanPool() const { return vlanPool_.get(); }
-  Kiv::Ptr<VlanPool> vlanPool() { return vlanPool_.get(); }
+  // The VLAN pool, by its name; owned. There is one at most: vlanPoolIs() returns the pool of this
+  // name, which is made in the place of another one when absent.
+  VlanPools<const VlanPool> vlanPool() const { return VlanPools<const VlanPool>(vlanPool_); }
+  VlanPools<VlanPool> vlanPool() { return VlanPools<VlanPool>(vlanPool_); }
   Kiv::Ptr<VlanPool> vlanPoolIs(const Kiv::Name& name);
-  void vlanPoolDel() { vlanPool_.is(*this, &NotifieeConst::onVlanPool, nullptr); }
+  Kiv::Ptr<VlanPool> vlanPoolDel(const Kiv::Name& name) {
+    return vlanPool_.del(*this, kOnVlanPool, name);
+  }
+  void vlanPoolDel() { vlanPoolDelAll(); }
+  void vlanPoolDelAll() { vlanPool_.delAll(*this, kOnVlanPool); }
 
   // Stamped anew at each change of the VLAN assignment; empty before the first.
   const Kiv::String& vlanAssignmentUuid() const { return vlanAssignmentUuid_.get(); }
@@ -60,12 +92,19 @@ class RegionStatus final : public Kiv::Entity<RegionStatus> {
   }
 
  private:
+  static constexpr Kiv::On<NotifieeConst, Kiv::Name> kOnVlanPool{
+      &NotifieeConst::onVlanPool, &NotifieeConst::onVlanPoolkivImmediate,
+      &NotifieeConst::onVlanPool};
+
+  // For the table of attributes.
+  Kiv::Ptr<const VlanPool> onlyPool() const { return vlanPool(); }
+
   Kiv::Name name_;
   Kiv::Scalar<SyncStatus> syncStatus_;
   Kiv::Scalar<SyncStatus> oldSyncStatus_;
   Kiv::Scalar<Kiv::String> owner_;
   Kiv::Scalar<Kiv::String> requestId_;
-  Kiv::Scalar<Kiv::Ptr<VlanPool>> vlanPool_;
+  Kiv::Collection<VlanPool, Kiv::Name> vlanPool_;
   Kiv::Scalar<Kiv::String> vlanAssignmentUuid_;
 };
 

@@ -18,7 +18,8 @@ struct ValueTraits<OpenStack::SyncStatus> : StreamedTraits<OpenStack::SyncStatus
     for (const auto status : {syncUnknown, syncInProgress, syncTimedOut, syncComplete}) {
       if (text(status) == name) return status;
     }
-    return std::nullopt;
+    const auto number = ValueTraits<U32>::parse(name);
+    return number ? std::optional(static_cast<OpenStack::SyncStatus>(*number)) : std::nullopt;
   }
 };
 

@@ -9,7 +9,7 @@ PhysicalInterface::PhysicalInterface(Kiv::String name) : name_(std::move(name)) 
 PhysicalInterface::~PhysicalInterface() = default;
 
 void PhysicalInterface::configuredElementIs(const Kiv::Ptr<const NetworkElement>& element) {
-  if (!element) Kiv::throwRangeException("null element given to configuredElement");
+  if (!element) Kiv::throwNullArgument(kOnConfiguredElement.name, kTypeName);
   configuredElement_.is(*this, kOnConfiguredElement, element->name(), element);
 }
 

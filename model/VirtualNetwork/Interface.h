@@ -71,7 +71,7 @@ class PhysicalInterface final : public Kiv::Entity<PhysicalInterface, Interface>
  private:
   static constexpr Kiv::On<NotifieeConst, Kiv::Name> kOnConfiguredElement{
       &NotifieeConst::onConfiguredElement, &NotifieeConst::onConfiguredElementkivImmediate,
-      &NotifieeConst::onConfiguredElement};
+      &NotifieeConst::onConfiguredElement, "configuredElement"};
 
   Kiv::String name_;
   Kiv::References<NetworkElement, Kiv::Name> configuredElement_;

@@ -4,6 +4,46 @@
 #include "model/VirtualNetwork/RequestedResources.h"
 #include "model/VirtualNetwork/Values.h"
 
+namespace [[gnu::visibility("default")]] Kiv {
+namespace {
+
+// A text with a backslash before each of these characters.
+std::string escaped(std::string_view text, std::string_view characters) {
+  std::string all;
+  for (const char c : text) {
+    if (characters.find(c) != std::string_view::npos) all += '\\';
+    all += c;
+  }
+  return all;
+}
+
+}  // namespace
+
+using SwitchInterfaceTraits = ValueTraits<VirtualNetwork::SwitchInterface>;
+
+std::string SwitchInterfaceTraits::text(const VirtualNetwork::SwitchInterface& si) {
+  return escaped(si.switchIdentifier().view(), "\\") + ':' +
+         escaped(si.interfaceName().view(), "\\:");
+}
+
+std::optional<VirtualNetwork::SwitchInterface> SwitchInterfaceTraits::parse(std::string_view text) {
+  std::string plain;
+  std::size_t colon = std::string::npos;  // in `plain`
+  for (std::size_t at = 0; at < text.size(); ++at) {
+    if (text[at] == ':') {
+      colon = plain.size();
+    } else if (text[at] == '\\') {
+      if (++at == text.size()) return std::nullopt;
+    }
+    plain += text[at];
+  }
+  if (colon == std::string::npos) return std::nullopt;
+  return VirtualNetwork::SwitchInterface(String(plain.substr(0, colon)),
+                                         String(plain.substr(colon + 1)));
+}
+
+}  // namespace Kiv
+
 namespace [[gnu::visibility("default")]] VirtualNetwork {
 
 const Kiv::GenericIf* VniReferences::genericIf() const {

@@ -6,17 +6,14 @@
 
 namespace [[gnu::visibility("default")]] Kiv {
 
-// As text "switch:interface". A switch identifier may hold colons itself, so the last one counts.
+// As text "switch:interface", with a backslash before each backslash, and before each colon of the
+// interface; so the last colon without one separates the two.
 template <>
-struct ValueTraits<VirtualNetwork::SwitchInterface>
-    : StreamedTraits<VirtualNetwork::SwitchInterface, ValueForm::text> {
+struct ValueTraits<VirtualNetwork::SwitchInterface> {
   static constexpr std::string_view kTypeName = "VirtualNetwork::SwitchInterface";
-  static std::optional<VirtualNetwork::SwitchInterface> parse(std::string_view text) {
-    const std::size_t colon = text.rfind(':');
-    if (colon == std::string_view::npos) return std::nullopt;
-    return VirtualNetwork::SwitchInterface(String(text.substr(0, colon)),
-                                           String(text.substr(colon + 1)));
-  }
+  static constexpr ValueForm kForm = ValueForm::text;
+  static std::string text(const VirtualNetwork::SwitchInterface& si);
+  static std::optional<VirtualNetwork::SwitchInterface> parse(std::string_view text);
 };
 
 }

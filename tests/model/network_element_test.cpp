@@ -9,7 +9,7 @@ Kiv::U64 elementsAlive() {
   return Kiv::typeRecord<VirtualNetwork::NetworkElement>.allocations().liveCount();
 }
 
-TEST(NetworkElementTest, ElementsThatReferToEachOtherGoWithTheirCollection) {
+TEST(NetworkElementTest, ElementsThatReferToEachOtherAreFreedWithTheirCollection) {
   const Kiv::ActivityManager loop;
   const Kiv::U64 before = elementsAlive();
   {

@@ -3,8 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 #include "model/OpenStack/NameResolution.h"
+#include "model/OpenStack/Values.h"
 #include "tests/model/open_stack_watchers.h"
 
 namespace {
@@ -23,6 +25,17 @@ using VirtualNetwork::SwitchInterface;
 using namespace Model;
 
 class OpenStackModelTest : public ModelTest {};
+
+// The text of the range exception that `run` throws.
+template <class Run>
+std::string refusal(Run run) {
+  try {
+    run();
+  } catch (const Kiv::RangeException& e) {
+    return e.what();
+  }
+  return "nothing was thrown";
+}
 
 TEST_F(OpenStackModelTest, TheAgentConfigurationsScalarsAreObservable) {
   using C = OpenStack::Config;
@@ -177,7 +190,7 @@ TEST_F(OpenStackModelTest, APortBindingIsObservable) {
                    &B::portToSwitchInterfaceBindingIs, SwitchInterface("sw", "Ethernet1"));
 }
 
-TEST_F(OpenStackModelTest, ARemovedHostBindingIsToldByItsKeyAndThenNotFound) {
+TEST_F(OpenStackModelTest, ARemovedHostBindingIsNotifiedByItsKeyAndNotFound) {
   const auto binding = make<OpenStack::PortBinding>("port-1");
   binding->portToHostBindingIs("host-1");
   bool there = true;
@@ -262,6 +275,8 @@ TYPED_TEST(SegmentLevelsTest, LevelsStandInAscendingOrder) {
 TYPED_TEST(SegmentLevelsTest, ANullSegmentThrows) {
   const auto binding = this->binding();
   EXPECT_THROW(binding->segmentIs(0, nullptr), Kiv::RangeException);
+  EXPECT_EQ(refusal([&] { binding->segmentIs(0, nullptr); }),
+            Kiv::nullArgumentText("segment", binding->fwkType().name()));
   EXPECT_TRUE(binding->segment().empty());
 }
 
@@ -319,6 +334,80 @@ TEST_F(OpenStackModelTest, ARegionStatusHasOnePoolWhichIsMadeOnce) {
   EXPECT_EQ(status->vlanPool(), nullptr);
 }
 
+TEST_F(OpenStackModelTest, ARegionStatusesPoolsAreAKeyedCollection) {
+  const auto status = make<OpenStack::RegionStatus>("R");
+  EXPECT_EQ(status->vlanPool().size(), 0U);
+  EXPECT_TRUE(status->vlanPool().empty());
+  EXPECT_EQ(status->vlanPool()["R"], nullptr);
+  const auto pool = status->vlanPoolIs("R");
+  EXPECT_EQ(status->vlanPool()["R"], pool.get());
+  EXPECT_EQ(status->vlanPool()["S"], nullptr);
+  EXPECT_TRUE(status->vlanPool().contains("R"));
+  EXPECT_EQ(std::as_const(*status).vlanPool().size(), 1U);
+  std::vector<std::string> names;
+  for (const auto& each : status->vlanPool()) names.push_back(each->name().str());
+  for (const auto& each : std::as_const(*status).vlanPool()) names.push_back(each->name().str());
+  EXPECT_THAT(names, ElementsAre("R", "R"));
+  EXPECT_EQ(status->vlanPoolDel("S"), nullptr);
+  EXPECT_EQ(status->vlanPoolDel("R"), pool);
+  EXPECT_TRUE(status->vlanPool().empty());
+  EXPECT_FALSE(status->vlanPool());
+}
+
+TEST_F(OpenStackModelTest, ANullEntityIsRefusedWithTheTextOfItsCollection) {
+  const auto region = make<OpenStack::Region>("R");
+  const auto refused = [&](std::string_view name, auto mutator) {
+    EXPECT_EQ(refusal([&] { mutator(); }), Kiv::nullArgumentText(name, "OpenStack::Region"));
+  };
+  using OpenStack::IdentifiedObject;
+  using OpenStack::NamedObject;
+  refused("serviceEndPoint", [&] { region->serviceEndPointIs(Ptr<NamedObject>()); });
+  refused("tenant", [&] { region->tenantIs(Ptr<IdentifiedObject>()); });
+  refused("network", [&] { region->networkIs(Ptr<IdentifiedObject>()); });
+  refused("segment", [&] { region->segmentIs(Ptr<OpenStack::Segment>()); });
+  refused("port", [&] { region->portIs(Ptr<OpenStack::Port>()); });
+  refused("vmInstance", [&] { region->vmInstanceIs(Ptr<IdentifiedObject>()); });
+  refused("dhcpInstance", [&] { region->dhcpInstanceIs(Ptr<IdentifiedObject>()); });
+  refused("baremetalInstance", [&] { region->baremetalInstanceIs(Ptr<IdentifiedObject>()); });
+  refused("routerInstance", [&] { region->routerInstanceIs(Ptr<IdentifiedObject>()); });
+  refused("portBinding", [&] { region->portBindingIs(Ptr<OpenStack::PortBinding>()); });
+  const auto config = make<OpenStack::Config>();
+  EXPECT_EQ(refusal([&] { config->vlanAssignmentIs(Ptr<OpenStack::VlanAssignment>()); }),
+            "null _vlanAssignment parameter to mutator for OpenStack::Config::vlanAssignment not "
+            "allowed\"");
+  EXPECT_EQ(refusal([&] { config->credentialsIs(Ptr<NamedObject>()); }),
+            Kiv::nullArgumentText("credentials", "OpenStack::Config"));
+  const auto cloud = make<OpenStack::OpenStackConfig>();
+  EXPECT_EQ(refusal([&] { cloud->regionIs(Ptr<OpenStack::Region>()); }),
+            Kiv::nullArgumentText("region", "OpenStack::OpenStackConfig"));
+  const auto binding = make<OpenStack::PortBinding>("p");
+  EXPECT_EQ(refusal([&] { binding->portToHostBindingIs(Ptr<OpenStack::PortToHostBinding>()); }),
+            Kiv::nullArgumentText("portToHostBinding", "OpenStack::PortBinding"));
+  EXPECT_EQ(
+      refusal([&] {
+        binding->portToSwitchInterfaceBindingIs(Ptr<OpenStack::PortToSwitchInterfaceBinding>());
+      }),
+      Kiv::nullArgumentText("portToSwitchInterfaceBinding", "OpenStack::PortBinding"));
+}
+
+// Whether a watcher of class W can be given an entity of class E, as far as the compiler knows.
+template <class W, class E>
+concept Watches = requires(W& watcher, const Ptr<E>& entity) {
+  watcher.notifierIs(entity);
+};
+
+TEST_F(OpenStackModelTest, AWatcherOnAnotherClassOfEntityDoesNotCompile) {
+  using W = OpenStack::Region::NotifieeConst;
+  static_assert(Watches<W, OpenStack::Region>);
+  static_assert(Watches<W, const OpenStack::Region>);
+  static_assert(Watches<W, const Kiv::PtrInterface>, "known at run time only");
+  static_assert(!Watches<W, OpenStack::Segment>);
+  static_assert(!Watches<W, const OpenStack::Config>);
+  using R = RegionStatusWatcher;
+  static_assert(Watches<R, OpenStack::RegionStatus>);
+  static_assert(!Watches<R, OpenStack::Region>);
+}
+
 TEST_F(OpenStackModelTest, ARemovedRegionStatusTakesItsPoolAlong) {
   const auto all = make<OpenStack::OpenStackStatus>();
   const Ptr<OpenStack::VlanPool> pool = all->regionStatusIs("a")->vlanPoolIs("a");
@@ -341,7 +430,7 @@ TEST_F(OpenStackModelTest, AVlanPoolsSetsAreObservable) {
                 &P::availableVlanDelAll, a, b);
 }
 
-TEST_F(OpenStackModelTest, EntitiesTellTheirTypes) {
+TEST_F(OpenStackModelTest, EntitiesReportTheirTypes) {
   EXPECT_EQ(make<OpenStack::Config>()->fwkType().name(), "OpenStack::Config");
   EXPECT_EQ(make<OpenStack::OpenStackConfig>()->fwkType().name(), "OpenStack::OpenStackConfig");
   EXPECT_EQ(make<OpenStack::OpenStackStatus>()->fwkType().name(), "OpenStack::OpenStackStatus");
@@ -362,6 +451,11 @@ TEST_F(OpenStackModelTest, MirroredObjectsAreKeyedByTheirIds) {
   EXPECT_EQ(make<OpenStack::IdentifiedObject>("a")->fwkKey(), "a");
 }
 
+TEST_F(OpenStackModelTest, NamedAndIdentifiedObjectsAreOfDifferentTypes) {
+  EXPECT_FALSE(make<OpenStack::NamedObject>("a")->fwkType() ==
+               make<OpenStack::IdentifiedObject>("a")->fwkType());
+}
+
 // Values
 
 TEST(EnumerationsTest, ASyncStatusPrintsItsNameOrItsNumber) {
@@ -377,6 +471,21 @@ TEST(EnumerationsTest, ASegmentationTypePrintsItsNameOrItsNumber) {
   EXPECT_EQ(text(SegmentationType::vxlan), "vxlan");
   EXPECT_EQ(text(static_cast<SegmentationType>(2)), "2");
   EXPECT_EQ(text(static_cast<SegmentationType>(255)), "255");
+}
+
+TEST(EnumerationsTest, WhatPrintsParses) {
+  for (const Kiv::U32 number : {0U, 3U, 4U, 4294967295U}) {
+    const auto status = static_cast<SyncStatus>(number);
+    using Traits = Kiv::ValueTraits<SyncStatus>;
+    EXPECT_EQ(Traits::parse(Traits::text(status)), status);
+  }
+  for (const unsigned number : {0U, 1U, 2U, 255U}) {
+    const auto type = static_cast<SegmentationType>(number);
+    using Traits = Kiv::ValueTraits<SegmentationType>;
+    EXPECT_EQ(Traits::parse(Traits::text(type)), type);
+  }
+  EXPECT_EQ(Kiv::ValueTraits<SyncStatus>::parse("4294967296"), std::nullopt);
+  EXPECT_EQ(Kiv::ValueTraits<SyncStatus>::parse("syncNever"), std::nullopt);
 }
 
 TEST(EnumerationsTest, TheirNumbersAreFixed) {

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "model/VirtualNetwork/Values.h"
 #include "tests/model/virtual_network_watchers.h"
 
 namespace {
@@ -155,7 +156,14 @@ TEST_F(VirtualNetworkModelTest, AnInterfaceRefersToTheElementsBehindItByTheirNam
 
 TEST_F(VirtualNetworkModelTest, ANullElementThrowsAndIsNotReferredTo) {
   const auto interface = make<VirtualNetwork::PhysicalInterface>("Ethernet1");
-  EXPECT_THROW(interface->configuredElementIs(nullptr), Kiv::RangeException);
+  try {
+    interface->configuredElementIs(nullptr);
+    ADD_FAILURE() << "nothing was thrown";
+  } catch (const Kiv::RangeException& e) {
+    EXPECT_STREQ(e.what(),
+                 "null _configuredElement parameter to mutator for "
+                 "VirtualNetwork::PhysicalInterface::configuredElement not allowed\"");
+  }
   EXPECT_TRUE(interface->configuredElement().empty());
 }
 
@@ -168,7 +176,7 @@ TEST_F(VirtualNetworkModelTest, AnElementAndItsInterfacesMayReferToEachOther) {
   EXPECT_EQ(host->references(), 2U);
 }
 
-TEST_F(VirtualNetworkModelTest, EntitiesTellTheirTypes) {
+TEST_F(VirtualNetworkModelTest, EntitiesReportTheirTypes) {
   EXPECT_EQ(make<VirtualNetwork::RequestedResourcesCollection>()->fwkType().name(),
             "VirtualNetwork::RequestedResourcesCollection");
   EXPECT_EQ(make<VirtualNetwork::NetworkElementCollection>()->fwkType().name(),
@@ -189,6 +197,21 @@ TEST(SwitchInterfaceTest, IsAPairOfTexts) {
   EXPECT_EQ(si.interfaceName(), "Ethernet1/2");
   EXPECT_EQ(si.name(), "sw-1:Ethernet1/2");
   EXPECT_EQ(text(si), "sw-1:Ethernet1/2");
+}
+
+TEST(SwitchInterfaceTest, WhatReflectionPrintsItParses) {
+  using Traits = Kiv::ValueTraits<SwitchInterface>;
+  EXPECT_EQ(Traits::text({"sw", "e1"}), "sw:e1");
+  EXPECT_EQ(Traits::text({"00:11:22", "e1"}), "00:11:22:e1");
+  for (const char* sw : {"", "sw", "a:b", ":", "a\\", "\\:", "a\\:b:"}) {
+    for (const char* interface : {"", "e1", "e:1", ":", "\\", "\\:", "e\\:1:", ":e"}) {
+      const SwitchInterface si(sw, interface);
+      EXPECT_EQ(Traits::parse(Traits::text(si)), si) << Traits::text(si);
+    }
+  }
+  EXPECT_EQ(Traits::parse("sw"), std::nullopt);
+  EXPECT_EQ(Traits::parse("sw\\:e1"), std::nullopt);
+  EXPECT_EQ(Traits::parse("sw:e1\\"), std::nullopt);
 }
 
 TEST(SwitchInterfaceTest, EqualPairsAreEqualAndHashAlike) {
