@@ -14,4 +14,12 @@ void assertionFailed(std::string_view text, std::string_view file,
   std::abort();
 }
 
+void assertionFailed(std::string_view text, std::string_view file, std::string_view function,
+                     std::string_view about) noexcept {
+  if (!about.empty()) {
+    std::fprintf(stderr, "%.*s\n", static_cast<int>(about.size()), about.data());
+  }
+  assertionFailed(text, file, function);
+}
+
 }  // namespace Kiv

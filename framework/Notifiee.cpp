@@ -24,10 +24,9 @@ void NotifieeBase::notifierIs(const Ptr<const PtrInterface>& entity) {
 
 void NotifieeBase::isRegisteredNotifieeIs(bool registered) {
   if (registered == this->registered() || !notifier_) return;
-  if (registered) {
-    notifier_->notifieeList()->add(*this);
-  } else if (next_ != nullptr) {
-    notifier_->notifieeList()->remove(*this);
+  if (!passive()) {
+    NotifieeList& list = *notifier_->notifieeList();
+    registered ? list.add(*this) : list.remove(*this);
   }
   registeredIs(registered);
 }
@@ -39,12 +38,12 @@ void NotifieeList::ListCursor::unlinking(const NotifieeList& list, const Notifie
 
 void NotifieeList::ListCursor::correct(const NotifieeBase& unlinked) {
   if (removed_ && &unlinked == next_) {
-    next_ = next_ == last_ ? nullptr : next_->next_;
+    next_ = next_ == last_ ? nullptr : next_->links_.ring.next;
   } else if (!removed_ && &unlinked == notifiee()) {
-    next_ = &unlinked == last_ ? nullptr : unlinked.next_;
+    next_ = &unlinked == last_ ? nullptr : unlinked.links_.ring.next;
     removed_ = true;
   } else if (&unlinked == last_) {
-    last_ = last_->previous_;
+    last_ = last_->links_.ring.previous;
   }
 }
 
@@ -52,32 +51,32 @@ void NotifieeList::ListCursor::nextOfStale() {
   do {
     NotifieeBase* const called = notifiee();
     NotifieeBase* next = next_;
-    if (!std::exchange(removed_, false)) next = called == last_ ? nullptr : called->next_;
+    if (!std::exchange(removed_, false)) next = called == last_ ? nullptr : called->links_.ring.next;
     advance(next);  // may free `called`, and with it `next` and others
   } while (notifiee() != nullptr && pinned());
 }
 
 void NotifieeList::add(NotifieeBase& notifiee) {
   if (first_ == nullptr) {
-    first_ = notifiee.previous_ = notifiee.next_ = &notifiee;
+    first_ = notifiee.links_.ring.previous = notifiee.links_.ring.next = &notifiee;
     return;
   }
-  notifiee.next_ = first_;
-  notifiee.previous_ = first_->previous_;
-  notifiee.previous_->next_ = &notifiee;
-  first_->previous_ = &notifiee;
+  notifiee.links_.ring.next = first_;
+  notifiee.links_.ring.previous = first_->links_.ring.previous;
+  notifiee.links_.ring.previous->links_.ring.next = &notifiee;
+  first_->links_.ring.previous = &notifiee;
 }
 
 void NotifieeList::remove(NotifieeBase& notifiee) {
   ListCursor::unlinking(*this, notifiee);
-  if (notifiee.next_ == &notifiee) {
+  if (notifiee.links_.ring.next == &notifiee) {
     first_ = nullptr;
   } else {
-    notifiee.previous_->next_ = notifiee.next_;
-    notifiee.next_->previous_ = notifiee.previous_;
-    if (first_ == &notifiee) first_ = notifiee.next_;
+    notifiee.links_.ring.previous->links_.ring.next = notifiee.links_.ring.next;
+    notifiee.links_.ring.next->links_.ring.previous = notifiee.links_.ring.previous;
+    if (first_ == &notifiee) first_ = notifiee.links_.ring.next;
   }
-  notifiee.previous_ = notifiee.next_ = nullptr;
+  notifiee.links_.ring.previous = notifiee.links_.ring.next = nullptr;
 }
 
 }  // namespace Kiv

@@ -19,6 +19,10 @@
 // thread only.
 #pragma once
 
+#include <cstddef>
+#include <new>
+#include <type_traits>
+
 #include "framework/HashMap.h"
 #include "framework/detail/Cursor.h"
 #include "framework/detail/PackedHandler.h"
@@ -31,6 +35,8 @@ class EntityBase;
 class NotifieeBase : public Member {
  public:
   static constexpr std::string_view kTypeName = "Kiv::Notifiee";
+  // How much memory a passive notifiee has of its own; see passiveIs().
+  static constexpr std::size_t kPassiveBytes = 2 * sizeof(void*);
 
   // Connects to an entity of the observed type; null disconnects. Leaves the old entity's list;
   // registering with the new one is a step of its own. Throws a range exception for an entity of
@@ -64,9 +70,16 @@ class NotifieeBase : public Member {
 
   // The observed entity, its class unknown; null when not connected.
   const EntityBase* notifierBase() const { return notifier_.get(); }
-  // Registers a notifiee whose class overrides no handler. It is not added to the list, as there is
-  // nothing to call. Does nothing without an entity.
-  void registerPassively() { registeredIs(notifier_ != nullptr); }
+
+  // Makes this a passive notifiee, of a class that overrides no handler: as there is nothing to
+  // call, it is in no list, also when it is registered, and the memory of its links belongs to its
+  // class. REQUIRES: called from the constructor, before it is connected.
+  void passiveIs() { initializedIs(true); }
+  // That memory; its class makes and ends what is in it. REQUIRES: passive.
+  template <class T>
+  T* own(std::size_t offset) const {
+    return std::launder(reinterpret_cast<T*>(links_.own + offset));
+  }
 
  private:
   friend class NotifieeList;
@@ -80,9 +93,18 @@ class NotifieeBase : public Member {
     return static_cast<const N*>(static_cast<const NotifieeBase&>(notifiee).kivUnsubscribed());
   }
 
+  bool passive() const { return initialized(); }
+
   Ptr<const EntityBase> notifier_;
-  NotifieeBase* previous_ = nullptr;  // in the entity's circular list
-  NotifieeBase* next_ = nullptr;      // null where it is in no list
+  // In the entity's circular list; both null where it is in no list.
+  union Links {
+    Links() : ring{nullptr, nullptr} {}
+    struct {
+      NotifieeBase* previous;
+      NotifieeBase* next;
+    } ring;
+    mutable std::byte own[kPassiveBytes];  // of a passive notifiee
+  } links_;
 };
 
 // The registered notifiees of one entity, in the order of their registration: an intrusive circular
@@ -113,7 +135,7 @@ class NotifieeList {
     NotifieeBase* notifiee = first_;
     do {
       if (notifiee->listens()) call(*notifiee);
-      notifiee = notifiee->next_;
+      notifiee = notifiee->links_.ring.next;
     } while (notifiee != first_);
   }
 
@@ -126,7 +148,7 @@ class NotifieeList {
   class ListCursor : private detail::Cursor {
    public:
     // At the first notifiee. REQUIRES: there is one.
-    explicit ListCursor(const NotifieeList& list) : last_(list.first_->previous_) {
+    explicit ListCursor(const NotifieeList& list) : last_(list.first_->links_.ring.previous) {
       begin(&list, list.first_);
     }
 
@@ -136,7 +158,7 @@ class NotifieeList {
       if (stale()) [[unlikely]]
         return nextOfStale();
       NotifieeBase* const called = notifiee();
-      advance(called == last_ ? nullptr : called->next_);
+      advance(called == last_ ? nullptr : called->links_.ring.next);
     }
 
     // Corrects the cursors of a list for a notifiee that is about to be unlinked.
@@ -166,6 +188,12 @@ class Notifiee : public Base {
 
   // The observed entity; null when not connected.
   const E* notifier() const { return static_cast<const E*>(this->notifierBase()); }
+
+  // Connects; see NotifieeBase. An entity that is known to be of another class does not compile.
+  using Base::notifierIs;
+  template <class T>
+  requires(!std::is_base_of_v<E, std::remove_const_t<T>> &&
+           !std::is_base_of_v<std::remove_const_t<T>, E>) void notifierIs(const Ptr<T>&) = delete;
 
  protected:
   Notifiee() = default;

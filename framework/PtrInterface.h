@@ -75,7 +75,7 @@ class PtrInterface {
   virtual ~PtrInterface() = default;
 
   // The flags of derived classes, which are here because the word has bits left.
-  // Whether the object is a notifiee that is registered.
+  // Whether the object is a notifiee that is registered, or a machine that is starting.
   bool registered() const { return flag(kRegistered); }
   void registeredIs(bool registered) { flagIs(kRegistered, registered); }
 
@@ -89,7 +89,8 @@ class PtrInterface {
   bool collected() const { return flag(kCollected); }
   void collectedIs(bool collected) { flagIs(kCollected, collected); }
 
-  // Whether the object is a machine that was synchronised with its inputs for the first time.
+  // Whether the object is a machine that was synchronised with its inputs for the first time, or a
+  // notifiee that is passive.
   bool initialized() const { return flag(kInitialized); }
   void initializedIs(bool initialized) { flagIs(kInitialized, initialized); }
 
