@@ -1,13 +1,11 @@
 #include "OpenStackSm/OpenStackSm.h"
 
 #include "OpenStackSm/Uuid.h"
-#include "OpenStackSm/detail/Given.h"
 #include "OpenStackSm/detail/Trace.h"
 #include "model/VirtualNetwork/Values.h"
 
 namespace [[gnu::visibility("default")]] OpenStack {
 
-using detail::given;
 using detail::trace;
 
 Kiv::Ptr<OpenStackSm> openStackSmFactory(
@@ -15,46 +13,16 @@ Kiv::Ptr<OpenStackSm> openStackSmFactory(
     const Kiv::Ptr<OpenStackStatus>& openstackStatus,
     const Kiv::Ptr<const NameResolution::Config>& nameResolutionConfig,
     const Kiv::Ptr<NameResolution::Status>& nameResolutionStatus,
-    const Kiv::Ptr<VirtualNetwork::RequestedResourcesCollection>& requestedResourcesCollection,
+    const Kiv::Ptr<RequestedResourcesCollection>& requestedResourcesCollection,
     Kiv::Seconds regionSyncTimeout, const Kiv::Ptr<const Config>& config,
-    const Kiv::Ptr<VirtualNetwork::NetworkElementCollection>& networkElementCollection) {
-  return OpenStackSm::OpenStackSmIs(openstackConfig, openstackStatus, nameResolutionConfig,
-                                    nameResolutionStatus, requestedResourcesCollection,
-                                    regionSyncTimeout, config, networkElementCollection);
-}
-
-OpenStackSm::OpenStackSm(
-    const Kiv::Ptr<const OpenStackConfig>& openstackConfig,
-    const Kiv::Ptr<OpenStackStatus>& openstackStatus,
-    const Kiv::Ptr<const NameResolution::Config>& nameResolutionConfig,
-    const Kiv::Ptr<NameResolution::Status>& nameResolutionStatus,
-    const Kiv::Ptr<VirtualNetwork::RequestedResourcesCollection>& requestedResourcesCollection,
-    Kiv::Seconds regionSyncTimeout, const Kiv::Ptr<const Config>& config,
-    const Kiv::Ptr<VirtualNetwork::NetworkElementCollection>& networkElementCollection)
-    : openstackConfig_(openstackConfig, this),
-      openstackStatus_(openstackStatus),
-      nameResolutionConfig_(nameResolutionConfig),
-      nameResolutionStatus_(nameResolutionStatus),
-      requestedResourcesCollection_(requestedResourcesCollection),
-      regionSyncTimeout_(regionSyncTimeout),
-      config_(config, this),
-      networkElementCollection_(networkElementCollection) {
-  if (config) mirrorVlanAssignments(*config);
-  handleInitialized();
+    const Kiv::Ptr<NetworkElementCollection>& networkElementCollection) {
+  return Kiv::makeMachine<OpenStackSm>({openstackConfig, openstackStatus, nameResolutionConfig,
+                                        nameResolutionStatus, requestedResourcesCollection,
+                                        regionSyncTimeout, config, networkElementCollection});
 }
 
 OpenStackSm::~OpenStackSm() {
   teardown();
-}
-
-const Kiv::GenericIf& OpenStackSm::reflection() {
-  static const auto description =
-      Kiv::describe<OpenStackSm>(kAttributes, &OpenStackSm::OpenStackSmIs);
-  return description;
-}
-
-const Kiv::GenericIf* OpenStackSm::genericIf() const {
-  return &reflection();
 }
 
 void OpenStackSm::handleInitialized() {
@@ -70,36 +38,37 @@ void OpenStackSm::handleInitialized() {
   initializedIs(true);
 }
 
-void OpenStackSm::handleRegion(const Kiv::Name& regionName) {
+void OpenStackSm::handleRegion(const Kiv::Name& name) {
   static constexpr auto here = detail::handler<OpenStackSm>("handleRegion");
+  const Kiv::Name regionName = name;  // the caller's may belong to what is deleted here
   trace(9, here, this, [&](auto& text) { text << here.signature << ' ' << regionName; });
   const auto inputs = openstackConfig();
   const Kiv::Ptr<const Region> region(inputs ? inputs->region()[regionName] : nullptr);
   if (region) {
-    const auto regionStatus = given(openstackStatus_)->regionStatusIs(regionName);
+    const auto regionStatus = openstackStatus()->regionStatusIs(regionName);
     regionStatus->vlanPoolIs(regionName);
     handleRegionVlanAssignment(regionName);
-    regionConfigSmIs(regionName, region, regionStatus, requestedResourcesCollection_,
-                     regionSyncTimeout_, networkElementCollection_);
+    regionConfigSmIs(regionName, region, regionStatus, requestedResourcesCollection(),
+                     regionSyncTimeout(), networkElementCollection());
     return;
   }
   trace(2, here, this, [&](auto& text) {
     text << "Region config sm: " << static_cast<const void*>(regionConfigSm_[regionName]);
   });
   regionConfigSmDel(regionName);
-  given(openstackStatus_)->regionStatusDel(regionName);
+  openstackStatus()->regionStatusDel(regionName);
 }
 
 void OpenStackSm::regionSyncTimeoutIs(const Kiv::Seconds& timeout) {
-  if (timeout == regionSyncTimeout_) return;
-  regionSyncTimeout_ = timeout;
+  if (timeout == regionSyncTimeout()) return;
+  arguments_.regionSyncTimeout = timeout;
   handleRegionSyncTimeout();
 }
 
 void OpenStackSm::handleRegionSyncTimeout() {
   static constexpr auto here = detail::handler<OpenStackSm>("handleRegionSyncTimeout");
-  trace(9, here, this, [&](auto& text) { text << "Region sync timeout: " << regionSyncTimeout_; });
-  for (const auto& child : regionConfigSm_) child->regionSyncTimeoutIs(regionSyncTimeout_);
+  trace(9, here, this, [&](auto& text) { text << "Region sync timeout: " << regionSyncTimeout(); });
+  for (const auto& child : regionConfigSm_) child->regionSyncTimeoutIs(regionSyncTimeout());
 }
 
 void OpenStackSm::handleVlanTypeDriver() {
@@ -117,7 +86,7 @@ void OpenStackSm::handleVlanTypeDriver() {
   } else if (inputs->vlanTypeDriver() == VlanTypeDriver::external) {
     for (const auto& assignment : inputs->vlanAssignment()) {
       const Kiv::Ptr<RegionStatus> status(
-          given(openstackStatus_)->regionStatus()[assignment->regionName()]);
+          openstackStatus()->regionStatus()[assignment->regionName()]);
       const auto pool = status ? status->vlanPool() : nullptr;
       if (!pool) continue;
       pool->assignedVlanDelAll();
@@ -143,8 +112,9 @@ void stamp(RegionStatus& status, const Kiv::TraceSource& here, const void* subje
 
 }  // namespace
 
-void OpenStackSm::handleRegionVlanAssignment(const Kiv::Name& regionName) {
+void OpenStackSm::handleRegionVlanAssignment(const Kiv::Name& name) {
   static constexpr auto here = detail::handler<OpenStackSm>("handleRegionVlanAssignment");
+  const Kiv::Name regionName = name;  // as above
   trace(9, here, this, [&](auto& text) { text << regionName; });
   const auto inputs = config();
   if (!inputs) {
@@ -152,7 +122,7 @@ void OpenStackSm::handleRegionVlanAssignment(const Kiv::Name& regionName) {
     return;
   }
   if (inputs->vlanTypeDriver() != VlanTypeDriver::assigned) return;
-  const Kiv::Ptr<RegionStatus> status(given(openstackStatus_)->regionStatus()[regionName]);
+  const Kiv::Ptr<RegionStatus> status(openstackStatus()->regionStatus()[regionName]);
   if (!status) return;
   stamp(*status, here, this);
   const Kiv::Ptr<const VlanAssignment> assignment(inputs->vlanAssignment()[regionName]);
@@ -172,6 +142,10 @@ void OpenStackSm::handleRegionVlanAssignment(const Kiv::Name& regionName) {
 void OpenStackSm::KivVlanAssignment::handleVlanAssignment(Kiv::U16 vlan) {
   static constexpr auto here =
       detail::handler<OpenStackSm>("KivVlanAssignment::handleVlanAssignment");
+  if (!mirrors()) {
+    trace(1, here, this, "No VLAN assignment");
+    return;
+  }
   const auto inputs = machine()->config();
   if (!inputs) {
     trace(1, here, this, "No agent configuration");
@@ -179,8 +153,7 @@ void OpenStackSm::KivVlanAssignment::handleVlanAssignment(Kiv::U16 vlan) {
   }
   if (inputs->vlanTypeDriver() != VlanTypeDriver::assigned) return;
   const Kiv::Name regionName = fwkKey();
-  const Kiv::Ptr<RegionStatus> status(
-      given(machine()->openstackStatus())->regionStatus()[regionName]);
+  const Kiv::Ptr<RegionStatus> status(machine()->openstackStatus()->regionStatus()[regionName]);
   if (!status) return;
   stamp(*status, here, this);
   const auto pool = status->vlanPool();
@@ -198,3 +171,5 @@ void OpenStackSm::KivVlanAssignment::handleVlanAssignment(Kiv::U16 vlan) {
 }
 
 }  // namespace OpenStack
+
+template class Kiv::Machine<OpenStack::OpenStackSm, &OpenStack::openStackSmFactory>;

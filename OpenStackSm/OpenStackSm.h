@@ -15,7 +15,21 @@
 
 namespace [[gnu::visibility("default")]] OpenStack {
 
-class OpenStackSm final : public Kiv::Machine<OpenStackSm> {
+class OpenStackSm;
+
+// Makes the root machine, which handles the inputs as they are. A null input is not observed; a
+// null status or collection throws the range exception "null ValidPtr". The two of name resolution
+// may be null.
+[[nodiscard]] Kiv::Ptr<OpenStackSm> openStackSmFactory(
+    const Kiv::Ptr<const OpenStackConfig>& openstackConfig,
+    const Kiv::Ptr<OpenStackStatus>& openstackStatus,
+    const Kiv::Ptr<const NameResolution::Config>& nameResolutionConfig,
+    const Kiv::Ptr<NameResolution::Status>& nameResolutionStatus,
+    const Kiv::Ptr<RequestedResourcesCollection>& requestedResourcesCollection,
+    Kiv::Seconds regionSyncTimeout, const Kiv::Ptr<const Config>& config,
+    const Kiv::Ptr<NetworkElementCollection>& networkElementCollection);
+
+class OpenStackSm final : public Kiv::Machine<OpenStackSm, &openStackSmFactory> {
  public:
   static constexpr std::string_view kTypeName = "OpenStack::OpenStackSm";
   static constexpr bool kTeardownRunsCleanup = false;
@@ -43,25 +57,23 @@ class OpenStackSm final : public Kiv::Machine<OpenStackSm> {
       if (live()) machine()->handleVlanTypeDriver();
     }
     void onVlanAssignment(const Kiv::Name& name) override {
-      if (mirrors()) machine()->mirrorVlanAssignment(*notifier(), name);
+      if (mirrors()) machine()->mirrorVlanAssignment(*entity(), name);
     }
     void onVlanAssignmentkivImmediate() override {
-      if (mirrors()) machine()->mirrorVlanAssignments(*notifier());
+      if (mirrors()) machine()->followVlanAssignments(*entity());
     }
 
    private:
-    void resynchronise() override {
-      onVlanAssignmentkivImmediate();
-      if (notifier() != nullptr) onVlanTypeDriver();
-    }
+    void mirror() override { machine()->mirrorVlanAssignments(*entity()); }
+    void handleScalars() override { onVlanTypeDriver(); }
   };
 
   // Observes one region's VLAN assignment.
   class KivVlanAssignment final
-      : public Kiv::Reactor<KivVlanAssignment, OpenStackSm, VlanAssignment> {
+      : public Kiv::MemberReactor<KivVlanAssignment, OpenStackSm, VlanAssignment> {
    public:
     static constexpr std::string_view kTypeName = "OpenStack::OpenStackSm::KivVlanAssignment";
-    using Reactor::Reactor;
+    using MemberReactor::MemberReactor;
 
     void onVlan(Kiv::U16 vlan) override {
       if (live()) handleVlanAssignment(vlan);
@@ -84,62 +96,51 @@ class OpenStackSm final : public Kiv::Machine<OpenStackSm> {
   using RegionConfigSmMap = Kiv::ChildMap<RegionConfigSm, Kiv::Name>;
   using VlanAssignmentMap = Kiv::ReactorMap<KivVlanAssignment, Kiv::Name>;
 
-  // Makes the root machine, brings it in line with the inputs and switches its notifications on.
-  // Any input may be null and is then not observed; outputs may not.
-  [[nodiscard]] static Kiv::Ptr<OpenStackSm> OpenStackSmIs(
-      const Kiv::Ptr<const OpenStackConfig>& openstackConfig,
-      const Kiv::Ptr<OpenStackStatus>& openstackStatus,
-      const Kiv::Ptr<const NameResolution::Config>& nameResolutionConfig,
-      const Kiv::Ptr<NameResolution::Status>& nameResolutionStatus,
-      const Kiv::Ptr<VirtualNetwork::RequestedResourcesCollection>& requestedResourcesCollection,
-      Kiv::Seconds regionSyncTimeout, const Kiv::Ptr<const Config>& config,
-      const Kiv::Ptr<VirtualNetwork::NetworkElementCollection>& networkElementCollection) {
-    return Kiv::makeMachine<OpenStackSm>(openstackConfig, openstackStatus, nameResolutionConfig,
-                                         nameResolutionStatus, requestedResourcesCollection,
-                                         regionSyncTimeout, config, networkElementCollection);
-  }
+  // What the machine is made with.
+  struct Arguments {
+    Kiv::ReactorSlot<KivOpenstackConfig> openstackConfig;
+    Kiv::ValidPtr<OpenStackStatus> openstackStatus;
+    Kiv::Ptr<const NameResolution::Config> nameResolutionConfig;
+    Kiv::Ptr<NameResolution::Status> nameResolutionStatus;
+    Kiv::ValidPtr<RequestedResourcesCollection> requestedResourcesCollection;
+    Kiv::Seconds regionSyncTimeout;
+    Kiv::ReactorSlot<KivConfig> config;
+    Kiv::ValidPtr<NetworkElementCollection> networkElementCollection;
+  };
 
-  // For OpenStackSmIs(), whose arguments it takes.
-  OpenStackSm(
-      const Kiv::Ptr<const OpenStackConfig>& openstackConfig,
-      const Kiv::Ptr<OpenStackStatus>& openstackStatus,
-      const Kiv::Ptr<const NameResolution::Config>& nameResolutionConfig,
-      const Kiv::Ptr<NameResolution::Status>& nameResolutionStatus,
-      const Kiv::Ptr<VirtualNetwork::RequestedResourcesCollection>& requestedResourcesCollection,
-      Kiv::Seconds regionSyncTimeout, const Kiv::Ptr<const Config>& config,
-      const Kiv::Ptr<VirtualNetwork::NetworkElementCollection>& networkElementCollection);
+  static constexpr auto& OpenStackSmIs = openStackSmFactory;
+  OpenStackSm(Arguments&& arguments, Kiv::Start start) : arguments_(std::move(arguments)) {
+    begin(start);
+  }
   ~OpenStackSm() override;
 
-  // How tools reach the machine's attributes, and make one.
-  static const Kiv::GenericIf& reflection();
-  const Kiv::GenericIf* genericIf() const override;
-
   // Constructor arguments
-  Kiv::Ptr<const OpenStackConfig> openstackConfig() const { return openstackConfig_.entity(); }
-  void openstackConfigIs(const Kiv::Ptr<const OpenStackConfig>& v) {
-    openstackConfig_.is(*this, v);
+  Kiv::Ptr<const OpenStackConfig> openstackConfig() const {
+    return arguments_.openstackConfig.entity();
   }
-  void openstackConfigDel() { openstackConfig_.del(); }
-  const Kiv::Ptr<OpenStackStatus>& openstackStatus() const { return openstackStatus_; }
+  void openstackConfigIs(const Kiv::Ptr<const OpenStackConfig>& v) {
+    arguments_.openstackConfig.is(*this, v);
+  }
+  void openstackConfigDel() { arguments_.openstackConfig.del(); }
+  const Kiv::Ptr<OpenStackStatus>& openstackStatus() const { return arguments_.openstackStatus; }
   const Kiv::Ptr<const NameResolution::Config>& nameResolutionConfig() const {
-    return nameResolutionConfig_;
+    return arguments_.nameResolutionConfig;
   }
   const Kiv::Ptr<NameResolution::Status>& nameResolutionStatus() const {
-    return nameResolutionStatus_;
+    return arguments_.nameResolutionStatus;
   }
-  const Kiv::Ptr<VirtualNetwork::RequestedResourcesCollection>& requestedResourcesCollection()
-      const {
-    return requestedResourcesCollection_;
+  const Kiv::Ptr<RequestedResourcesCollection>& requestedResourcesCollection() const {
+    return arguments_.requestedResourcesCollection;
   }
   // The region sync timeout, in seconds. A new value reaches every region machine, which uses it
   // from the next heartbeat on; an equal one does nothing.
-  Kiv::Seconds regionSyncTimeout() const { return regionSyncTimeout_; }
+  Kiv::Seconds regionSyncTimeout() const { return arguments_.regionSyncTimeout; }
   void regionSyncTimeoutIs(const Kiv::Seconds& timeout);
-  Kiv::Ptr<const Config> config() const { return config_.entity(); }
-  void configIs(const Kiv::Ptr<const Config>& v) { config_.is(*this, v); }
-  void configDel() { config_.del(); }
-  const Kiv::Ptr<VirtualNetwork::NetworkElementCollection>& networkElementCollection() const {
-    return networkElementCollection_;
+  Kiv::Ptr<const Config> config() const { return arguments_.config.entity(); }
+  void configIs(const Kiv::Ptr<const Config>& v) { arguments_.config.is(*this, v); }
+  void configDel() { arguments_.config.del(); }
+  const Kiv::Ptr<NetworkElementCollection>& networkElementCollection() const {
+    return arguments_.networkElementCollection;
   }
 
   // The region machines, by region name. Throws a name-in-use exception when there is one that was
@@ -149,9 +150,9 @@ class OpenStackSm final : public Kiv::Machine<OpenStackSm> {
   Kiv::Ptr<RegionConfigSm> regionConfigSmIs(
       const Kiv::Name& regionName, const Kiv::Ptr<const Region>& regionConfig,
       const Kiv::Ptr<RegionStatus>& regionStatus,
-      const Kiv::Ptr<VirtualNetwork::RequestedResourcesCollection>& requestedResourcesCollection,
+      const Kiv::Ptr<RequestedResourcesCollection>& requestedResourcesCollection,
       Kiv::Seconds regionSyncTimeout,
-      const Kiv::Ptr<VirtualNetwork::NetworkElementCollection>& networkElementCollection) {
+      const Kiv::Ptr<NetworkElementCollection>& networkElementCollection) {
     return regionConfigSm_.is(regionName, regionName, regionConfig, regionStatus,
                               requestedResourcesCollection, regionSyncTimeout,
                               networkElementCollection);
@@ -176,11 +177,12 @@ class OpenStackSm final : public Kiv::Machine<OpenStackSm> {
     return vlanAssignment_.del(at.key(), Refill{*this});
   }
   void vlanAssignmentDelAll() { vlanAssignment_.delAll(Refill{*this}); }
+  void vlanAssignmentNotify(const Kiv::Name& /*name*/) {}
 
   // Handlers
-  // Brings the machine in line with its inputs; once.
+  // Handles every configured region; once.
   void handleInitialized();
-  // A region came, changed its presence, or went: keeps its status, pool and machine.
+  // A region was added, replaced or removed: makes or deletes its status, pool and machine.
   void handleRegion(const Kiv::Name& regionName);
   // The timeout changed: hands it to every region machine.
   void handleRegionSyncTimeout();
@@ -190,26 +192,27 @@ class OpenStackSm final : public Kiv::Machine<OpenStackSm> {
   void handleRegionVlanAssignment(const Kiv::Name& regionName);
 
  private:
-  friend class Kiv::Machine<OpenStackSm>;
+  friend class Kiv::Machine<OpenStackSm, &openStackSmFactory>;
 
-  auto reactors() { return std::tie(openstackConfig_, config_, vlanAssignment_); }
+  auto reactors() {
+    return std::tie(arguments_.openstackConfig, arguments_.config, vlanAssignment_);
+  }
   auto children() { return std::tie(regionConfigSm_); }
-
-  void mirrorVlanAssignment(const Config& config, const Kiv::Name& name) {
-    vlanAssignment_.resynchroniseOne(*this, config.vlanAssignment(), name, Refill{*this});
+  void withdraw() {
+    for (const auto& child : regionConfigSm_) child->abandon();
   }
+
   void mirrorVlanAssignments(const Config& config) {
-    vlanAssignment_.resynchronise(*this, config.vlanAssignment(), Refill{*this});
+    vlanAssignment_.synchronise(*this, config.vlanAssignment(), Refill{*this});
+  }
+  void followVlanAssignments(const Config& config) {
+    vlanAssignment_.follow(*this, config.vlanAssignment(), Refill{*this});
+  }
+  void mirrorVlanAssignment(const Config& config, const Kiv::Name& name) {
+    vlanAssignment_.synchroniseOne(*this, config.vlanAssignment(), name, Refill{*this});
   }
 
-  Kiv::ReactorSlot<KivOpenstackConfig> openstackConfig_;
-  Kiv::Ptr<OpenStackStatus> openstackStatus_;
-  Kiv::Ptr<const NameResolution::Config> nameResolutionConfig_;
-  Kiv::Ptr<NameResolution::Status> nameResolutionStatus_;
-  Kiv::Ptr<VirtualNetwork::RequestedResourcesCollection> requestedResourcesCollection_;
-  Kiv::Seconds regionSyncTimeout_;
-  Kiv::ReactorSlot<KivConfig> config_;
-  Kiv::Ptr<VirtualNetwork::NetworkElementCollection> networkElementCollection_;
+  Arguments arguments_;
   RegionConfigSmMap regionConfigSm_;
   VlanAssignmentMap vlanAssignment_;
 
@@ -250,14 +253,6 @@ class OpenStackSm final : public Kiv::Machine<OpenStackSm> {
           "void OpenStack::OpenStackSm::KivVlanAssignment::handleVlanAssignment(U16)"));
 };
 
-// Makes the root machine; see OpenStackSm::OpenStackSmIs().
-[[nodiscard]] Kiv::Ptr<OpenStackSm> openStackSmFactory(
-    const Kiv::Ptr<const OpenStackConfig>& openstackConfig,
-    const Kiv::Ptr<OpenStackStatus>& openstackStatus,
-    const Kiv::Ptr<const NameResolution::Config>& nameResolutionConfig,
-    const Kiv::Ptr<NameResolution::Status>& nameResolutionStatus,
-    const Kiv::Ptr<VirtualNetwork::RequestedResourcesCollection>& requestedResourcesCollection,
-    Kiv::Seconds regionSyncTimeout, const Kiv::Ptr<const Config>& config,
-    const Kiv::Ptr<VirtualNetwork::NetworkElementCollection>& networkElementCollection);
-
 }  // namespace OpenStack
+
+extern template class Kiv::Machine<OpenStack::OpenStackSm, &OpenStack::openStackSmFactory>;

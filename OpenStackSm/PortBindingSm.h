@@ -3,7 +3,7 @@
 // Follows where the port is bound: to hosts, whose use by the region it records, or to switch
 // interfaces, whose switch port or network elements it publishes. For each it owns a machine that
 // publishes the segments. Made and deleted by the region machine, which runs doCleanup() first
-// where the binding itself goes. Activity thread only.
+// where the binding itself is removed. Activity thread only.
 #pragma once
 
 #include "OpenStackSm/Attributes.h"
@@ -14,7 +14,17 @@
 
 namespace [[gnu::visibility("default")]] OpenStack {
 
-class PortBindingSm final : public Kiv::Machine<PortBindingSm> {
+class PortBindingSm;
+
+// Makes the machine of a port binding, which handles it as it is. A null port binding is not
+// observed; a null port or collection throws the range exception "null ValidPtr".
+[[nodiscard]] Kiv::Ptr<PortBindingSm> portBindingSmFactory(
+    const Kiv::Name& regionName, const Kiv::String& portId, const Kiv::Ptr<const Port>& port,
+    const Kiv::Ptr<const PortBinding>& portBinding,
+    const Kiv::Ptr<RequestedResourcesCollection>& requestedResourcesCollection,
+    const Kiv::Ptr<NetworkElementCollection>& networkElementCollection);
+
+class PortBindingSm final : public Kiv::Machine<PortBindingSm, &portBindingSmFactory> {
  public:
   static constexpr std::string_view kTypeName = "OpenStack::PortBindingSm";
   // Withdrawal happens only through doCleanup().
@@ -27,34 +37,34 @@ class PortBindingSm final : public Kiv::Machine<PortBindingSm> {
     using Reactor::Reactor;
 
     void onPortToHostBinding(const Kiv::Name& host) override {
-      if (mirrors()) machine()->mirrorHost(*notifier(), host);
-      if (live()) machine()->handlePortToHostBinding(host);
+      const Kiv::Name key = host;
+      if (mirrors()) machine()->mirrorHost(*entity(), key);
+      if (live()) machine()->handlePortToHostBinding(key);
     }
     void onPortToHostBindingkivImmediate() override {
-      if (mirrors()) machine()->mirrorHosts(*notifier());
+      if (mirrors()) machine()->followHosts(*entity());
     }
-    void onPortToSwitchInterfaceBinding(const VirtualNetwork::SwitchInterface& si) override {
-      if (mirrors()) machine()->mirrorSwitchInterface(*notifier(), si);
-      if (live()) machine()->handlePortToSwitchInterfaceBinding(si);
+    void onPortToSwitchInterfaceBinding(const SwitchInterface& si) override {
+      const SwitchInterface key = si;
+      if (mirrors()) machine()->mirrorSwitchInterface(*entity(), key);
+      if (live()) machine()->handlePortToSwitchInterfaceBinding(key);
     }
     void onPortToSwitchInterfaceBindingkivImmediate() override {
-      if (mirrors()) machine()->mirrorSwitchInterfaces(*notifier());
+      if (mirrors()) machine()->followSwitchInterfaces(*entity());
     }
 
    private:
-    void resynchronise() override {
-      onPortToHostBindingkivImmediate();
-      onPortToSwitchInterfaceBindingkivImmediate();
-    }
+    void mirror() override { machine()->mirrorAll(*entity()); }
   };
 
-  // Stands for one host binding; its removal runs the cleanup of the host's machine.
+  // One host binding; its removal runs the cleanup of the host's machine.
   class KivPortToHostBinding final
-      : public Kiv::StandIn<KivPortToHostBinding, PortBindingSm, PortToHostBinding> {
+      : public Kiv::PassiveReactor<KivPortToHostBinding, PortBindingSm, PortToHostBinding> {
    public:
     static constexpr std::string_view kTypeName = "OpenStack::PortBindingSm::KivPortToHostBinding";
-    using Reactor::Reactor;
+    using PassiveReactor::PassiveReactor;
 
+    // Runs the cleanup of the host's machine.
     void doCleanup();
 
    private:
@@ -63,15 +73,16 @@ class PortBindingSm final : public Kiv::Machine<PortBindingSm> {
     }
   };
 
-  // Stands for one switch-interface binding; its removal runs the cleanup of its machine.
+  // One switch-interface binding; its removal runs the cleanup of its machine.
   class KivPortToSwitchInterfaceBinding final
-      : public Kiv::StandIn<KivPortToSwitchInterfaceBinding, PortBindingSm,
-                            PortToSwitchInterfaceBinding> {
+      : public Kiv::PassiveReactor<KivPortToSwitchInterfaceBinding, PortBindingSm,
+                                   PortToSwitchInterfaceBinding> {
    public:
     static constexpr std::string_view kTypeName =
         "OpenStack::PortBindingSm::KivPortToSwitchInterfaceBinding";
-    using Reactor::Reactor;
+    using PassiveReactor::PassiveReactor;
 
+    // Runs the cleanup of the switch interface's machine.
     void doCleanup();
 
    private:
@@ -83,48 +94,39 @@ class PortBindingSm final : public Kiv::Machine<PortBindingSm> {
 
   using HostMap = Kiv::ReactorMap<KivPortToHostBinding, Kiv::Name>;
   using SwitchInterfaceMap =
-      Kiv::ReactorMap<KivPortToSwitchInterfaceBinding, VirtualNetwork::SwitchInterface>;
+      Kiv::ReactorMap<KivPortToSwitchInterfaceBinding, SwitchInterface, false>;
   using HostSmMap = Kiv::ChildMap<PortToHostBindingSm, Kiv::Name>;
-  using SwitchInterfaceSmMap =
-      Kiv::ChildMap<PortToSwitchInterfaceBindingSm, VirtualNetwork::SwitchInterface>;
+  using SwitchInterfaceSmMap = Kiv::ChildMap<PortToSwitchInterfaceBindingSm, SwitchInterface>;
 
-  // Makes the machine of a port binding and brings it in line with it. A null port binding is not
-  // observed.
-  [[nodiscard]] static Kiv::Ptr<PortBindingSm> PortBindingSmIs(
-      const Kiv::Name& regionName, const Kiv::String& portId, const Kiv::Ptr<const Port>& port,
-      const Kiv::Ptr<const PortBinding>& portBinding,
-      const Kiv::Ptr<VirtualNetwork::RequestedResourcesCollection>& requestedResourcesCollection,
-      const Kiv::Ptr<VirtualNetwork::NetworkElementCollection>& networkElementCollection) {
-    return Kiv::makeMachine<PortBindingSm>(regionName, portId, port, portBinding,
-                                           requestedResourcesCollection, networkElementCollection);
+  // What the machine is made with.
+  struct Arguments {
+    Kiv::Name regionName;
+    Kiv::String portId;
+    Kiv::ValidPtr<const Port> port;
+    Kiv::ReactorSlot<KivPortBinding> portBinding;
+    Kiv::ValidPtr<RequestedResourcesCollection> requestedResourcesCollection;
+    Kiv::ValidPtr<NetworkElementCollection> networkElementCollection;
+  };
+
+  static constexpr auto& PortBindingSmIs = portBindingSmFactory;
+  PortBindingSm(Arguments&& arguments, Kiv::Start start) : arguments_(std::move(arguments)) {
+    begin(start);
   }
-
-  // For PortBindingSmIs(), whose arguments it takes.
-  PortBindingSm(
-      const Kiv::Name& regionName, const Kiv::String& portId, const Kiv::Ptr<const Port>& port,
-      const Kiv::Ptr<const PortBinding>& portBinding,
-      const Kiv::Ptr<VirtualNetwork::RequestedResourcesCollection>& requestedResourcesCollection,
-      const Kiv::Ptr<VirtualNetwork::NetworkElementCollection>& networkElementCollection);
   ~PortBindingSm() override;
 
-  // How tools reach the machine's attributes, and make one.
-  static const Kiv::GenericIf& reflection();
-  const Kiv::GenericIf* genericIf() const override;
-
   // Constructor arguments
-  const Kiv::Name& regionName() const { return regionName_; }
-  const Kiv::String& portId() const { return portId_; }
-  const Kiv::String& fwkKey() const { return portId_; }
-  const Kiv::Ptr<const Port>& port() const { return port_; }
-  Kiv::Ptr<const PortBinding> portBinding() const { return portBinding_.entity(); }
-  void portBindingIs(const Kiv::Ptr<const PortBinding>& v) { portBinding_.is(*this, v); }
-  void portBindingDel() { portBinding_.del(); }
-  const Kiv::Ptr<VirtualNetwork::RequestedResourcesCollection>& requestedResourcesCollection()
-      const {
-    return requestedResourcesCollection_;
+  const Kiv::Name& regionName() const { return arguments_.regionName; }
+  const Kiv::String& portId() const { return arguments_.portId; }
+  const Kiv::String& fwkKey() const { return arguments_.portId; }
+  const Kiv::Ptr<const Port>& port() const { return arguments_.port; }
+  Kiv::Ptr<const PortBinding> portBinding() const { return arguments_.portBinding.entity(); }
+  void portBindingIs(const Kiv::Ptr<const PortBinding>& v) { arguments_.portBinding.is(*this, v); }
+  void portBindingDel() { arguments_.portBinding.del(); }
+  const Kiv::Ptr<RequestedResourcesCollection>& requestedResourcesCollection() const {
+    return arguments_.requestedResourcesCollection;
   }
-  const Kiv::Ptr<VirtualNetwork::NetworkElementCollection>& networkElementCollection() const {
-    return networkElementCollection_;
+  const Kiv::Ptr<NetworkElementCollection>& networkElementCollection() const {
+    return arguments_.networkElementCollection;
   }
 
   // The reactors of the host bindings, by host name. Throws a range exception for a null binding.
@@ -155,7 +157,7 @@ class PortBindingSm final : public Kiv::Machine<PortBindingSm> {
     return portToSwitchInterfaceBinding_.is(*this, v);
   }
   Kiv::Ptr<const PortToSwitchInterfaceBinding> portToSwitchInterfaceBindingDel(
-      const VirtualNetwork::SwitchInterface& si) {
+      const SwitchInterface& si) {
     return portToSwitchInterfaceBinding_.del(si);
   }
   Kiv::Ptr<const PortToSwitchInterfaceBinding> portToSwitchInterfaceBindingDel(
@@ -163,7 +165,7 @@ class PortBindingSm final : public Kiv::Machine<PortBindingSm> {
     return portToSwitchInterfaceBinding_.del(at.key());
   }
   void portToSwitchInterfaceBindingDelAll() { portToSwitchInterfaceBinding_.delAll(); }
-  void portToSwitchInterfaceBindingNotify(const VirtualNetwork::SwitchInterface& /*si*/) {}
+  void portToSwitchInterfaceBindingNotify(const SwitchInterface& /*si*/) {}
   void kiv_handlePortToSwitchInterfaceBinding(
       const Kiv::Ptr<KivPortToSwitchInterfaceBinding>& reactor) {
     reactor->doCleanup();
@@ -176,7 +178,7 @@ class PortBindingSm final : public Kiv::Machine<PortBindingSm> {
   Kiv::Ptr<PortToHostBindingSm> portToHostBindingSmIs(
       const Kiv::Name& host, const Kiv::Ptr<const Port>& port,
       const Kiv::Ptr<const PortToHostBinding>& portToHostBinding,
-      const Kiv::Ptr<VirtualNetwork::RequestedResourcesCollection>& requestedResourcesCollection) {
+      const Kiv::Ptr<RequestedResourcesCollection>& requestedResourcesCollection) {
     return portToHostBindingSm_.is(host, host, port, portToHostBinding,
                                    requestedResourcesCollection);
   }
@@ -192,72 +194,71 @@ class PortBindingSm final : public Kiv::Machine<PortBindingSm> {
   }
   SwitchInterfaceSmMap& portToSwitchInterfaceBindingSm() { return portToSwitchInterfaceBindingSm_; }
   Kiv::Ptr<PortToSwitchInterfaceBindingSm> portToSwitchInterfaceBindingSmIs(
-      const VirtualNetwork::SwitchInterface& si, const Kiv::Name& regionName,
-      const Kiv::Ptr<const Port>& port,
+      const SwitchInterface& si, const Kiv::Name& regionName, const Kiv::Ptr<const Port>& port,
       const Kiv::Ptr<const PortToSwitchInterfaceBinding>& portToSwitchInterfaceBinding,
-      const Kiv::Ptr<VirtualNetwork::RequestedResourcesCollection>& requestedResourcesCollection,
-      const Kiv::Ptr<VirtualNetwork::NetworkElementCollection>& networkElementCollection) {
+      const Kiv::Ptr<RequestedResourcesCollection>& requestedResourcesCollection,
+      const Kiv::Ptr<NetworkElementCollection>& networkElementCollection) {
     return portToSwitchInterfaceBindingSm_.is(
         si, si, regionName, port, portToSwitchInterfaceBinding, requestedResourcesCollection,
         networkElementCollection);
   }
   Kiv::Ptr<PortToSwitchInterfaceBindingSm> portToSwitchInterfaceBindingSmDel(
-      const VirtualNetwork::SwitchInterface& si) {
+      const SwitchInterface& si) {
     return portToSwitchInterfaceBindingSm_.del(si);
   }
   void portToSwitchInterfaceBindingSmDelAll() { portToSwitchInterfaceBindingSm_.delAll(); }
-  void portToSwitchInterfaceBindingSmNotify(const VirtualNetwork::SwitchInterface& /*si*/) {}
+  void portToSwitchInterfaceBindingSmNotify(const SwitchInterface& /*si*/) {}
 
   // Handlers
   // Handles every host binding, then every switch-interface binding.
   void handleInitialized();
-  // A host binding came or went. Stops the process when the port is bound to switch interfaces too,
-  // or when the host serves another region.
+  // A host binding was added, replaced or removed. Stops the process when the port is bound to
+  // switch interfaces too, or when the host serves another region.
   void handlePortToHostBinding(const Kiv::Name& host);
-  // A switch-interface binding came or went. Stops the process when the port is bound to hosts too,
-  // or, with the toggle off, when the host behind it serves another region.
-  void handlePortToSwitchInterfaceBinding(const VirtualNetwork::SwitchInterface& si);
+  // A switch-interface binding was added, replaced or removed. Stops the process when the port is
+  // bound to hosts too, or, with the toggle off, when the host behind it serves another region.
+  void handlePortToSwitchInterfaceBinding(const SwitchInterface& si);
   // Withdraws the port from the host's domain and deletes the host's machine.
   void doCleanupPortToHostBinding(const Kiv::Name& host);
   // Deletes the machine of the switch interface, whose own cleanup has withdrawn everything.
-  void doCleanupPortToSwitchInterfaceBinding(const VirtualNetwork::SwitchInterface& si);
+  void doCleanupPortToSwitchInterfaceBinding(const SwitchInterface& si);
   // Withdraws all that the machine and its children published, and deletes the children.
   void doCleanup();
 
  private:
-  friend class Kiv::Machine<PortBindingSm>;
+  friend class Kiv::Machine<PortBindingSm, &portBindingSmFactory>;
 
   auto reactors() {
-    return std::tie(portBinding_, portToHostBinding_, portToSwitchInterfaceBinding_);
+    return std::tie(arguments_.portBinding, portToHostBinding_, portToSwitchInterfaceBinding_);
   }
   auto children() { return std::tie(portToHostBindingSm_, portToSwitchInterfaceBindingSm_); }
+  void withdraw() { doCleanup(); }
 
+  void mirrorAll(const PortBinding& binding) {
+    portToHostBinding_.synchronise(*this, binding.portToHostBinding());
+    portToSwitchInterfaceBinding_.synchronise(*this, binding.portToSwitchInterfaceBinding());
+  }
+  void followHosts(const PortBinding& binding) {
+    portToHostBinding_.follow(*this, binding.portToHostBinding());
+  }
   void mirrorHost(const PortBinding& binding, const Kiv::Name& host) {
-    portToHostBinding_.resynchroniseOne(*this, binding.portToHostBinding(), host);
+    portToHostBinding_.synchroniseOne(*this, binding.portToHostBinding(), host);
   }
-  void mirrorHosts(const PortBinding& binding) {
-    portToHostBinding_.resynchronise(*this, binding.portToHostBinding());
+  void followSwitchInterfaces(const PortBinding& binding) {
+    portToSwitchInterfaceBinding_.follow(*this, binding.portToSwitchInterfaceBinding());
   }
-  void mirrorSwitchInterface(const PortBinding& binding,
-                             const VirtualNetwork::SwitchInterface& si) {
-    portToSwitchInterfaceBinding_.resynchroniseOne(*this, binding.portToSwitchInterfaceBinding(),
-                                                   si);
-  }
-  void mirrorSwitchInterfaces(const PortBinding& binding) {
-    portToSwitchInterfaceBinding_.resynchronise(*this, binding.portToSwitchInterfaceBinding());
+  void mirrorSwitchInterface(const PortBinding& binding, const SwitchInterface& si) {
+    portToSwitchInterfaceBinding_.synchroniseOne(*this, binding.portToSwitchInterfaceBinding(), si);
   }
 
-  // What a bound switch interface needs beside its VLANs; which, the feature toggle says.
+  // What a bound host gets beside its VLANs.
+  void publishHost(const Kiv::Name& host);
+  // What a bound switch interface gets beside its VLANs; which of the two, the feature toggle says.
   void publishSwitchport(const PortToSwitchInterfaceBinding& binding, const Kiv::String& referrer);
   void publishNetworkElements(const PortToSwitchInterfaceBinding& binding,
                               const Kiv::Name& referrer);
 
-  Kiv::Name regionName_;
-  Kiv::String portId_;
-  Kiv::Ptr<const Port> port_;
-  Kiv::ReactorSlot<KivPortBinding> portBinding_;
-  Kiv::Ptr<VirtualNetwork::RequestedResourcesCollection> requestedResourcesCollection_;
-  Kiv::Ptr<VirtualNetwork::NetworkElementCollection> networkElementCollection_;
+  Arguments arguments_;
   HostMap portToHostBinding_;
   SwitchInterfaceMap portToSwitchInterfaceBinding_;
   HostSmMap portToHostBindingSm_;
@@ -279,8 +280,7 @@ class PortBindingSm final : public Kiv::Machine<PortBindingSm> {
       Kiv::collection(138, "portToSwitchInterfaceBinding", "switchInterface",
                       &PortBindingSm::portToSwitchInterfaceBinding_,
                       &PortBindingSm::portToSwitchInterfaceBindingIs,
-                      Kiv::byKey<VirtualNetwork::SwitchInterface>(
-                          &PortBindingSm::portToSwitchInterfaceBindingDel)),
+                      Kiv::byKey<SwitchInterface>(&PortBindingSm::portToSwitchInterfaceBindingDel)),
       Kiv::collection(139, "portToHostBindingSm", "hostname", &PortBindingSm::portToHostBindingSm_,
                       &PortBindingSm::portToHostBindingSmIs,
                       &PortBindingSm::portToHostBindingSmDel),
@@ -314,11 +314,6 @@ class PortBindingSm final : public Kiv::Machine<PortBindingSm> {
           "void OpenStack::PortBindingSm::KivPortToSwitchInterfaceBinding::doCleanup()"));
 };
 
-// Makes the machine of a port binding; see PortBindingSm::PortBindingSmIs().
-[[nodiscard]] Kiv::Ptr<PortBindingSm> portBindingSmFactory(
-    const Kiv::Name& regionName, const Kiv::String& portId, const Kiv::Ptr<const Port>& port,
-    const Kiv::Ptr<const PortBinding>& portBinding,
-    const Kiv::Ptr<VirtualNetwork::RequestedResourcesCollection>& requestedResourcesCollection,
-    const Kiv::Ptr<VirtualNetwork::NetworkElementCollection>& networkElementCollection);
-
 }  // namespace OpenStack
+
+extern template class Kiv::Machine<OpenStack::PortBindingSm, &OpenStack::portBindingSmFactory>;

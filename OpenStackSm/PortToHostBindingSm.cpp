@@ -1,10 +1,9 @@
 #include "OpenStackSm/PortToHostBindingSm.h"
 
-#include "OpenStackSm/detail/Given.h"
 #include "model/VirtualNetwork/Values.h"
+
 namespace [[gnu::visibility("default")]] OpenStack {
 
-using detail::given;
 using detail::isVlan;
 using detail::isVxlan;
 using detail::trace;
@@ -12,37 +11,23 @@ using detail::trace;
 Kiv::Ptr<PortToHostBindingSm> portToHostBindingSmFactory(
     const Kiv::Name& host, const Kiv::Ptr<const Port>& port,
     const Kiv::Ptr<const PortToHostBinding>& portToHostBinding,
-    const Kiv::Ptr<VirtualNetwork::RequestedResourcesCollection>& requestedResourcesCollection) {
-  return PortToHostBindingSm::PortToHostBindingSmIs(host, port, portToHostBinding,
-                                                    requestedResourcesCollection);
-}
-
-PortToHostBindingSm::PortToHostBindingSm(
-    const Kiv::Name& host, const Kiv::Ptr<const Port>& port,
-    const Kiv::Ptr<const PortToHostBinding>& portToHostBinding,
-    const Kiv::Ptr<VirtualNetwork::RequestedResourcesCollection>& requestedResourcesCollection)
-    : PublicationSm(this, port, portToHostBinding, requestedResourcesCollection), host_(host) {
-  start();
+    const Kiv::Ptr<RequestedResourcesCollection>& requestedResourcesCollection) {
+  return Kiv::makeMachine<PortToHostBindingSm>(
+      {host, port, portToHostBinding, requestedResourcesCollection});
 }
 
 PortToHostBindingSm::~PortToHostBindingSm() {
   teardown();
 }
 
-const Kiv::GenericIf& PortToHostBindingSm::reflection() {
-  static const auto description =
-      Kiv::describe<PortToHostBindingSm>(kAttributes, &PortToHostBindingSm::PortToHostBindingSmIs);
-  return description;
-}
-
-const Kiv::GenericIf* PortToHostBindingSm::genericIf() const {
-  return &reflection();
+Kiv::Name PortToHostBindingSm::boundTo() const {
+  const auto bound = binding();
+  return bound ? bound->host() : host();
 }
 
 void PortToHostBindingSm::handleSegment(Kiv::U8 level) {
   static constexpr auto here = detail::handler<PortToHostBindingSm>("handleSegment");
-  const auto bound = binding();
-  const auto hostName = bound ? bound->host() : host_;
+  const auto hostName = boundTo();
   const Kiv::Ptr<const Segment> segment(at(level));
   if (!segment) {
     trace(2, here, this, [&](auto& text) {
@@ -56,8 +41,9 @@ void PortToHostBindingSm::handleSegment(Kiv::U8 level) {
          << segment->segmentationType() << " : " << id
          << " at level : " << static_cast<char>('0' + level);
   });
-  const Kiv::String& referrer = given(port())->id();
-  const auto host = given(requestedResourcesCollection())->resourcesForHostnameIs(hostName);
+  const Kiv::String& referrer = port()->id();
+  publishes(level);
+  const auto host = requestedResourcesCollection()->resourcesForHostnameIs(hostName);
   if (isVlan(segment.get())) {
     const auto vlan = host->vlanIs(id);
     vlan->referrerIs(referrer, true);
@@ -74,6 +60,7 @@ void PortToHostBindingSm::handleSegment(Kiv::U8 level) {
         text << "Establishing a VNI to VLAN mapping from " << id << " to "
              << child->segmentationId();
       });
+      publishes(static_cast<Kiv::U8>(level + 1));
       mapVni(*host->vlanIs(child->segmentationId()), id);
     }
   }
@@ -81,11 +68,10 @@ void PortToHostBindingSm::handleSegment(Kiv::U8 level) {
 
 void PortToHostBindingSm::withdrawSegment(const KivSegment& reactor) {
   static constexpr auto here = detail::handler<PortToHostBindingSm>("KivSegment::doCleanup");
-  if (!port() || !requestedResourcesCollection()) return;
   const auto segment = reactor.entity();
-  const auto bound = binding();
-  const auto hostName = bound ? bound->host() : host_;
+  const auto hostName = boundTo();
   trace(9, here, &reactor, [&](auto& text) { text << port()->id() << " : " << segment->id(); });
+  if (reactor.spent()) return;
   const Kiv::Ptr<VirtualNetwork::ResourcesForHostname> host(
       requestedResourcesCollection()->resourcesForHostname()[hostName]);
   if (!host) return;
@@ -112,12 +98,11 @@ void PortToHostBindingSm::withdrawSegment(const KivSegment& reactor) {
 
 void PortToHostBindingSm::doCleanup() {
   static constexpr auto here = detail::handler<PortToHostBindingSm>("doCleanup");
-  if (!port()) return;
-  trace(9, here, this, [&](auto& text) {
-    const auto bound = binding();
-    text << "Removing port " << port()->id() << " from " << (bound ? bound->host() : host_);
-  });
+  trace(9, here, this,
+        [&](auto& text) { text << "Removing port " << port()->id() << " from " << boundTo(); });
   doCleanupSegments(here);
 }
 
 }  // namespace OpenStack
+
+template class Kiv::Machine<OpenStack::PortToHostBindingSm, &OpenStack::portToHostBindingSmFactory>;

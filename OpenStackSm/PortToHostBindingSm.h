@@ -8,8 +8,18 @@
 
 namespace [[gnu::visibility("default")]] OpenStack {
 
+class PortToHostBindingSm;
+
+// Makes the machine of a host binding, which handles it as it is. A null binding is not observed; a
+// null port or collection throws the range exception "null ValidPtr".
+[[nodiscard]] Kiv::Ptr<PortToHostBindingSm> portToHostBindingSmFactory(
+    const Kiv::Name& host, const Kiv::Ptr<const Port>& port,
+    const Kiv::Ptr<const PortToHostBinding>& portToHostBinding,
+    const Kiv::Ptr<RequestedResourcesCollection>& requestedResourcesCollection);
+
 class PortToHostBindingSm final
-    : public detail::PublicationSm<PortToHostBindingSm, PortToHostBinding> {
+    : public detail::PublicationSm<PortToHostBindingSm, PortToHostBinding,
+                                   &portToHostBindingSmFactory> {
  public:
   static constexpr std::string_view kTypeName = "OpenStack::PortToHostBindingSm";
   static constexpr std::string_view kBindingReactorTypeName =
@@ -19,36 +29,35 @@ class PortToHostBindingSm final
 
   using KivPortToHostBinding = KivBinding;
 
-  // Makes the machine of a host binding and brings it in line with it. A null binding is not
-  // observed.
-  [[nodiscard]] static Kiv::Ptr<PortToHostBindingSm> PortToHostBindingSmIs(
-      const Kiv::Name& host, const Kiv::Ptr<const Port>& port,
-      const Kiv::Ptr<const PortToHostBinding>& portToHostBinding,
-      const Kiv::Ptr<VirtualNetwork::RequestedResourcesCollection>& requestedResourcesCollection) {
-    return Kiv::makeMachine<PortToHostBindingSm>(host, port, portToHostBinding,
-                                                 requestedResourcesCollection);
-  }
+  // What the machine is made with.
+  struct Arguments {
+    Kiv::Name host;
+    Kiv::ValidPtr<const Port> port;
+    Kiv::ReactorSlot<KivPortToHostBinding> binding;
+    Kiv::ValidPtr<RequestedResourcesCollection> requestedResourcesCollection;
+  };
 
-  // For PortToHostBindingSmIs(), whose arguments it takes.
-  PortToHostBindingSm(
-      const Kiv::Name& host, const Kiv::Ptr<const Port>& port,
-      const Kiv::Ptr<const PortToHostBinding>& portToHostBinding,
-      const Kiv::Ptr<VirtualNetwork::RequestedResourcesCollection>& requestedResourcesCollection);
+  static constexpr auto& PortToHostBindingSmIs = portToHostBindingSmFactory;
+  PortToHostBindingSm(Arguments&& arguments, Kiv::Start start) : arguments_(std::move(arguments)) {
+    begin(start);
+  }
   ~PortToHostBindingSm() override;
 
-  // How tools reach the machine's attributes, and make one.
-  static const Kiv::GenericIf& reflection();
-  const Kiv::GenericIf* genericIf() const override;
-
-  // Constructor arguments; the port and the collection are those of the base
-  const Kiv::Name& host() const { return host_; }
-  const Kiv::Name& fwkKey() const { return host_; }
+  // Constructor arguments
+  const Kiv::Name& host() const { return arguments_.host; }
+  const Kiv::Name& fwkKey() const { return arguments_.host; }
+  const Kiv::Ptr<const Port>& port() const { return arguments_.port; }
   Kiv::Ptr<const PortToHostBinding> portToHostBinding() const { return binding(); }
-  void portToHostBindingIs(const Kiv::Ptr<const PortToHostBinding>& v) { bindingIs(v); }
-  void portToHostBindingDel() { bindingDel(); }
+  void portToHostBindingIs(const Kiv::Ptr<const PortToHostBinding>& v) {
+    arguments_.binding.is(*this, v);
+  }
+  void portToHostBindingDel() { arguments_.binding.del(); }
+  const Kiv::Ptr<RequestedResourcesCollection>& requestedResourcesCollection() const {
+    return arguments_.requestedResourcesCollection;
+  }
 
   // Handlers
-  // The segment at a level came, changed or went: publishes it.
+  // The segment at a level was added, changed or removed: publishes it.
   void handleSegment(Kiv::U8 level);
   // Withdraws what the segment of one reactor published; what KivSegment::doCleanup() does.
   void withdrawSegment(const KivSegment& reactor);
@@ -56,7 +65,12 @@ class PortToHostBindingSm final
   void doCleanup();
 
  private:
-  Kiv::Name host_;
+  friend PublicationSm;
+
+  // The host that the binding names.
+  Kiv::Name boundTo() const;
+
+  Arguments arguments_;
 
  public:
   // The attributes, in the order of their declaration, then the handlers of the nested reactors.
@@ -81,10 +95,7 @@ class PortToHostBindingSm final
                           "void OpenStack::PortToHostBindingSm::KivSegment::doCleanup()"));
 };
 
-// Makes the machine of a host binding; see PortToHostBindingSm::PortToHostBindingSmIs().
-[[nodiscard]] Kiv::Ptr<PortToHostBindingSm> portToHostBindingSmFactory(
-    const Kiv::Name& host, const Kiv::Ptr<const Port>& port,
-    const Kiv::Ptr<const PortToHostBinding>& portToHostBinding,
-    const Kiv::Ptr<VirtualNetwork::RequestedResourcesCollection>& requestedResourcesCollection);
-
 }  // namespace OpenStack
+
+extern template class Kiv::Machine<OpenStack::PortToHostBindingSm,
+                                   &OpenStack::portToHostBindingSmFactory>;

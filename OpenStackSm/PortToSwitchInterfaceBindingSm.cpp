@@ -1,13 +1,10 @@
 #include "OpenStackSm/PortToSwitchInterfaceBindingSm.h"
 
-#include "OpenStackSm/detail/Given.h"
-#include "OpenStackSm/detail/Referrer.h"
 #include "OpenStackSm/detail/Toggle.h"
 #include "model/VirtualNetwork/Values.h"
 
 namespace [[gnu::visibility("default")]] OpenStack {
 
-using detail::given;
 using detail::isVlan;
 using detail::isVxlan;
 using detail::trace;
@@ -16,7 +13,7 @@ namespace {
 
 // A switch interface as most lines print it, with the colon set apart.
 struct Apart {
-  const VirtualNetwork::SwitchInterface& si;
+  const SwitchInterface& si;
   friend std::ostream& operator<<(std::ostream& stream, const Apart& apart) {
     return stream << apart.si.switchIdentifier() << " : " << apart.si.interfaceName();
   }
@@ -25,58 +22,33 @@ struct Apart {
 }  // namespace
 
 Kiv::Ptr<PortToSwitchInterfaceBindingSm> portToSwitchInterfaceBindingSmFactory(
-    const VirtualNetwork::SwitchInterface& switchInterface, const Kiv::Name& regionName,
+    const SwitchInterface& switchInterface, const Kiv::Name& regionName,
     const Kiv::Ptr<const Port>& port,
     const Kiv::Ptr<const PortToSwitchInterfaceBinding>& portToSwitchInterfaceBinding,
-    const Kiv::Ptr<VirtualNetwork::RequestedResourcesCollection>& requestedResourcesCollection,
-    const Kiv::Ptr<VirtualNetwork::NetworkElementCollection>& networkElementCollection) {
-  return PortToSwitchInterfaceBindingSm::PortToSwitchInterfaceBindingSmIs(
-      switchInterface, regionName, port, portToSwitchInterfaceBinding, requestedResourcesCollection,
-      networkElementCollection);
-}
-
-PortToSwitchInterfaceBindingSm::PortToSwitchInterfaceBindingSm(
-    const VirtualNetwork::SwitchInterface& switchInterface, const Kiv::Name& regionName,
-    const Kiv::Ptr<const Port>& port,
-    const Kiv::Ptr<const PortToSwitchInterfaceBinding>& portToSwitchInterfaceBinding,
-    const Kiv::Ptr<VirtualNetwork::RequestedResourcesCollection>& requestedResourcesCollection,
-    const Kiv::Ptr<VirtualNetwork::NetworkElementCollection>& networkElementCollection)
-    : PublicationSm(this, port, portToSwitchInterfaceBinding, requestedResourcesCollection),
-      switchInterface_(switchInterface),
-      regionName_(regionName),
-      networkElementCollection_(networkElementCollection) {
-  start();
+    const Kiv::Ptr<RequestedResourcesCollection>& requestedResourcesCollection,
+    const Kiv::Ptr<NetworkElementCollection>& networkElementCollection) {
+  return Kiv::makeMachine<PortToSwitchInterfaceBindingSm>(
+      {switchInterface, regionName, port, portToSwitchInterfaceBinding,
+       requestedResourcesCollection, networkElementCollection});
 }
 
 PortToSwitchInterfaceBindingSm::~PortToSwitchInterfaceBindingSm() {
   teardown();
 }
 
-const Kiv::GenericIf& PortToSwitchInterfaceBindingSm::reflection() {
-  static const auto description = Kiv::describe<PortToSwitchInterfaceBindingSm>(
-      kAttributes, &PortToSwitchInterfaceBindingSm::PortToSwitchInterfaceBindingSmIs);
-  return description;
-}
-
-const Kiv::GenericIf* PortToSwitchInterfaceBindingSm::genericIf() const {
-  return &reflection();
-}
-
-VirtualNetwork::SwitchInterface PortToSwitchInterfaceBindingSm::boundTo() const {
+SwitchInterface PortToSwitchInterfaceBindingSm::boundTo() const {
   const auto bound = binding();
-  return bound ? bound->switchInterface() : switchInterface_;
+  return bound ? bound->switchInterface() : switchInterface();
 }
 
 Kiv::Ptr<VirtualNetwork::NetworkElement> PortToSwitchInterfaceBindingSm::element(
     const Kiv::Name& name) const {
-  if (!networkElementCollection_) return nullptr;
-  return networkElementCollection_->networkElement()[name];
+  return networkElementCollection()->networkElement()[name];
 }
 
-Kiv::Ptr<VirtualNetwork::Interface> PortToSwitchInterfaceBindingSm::target() const {
+Kiv::Ptr<VirtualNetwork::Interface> PortToSwitchInterfaceBindingSm::target(bool toggle) const {
   const auto si = boundTo();
-  if (detail::virtualNetworkAgentToggle()) {
-    if (!requestedResourcesCollection()) return nullptr;
+  if (toggle) {
     return Kiv::Ptr<VirtualNetwork::Interface>(
         requestedResourcesCollection()->resourcesForSwitchport()[si]);
   }
@@ -88,27 +60,26 @@ Kiv::Ptr<VirtualNetwork::Interface> PortToSwitchInterfaceBindingSm::target() con
 
 Kiv::Ptr<VirtualNetwork::Interface> PortToSwitchInterfaceBindingSm::requiredTarget() const {
   static constexpr auto here = detail::handler<PortToSwitchInterfaceBindingSm>("handleSegment");
-  if (detail::virtualNetworkAgentToggle()) {
-    (void)given(requestedResourcesCollection());
-    const auto switchPort = target();
-    KIV_ASSERT(switchPort, here.file, here.function);
+  const auto si = boundTo();
+  const bool toggle = detail::virtualNetworkAgentToggle();
+  if (toggle) {
+    const auto switchPort = target(toggle);
+    KIV_ASSERT_ABOUT(switchPort, here.file, here.function, detail::aboutPort(port(), si));
     return switchPort;
   }
-  (void)given(networkElementCollection_);
   const auto bound = binding();
-  const auto switchElement = element(Kiv::Name(boundTo().switchIdentifier()));
-  KIV_ASSERT(switchElement, here.file, here.function);
+  const auto switchElement = element(Kiv::Name(si.switchIdentifier()));
+  KIV_ASSERT_ABOUT(switchElement, here.file, here.function, detail::aboutPort(port(), si));
   const auto hostElement = element(bound ? bound->host() : Kiv::Name());
-  KIV_ASSERT(hostElement, here.file, here.function);
-  const auto interface = target();
-  KIV_ASSERT(interface, here.file, here.function);
+  KIV_ASSERT_ABOUT(hostElement, here.file, here.function, detail::aboutPort(port(), si));
+  const auto interface = target(toggle);
+  KIV_ASSERT_ABOUT(interface, here.file, here.function, detail::aboutPort(port(), si));
   return interface;
 }
 
 void PortToSwitchInterfaceBindingSm::handleSegment(Kiv::U8 level) {
   static constexpr auto here = detail::handler<PortToSwitchInterfaceBindingSm>("handleSegment");
   const auto si = boundTo();
-  (void)given(port());
   trace(9, here, this, [&](auto& text) { text << port()->id() << " is on " << si.name(); });
   if (si.switchIdentifier().empty() || si.interfaceName().empty()) {
     trace(1, here, this, "Map is empty!!!");
@@ -123,6 +94,7 @@ void PortToSwitchInterfaceBindingSm::handleSegment(Kiv::U8 level) {
          << " at level : " << static_cast<char>('0' + level);
   });
   const auto interface = requiredTarget();
+  publishes(level);
   if (isVlan(segment.get())) {
     publishVlan(*interface, *segment, level);
   } else if (isVxlan(segment.get())) {
@@ -131,6 +103,7 @@ void PortToSwitchInterfaceBindingSm::handleSegment(Kiv::U8 level) {
         text << "Establishing a VNI to VLAN mapping from " << id << " to "
              << child->segmentationId();
       });
+      publishes(static_cast<Kiv::U8>(level + 1));
       mapVni(*interface->vlanIs(child->segmentationId()), id);
     }
   }
@@ -161,16 +134,16 @@ void PortToSwitchInterfaceBindingSm::publishVlan(VirtualNetwork::Interface& targ
 void PortToSwitchInterfaceBindingSm::withdrawSegment(const KivSegment& reactor) {
   static constexpr auto here =
       detail::handler<PortToSwitchInterfaceBindingSm>("KivSegment::doCleanup");
-  if (!port()) return;
   const auto segment = reactor.entity();
   trace(9, here, &reactor, [&](auto& text) { text << port()->id() << " : " << segment->id(); });
+  if (reactor.spent()) return;
   const Kiv::U8 level = levelOf(reactor, here);
-  const auto interface = target();
+  const auto interface = target(detail::virtualNetworkAgentToggle());
   if (!interface) return;
   if (!isVlan(segment.get())) return;
   const auto si = boundTo();
   const Kiv::U32 id = segment->segmentationId();
-  // Made when absent, exactly as in publication; the entry goes again below.
+  // Made when absent, exactly as in publication; the entry is deleted again below.
   const auto vlan = interface->vlanIs(id);
   if (!vlan) {
     trace(2, here, &reactor,
@@ -195,11 +168,14 @@ void PortToSwitchInterfaceBindingSm::withdrawSegment(const KivSegment& reactor) 
 
 void PortToSwitchInterfaceBindingSm::doCleanup() {
   static constexpr auto here = detail::handler<PortToSwitchInterfaceBindingSm>("doCleanup");
-  if (!port()) return;
   trace(9, here, this, [&](auto& text) {
     text << "Removing port " << port()->id() << " from " << Apart{boundTo()};
   });
   doCleanupSegments(here);
+  withdrawInterface();
+}
+
+void PortToSwitchInterfaceBindingSm::withdrawInterface() {
   if (detail::virtualNetworkAgentToggle()) {
     doCleanupSwitchport();
   } else {
@@ -208,7 +184,6 @@ void PortToSwitchInterfaceBindingSm::doCleanup() {
 }
 
 void PortToSwitchInterfaceBindingSm::doCleanupSwitchport() {
-  if (!requestedResourcesCollection()) return;
   const auto si = boundTo();
   const Kiv::Ptr<VirtualNetwork::ResourcesForSwitchport> switchport(
       requestedResourcesCollection()->resourcesForSwitchport()[si]);
@@ -229,13 +204,13 @@ void PortToSwitchInterfaceBindingSm::doCleanupNetworkElements() {
   const auto hostElement = element(host);
   if (hostElement) {
     if (const Kiv::Ptr<VirtualNetwork::DomainReferences> domain{
-            hostElement->domain()[regionName_]}) {
+            hostElement->domain()[regionName()]}) {
       domain->referrerDel(Kiv::Name(port()->id()));
       if (domain->referrer().empty()) {
         trace(2, here, this, [&](auto& text) {
-          text << "Deleting region " << regionName_ << " from host " << host;
+          text << "Deleting region " << regionName() << " from host " << host;
         });
-        hostElement->domainDel(regionName_);
+        hostElement->domainDel(regionName());
       }
     }
     hostElement->referrerDel(referrer);
@@ -255,3 +230,6 @@ void PortToSwitchInterfaceBindingSm::doCleanupNetworkElements() {
 }
 
 }  // namespace OpenStack
+
+template class Kiv::Machine<OpenStack::PortToSwitchInterfaceBindingSm,
+                            &OpenStack::portToSwitchInterfaceBindingSmFactory>;

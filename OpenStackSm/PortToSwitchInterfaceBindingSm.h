@@ -10,8 +10,20 @@
 
 namespace [[gnu::visibility("default")]] OpenStack {
 
+class PortToSwitchInterfaceBindingSm;
+
+// Makes the machine of a switch-interface binding, which handles it as it is. A null binding is not
+// observed; a null port or collection throws the range exception "null ValidPtr".
+[[nodiscard]] Kiv::Ptr<PortToSwitchInterfaceBindingSm> portToSwitchInterfaceBindingSmFactory(
+    const SwitchInterface& switchInterface, const Kiv::Name& regionName,
+    const Kiv::Ptr<const Port>& port,
+    const Kiv::Ptr<const PortToSwitchInterfaceBinding>& portToSwitchInterfaceBinding,
+    const Kiv::Ptr<RequestedResourcesCollection>& requestedResourcesCollection,
+    const Kiv::Ptr<NetworkElementCollection>& networkElementCollection);
+
 class PortToSwitchInterfaceBindingSm final
-    : public detail::PublicationSm<PortToSwitchInterfaceBindingSm, PortToSwitchInterfaceBinding> {
+    : public detail::PublicationSm<PortToSwitchInterfaceBindingSm, PortToSwitchInterfaceBinding,
+                                   &portToSwitchInterfaceBindingSmFactory> {
  public:
   static constexpr std::string_view kTypeName = "OpenStack::PortToSwitchInterfaceBindingSm";
   static constexpr std::string_view kBindingReactorTypeName =
@@ -21,74 +33,71 @@ class PortToSwitchInterfaceBindingSm final
 
   using KivPortToSwitchInterfaceBinding = KivBinding;
 
-  // Makes the machine of a switch-interface binding and brings it in line with it. A null binding
-  // is not observed.
-  [[nodiscard]] static Kiv::Ptr<PortToSwitchInterfaceBindingSm> PortToSwitchInterfaceBindingSmIs(
-      const VirtualNetwork::SwitchInterface& switchInterface, const Kiv::Name& regionName,
-      const Kiv::Ptr<const Port>& port,
-      const Kiv::Ptr<const PortToSwitchInterfaceBinding>& portToSwitchInterfaceBinding,
-      const Kiv::Ptr<VirtualNetwork::RequestedResourcesCollection>& requestedResourcesCollection,
-      const Kiv::Ptr<VirtualNetwork::NetworkElementCollection>& networkElementCollection) {
-    return Kiv::makeMachine<PortToSwitchInterfaceBindingSm>(
-        switchInterface, regionName, port, portToSwitchInterfaceBinding,
-        requestedResourcesCollection, networkElementCollection);
-  }
+  // What the machine is made with.
+  struct Arguments {
+    SwitchInterface switchInterface;
+    Kiv::Name regionName;
+    Kiv::ValidPtr<const Port> port;
+    Kiv::ReactorSlot<KivPortToSwitchInterfaceBinding> binding;
+    Kiv::ValidPtr<RequestedResourcesCollection> requestedResourcesCollection;
+    Kiv::ValidPtr<NetworkElementCollection> networkElementCollection;
+  };
 
-  // For PortToSwitchInterfaceBindingSmIs(), whose arguments it takes.
-  PortToSwitchInterfaceBindingSm(
-      const VirtualNetwork::SwitchInterface& switchInterface, const Kiv::Name& regionName,
-      const Kiv::Ptr<const Port>& port,
-      const Kiv::Ptr<const PortToSwitchInterfaceBinding>& portToSwitchInterfaceBinding,
-      const Kiv::Ptr<VirtualNetwork::RequestedResourcesCollection>& requestedResourcesCollection,
-      const Kiv::Ptr<VirtualNetwork::NetworkElementCollection>& networkElementCollection);
+  static constexpr auto& PortToSwitchInterfaceBindingSmIs = portToSwitchInterfaceBindingSmFactory;
+  PortToSwitchInterfaceBindingSm(Arguments&& arguments, Kiv::Start start)
+      : arguments_(std::move(arguments)) {
+    begin(start);
+  }
   ~PortToSwitchInterfaceBindingSm() override;
 
-  // How tools reach the machine's attributes, and make one.
-  static const Kiv::GenericIf& reflection();
-  const Kiv::GenericIf* genericIf() const override;
-
-  // Constructor arguments; the port and the resources are those of the base
-  const VirtualNetwork::SwitchInterface& switchInterface() const { return switchInterface_; }
-  const VirtualNetwork::SwitchInterface& fwkKey() const { return switchInterface_; }
-  const Kiv::Name& regionName() const { return regionName_; }
+  // Constructor arguments
+  const SwitchInterface& switchInterface() const { return arguments_.switchInterface; }
+  const SwitchInterface& fwkKey() const { return arguments_.switchInterface; }
+  const Kiv::Name& regionName() const { return arguments_.regionName; }
+  const Kiv::Ptr<const Port>& port() const { return arguments_.port; }
   Kiv::Ptr<const PortToSwitchInterfaceBinding> portToSwitchInterfaceBinding() const {
     return binding();
   }
   void portToSwitchInterfaceBindingIs(const Kiv::Ptr<const PortToSwitchInterfaceBinding>& v) {
-    bindingIs(v);
+    arguments_.binding.is(*this, v);
   }
-  void portToSwitchInterfaceBindingDel() { bindingDel(); }
-  const Kiv::Ptr<VirtualNetwork::NetworkElementCollection>& networkElementCollection() const {
-    return networkElementCollection_;
+  void portToSwitchInterfaceBindingDel() { arguments_.binding.del(); }
+  const Kiv::Ptr<RequestedResourcesCollection>& requestedResourcesCollection() const {
+    return arguments_.requestedResourcesCollection;
+  }
+  const Kiv::Ptr<NetworkElementCollection>& networkElementCollection() const {
+    return arguments_.networkElementCollection;
   }
 
   // Handlers
-  // The segment at a level came, changed or went: publishes it. Stops the process when what the
-  // port-binding machine publishes for the interface is missing.
+  // The segment at a level was added, changed or removed: publishes it. Stops the process when
+  // what the port-binding machine publishes for the interface is missing.
   void handleSegment(Kiv::U8 level);
   // Withdraws what the segment of one reactor published; what KivSegment::doCleanup() does.
   void withdrawSegment(const KivSegment& reactor);
   // Withdraws all that the machine and its owner published for the switch interface.
   void doCleanup();
+  // The part of that which the owner published.
+  void withdrawInterface();
 
  private:
+  friend PublicationSm;
+
   // The switch interface that the binding names.
-  VirtualNetwork::SwitchInterface boundTo() const;
-  // Where the VLANs go: the switch port's resources or the switch's physical interface, as the
-  // feature toggle says. Null when it is not there.
-  Kiv::Ptr<VirtualNetwork::Interface> target() const;
-  // The same; stops the process, naming what is missing.
+  SwitchInterface boundTo() const;
+  // Where the VLANs are published: with the toggle on the switch port's resources, else the
+  // switch's physical interface. Null when it is absent.
+  Kiv::Ptr<VirtualNetwork::Interface> target(bool toggle) const;
+  // The same, by the feature toggle; stops the process, naming what is missing.
   Kiv::Ptr<VirtualNetwork::Interface> requiredTarget() const;
-  // An element of the network; null when it is not there.
+  // An element of the network; null when it is absent.
   Kiv::Ptr<VirtualNetwork::NetworkElement> element(const Kiv::Name& name) const;
 
   void publishVlan(VirtualNetwork::Interface& target, const Segment& segment, Kiv::U8 level);
   void doCleanupSwitchport();
   void doCleanupNetworkElements();
 
-  VirtualNetwork::SwitchInterface switchInterface_;
-  Kiv::Name regionName_;
-  Kiv::Ptr<VirtualNetwork::NetworkElementCollection> networkElementCollection_;
+  Arguments arguments_;
 
  public:
   // The attributes, in the order of their declaration, then the handlers of the nested reactors.
@@ -119,12 +128,7 @@ class PortToSwitchInterfaceBindingSm final
           "void OpenStack::PortToSwitchInterfaceBindingSm::KivSegment::doCleanup()"));
 };
 
-// Makes the machine of a switch-interface binding; see PortToSwitchInterfaceBindingSmIs().
-[[nodiscard]] Kiv::Ptr<PortToSwitchInterfaceBindingSm> portToSwitchInterfaceBindingSmFactory(
-    const VirtualNetwork::SwitchInterface& switchInterface, const Kiv::Name& regionName,
-    const Kiv::Ptr<const Port>& port,
-    const Kiv::Ptr<const PortToSwitchInterfaceBinding>& portToSwitchInterfaceBinding,
-    const Kiv::Ptr<VirtualNetwork::RequestedResourcesCollection>& requestedResourcesCollection,
-    const Kiv::Ptr<VirtualNetwork::NetworkElementCollection>& networkElementCollection);
-
 }  // namespace OpenStack
+
+extern template class Kiv::Machine<OpenStack::PortToSwitchInterfaceBindingSm,
+                                   &OpenStack::portToSwitchInterfaceBindingSmFactory>;

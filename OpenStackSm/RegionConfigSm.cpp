@@ -1,12 +1,10 @@
 #include "OpenStackSm/RegionConfigSm.h"
 
-#include "OpenStackSm/detail/Given.h"
 #include "OpenStackSm/detail/Trace.h"
 #include "model/VirtualNetwork/Values.h"
 
 namespace [[gnu::visibility("default")]] OpenStack {
 
-using detail::given;
 using detail::trace;
 
 namespace {
@@ -21,60 +19,30 @@ Kiv::U16 poolVlan(const Segment& segment) {
 Kiv::Ptr<RegionConfigSm> regionConfigSmFactory(
     const Kiv::Name& regionName, const Kiv::Ptr<const Region>& regionConfig,
     const Kiv::Ptr<RegionStatus>& regionStatus,
-    const Kiv::Ptr<VirtualNetwork::RequestedResourcesCollection>& requestedResourcesCollection,
+    const Kiv::Ptr<RequestedResourcesCollection>& requestedResourcesCollection,
     const Kiv::Seconds& regionSyncTimeout,
-    const Kiv::Ptr<VirtualNetwork::NetworkElementCollection>& networkElementCollection) {
-  return RegionConfigSm::RegionConfigSmIs(regionName, regionConfig, regionStatus,
-                                          requestedResourcesCollection, regionSyncTimeout,
-                                          networkElementCollection);
-}
-
-RegionConfigSm::RegionConfigSm(
-    const Kiv::Name& regionName, const Kiv::Ptr<const Region>& regionConfig,
-    const Kiv::Ptr<RegionStatus>& regionStatus,
-    const Kiv::Ptr<VirtualNetwork::RequestedResourcesCollection>& requestedResourcesCollection,
-    const Kiv::Seconds& regionSyncTimeout,
-    const Kiv::Ptr<VirtualNetwork::NetworkElementCollection>& networkElementCollection)
-    : regionName_(regionName),
-      regionConfig_(regionConfig, this),
-      regionStatus_(regionStatus),
-      requestedResourcesCollection_(requestedResourcesCollection),
-      regionSyncTimeout_(regionSyncTimeout),
-      networkElementCollection_(networkElementCollection) {
-  if (regionConfig) {
-    mirrorSegments(*regionConfig);
-    portBindingSm_.reserve(regionConfig->portBinding().size());
-    mirrorPortBindings(*regionConfig);
-  }
-  handleInitialized();
+    const Kiv::Ptr<NetworkElementCollection>& networkElementCollection) {
+  return Kiv::makeMachine<RegionConfigSm>({regionName, regionConfig, regionStatus,
+                                           requestedResourcesCollection, regionSyncTimeout,
+                                           networkElementCollection});
 }
 
 RegionConfigSm::~RegionConfigSm() {
   teardown();
 }
 
-const Kiv::GenericIf& RegionConfigSm::reflection() {
-  static const auto description =
-      Kiv::describe<RegionConfigSm>(kAttributes, &RegionConfigSm::RegionConfigSmIs);
-  return description;
-}
-
-const Kiv::GenericIf* RegionConfigSm::genericIf() const {
-  return &reflection();
-}
-
 void RegionConfigSm::handleInitialized() {
   static constexpr auto here = detail::handler<RegionConfigSm>("handleInitialized");
   trace(9, here, this, here.signature);
   if (initialized()) {
-    trace(1, here, this, [&](auto& text) { text << regionName_ << " already initialized"; });
+    trace(1, here, this, [&](auto& text) { text << regionName() << " already initialized"; });
     return;
   }
   syncHeartbeatClockIs(Kiv::ActivityManager::instance().clock());
   syncHeartbeatClock()->timeMinIs(Kiv::Clock::kNever);
   const auto region = regionConfig();
   if (!region) {
-    trace(1, here, this, [&](auto& text) { text << regionName_ << " has no region"; });
+    trace(1, here, this, [&](auto& text) { text << regionName() << " has no region"; });
     initializedIs(true);
     return;
   }
@@ -87,6 +55,7 @@ void RegionConfigSm::handleInitialized() {
     trace(2, here, this, [&](auto& text) { text << "Segment id: " << segment->id(); });
     handleSegment(segment->id());
   }
+  portBindingSm_.reserve(region->portBinding().size());
   for (const auto& binding : region->portBinding()) {
     trace(2, here, this, [&](auto& text) { text << "Port: " << binding->portId(); });
     handlePortBinding(binding->portId());
@@ -99,27 +68,27 @@ void RegionConfigSm::handleSyncStatus() {
   static constexpr auto here = detail::handler<RegionConfigSm>("handleSyncStatus");
   const auto region = regionConfig();
   if (!region) {
-    trace(1, here, this, [&](auto& text) { text << regionName_ << " has no region"; });
+    trace(1, here, this, [&](auto& text) { text << regionName() << " has no region"; });
     return;
   }
   trace(9, here, this, [&](auto& text) {
-    text << " Sync region " << regionName_ << " changed to " << region->syncStatus();
+    text << " Sync region " << regionName() << " changed to " << region->syncStatus();
   });
   const SyncStatus requested = region->syncStatus();
-  const SyncStatus current = given(regionStatus_)->syncStatus();
+  const SyncStatus current = regionStatus()->syncStatus();
   if (requested == SyncStatus::syncComplete && current != SyncStatus::syncInProgress) {
     trace(1, here, this, [&](auto& text) {
-      text << "Region " << regionName_ << " attempted to transition to syncComplete from "
+      text << "Region " << regionName() << " attempted to transition to syncComplete from "
            << current << ". Not altering status.";
     });
     return;
   }
-  given(regionStatus_)->oldSyncStatusIs(current);
-  given(regionStatus_)->syncStatusIs(requested);
+  regionStatus()->oldSyncStatusIs(current);
+  regionStatus()->syncStatusIs(requested);
   if (requested == SyncStatus::syncComplete) {
     if (auto* timer = syncHeartbeatClock()) timer->timeMinIs(Kiv::Clock::kNever);
-    given(regionStatus_)->ownerIs("");
-    given(regionStatus_)->requestIdIs("");
+    regionStatus()->ownerIs("");
+    regionStatus()->requestIdIs("");
   } else if (requested == SyncStatus::syncInProgress) {
     handleHeartbeat();
   }
@@ -129,7 +98,7 @@ void RegionConfigSm::handleHeartbeat() {
   static constexpr auto here = detail::handler<RegionConfigSm>("handleHeartbeat");
   trace(9, here, this, "");
   if (auto* timer = syncHeartbeatClock()) {
-    timer->timeMinIs(Kiv::System::currentTime() + regionSyncTimeout_);
+    timer->timeMinIs(Kiv::System::currentTime() + regionSyncTimeout());
   } else {
     trace(1, here, this, "No clock for the heartbeat");
   }
@@ -139,25 +108,25 @@ void RegionConfigSm::handleSyncHeartbeatTimeout() {
   static constexpr auto here = detail::handler<RegionConfigSm>("handleSyncHeartbeatTimeout");
   trace(9, here, this, [&](auto& text) {
     const auto region = regionConfig();
-    text << (region ? region->name() : regionName_);
+    text << (region ? region->name() : regionName());
   });
   if (!initialized()) {
     trace(1, here, this, "Heartbeat timed out event though the region is not initialized!");
     return;
   }
   trace(3, here, this,
-        [&](auto& text) { text << "Releasing the lock from " << given(regionStatus_)->owner(); });
-  given(regionStatus_)->ownerIs("");
-  given(regionStatus_)->requestIdIs("");
-  given(regionStatus_)->oldSyncStatusIs(given(regionStatus_)->syncStatus());
-  given(regionStatus_)->syncStatusIs(SyncStatus::syncTimedOut);
+        [&](auto& text) { text << "Releasing the lock from " << regionStatus()->owner(); });
+  regionStatus()->ownerIs("");
+  regionStatus()->requestIdIs("");
+  regionStatus()->oldSyncStatusIs(regionStatus()->syncStatus());
+  regionStatus()->syncStatusIs(SyncStatus::syncTimedOut);
 }
 
 void RegionConfigSm::handleLockRequest() {
   static constexpr auto here = detail::handler<RegionConfigSm>("handleLockRequest");
   const auto region = regionConfig();
   if (!region) {
-    trace(1, here, this, [&](auto& text) { text << regionName_ << " has no region"; });
+    trace(1, here, this, [&](auto& text) { text << regionName() << " has no region"; });
     return;
   }
   const Kiv::String requester = region->requester();
@@ -170,22 +139,23 @@ void RegionConfigSm::handleLockRequest() {
     trace(3, here, this, "Request id not set. Ignoring the request.");
     if (!requester.empty()) return;
     trace(3, here, this, "Clearing the lock");
-    given(regionStatus_)->requestIdIs("");
-    given(regionStatus_)->ownerIs("");
+    regionStatus()->requestIdIs("");
+    regionStatus()->ownerIs("");
     return;
   }
-  const Kiv::String& owner = given(regionStatus_)->owner();
-  if (!given(regionStatus_)->requestId().empty() || !(owner.empty() || owner == requester)) {
+  const Kiv::String& owner = regionStatus()->owner();
+  if (!regionStatus()->requestId().empty() || !(owner.empty() || owner == requester)) {
     trace(3, here, this, "Did not grant a lock request");
     return;
   }
   trace(3, here, this, [&](auto& text) { text << "Granted lock to " << requester; });
-  given(regionStatus_)->ownerIs(requester);
-  given(regionStatus_)->requestIdIs(requestId);
+  regionStatus()->ownerIs(requester);
+  regionStatus()->requestIdIs(requestId);
 }
 
-void RegionConfigSm::handleSegment(const Kiv::String& id) {
+void RegionConfigSm::handleSegment(const Kiv::String& segmentId) {
   static constexpr auto here = detail::handler<RegionConfigSm>("handleSegment");
+  const Kiv::String id = segmentId;  // the caller's may belong to what is deleted meanwhile
   trace(9, here, this, [&](auto& text) { text << id; });
   const auto region = regionConfig();
   const Kiv::Ptr<const Segment> segment(region ? region->segment()[id] : nullptr);
@@ -199,9 +169,9 @@ void RegionConfigSm::handleSegment(const Kiv::String& id) {
           [&](auto& text) { text << "Ignoring " << segment->segmentationType() << " segment"; });
     return;
   }
-  const auto pool = given(regionStatus_)->vlanPool();
+  const auto pool = regionStatus()->vlanPool();
   if (!pool) {
-    trace(1, here, this, [&](auto& text) { text << "No VLAN pool in region " << regionName_; });
+    trace(1, here, this, [&](auto& text) { text << "No VLAN pool in region " << regionName(); });
     return;
   }
   const Kiv::U16 vlan = poolVlan(*segment);
@@ -211,29 +181,34 @@ void RegionConfigSm::handleSegment(const Kiv::String& id) {
 
 void RegionConfigSm::KivSegment::handleCleanup() {
   static constexpr auto here = detail::handler<RegionConfigSm>("KivSegment::handleCleanup");
-  const Segment& segment = *notifier();
-  trace(9, here, this, [&](auto& text) { text << segment.id(); });
-  if (segment.segmentationType() != SegmentationType::vlan) return;
-  const auto status = machine()->regionStatus();
-  const auto pool = status ? status->vlanPool() : nullptr;
+  if (!mirrors()) {
+    trace(1, here, this, "No segment to clean up");
+    return;
+  }
+  const auto segment = entity();
+  trace(9, here, this, [&](auto& text) { text << segment->id(); });
+  if (segment->segmentationType() != SegmentationType::vlan) return;
+  const auto pool = machine()->regionStatus()->vlanPool();
   if (!pool) {
     trace(1, here, this,
           [&](auto& text) { text << "No VLAN pool in region " << machine()->regionName(); });
     return;
   }
-  const Kiv::U16 vlan = poolVlan(segment);
+  const Kiv::U16 vlan = poolVlan(*segment);
   pool->allocatedVlanDel(vlan);
   if (pool->assignedVlan()[vlan]) pool->availableVlanIs(vlan, true);
 }
 
-void RegionConfigSm::handlePortBinding(const Kiv::String& portId) {
+void RegionConfigSm::handlePortBinding(const Kiv::String& id) {
   static constexpr auto here = detail::handler<RegionConfigSm>("handlePortBinding");
+  const Kiv::String portId = id;  // as above
   trace(9, here, this, [&](auto& text) { text << portId; });
   const auto region = regionConfig();
   const Kiv::Ptr<const PortBinding> binding(region ? region->portBinding()[portId] : nullptr);
   if (binding) {
-    portBindingSmIs(regionName_, portId, binding->port(), binding, requestedResourcesCollection_,
-                    networkElementCollection_);
+    const Kiv::Ptr<const Port> port = binding->port();
+    portBindingSmIs(regionName(), portId, port, binding, requestedResourcesCollection(),
+                    networkElementCollection());
   } else {
     portBindingSmDel(portId);
   }
@@ -241,11 +216,15 @@ void RegionConfigSm::handlePortBinding(const Kiv::String& portId) {
 
 void RegionConfigSm::KivPortBinding::handleCleanup() {
   static constexpr auto here = detail::handler<RegionConfigSm>("KivPortBinding::handleCleanup");
+  if (!mirrors()) {
+    trace(1, here, this, "No port binding to clean up");
+    return;
+  }
   const Kiv::String portId = fwkKey();
   const auto owner = machine();  // which an observer of the cleanup may make this reactor lose
   trace(9, here, this, [&](auto& text) { text << portId; });
   if (const Kiv::Ptr<PortBindingSm> child{owner->portBindingSm()[portId]}) {
-    child->doCleanup();
+    if (!child->starting()) child->doCleanup();
   } else {
     trace(1, here, this, [&](auto& text) { text << "No port binding machine for " << portId; });
   }
@@ -253,3 +232,5 @@ void RegionConfigSm::KivPortBinding::handleCleanup() {
 }
 
 }  // namespace OpenStack
+
+template class Kiv::Machine<OpenStack::RegionConfigSm, &OpenStack::regionConfigSmFactory>;

@@ -1,7 +1,7 @@
 // The region machine: one for each configured region.
 //
-// Mirrors the driver's sync status, runs the sync heartbeat timer, arbitrates the sync lock, keeps
-// the VLAN pool accurate while segments come and go, and owns one port-binding machine for each
+// Mirrors the driver's sync status, runs the sync heartbeat timer, arbitrates the sync lock, moves
+// VLANs of the pool as segments are added and removed, and owns one port-binding machine for each
 // port binding. Made and deleted by the root machine. Activity thread only.
 #pragma once
 
@@ -13,10 +13,21 @@
 
 namespace [[gnu::visibility("default")]] OpenStack {
 
-class RegionConfigSm final : public Kiv::Machine<RegionConfigSm> {
+class RegionConfigSm;
+
+// Makes the machine of a region, which handles it as it is. A null region is not observed; a null
+// status or collection throws the range exception "null ValidPtr".
+[[nodiscard]] Kiv::Ptr<RegionConfigSm> regionConfigSmFactory(
+    const Kiv::Name& regionName, const Kiv::Ptr<const Region>& regionConfig,
+    const Kiv::Ptr<RegionStatus>& regionStatus,
+    const Kiv::Ptr<RequestedResourcesCollection>& requestedResourcesCollection,
+    const Kiv::Seconds& regionSyncTimeout,
+    const Kiv::Ptr<NetworkElementCollection>& networkElementCollection);
+
+class RegionConfigSm final : public Kiv::Machine<RegionConfigSm, &regionConfigSmFactory> {
  public:
   static constexpr std::string_view kTypeName = "OpenStack::RegionConfigSm";
-  // A region machine goes with all its region has published still there; only removals in the
+  // The end of a region machine leaves all that its region has published; only removals in the
   // region withdraw.
   static constexpr bool kTeardownRunsCleanup = false;
 
@@ -27,18 +38,20 @@ class RegionConfigSm final : public Kiv::Machine<RegionConfigSm> {
     using Reactor::Reactor;
 
     void onSegment(const Kiv::String& id) override {
-      if (mirrors()) machine()->mirrorSegment(*notifier(), id);
-      if (live()) machine()->handleSegment(id);
+      const Kiv::String key = id;
+      if (mirrors()) machine()->mirrorSegment(*entity(), key);
+      if (live()) machine()->handleSegment(key);
     }
     void onSegmentkivImmediate() override {
-      if (mirrors()) machine()->mirrorSegments(*notifier());
+      if (mirrors()) machine()->followSegments(*entity());
     }
     void onPortBinding(const Kiv::String& portId) override {
-      if (mirrors()) machine()->mirrorPortBinding(*notifier(), portId);
-      if (live()) machine()->handlePortBinding(portId);
+      const Kiv::String key = portId;
+      if (mirrors()) machine()->mirrorPortBinding(*entity(), key);
+      if (live()) machine()->handlePortBinding(key);
     }
     void onPortBindingkivImmediate() override {
-      if (mirrors()) machine()->mirrorPortBindings(*notifier());
+      if (mirrors()) machine()->followPortBindings(*entity());
     }
     void onSyncStatus() override {
       if (live()) machine()->handleSyncStatus();
@@ -52,10 +65,8 @@ class RegionConfigSm final : public Kiv::Machine<RegionConfigSm> {
     void onRequestId() override { onRequester(); }
 
    private:
-    void resynchronise() override {
-      onSegmentkivImmediate();
-      onPortBindingkivImmediate();
-      if (notifier() == nullptr) return;
+    void mirror() override { machine()->mirrorAll(*entity()); }
+    void handleScalars() override {
       onSyncStatus();
       onSyncHeartbeat();
       onRequester();
@@ -75,24 +86,27 @@ class RegionConfigSm final : public Kiv::Machine<RegionConfigSm> {
     }
   };
 
-  // Stands for one segment; its removal returns the segment's VLAN to the pool.
-  class KivSegment final : public Kiv::StandIn<KivSegment, RegionConfigSm, Segment> {
+  // One segment; its removal returns the segment's VLAN to the pool.
+  class KivSegment final : public Kiv::PassiveReactor<KivSegment, RegionConfigSm, Segment> {
    public:
     static constexpr std::string_view kTypeName = "OpenStack::RegionConfigSm::KivSegment";
-    using Reactor::Reactor;
+    using PassiveReactor::PassiveReactor;
 
+    // Returns the segment's VLAN to the pool.
     void handleCleanup();
 
    private:
     void kivHandle() override { machine()->kiv_handleSegment(Kiv::Ptr<KivSegment>(this)); }
   };
 
-  // Stands for one port binding; its removal withdraws what the binding published.
-  class KivPortBinding final : public Kiv::StandIn<KivPortBinding, RegionConfigSm, PortBinding> {
+  // One port binding; its removal withdraws what the binding published.
+  class KivPortBinding final
+      : public Kiv::PassiveReactor<KivPortBinding, RegionConfigSm, PortBinding> {
    public:
     static constexpr std::string_view kTypeName = "OpenStack::RegionConfigSm::KivPortBinding";
-    using Reactor::Reactor;
+    using PassiveReactor::PassiveReactor;
 
+    // Runs the cleanup of the port binding's machine and deletes the machine.
     void handleCleanup();
 
    private:
@@ -103,47 +117,37 @@ class RegionConfigSm final : public Kiv::Machine<RegionConfigSm> {
   using SegmentMap = Kiv::ReactorMap<KivSegment, Kiv::String>;
   using PortBindingMap = Kiv::ReactorMap<KivPortBinding, Kiv::String>;
 
-  // Makes the machine of a region and brings it in line with it. A null region is not observed.
-  [[nodiscard]] static Kiv::Ptr<RegionConfigSm> RegionConfigSmIs(
-      const Kiv::Name& regionName, const Kiv::Ptr<const Region>& regionConfig,
-      const Kiv::Ptr<RegionStatus>& regionStatus,
-      const Kiv::Ptr<VirtualNetwork::RequestedResourcesCollection>& requestedResourcesCollection,
-      const Kiv::Seconds& regionSyncTimeout,
-      const Kiv::Ptr<VirtualNetwork::NetworkElementCollection>& networkElementCollection) {
-    return Kiv::makeMachine<RegionConfigSm>(regionName, regionConfig, regionStatus,
-                                            requestedResourcesCollection, regionSyncTimeout,
-                                            networkElementCollection);
-  }
+  // What the machine is made with.
+  struct Arguments {
+    Kiv::Name regionName;
+    Kiv::ReactorSlot<KivRegionConfig> regionConfig;
+    Kiv::ValidPtr<RegionStatus> regionStatus;
+    Kiv::ValidPtr<RequestedResourcesCollection> requestedResourcesCollection;
+    Kiv::Seconds regionSyncTimeout;
+    Kiv::ValidPtr<NetworkElementCollection> networkElementCollection;
+  };
 
-  // For RegionConfigSmIs(), whose arguments it takes.
-  RegionConfigSm(
-      const Kiv::Name& regionName, const Kiv::Ptr<const Region>& regionConfig,
-      const Kiv::Ptr<RegionStatus>& regionStatus,
-      const Kiv::Ptr<VirtualNetwork::RequestedResourcesCollection>& requestedResourcesCollection,
-      const Kiv::Seconds& regionSyncTimeout,
-      const Kiv::Ptr<VirtualNetwork::NetworkElementCollection>& networkElementCollection);
+  static constexpr auto& RegionConfigSmIs = regionConfigSmFactory;
+  RegionConfigSm(Arguments&& arguments, Kiv::Start start) : arguments_(std::move(arguments)) {
+    begin(start);
+  }
   ~RegionConfigSm() override;
 
-  // How tools reach the machine's attributes, and make one.
-  static const Kiv::GenericIf& reflection();
-  const Kiv::GenericIf* genericIf() const override;
-
   // Constructor arguments
-  const Kiv::Name& regionName() const { return regionName_; }
-  const Kiv::Name& fwkKey() const { return regionName_; }
-  Kiv::Ptr<const Region> regionConfig() const { return regionConfig_.entity(); }
-  void regionConfigIs(const Kiv::Ptr<const Region>& v) { regionConfig_.is(*this, v); }
-  void regionConfigDel() { regionConfig_.del(); }
-  const Kiv::Ptr<RegionStatus>& regionStatus() const { return regionStatus_; }
-  const Kiv::Ptr<VirtualNetwork::RequestedResourcesCollection>& requestedResourcesCollection()
-      const {
-    return requestedResourcesCollection_;
+  const Kiv::Name& regionName() const { return arguments_.regionName; }
+  const Kiv::Name& fwkKey() const { return arguments_.regionName; }
+  Kiv::Ptr<const Region> regionConfig() const { return arguments_.regionConfig.entity(); }
+  void regionConfigIs(const Kiv::Ptr<const Region>& v) { arguments_.regionConfig.is(*this, v); }
+  void regionConfigDel() { arguments_.regionConfig.del(); }
+  const Kiv::Ptr<RegionStatus>& regionStatus() const { return arguments_.regionStatus; }
+  const Kiv::Ptr<RequestedResourcesCollection>& requestedResourcesCollection() const {
+    return arguments_.requestedResourcesCollection;
   }
   // The heartbeat timeout, in seconds. A new one counts from the next heartbeat on.
-  Kiv::Seconds regionSyncTimeout() const { return regionSyncTimeout_; }
-  void regionSyncTimeoutIs(const Kiv::Seconds& timeout) { regionSyncTimeout_ = timeout; }
-  const Kiv::Ptr<VirtualNetwork::NetworkElementCollection>& networkElementCollection() const {
-    return networkElementCollection_;
+  Kiv::Seconds regionSyncTimeout() const { return arguments_.regionSyncTimeout; }
+  void regionSyncTimeoutIs(const Kiv::Seconds& timeout) { arguments_.regionSyncTimeout = timeout; }
+  const Kiv::Ptr<NetworkElementCollection>& networkElementCollection() const {
+    return arguments_.networkElementCollection;
   }
 
   // The heartbeat timer's reactor; null until handleInitialized() has made it.
@@ -162,8 +166,8 @@ class RegionConfigSm final : public Kiv::Machine<RegionConfigSm> {
   Kiv::Ptr<PortBindingSm> portBindingSmIs(
       const Kiv::Name& regionName, const Kiv::String& portId, const Kiv::Ptr<const Port>& port,
       const Kiv::Ptr<const PortBinding>& portBinding,
-      const Kiv::Ptr<VirtualNetwork::RequestedResourcesCollection>& requestedResourcesCollection,
-      const Kiv::Ptr<VirtualNetwork::NetworkElementCollection>& networkElementCollection) {
+      const Kiv::Ptr<RequestedResourcesCollection>& requestedResourcesCollection,
+      const Kiv::Ptr<NetworkElementCollection>& networkElementCollection) {
     return portBindingSm_.is(portId, regionName, portId, port, portBinding,
                              requestedResourcesCollection, networkElementCollection);
   }
@@ -202,11 +206,11 @@ class RegionConfigSm final : public Kiv::Machine<RegionConfigSm> {
   void kiv_handlePortBinding(const Kiv::Ptr<KivPortBinding>& reactor) { reactor->handleCleanup(); }
 
   // Handlers
-  // Makes the timer, tells the region's inventory, handles all that the region holds; once.
+  // Makes the timer, traces the region's inventory, handles all that the region holds; once.
   void handleInitialized();
-  // A segment came or went: allocates its VLAN in the pool.
+  // A segment was added, changed or removed: allocates its VLAN in the pool.
   void handleSegment(const Kiv::String& id);
-  // A port binding came or went: keeps its machine.
+  // A port binding was added or removed: makes or deletes its machine.
   void handlePortBinding(const Kiv::String& portId);
   // The driver asks for a sync status: applies it, or refuses a completion without a start.
   void handleSyncStatus();
@@ -218,28 +222,33 @@ class RegionConfigSm final : public Kiv::Machine<RegionConfigSm> {
   void handleLockRequest();
 
  private:
-  friend class Kiv::Machine<RegionConfigSm>;
+  friend class Kiv::Machine<RegionConfigSm, &regionConfigSmFactory>;
 
-  auto reactors() { return std::tie(regionConfig_, syncHeartbeatClock_, segment_, portBinding_); }
+  auto reactors() {
+    return std::tie(arguments_.regionConfig, syncHeartbeatClock_, segment_, portBinding_);
+  }
   auto children() { return std::tie(portBindingSm_); }
+  void withdraw() {
+    portBindingDelAll();
+    segmentDelAll();
+  }
 
+  void mirrorAll(const Region& region) {
+    segment_.synchronise(*this, region.segment());
+    portBinding_.synchronise(*this, region.portBinding());
+  }
+  void followSegments(const Region& region) { segment_.follow(*this, region.segment()); }
   void mirrorSegment(const Region& region, const Kiv::String& id) {
-    segment_.resynchroniseOne(*this, region.segment(), id);
+    segment_.synchroniseOne(*this, region.segment(), id);
   }
-  void mirrorSegments(const Region& region) { segment_.resynchronise(*this, region.segment()); }
+  void followPortBindings(const Region& region) {
+    portBinding_.follow(*this, region.portBinding());
+  }
   void mirrorPortBinding(const Region& region, const Kiv::String& portId) {
-    portBinding_.resynchroniseOne(*this, region.portBinding(), portId);
-  }
-  void mirrorPortBindings(const Region& region) {
-    portBinding_.resynchronise(*this, region.portBinding());
+    portBinding_.synchroniseOne(*this, region.portBinding(), portId);
   }
 
-  Kiv::Name regionName_;
-  Kiv::ReactorSlot<KivRegionConfig> regionConfig_;
-  Kiv::Ptr<RegionStatus> regionStatus_;
-  Kiv::Ptr<VirtualNetwork::RequestedResourcesCollection> requestedResourcesCollection_;
-  Kiv::Seconds regionSyncTimeout_;
-  Kiv::Ptr<VirtualNetwork::NetworkElementCollection> networkElementCollection_;
+  Arguments arguments_;
   Kiv::ReactorSlot<KivSyncHeartbeatClock> syncHeartbeatClock_;
   PortBindingSmMap portBindingSm_;
   SegmentMap segment_;
@@ -289,12 +298,6 @@ class RegionConfigSm final : public Kiv::Machine<RegionConfigSm> {
                           "void OpenStack::RegionConfigSm::KivPortBinding::handleCleanup()"));
 };
 
-// Makes the machine of a region; see RegionConfigSm::RegionConfigSmIs().
-[[nodiscard]] Kiv::Ptr<RegionConfigSm> regionConfigSmFactory(
-    const Kiv::Name& regionName, const Kiv::Ptr<const Region>& regionConfig,
-    const Kiv::Ptr<RegionStatus>& regionStatus,
-    const Kiv::Ptr<VirtualNetwork::RequestedResourcesCollection>& requestedResourcesCollection,
-    const Kiv::Seconds& regionSyncTimeout,
-    const Kiv::Ptr<VirtualNetwork::NetworkElementCollection>& networkElementCollection);
-
 }  // namespace OpenStack
+
+extern template class Kiv::Machine<OpenStack::RegionConfigSm, &OpenStack::regionConfigSmFactory>;

@@ -1,12 +1,22 @@
-// Random UUIDs.
+// Random UUIDs, and where they come from.
 #pragma once
+
+#include <functional>
+#include <string>
 
 #include "framework/Text.h"
 
 namespace [[gnu::visibility("default")]] OpenStack {
 
-// A new random version-4 UUID as 36 characters, lower case. Each call makes a generator of its own,
-// seeded from the system. Any thread.
+// What makes a UUID: 36 characters, lower case.
+using UuidSource = std::function<std::string()>;
+
+// Installs a source for every UUID from now on, for example one that records them; null installs
+// the library's own. Activity thread only.
+void uuidSourceIs(UuidSource source);
+
+// A new UUID from the source. The library's own makes random ones of version 4; each is drawn from
+// a generator of its own, which is seeded from the system's random source. Activity thread only.
 Kiv::String uuid();
 
 }  // namespace OpenStack

@@ -51,7 +51,8 @@ void NotifieeList::ListCursor::nextOfStale() {
   do {
     NotifieeBase* const called = notifiee();
     NotifieeBase* next = next_;
-    if (!std::exchange(removed_, false)) next = called == last_ ? nullptr : called->links_.ring.next;
+    if (!std::exchange(removed_, false))
+      next = called == last_ ? nullptr : called->links_.ring.next;
     advance(next);  // may free `called`, and with it `next` and others
   } while (notifiee() != nullptr && pinned());
 }

@@ -1,31 +1,27 @@
 // Kiv::ReactorMap: a machine's collection of reactors that mirrors a collection of its input.
 //
 // The machine forwards to it by name (`segmentIs`, `segmentDel`, `segmentDelAll`), passes itself,
-// and has it in its table of attributes. Activity thread only.
+// and has it in its table of attributes. From the reactor of the input,
+//   - follow() answers the immediate notification of a change,
+//   - synchroniseOne() the keyed one,
+//   - synchronise() a new input.
+// Activity thread only.
 #pragma once
 
-#include <string>
+#include <type_traits>
 
 #include "framework/Attribute.h"
 #include "framework/Reactor.h"
 
 namespace [[gnu::visibility("default")]] Kiv {
 
-// The fixed text of the exception for a null argument to a collection's mutator. It closes with a
-// double-quote character, which readers of old logs search for.
-inline std::string nullArgumentText(std::string_view collection, std::string_view machine) {
-  return std::string("null _")
-      .append(collection)
-      .append(" parameter to mutator for ")
-      .append(machine)
-      .append("::")
-      .append(collection)
-      .append(" not allowed\"");
-}
-
-// R: the reactor. K: its key. A machine that has work to do for a key after each change of the
-// collection passes a hook; it runs after the member has come, and after it has gone.
-template <class R, class K>
+// R: the reactor, a MemberReactor or a PassiveReactor. K: its key. A machine with work to do for
+// a key after each change of the collection passes a hook; it runs after the member was added, and
+// after it was removed.
+//
+// Followed: whether follow() looks at one member only where it can, for which the map notes the
+// version of the input. Else it looks at all, which is right for collections that are always small.
+template <class R, class K, bool Followed = true>
 class ReactorMap : public HashMap<R, K, typename R::Entity> {
   using Map = HashMap<R, K, typename R::Entity>;
   using Machine = typename R::Machine;
@@ -55,7 +51,7 @@ class ReactorMap : public HashMap<R, K, typename R::Entity> {
     } else {
       return reactor;
     }
-    inLineAt_ = kOutOfLine;
+    syncedVersion_.set(kStale);
     reactor->kivDoZombieReactors(machine.markedForDeletion());
     hook(reactor->fwkKey());
     return reactor;
@@ -67,22 +63,22 @@ class ReactorMap : public HashMap<R, K, typename R::Entity> {
     if (!entity) throwNull(machine);
   }
 
-  // Puts in a reactor that was made by the caller, under a key that is free.
+  // Inserts a reactor that the caller has made, under a key that no member has.
   void insert(Machine& machine, const Ptr<R>& reactor) {
-    inLineAt_ = kOutOfLine;
+    syncedVersion_.set(kStale);
     reactor->hasNotificationActiveIs(true);
     Map::newMember(reactor);
     reactor->kivDoZombieReactors(machine.markedForDeletion());
   }
 
-  // Deletes the reactor with this key, and returns the entity that it observed; null when absent. A
-  // reactor with a cleanup runs it while it is still a member.
+  // Deletes the reactor with this key, and returns the entity that it observed; null when absent or
+  // disconnected. A reactor with a cleanup runs it while it is still a member.
   template <class Hook = NoHook>
   Ptr<const Entity> del(const K& key, Hook hook = {}) {
     const Ptr<R> reactor((*this)[key]);
     if (!reactor) return nullptr;
     const K gone = key;
-    inLineAt_ = kOutOfLine;
+    syncedVersion_.set(kStale);
     reactor->kivDoZombieReactors(true);
     Map::deleteMember(gone);
     hook(gone);
@@ -97,23 +93,44 @@ class ReactorMap : public HashMap<R, K, typename R::Entity> {
     for (const auto& reactor : std::as_const(*this)) del(K(reactor->fwkKey()), hook);
   }
 
-  // Brings the collection in line with the input's: is() for every member that is there, del() for
-  // every reactor whose member is not. Called from the notification of a single change, when the
-  // two were in line before it, it looks at that member only.
+  // After a change of the input's collection: synchronises. When the two were synchronised before
+  // the change, that is one look at the changed member.
   template <class Input, class Hook = NoHook>
-  void resynchronise(Machine& machine, const Input& input, Hook hook = {}) {
-    if (const K* changed = input.singleChangeSince(inLineAt_)) {
-      resynchroniseOne(machine, input, *changed, hook);
-      inLineAt_ = input.changes();
+  void follow(Machine& machine, const Input& input, Hook hook = {}) {
+    if (const K* changed = input.singleChangeSince(syncedVersion_.get())) {
+      const U32 version = input.changes();
+      synchroniseOne(machine, input, *changed, hook);
+      syncedVersion_.set(input.changes() == version ? version : kStale);
     } else {
-      const U32 before = input.changes();
-      resynchroniseAll(machine, input, hook);
-      inLineAt_ = input.changes() == before ? before : kOutOfLine;
+      synchronise(machine, input, hook);
     }
   }
+
+  // Makes the collection equal to the input's: is() for every member that the input has, then del()
+  // for every reactor whose member it has not.
+  template <class Input, class Hook = NoHook>
+  void synchronise(Machine& machine, const Input& input, Hook hook = {}) {
+    Map::reserve(input.size());
+    const U32 version = input.changes();
+    const U32 before = Map::changes();
+    const std::size_t size = Map::size();
+    for (const auto& member : input) is(machine, member, hook);
+    // Where the input has not changed meanwhile and no reactor was deleted, every member has its
+    // reactor, and equal sizes say that there is no other. A hook may change either.
+    const bool undisturbed =
+        input.changes() == version && Map::changes() - before == Map::size() - size;
+    if (!undisturbed || Map::size() != input.size()) {
+      for (const auto& reactor : std::as_const(*this)) {
+        const K key = reactor->fwkKey();
+        if (!input.contains(key)) del(key, hook);
+      }
+    }
+    syncedVersion_.set(input.changes() == version ? version : kStale);
+  }
+
   // The same for one member.
   template <class Input, class Hook = NoHook>
-  void resynchroniseOne(Machine& machine, const Input& input, const K& key, Hook hook = {}) {
+  void synchroniseOne(Machine& machine, const Input& input, const K& key, Hook hook = {}) {
     if (const auto* member = input[key]) {
       is(machine, Ptr<const Entity>(member), hook);
     } else {
@@ -121,8 +138,8 @@ class ReactorMap : public HashMap<R, K, typename R::Entity> {
     }
   }
 
-  // What the machine passes on to all that it owns: the switch of notifications, the zombie mark,
-  // the loss of the machine, and that an input is about to be replaced.
+  // What the machine passes on to all that it owns; see ReactorSlot.
+  void machineIs(Machine&) {}
   void hasNotificationActiveIs(bool active) {
     this->forEachUnguarded([active](R& reactor) { reactor.hasNotificationActiveIs(active); });
   }
@@ -135,44 +152,35 @@ class ReactorMap : public HashMap<R, K, typename R::Entity> {
       reactor.hasNotificationActiveIs(false);
     });
   }
-  void outOfLine() { inLineAt_ = kOutOfLine; }
+  void synchronise() {}
 
  private:
   using Map::deleteMember;
   using Map::emptyAllBuckets;
   using Map::newMember;
   using Map::replaceMember;
-  using Map::reserve;
-
-  template <class Input, class Hook>
-  void resynchroniseAll(Machine& machine, const Input& input, Hook hook) {
-    Map::reserve(input.size());
-    const U32 inputBefore = input.changes();
-    const U32 before = Map::changes();
-    const std::size_t size = Map::size();
-    for (const auto& member : input) is(machine, member, hook);
-    // Where nothing has gone meanwhile and the input is what it was, all of it is here, and others
-    // show in the number. A hook may change either.
-    const bool told =
-        input.changes() == inputBefore && Map::changes() - before == Map::size() - size;
-    if (told && Map::size() == input.size()) return;
-    for (const auto& reactor : std::as_const(*this)) {
-      const K key = reactor->fwkKey();
-      if (!input.contains(key)) del(key, hook);
-    }
-  }
 
   [[noreturn]] void throwNull(const Machine& machine) const {
     std::string_view name;
     if constexpr (requires { Machine::kAttributes; }) {
       name = Machine::kAttributes.nameOf(machine, *this);
     }
-    throwRangeException(nullArgumentText(name, machine.fwkType().name()));
+    throwNullArgument(name, machine.fwkType().name());
   }
 
-  static constexpr U32 kOutOfLine = ~U32{0};
+  static constexpr U32 kStale = ~U32{0};
 
-  U32 inLineAt_ = kOutOfLine;  // the input's changes() when the two were last brought in line
+  // The input's changes() when the two were last synchronised; kStale when they may differ.
+  struct Version {
+    U32 get() const { return version_; }
+    void set(U32 version) { version_ = version; }
+    U32 version_ = kStale;
+  };
+  struct NoVersion {
+    static U32 get() { return kStale; }
+    static void set(U32) {}
+  };
+  [[no_unique_address]] std::conditional_t<Followed, Version, NoVersion> syncedVersion_;
 };
 
 }  // namespace Kiv

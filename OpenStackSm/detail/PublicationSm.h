@@ -1,8 +1,9 @@
 // What the two machines share that publish the segments of a binding.
 //
-// Each mirrors its binding's segments, one reactor a level, and publishes from handleSegment(); the
-// removal of a reactor withdraws. They differ in where they write and in what they withdraw, and
-// that is all that PortToHostBindingSm and PortToSwitchInterfaceBindingSm say themselves.
+// Each mirrors its binding's segments, one reactor for each level, and publishes from
+// handleSegment(); the removal of a reactor withdraws. They differ in where they write and in what
+// they withdraw, and that is all that PortToHostBindingSm and PortToSwitchInterfaceBindingSm say
+// themselves.
 //
 // Levels: the segment at level n + 1 lies right below the one at level n, and a VXLAN segment right
 // above a VLAN segment means that the VLAN carries that VNI. Levels wrap: 0 follows 255.
@@ -11,6 +12,7 @@
 #include <optional>
 
 #include "OpenStackSm/Attributes.h"
+#include "OpenStackSm/detail/PortText.h"
 #include "OpenStackSm/detail/Trace.h"
 #include "framework/Assert.h"
 #include "framework/Machine.h"
@@ -28,10 +30,19 @@ inline bool isVxlan(const Segment* segment) {
   return segment != nullptr && segment->segmentationType() == SegmentationType::vxlan;
 }
 
-// M: the machine, which gives kAttributes, kReactorTypeNames, handleSegment() and
-// withdrawSegment(). B: the binding that it publishes.
-template <class M, class B>
-class PublicationSm : public Kiv::Machine<M> {
+// A level of a binding, and what its segment has in the outputs as far as its reactor knows: at the
+// end of a machine, what was withdrawn and not published since is spent.
+enum class Publication : Kiv::U8 { present, withdrawn, spent };
+struct Level {
+  Kiv::U8 level;
+  Publication publication = Publication::present;
+};
+
+// M: the machine, which gives kAttributes, the names of its reactors' types, handleSegment(),
+// withdrawSegment(), boundTo() and, in its Arguments, the port, the requested resources and the
+// binding. B: the binding that it publishes. factory: the function that makes an M.
+template <class M, class B, auto factory>
+class PublicationSm : public Kiv::Machine<M, factory> {
  public:
   // The machine's end runs the cleanup of each segment; what is withdrawn already stays so.
   static constexpr bool kTeardownRunsCleanup = true;
@@ -44,26 +55,27 @@ class PublicationSm : public Kiv::Machine<M> {
 
     void onSegment(Kiv::U8 level) override {
       if (this->live() && this->machine()->initialized()) this->machine()->handleSegment(level);
-      if (this->mirrors()) this->machine()->mirrorSegment(*this->notifier(), level);
+      if (this->mirrors()) this->machine()->mirrorSegment(*this->entity(), level);
     }
-    void onSegmentkivImmediate() override {
-      if (this->mirrors()) this->machine()->mirrorSegments(*this->notifier());
-    }
+    void onSegmentkivImmediate() override { mirror(); }
 
    private:
-    void resynchronise() override { onSegmentkivImmediate(); }
+    void mirror() override {
+      if (this->mirrors()) this->machine()->mirrorSegments(*this->entity());
+    }
   };
 
-  // Stands for the segment at one level; its removal withdraws what the segment published.
-  class KivSegment final : public Kiv::StandIn<KivSegment, M, Segment> {
+  // The segment at one level; its removal withdraws what the segment published.
+  class KivSegment final : public Kiv::PassiveReactor<KivSegment, M, Segment, detail::Level> {
    public:
     static constexpr std::string_view kTypeName = M::kSegmentReactorTypeName;
 
+    // At a level of a machine.
     KivSegment(Kiv::U8 level, const Kiv::Ptr<const Segment>& segment, M* machine)
-        : KivSegment::Reactor(segment, machine), level_(level) {}
+        : KivSegment::PassiveReactor(detail::Level{level}, segment, machine) {}
 
-    Kiv::U8 level() const { return level_; }
-    const Kiv::U8& fwkKey() const { return level_; }
+    Kiv::U8 level() const { return fwkKey(); }
+    const Kiv::U8& fwkKey() const { return KivSegment::PassiveReactor::fwkKey().level; }
 
     // To tools it shows its level too.
     const Kiv::GenericIf* genericIf() const override {
@@ -72,22 +84,37 @@ class PublicationSm : public Kiv::Machine<M> {
       return &description;
     }
 
-    void doCleanup() { this->machine()->withdrawSegment(*this); }
+    // Withdraws what the segment published. At the end of the machine it does so only when that has
+    // not been done since the level was last published.
+    void doCleanup() {
+      static constexpr auto here = handler<M>("KivSegment::doCleanup");
+      if (!this->mirrors()) {
+        trace(1, here, this, "No segment to clean up");
+        return;
+      }
+      const Kiv::Ptr<KivSegment> hold(this);
+      const Publication before = publication();
+      if (before == Publication::present) publication() = Publication::withdrawn;
+      try {
+        this->machine()->withdrawSegment(*this);
+      } catch (...) {
+        publication() = before;  // a part may be left
+        throw;
+      }
+    }
+    // Whether there is nothing to withdraw, as the machine ends after a cleanup.
+    bool spent() const {
+      return KivSegment::PassiveReactor::fwkKey().publication == Publication::spent;
+    }
 
    private:
-    void kivHandle() override { this->machine()->kiv_handleSegment(Kiv::Ptr<KivSegment>(this)); }
+    friend class PublicationSm;
 
-    Kiv::U8 level_;
+    void kivHandle() override { this->machine()->kiv_handleSegment(Kiv::Ptr<KivSegment>(this)); }
+    Publication& publication() { return this->key().publication; }
   };
 
-  using SegmentMap = Kiv::ReactorMap<KivSegment, Kiv::U8>;
-
-  // Constructor arguments
-  const Kiv::Ptr<const Port>& port() const { return port_; }
-  const Kiv::Ptr<VirtualNetwork::RequestedResourcesCollection>& requestedResourcesCollection()
-      const {
-    return requestedResourcesCollection_;
-  }
+  using SegmentMap = Kiv::ReactorMap<KivSegment, Kiv::U8, false>;
 
   // The reactors of the binding's segments, by level. Another segment at a level that has one takes
   // its place, after the old one's cleanup. Throws a range exception for a null segment.
@@ -95,11 +122,12 @@ class PublicationSm : public Kiv::Machine<M> {
   SegmentMap& segment() { return segment_; }
   Kiv::Ptr<KivSegment> segmentIs(Kiv::U8 level, const Kiv::Ptr<const Segment>& v) {
     segment_.requireEntity(self(), v);
-    if (KivSegment* existing = segment_[level]; existing != nullptr) {
-      if (existing->notifier() == v.get()) return existing;
+    const Kiv::Ptr<const Segment> segment = v;  // the caller's may end with the old one's cleanup
+    while (KivSegment* existing = segment_[level]) {
+      if (existing->notifier() == segment.get()) return existing;
       segmentDel(level);
     }
-    const auto reactor = Kiv::make<KivSegment>(level, v, &self());
+    const auto reactor = Kiv::make<KivSegment>(level, segment, &self());
     segment_.insert(self(), reactor);
     segmentNotify(level);
     return reactor;
@@ -121,29 +149,25 @@ class PublicationSm : public Kiv::Machine<M> {
   }
 
  protected:
-  // `machine` is the object itself, which is not a machine yet that could be found from here.
-  PublicationSm(
-      M* machine, const Kiv::Ptr<const Port>& port, const Kiv::Ptr<const B>& binding,
-      const Kiv::Ptr<VirtualNetwork::RequestedResourcesCollection>& requestedResourcesCollection)
-      : port_(port),
-        binding_(binding, machine),
-        requestedResourcesCollection_(requestedResourcesCollection) {}
+  PublicationSm() = default;
 
-  // The last step of the machine's construction.
-  void start() {
-    if (const auto b = binding()) mirrorSegments(*b);
-    handleInitialized();
+  // The end of the machine; see Kiv::Machine.
+  void teardown() noexcept {
+    segment_.forEachUnguarded([](KivSegment& reactor) {
+      if (reactor.publication() == Publication::withdrawn) {
+        reactor.publication() = Publication::spent;
+      }
+    });
+    Kiv::Machine<M, factory>::teardown();
   }
 
   // The binding; null when there is none.
-  Kiv::Ptr<const B> binding() const { return binding_.entity(); }
-  void bindingIs(const Kiv::Ptr<const B>& v) { binding_.is(self(), v); }
-  void bindingDel() { binding_.del(); }
+  Kiv::Ptr<const B> binding() const { return self().arguments_.binding.entity(); }
 
   // The binding's segment at a level, and those right above and below, borrowed until something is
   // written; null when there is none.
   const Segment* at(Kiv::U8 level) const {
-    const B* b = binding_.notifier();
+    const B* b = self().arguments_.binding.notifier();
     if (b == nullptr) return nullptr;
     const Kiv::Ptr<const Segment>* segment = b->segment().find(level);
     return segment == nullptr ? nullptr : segment->get();
@@ -151,9 +175,17 @@ class PublicationSm : public Kiv::Machine<M> {
   const Segment* above(Kiv::U8 level) const { return at(static_cast<Kiv::U8>(level - 1)); }
   const Segment* below(Kiv::U8 level) const { return at(static_cast<Kiv::U8>(level + 1)); }
 
+  // Notes that something is about to be published for the VLAN at this level, which is then to be
+  // withdrawn with it.
+  void publishes(Kiv::U8 level) {
+    if (KivSegment* reactor = segment_[level]) {
+      reactor->publication() = Publication::present;
+    }
+  }
+
   // Makes the VLAN carry the VNI, for this port.
   void mapVni(VirtualNetwork::VlanReferences& vlan, Kiv::U32 vni) const {
-    vlan.mappedVniIs(vni)->referrerIs(port_->id(), true);
+    vlan.mappedVniIs(vni)->referrerIs(self().port()->id(), true);
   }
 
   // Withdraws this port from the VNI that the segment right above a level gives its VLAN. Returns
@@ -164,7 +196,7 @@ class PublicationSm : public Kiv::Machine<M> {
     const Kiv::U32 vni = parent->segmentationId();
     const Kiv::Ptr<VirtualNetwork::VniReferences> mapping(vlan.mappedVni()[vni]);
     if (!mapping) return std::nullopt;
-    mapping->referrerDel(port_->id());
+    mapping->referrerDel(self().port()->id());
     if (!mapping->referrer().empty()) return std::nullopt;
     return vni;
   }
@@ -183,11 +215,11 @@ class PublicationSm : public Kiv::Machine<M> {
     segment_.forEachUnguarded([&](const KivSegment& member) {
       if (found == nullptr && member.notifier() == reactor.notifier()) found = &member;
     });
-    KIV_ASSERT(found, here.file, here.function);
+    KIV_ASSERT_ABOUT(found, here.file, here.function, aboutPort(self().port(), self().boundTo()));
     return found->level();
   }
 
-  // Runs the cleanup of every segment of the binding; the reactors stay until the machine goes.
+  // Runs the cleanup of every segment of the binding; the reactors stay until the machine ends.
   void doCleanupSegments(const Kiv::TraceSource& here) {
     const auto b = binding();
     if (!b) return;
@@ -206,12 +238,14 @@ class PublicationSm : public Kiv::Machine<M> {
     }
   }
 
+  auto reactors() { return std::tie(self().arguments_.binding, segment_); }
+  auto children() { return std::tuple<>(); }
+
  private:
-  friend class Kiv::Machine<M>;
+  friend class Kiv::Machine<M, factory>;
 
   M& self() { return static_cast<M&>(*this); }
-  auto reactors() { return std::tie(binding_, segment_); }
-  auto children() { return std::tuple<>(); }
+  const M& self() const { return static_cast<const M&>(*this); }
 
   void mirrorSegment(const B& binding, Kiv::U8 level) {
     if (const auto segment = binding.segment(level)) {
@@ -227,9 +261,6 @@ class PublicationSm : public Kiv::Machine<M> {
     }
   }
 
-  Kiv::Ptr<const Port> port_;
-  Kiv::ReactorSlot<KivBinding> binding_;
-  Kiv::Ptr<VirtualNetwork::RequestedResourcesCollection> requestedResourcesCollection_;
   SegmentMap segment_;
 };
 

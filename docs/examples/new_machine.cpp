@@ -97,18 +97,18 @@ class AlarmSm final : public Kiv::Machine<AlarmSm> {
       if (live()) machine()->handleDoor(name);
     }
     void onDoorkivImmediate() override {
-      if (mirrors()) machine()->mirrorDoors(*notifier());
+      if (mirrors()) machine()->followDoors(*entity());
     }
 
    private:
-    void resynchronise() override { onDoorkivImmediate(); }
+    void mirror() override { machine()->mirrorDoors(*entity()); }
   };
 
   // Observes one door; its removal takes the door off the alarm.
-  class KivDoor final : public Kiv::Reactor<KivDoor, AlarmSm, Door> {
+  class KivDoor final : public Kiv::MemberReactor<KivDoor, AlarmSm, Door> {
    public:
     static constexpr std::string_view kTypeName = "Example::AlarmSm::KivDoor";
-    using Reactor::Reactor;
+    using MemberReactor::MemberReactor;
 
     void onOpen() override {
       if (live()) machine()->handleDoor(fwkKey());
@@ -119,20 +119,21 @@ class AlarmSm final : public Kiv::Machine<AlarmSm> {
     void kivHandle() override { machine()->kiv_handleDoor(Kiv::Ptr<KivDoor>(this)); }
   };
 
-  AlarmSm(const Kiv::Ptr<const House>& house, const Kiv::Ptr<Alarm>& alarm)
-      : house_(house, this), alarm_(alarm) {
-    if (house) mirrorDoors(*house);
-    handleInitialized();
+  // What the machine is made with. The house may be null, and is then not observed.
+  struct Arguments {
+    Kiv::ReactorSlot<KivHouse> house;
+    Kiv::ValidPtr<Alarm> alarm;
+  };
+
+  AlarmSm(Arguments&& arguments, Kiv::Start start) : arguments_(std::move(arguments)) {
+    begin(start);
   }
   ~AlarmSm() override { teardown(); }
 
-  // How tools look into the machine.
-  const Kiv::GenericIf* genericIf() const override;
-
   // Constructor arguments
-  Kiv::Ptr<const House> house() const { return house_.entity(); }
-  void houseIs(const Kiv::Ptr<const House>& v) { house_.is(*this, v); }
-  const Kiv::Ptr<Alarm>& alarm() const { return alarm_; }
+  Kiv::Ptr<const House> house() const { return arguments_.house.entity(); }
+  void houseIs(const Kiv::Ptr<const House>& v) { arguments_.house.is(*this, v); }
+  const Kiv::Ptr<Alarm>& alarm() const { return arguments_.alarm; }
 
   // The reactors of the doors, by name.
   const auto& door() const { return door_; }
@@ -144,19 +145,19 @@ class AlarmSm final : public Kiv::Machine<AlarmSm> {
     for (const auto& reactor : door_) handleDoor(reactor->fwkKey());
     initializedIs(true);
   }
-  // A door came, moved or went.
+  // A door was added, opened, shut or removed.
   void handleDoor(const Kiv::Name& name);
 
  private:
   friend class Kiv::Machine<AlarmSm>;
 
-  auto reactors() { return std::tie(house_, door_); }
+  auto reactors() { return std::tie(arguments_.house, door_); }
   auto children() { return std::tuple<>(); }
 
-  void mirrorDoors(const House& house) { door_.resynchronise(*this, house.door()); }
+  void mirrorDoors(const House& house) { door_.synchronise(*this, house.door()); }
+  void followDoors(const House& house) { door_.follow(*this, house.door()); }
 
-  Kiv::ReactorSlot<KivHouse> house_;
-  Kiv::Ptr<Alarm> alarm_;
+  Arguments arguments_;
   Kiv::ReactorMap<KivDoor, Kiv::Name> door_;
 
  public:
@@ -171,20 +172,15 @@ class AlarmSm final : public Kiv::Machine<AlarmSm> {
       Kiv::plain(134, "initialized", &AlarmSm::initialized, &AlarmSm::initializedIs));
 };
 
-const Kiv::GenericIf* AlarmSm::genericIf() const {
-  static const auto description = Kiv::describe<AlarmSm>(kAttributes);
-  return &description;
-}
-
 void AlarmSm::handleDoor(const Kiv::Name& name) {
   static constexpr auto here = kAttributes.handler("AlarmSm", "handleDoor");
   Kiv::traceLine(9, here, this, __LINE__, [&](std::ostream& text) { text << name; });
   const auto inputs = house();
   const Kiv::Ptr<const Door> door(inputs ? inputs->door()[name] : nullptr);
   if (door && door->open()) {
-    alarm_->openDoorIs(name, true);
+    alarm()->openDoorIs(name, true);
   } else {
-    alarm_->openDoorDel(name);
+    alarm()->openDoorDel(name);
   }
 }
 
@@ -204,7 +200,7 @@ int main() {
   const auto house = Kiv::make<Example::House>();
   const auto alarm = Kiv::make<Example::Alarm>();
   house->doorIs("front")->openIs(true);
-  auto machine = Kiv::makeMachine<Example::AlarmSm>(house, alarm);
+  auto machine = Kiv::makeMachine<Example::AlarmSm>({house, alarm});
   std::cout << "when the machine is made: " << alarm->openDoor().size() << " open\n";
 
   const auto siren = Kiv::make<Example::Siren>();

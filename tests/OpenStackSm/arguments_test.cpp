@@ -199,7 +199,7 @@ TEST_F(ArgumentsTest, AReplacedRegionIsRefusedByTheLoopAndTheOldMachineStays) {
 
 // The factories, over empty outputs.
 
-TEST_F(ArgumentsTest, AFactorysMachineOverNothingPublishesNothingAndGoes) {
+TEST_F(ArgumentsTest, AMachineMadeByAFactoryOverEmptyInputsPublishesNothing) {
   const auto port = Kiv::make<OpenStack::Port>("p");
   const auto binding = Kiv::make<OpenStack::PortToHostBinding>("h9");
   const auto switchBinding = Kiv::make<OpenStack::PortToSwitchInterfaceBinding>(
@@ -236,37 +236,7 @@ TEST_F(ArgumentsTest, APublicationMachineWithoutABindingPublishesNothing) {
   EXPECT_EQ(linesOf(*otherResources, *otherElements), Lines{});
 }
 
-// Outputs and ports may be null while nothing is to be written.
-
-TEST_F(ArgumentsTest, ARootMachineWithoutAStatusWorksUntilThereIsARegion) {
-  const auto clouds = Kiv::make<OpenStack::OpenStackConfig>();
-  const auto root = OpenStack::openStackSmFactory(clouds, nullptr, nullptr, nullptr, nullptr, 60,
-                                                  nullptr, nullptr);
-  EXPECT_TRUE(root->initialized());
-  clouds->regionIs("R");
-  EXPECT_EQ(thrown<Kiv::RangeException>([&] { world.run(); }), "null ValidPtr");
-  EXPECT_EQ(thrown<Kiv::RangeException>([&] {
-              (void)OpenStack::openStackSmFactory(clouds, nullptr, nullptr, nullptr, nullptr, 60,
-                                                  nullptr, nullptr);
-            }),
-            "null ValidPtr");
-}
-
-TEST_F(ArgumentsTest, ARegionMachineWithoutAStatusIsNotMadeForARegion) {
-  const auto region = Kiv::make<OpenStack::Region>("S");
-  EXPECT_EQ(thrown<Kiv::RangeException>([&] {
-              (void)OpenStack::regionConfigSmFactory("S", region, nullptr, nullptr, 60, nullptr);
-            }),
-            "null ValidPtr");
-  const auto sm = OpenStack::regionConfigSmFactory("S", nullptr, nullptr, nullptr, 60, nullptr);
-  EXPECT_EQ(thrown<Kiv::RangeException>([&] { sm->handleSyncHeartbeatTimeout(); }),
-            "null ValidPtr");
-  // What it hands down may be null.
-  const auto status = Kiv::make<OpenStack::RegionStatus>("S");
-  region->syncStatusIs(OpenStack::SyncStatus::syncInProgress);
-  const auto idle = OpenStack::regionConfigSmFactory("S", region, status, nullptr, 60, nullptr);
-  EXPECT_EQ(status->syncStatus(), OpenStack::SyncStatus::syncInProgress);
-}
+// Outputs and ports may not be null, whatever the inputs hold.
 
 class NullOutputsTest : public SwitchTest {
  protected:
@@ -317,26 +287,6 @@ TEST_P(NullOutputsTest, APublishingMachineIsNotMadeWithoutWhatItNeeds) {
         [&] { return OpenStack::portBindingSmFactory("R", "p", port, binding, nullptr, nullptr); });
   }
   EXPECT_EQ(world.published(), Lines{});
-}
-
-TEST_P(NullOutputsTest, AMachineThatLacksWhatItNeedsEndsWithNothingToWithdraw) {
-  const auto bound = Kiv::make<OpenStack::PortToHostBinding>("h");
-  const auto host = OpenStack::portToHostBindingSmFactory("h", nullptr, bound, nullptr);
-  const auto switched = Kiv::make<OpenStack::PortToSwitchInterfaceBinding>(
-      VirtualNetwork::SwitchInterface("sw", "e"));
-  const auto si = OpenStack::portToSwitchInterfaceBindingSmFactory({"sw", "e"}, "R", nullptr,
-                                                                   switched, nullptr, nullptr);
-  const auto port = OpenStack::portBindingSmFactory(
-      "R", "p", nullptr, Kiv::make<OpenStack::PortBinding>("p"), nullptr, nullptr);
-  bound->segmentIs(0, world.segment("vl"));
-  switched->segmentIs(0, world.segment("vl"));
-  while (thrown<Kiv::RangeException>([&] { world.run(); }) == "null ValidPtr") {
-  }
-  EXPECT_EQ(host->segment().size(), 1U);
-  host->doCleanup();
-  si->doCleanup();
-  port->doCleanupPortToHostBinding("h");
-  port->doCleanup();
 }
 
 INSTANTIATE_TEST_SUITE_P(BothToggles, NullOutputsTest, bothToggles(), toggleName);

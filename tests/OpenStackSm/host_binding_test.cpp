@@ -127,7 +127,7 @@ TEST_F(HostBindingTest, ACleanupWithoutTheDomainStillDeletesTheChild) {
   EXPECT_THAT(world.published(), ElementsAre("host h1"));
 }
 
-TEST_F(HostBindingTest, AReactorThatGoesBeforeItsChildCameSaysNothing) {
+TEST_F(HostBindingTest, ARemovedReactorWithoutAChildTracesNothingMore) {
   world.apply("bind p");
   world.change("host p h1");
   const void* reactor = world.portSm("p")->portToHostBinding()["h1"];
@@ -193,12 +193,12 @@ TEST_F(HostBindingDeathTest, ARemovedHostBesideASwitchInterface) {
                stops("false", "handlePortToHostBinding"));
 }
 
-TEST_F(HostBindingDeathTest, ASwitchInterfaceThatComesToABoundHostBeforeItsHandling) {
+TEST_F(HostBindingDeathTest, ASwitchInterfaceAddedBesideAHostBeforeTheLoopRuns) {
   EXPECT_DEATH(world.apply("host p h1; switch p sw e1 h2"),
                stops("false", "handlePortToHostBinding"));
 }
 
-TEST_F(HostBindingDeathTest, TheConflictIsTracedBeforeAnythingIsWritten) {
+TEST_F(HostBindingDeathTest, AConflictIsTracedBeforeAnythingIsWritten) {
   world.apply("switch p sw e1 h2");
   OutputWatch watch(world.statuses, world.resources, world.elements);
   watch.immediate = [](const std::string&) { std::fputs("WRITTEN\n", stderr); };
@@ -206,7 +206,7 @@ TEST_F(HostBindingDeathTest, TheConflictIsTracedBeforeAnythingIsWritten) {
                                                stops("false", "handlePortToHostBinding")));
 }
 
-TEST_F(HostBindingDeathTest, TheConflictsLinesHaveTheirLevels) {
+TEST_F(HostBindingDeathTest, TheLinesOfAConflictHaveTheLevelsZeroAndTwo) {
   world.apply("switch p sw e1 h2");
   EXPECT_DEATH(
       {

@@ -157,7 +157,7 @@ TEST_F(HostSegmentTest, TheTopLevelsByteIsTheZeroByte) {
                                                         std::string(1, '\0'))));
 }
 
-TEST_F(HostSegmentTest, ARemovedVlanIsWithdrawnAtOnceAndToldByTheLoop) {
+TEST_F(HostSegmentTest, ARemovedVlanIsWithdrawnAtOnceAndTracedByTheLoop) {
   bind("1=vl");
   const void* gone = reactor(1);
   world.change("host p h1 1=-");
@@ -174,7 +174,7 @@ TEST_F(HostSegmentTest, ARemovedVlanIsWithdrawnAtOnceAndToldByTheLoop) {
               ElementsAre(said(2, sm(), kSegment, "Port on h1 unbound at level \x01")));
 }
 
-TEST_F(HostSegmentTest, ARemovedVlanTakesItsVniFirst) {
+TEST_F(HostSegmentTest, ARemovedVlansVniIsRemovedFirst) {
   bind("0=vx 1=vl");
   const void* gone = reactor(1);
   OutputWatch watch(world.statuses, world.resources, world.elements);
@@ -314,15 +314,6 @@ TEST_F(HostSegmentTest, TheWholeCleanupTakesEveryLevelOfTheBindingAndKeepsTheRea
                           said(9, reactor(1), kSegmentCleanup, "p : vl")));
 }
 
-TEST_F(HostSegmentTest, WithoutACollectionThereIsNothingToWithdraw) {
-  const auto sm = OpenStack::portToHostBindingSmFactory("h1", world.port("p"), nullptr, nullptr);
-  sm->segmentIs(0, Kiv::Ptr<const OpenStack::Segment>(world.segment("vl")));
-  world.traces.take();
-  sm->segmentDel(0);
-  EXPECT_THAT(sm->segment(), IsEmpty());
-  EXPECT_THAT(world.traces.take(), IsEmpty());
-}
-
 TEST_F(HostSegmentTest, TheWholeCleanupSkipsALevelWithoutAReactor) {
   bind("0=vl 1=vm");
   const auto machine = world.hostSm("p", "h1");
@@ -337,7 +328,7 @@ TEST_F(HostSegmentTest, TheWholeCleanupSkipsALevelWithoutAReactor) {
   EXPECT_THAT(vlans(), IsEmpty());
 }
 
-TEST_F(HostSegmentTest, ItsEndRunsTheCleanupOfEachSegment) {
+TEST_F(HostSegmentTest, TheEndRunsTheCleanupOfEachSegment) {
   const auto binding = Kiv::make<OpenStack::PortToHostBinding>("h2");
   binding->segmentIs(0, world.segment("vx"));
   binding->segmentIs(1, world.segment("vl"));

@@ -149,7 +149,7 @@ TEST_P(LevelsTest, OneSegmentAtTwoLevelsIsSoughtFromTheTop) {
   EXPECT_THAT(vlans(), IsEmpty());
 }
 
-TEST_P(LevelsTest, SharedLevelsComeAndGoWithTheirPorts) {
+TEST_P(LevelsTest, SharedLevelsArePublishedAndWithdrawnWithTheirPorts) {
   bind("0=vx 1=vl");
   bind("0=vx 1=vl", "q");
   EXPECT_EQ(vlans(), (Lines{"vlan 10 vni 5000: p q", "vlan 10: p q"}));

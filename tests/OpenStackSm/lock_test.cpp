@@ -150,7 +150,7 @@ TEST_F(LockTest, EachAttributeAloneRunsTheDecision) {
   EXPECT_EQ(lock(), "a/1");
 }
 
-TEST_F(LockTest, TheStoryOfTwoDrivers) {
+TEST_F(LockTest, TwoDriversTakeTurns) {
   world.apply("lock a 1");
   EXPECT_EQ(lock(), "a/1");
   world.apply("lock b 2");
@@ -200,7 +200,7 @@ TEST_F(LockTest, GrantingLeavesTheSyncStatusAlone) {
   EXPECT_EQ(world.status(), "sync syncTimedOut old syncUnknown owner a request 1");
 }
 
-TEST_F(LockTest, LocksOfRegionsAreApart) {
+TEST_F(LockTest, LocksOfRegionsAreIndependent) {
   world.apply("lock a 1");
   world.apply("region S");
   world.apply("lock b 2");

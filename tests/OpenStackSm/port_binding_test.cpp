@@ -43,7 +43,7 @@ TEST_F(PortBindingTest, AMachineWithoutAPortBindingOnlyTraces) {
   EXPECT_THAT(world.published(), IsEmpty());
 }
 
-TEST_F(PortBindingTest, ALevelOfAHostBindingThatHasGoneIsNotPublishedEvenForAMoment) {
+TEST_F(PortBindingTest, ALevelOfARemovedHostBindingIsNeverPublished) {
   world.start("region R; segment vx vxlan 5000; segment vl vlan 10; host p h1 0=vx");
   world.change("host p h1 1=vl; -host p h1");
   OutputWatch watch(world.statuses, world.resources, world.elements);
@@ -126,7 +126,7 @@ TEST_F(PortBindingTest, AnAddedHostIsMirroredAtOnceAndServedByTheLoop) {
                           said(9, world.hostSm("p", "h1").get(), kChildInitialized, "")));
 }
 
-TEST_F(PortBindingTest, TheWholeCleanupTakesEveryHostAndLeavesTheReactors) {
+TEST_F(PortBindingTest, TheWholeCleanupWithdrawsEveryHostAndKeepsTheReactors) {
   world.start("region R; host p h1; host p h2");
   const auto sm = world.portSm("p");
   const auto h1 = world.hostSm("p", "h1");

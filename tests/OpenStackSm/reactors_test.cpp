@@ -30,14 +30,14 @@ class ReactorsTest : public MachineTest {
   }
 };
 
-TEST_F(ReactorsTest, WithoutTheRootMachineChangesOfTheConfigurationMeanNothing) {
+TEST_F(ReactorsTest, WithoutTheRootMachineTheConfigurationsReactorsDoNothing) {
   const auto regions = orphan<OpenStack::OpenStackSm::KivOpenstackConfig>(world.cloud);
   const auto config = orphan<OpenStack::OpenStackSm::KivConfig>(world.config);
   world.change("region S; -region S; region R; assign R 20; assign S 5; driver 1");
   expectSilence();
 }
 
-TEST_F(ReactorsTest, WithoutTheRegionMachineWhatTheDriverWritesMeansNothing) {
+TEST_F(ReactorsTest, WithoutTheRegionMachineItsReactorDoesNothing) {
   const auto reactor = orphan<OpenStack::RegionConfigSm::KivRegionConfig>(world.region());
   world.change("segment vx vxlan 7; bind r; sync progress; heartbeat; lock a 1");
   expectSilence();
@@ -58,7 +58,7 @@ TEST_F(ReactorsTest, ARegionReactorThatIsDisconnectedHandlesNothing) {
   reactor->machineDel();
 }
 
-TEST_F(ReactorsTest, WithoutTheRegionMachineItsTimerMeansNothing) {
+TEST_F(ReactorsTest, WithoutTheRegionMachineItsTimerDoesNothing) {
   const auto timer = Kiv::make<OpenStack::RegionConfigSm::KivSyncHeartbeatClock>(
       Kiv::Ptr<const Kiv::Clock>(world.loop.clock()), nullptr);
   timer->hasNotificationActiveIs(true);
@@ -68,14 +68,14 @@ TEST_F(ReactorsTest, WithoutTheRegionMachineItsTimerMeansNothing) {
   EXPECT_THAT(world.traces.take(), IsEmpty());
 }
 
-TEST_F(ReactorsTest, WithoutThePortMachineBindingsMeanNothing) {
+TEST_F(ReactorsTest, WithoutThePortMachineItsReactorDoesNothing) {
   const auto host = orphan<OpenStack::PortBindingSm::KivPortBinding>(world.binding("p"));
   const auto interface = orphan<OpenStack::PortBindingSm::KivPortBinding>(world.binding("q"));
   world.change("host p h3; -host p h1; switch q sw e2 h2; -switch q sw e1");
   expectSilence();
 }
 
-TEST_F(ReactorsTest, WithoutThePublishingMachineSegmentsMeanNothing) {
+TEST_F(ReactorsTest, WithoutThePublishingMachineItsReactorDoesNothing) {
   const auto host =
       orphan<OpenStack::PortToHostBindingSm::KivBinding>(world.hostBinding("p", "h1"));
   const auto interface =

@@ -313,7 +313,7 @@ TEST_F(RegionTest, AnAddedBindingGetsItsReactorAtOnceAndItsMachineFromTheLoop) {
   EXPECT_TRUE(world.portSm("p"));
 }
 
-TEST_F(RegionTest, ARemovedSegmentReturnsItsVlanAtOnceAndIsToldByTheLoop) {
+TEST_F(RegionTest, ARemovedSegmentReturnsItsVlanAtOnceAndIsTracedByTheLoop) {
   world.start("region R; segment vl vlan 10");
   const auto sm = world.regionSm();
   const void* reactor = sm->segment()["vl"];

@@ -159,7 +159,7 @@ TEST_F(RootTest, AReaddedRegionStartsAfresh) {
   EXPECT_EQ(world.status(), "sync syncUnknown old syncUnknown owner  request ");
 }
 
-TEST_F(RootTest, ARegionThatComesAndGoesBeforeTheLoopLeavesNothing) {
+TEST_F(RootTest, ARegionAddedAndRemovedBeforeTheLoopRunsLeavesNothing) {
   world.start();
   world.change("region R");
   world.apply("-region R");
@@ -259,7 +259,7 @@ TEST_F(RootTest, ANewCloudIsOnlyObserved) {
   EXPECT_FALSE(world.root->regionConfigSm().contains("S"));
 }
 
-TEST_F(RootTest, ADroppedCloudIsNotObservedAndItsRegionsCountAsGone) {
+TEST_F(RootTest, WithoutACloudRegionsCountAsRemoved) {
   world.start("region R");
   world.root->openstackConfigDel();
   EXPECT_FALSE(world.root->openstackConfig());
@@ -279,7 +279,7 @@ TEST_F(RootTest, ANullCloudDropsTheReactor) {
   EXPECT_FALSE(world.root->openstackConfig());
 }
 
-TEST_F(RootTest, ARegionThatGoesWithBoundPortsWithdrawsVlansButNotItsDomains) {
+TEST_F(RootTest, ARegionRemovedWithBoundPortsWithdrawsVlansButNotDomains) {
   world.start("region R; segment vl vlan 10; host p h1 0=vl");
   world.apply("-region R");
   EXPECT_THAT(world.published(), ElementsAre("host h1", "host h1 domain R: p"));

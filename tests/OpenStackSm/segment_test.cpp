@@ -113,7 +113,7 @@ TEST_F(SegmentTest, AllocationLeavesAvailableFirst) {
               ElementsAre("status R pool allocated 10 gone", "status R pool available 10"));
 }
 
-TEST_F(SegmentTest, ASegmentThatComesAndGoesBeforeTheLoopIsOnlyToldAsDeleted) {
+TEST_F(SegmentTest, ASegmentAddedAndRemovedBeforeTheLoopRunsIsTracedAsDeletedOnly) {
   world.start("region R; assign R 10");
   world.traces.take();
   world.change("segment vl vlan 10");
@@ -164,7 +164,7 @@ TEST_F(SegmentTest, WithoutAPoolASegmentIsSkipped) {
   EXPECT_EQ(lines[1], said(1, reactor, kSegmentCleanup, "No VLAN pool in region R"));
 }
 
-TEST_F(SegmentTest, PoolsOfRegionsAreApart) {
+TEST_F(SegmentTest, PoolsOfRegionsAreIndependent) {
   world.start("region R; assign R 10; assign S 10; segment vl vlan 10; region S");
   EXPECT_EQ(world.vlans(), "assigned 10 allocated available 10");
   world.change("region R");
@@ -203,7 +203,7 @@ TEST_F(SegmentTest, ARemovedBindingsMachineIsCleanedUpThenDeletedAtOnce) {
   EXPECT_THAT(world.traces.take(), ElementsAre(said(9, sm(), kPortBinding, "p")));
 }
 
-TEST_F(SegmentTest, ABindingThatGoesBeforeItsMachineCameIsSkipped) {
+TEST_F(SegmentTest, ABindingRemovedBeforeItsMachineIsMadeIsSkipped) {
   world.start("region R");
   world.change("bind p");
   const void* reactor = world.regionSm()->portBinding()["p"];

@@ -144,7 +144,7 @@ TEST_P(SwitchBindingTest, HandlingABindingAgainChangesNothing) {
   EXPECT_EQ(watch.changes(), 0);
 }
 
-TEST_P(SwitchBindingTest, AReactorThatGoesBeforeItsChildCameIsSkipped) {
+TEST_P(SwitchBindingTest, ARemovedReactorWithoutAChildIsSkipped) {
   world.apply("bind p");
   world.change("switch p sw e1 h1");
   const void* reactor = world.portSm("p")->portToSwitchInterfaceBinding()[{"sw", "e1"}];
@@ -229,7 +229,7 @@ TEST_P(SwitchBindingDeathTest, ASwitchInterfaceBesideHosts) {
             stops("false", "handlePortToSwitchInterfaceBinding")));
 }
 
-TEST_P(SwitchBindingDeathTest, TheConflictsLinesHaveTheirLevels) {
+TEST_P(SwitchBindingDeathTest, TheLinesOfAConflictHaveTheLevelsZeroAndTwo) {
   world.apply("host p h1");
   EXPECT_DEATH(
       {
@@ -264,7 +264,7 @@ TEST_P(SwitchPortBindingTest, AHostMayServeTwoRegions) {
                                              "port sw:e2 remote: h1", "port sw:e2: bm-q"));
 }
 
-TEST_P(SwitchBindingTest, CleanupOfAnInterfaceIsToldBeforeThatOfItsMachine) {
+TEST_P(SwitchBindingTest, TheReactorsCleanupIsTracedBeforeThatOfItsMachine) {
   world.apply("switch p sw e1 h1 0=vl");
   const auto sm = world.portSm("p");
   world.traces.take();
@@ -279,7 +279,7 @@ TEST_P(SwitchBindingTest, CleanupOfAnInterfaceIsToldBeforeThatOfItsMachine) {
                       "element sw: bm-p"});
 }
 
-TEST_P(SwitchBindingTest, AHostAndTheHostBehindAnInterfaceAreApart) {
+TEST_P(SwitchBindingTest, AHostAndTheHostBehindAnInterfaceAreIndependent) {
   world.apply("host q h1");
   world.apply("region S; switch p sw e1 h1");
   EXPECT_THAT(world.published(), testing::IsSupersetOf({"host h1 domain R: q"}));

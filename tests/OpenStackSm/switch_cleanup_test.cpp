@@ -49,7 +49,7 @@ class SwitchCleanupTest : public SwitchTest {
 };
 class SwitchCleanupDeathTest : public SwitchCleanupTest {};
 
-TEST_P(SwitchCleanupTest, ARemovedVlanTakesItsVniFirstAndSaysSo) {
+TEST_P(SwitchCleanupTest, ARemovedVlanIsTracedAndItsVniRemovedFirst) {
   apply("switch p sw e1 h1 0=vx 1=vl");
   const void* gone = reactor("p", 1);
   OutputWatch watch(world.statuses, world.resources, world.elements);
@@ -64,7 +64,7 @@ TEST_P(SwitchCleanupTest, ARemovedVlanTakesItsVniFirstAndSaysSo) {
                           at() + " vlan 10 for p gone", at() + " vlan 10 gone"));
 }
 
-TEST_P(SwitchCleanupTest, ANativeVlanIsResetAfterTheVlanWent) {
+TEST_P(SwitchCleanupTest, ANativeVlanIsResetAfterTheVlanIsDeleted) {
   apply("switch n sw e1 h1 0=vl");
   const void* gone = reactor("n", 0);
   OutputWatch watch(world.statuses, world.resources, world.elements);
@@ -226,17 +226,6 @@ TEST_P(SwitchCleanupTest, TheWholeCleanupWritesInOrder) {
   }
 }
 
-TEST_P(SwitchCleanupTest, WithoutCollectionsThereIsNothingToWithdraw) {
-  const auto sm = OpenStack::portToSwitchInterfaceBindingSmFactory(
-      {"sw", "e1"}, "R", world.port("n"), nullptr, nullptr, nullptr);
-  const auto segment = sm->segmentIs(0, Kiv::Ptr<const OpenStack::Segment>(world.segment("vl")));
-  world.traces.take();
-  sm->segmentDel(0);
-  EXPECT_THAT(world.traces.take(), ElementsAre(said(9, segment.get(), kSegmentCleanup, "n : vl")));
-  sm->doCleanup();
-  EXPECT_THAT(world.published(), IsEmpty());
-}
-
 TEST_P(SwitchCleanupTest, TheWholeCleanupSkipsALevelWithoutAReactor) {
   apply("switch p sw e1 h1 0=vl 1=vm");
   const auto machine = world.switchSm("p");
@@ -250,7 +239,7 @@ TEST_P(SwitchCleanupTest, TheWholeCleanupSkipsALevelWithoutAReactor) {
   EXPECT_THAT(withoutHistory(world.published()), IsEmpty());
 }
 
-TEST_P(SwitchCleanupTest, ASharedSwitchPortGoesWithItsLastPort) {
+TEST_P(SwitchCleanupTest, ASharedSwitchPortIsDeletedWithItsLastPort) {
   apply("switch p sw e1 h1 0=vl; switch q sw e1 h2 0=vl");
   if (on()) {
     EXPECT_THAT(world.published(), ElementsAre("port sw:e1 remote: h1 h2",
@@ -273,7 +262,7 @@ TEST_P(SwitchCleanupTest, ASharedSwitchPortGoesWithItsLastPort) {
   EXPECT_THAT(withoutHistory(world.published()), IsEmpty());
 }
 
-TEST_P(SwitchCleanupTest, ItsEndRunsTheCleanupOfEachSegmentAndNoMore) {
+TEST_P(SwitchCleanupTest, TheEndRunsTheCleanupOfEachSegmentOnly) {
   apply("switch n sw e1 h1 0=vx 1=vl");
   const auto sm = world.portSm("n");
   const Kiv::Ptr<OpenStack::PortToSwitchInterfaceBindingSm::KivSegment> vx(
@@ -334,7 +323,7 @@ TEST_P(ElementCleanupTest, AnInterfaceWithAVlanOrAnotherElementStays) {
   leaves({"element sw interface e1 vlan 77:", "element sw interface e1:"});
 }
 
-TEST_P(ElementCleanupTest, WithoutAHostElementTheInterfaceGoes) {
+TEST_P(ElementCleanupTest, WithoutAHostElementTheInterfaceIsDeleted) {
   apply("switch p sw e1 h1");
   const auto machine = world.switchSm("p");
   world.elements->networkElementDel("h1");
@@ -345,7 +334,7 @@ TEST_P(ElementCleanupTest, WithoutAHostElementTheInterfaceGoes) {
                           said(2, machine.get(), kDoCleanup, "Removing interface : e1 from sw")));
 }
 
-TEST_P(ElementCleanupTest, WithoutADomainTheReferrersGoAllTheSame) {
+TEST_P(ElementCleanupTest, WithoutADomainTheReferrersAreRemovedToo) {
   apply("switch p sw e1 h1");
   world.elements->networkElement()["h1"]->domainDel("R");
   const auto machine = world.switchSm("p");

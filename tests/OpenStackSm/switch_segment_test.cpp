@@ -132,7 +132,7 @@ TEST_P(SwitchSegmentTest, AVxlanOverAVlanMapsAndLeavesTheVlansOwnReferrer) {
   EXPECT_THAT(vlans(), ElementsAre("native 10", "vlan 10 vni 5000: n", "vlan 10: n"));
 }
 
-TEST_P(SwitchSegmentTest, AVlanUnderAVxlanMapsWithoutALine) {
+TEST_P(SwitchSegmentTest, AVlanUnderAVxlanIsMappedWithoutATraceLine) {
   bind("");
   world.apply("switch p sw e1 h1 0=vx");
   world.traces.take();
@@ -163,7 +163,7 @@ TEST_P(SwitchSegmentTest, AnotherTypeIsTracedAndPublishesNothing) {
   EXPECT_THAT(vlans(), IsEmpty());
 }
 
-TEST_P(SwitchSegmentTest, ALevelWithoutASegmentSaysNothingBeyondTheEntry) {
+TEST_P(SwitchSegmentTest, ALevelWithoutASegmentTracesTheEntryOnly) {
   bind("0=vl");
   world.change("switch p sw e1 h1 0=-");
   world.traces.take();
@@ -270,10 +270,11 @@ TEST_P(SwitchSegmentTest, ANewBindingIsMirroredAndTheOldSegmentsWithdrawn) {
   EXPECT_THAT(vlans(), IsEmpty());
   machine->portToSwitchInterfaceBindingDel();
   EXPECT_FALSE(machine->portToSwitchInterfaceBinding());
-  // A new reactor mirrors from the next change on.
+  // A new reactor mirrors at once.
   machine->portToSwitchInterfaceBindingIs(world.switchBinding("p"));
-  EXPECT_THAT(machine->segment(), IsEmpty());
+  EXPECT_THAT(machine->segment(), testing::SizeIs(2));
   world.apply("switch p sw e1 h1 0=-");
+  EXPECT_FALSE(machine->segment().contains(0));
   EXPECT_TRUE(machine->segment().contains(1));
 }
 

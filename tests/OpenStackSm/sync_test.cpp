@@ -236,7 +236,7 @@ TEST_F(SyncTest, ANewTimeoutCountsFromTheNextHeartbeat) {
   EXPECT_EQ(deadline(), 1012);
 }
 
-TEST_F(SyncTest, ATimeoutThatIsNoFiniteNumberNeverComes) {
+TEST_F(SyncTest, ATimeoutThatIsNoFiniteNumberNeverFires) {
   for (const double timeout :
        {std::numeric_limits<double>::quiet_NaN(), std::numeric_limits<double>::infinity()}) {
     world.root->regionSyncTimeoutIs(timeout);
@@ -283,7 +283,7 @@ TEST_F(SyncTest, ProgressAndCompletionWrittenTogetherAreSeenAsCompletion) {
   EXPECT_EQ(world.status(), "sync syncUnknown old syncUnknown owner  request ");
 }
 
-TEST_F(SyncTest, TimersOfRegionsAreApart) {
+TEST_F(SyncTest, TimersOfRegionsAreIndependent) {
   world.apply("sync progress");
   world.passes(10);
   world.apply("region S; sync progress");

@@ -100,35 +100,44 @@ class FailingSm final : public Kiv::Machine<FailingSm> {
       if (live()) Toys::journal.push_back("a machine that is not there heard of it");
     }
   };
-  class KivPot final : public Kiv::Reactor<KivPot, FailingSm, Marble> {
+  class KivPot final : public Kiv::MemberReactor<KivPot, FailingSm, Marble> {
    public:
     static constexpr std::string_view kTypeName = "Toys::FailingSm::KivPot";
-    using Reactor::Reactor;
+    using MemberReactor::MemberReactor;
     void onColour() override {
       if (live()) Toys::journal.push_back("a machine that is not there heard of it");
     }
   };
 
-  explicit FailingSm(const Ptr<Shelf>& shelf) : shelf_(shelf, this) {
-    pot_.resynchronise(*this, shelf->pot());
-    shelf_.hasNotificationActiveIs(true);
-    shelf->titleIs("so that its reactors wait in the loop");
-    for (const auto& pot : shelf->pot()) shelf->potIs(pot->fwkKey())->colourIs("red");
-    throw std::runtime_error("start-up failed");
+  struct Arguments {
+    Kiv::ReactorSlot<KivShelf> observed;
+    Ptr<Shelf> shelf;
+  };
+
+  FailingSm(Arguments&& arguments, Kiv::Start start) : arguments_(std::move(arguments)) {
+    begin(start);
   }
   ~FailingSm() override { teardown(); }
 
  private:
   friend class Kiv::Machine<FailingSm>;
-  auto reactors() { return std::tie(shelf_, pot_); }
+  void handleInitialized() {
+    const Ptr<Shelf>& shelf = arguments_.shelf;
+    pot_.synchronise(*this, shelf->pot());
+    arguments_.observed.hasNotificationActiveIs(true);
+    shelf->titleIs("so that its reactors wait in the loop");
+    for (const auto& pot : shelf->pot()) shelf->potIs(pot->fwkKey())->colourIs("red");
+    throw std::runtime_error("start-up failed");
+  }
+  auto reactors() { return std::tie(arguments_.observed, pot_); }
   auto children() { return std::tuple<>(); }
-  Kiv::ReactorSlot<KivShelf> shelf_;
+  Arguments arguments_;
   Kiv::ReactorMap<KivPot, Kiv::String> pot_;
 };
 
 TEST_F(MachineTest, AConstructorThatThrowsLeavesNothingThatActs) {
   shelf_->potIs("a");
-  EXPECT_THROW((void)Kiv::makeMachine<FailingSm>(shelf_), std::runtime_error);
+  EXPECT_THROW((void)Kiv::makeMachine<FailingSm>({shelf_, shelf_}), std::runtime_error);
   EXPECT_THAT(delivered(), IsEmpty());
   EXPECT_EQ(shelf_->references(), 1U);
   EXPECT_EQ(shelf_->pot()["a"]->references(), 1U);
@@ -299,7 +308,8 @@ TEST_F(MachineTest, ANullEntityDisconnectsAReactorThatCanBeConnectedAgain) {
 
 TEST_F(MachineTest, AReactorOfAnotherTypeOfEntityThrows) {
   start();
-  EXPECT_THROW(machine_->shelfReactor()->notifierIs(ledger_), Kiv::RangeException);
+  EXPECT_THROW(machine_->shelfReactor()->notifierIs(Ptr<const Kiv::PtrInterface>(ledger_)),
+               Kiv::RangeException);
   EXPECT_EQ(machine_->shelf(), shelf_);
 }
 
@@ -323,8 +333,40 @@ TEST_F(MachineTest, ADroppedReactorHearsNothingAndANewOneIsMadeActive) {
   machine_->shelfIs(shelf_);
   ASSERT_NE(machine_->shelfReactor(), nullptr);
   EXPECT_NE(machine_->shelfReactor(), dropped.get());
+  EXPECT_THAT(happened(), ElementsAre("handleTitle")) << "as when a reactor is re-pointed";
   shelf_->titleIs("y");
   EXPECT_THAT(delivered(), ElementsAre("handleTitle"));
+}
+
+TEST_F(MachineTest, AChildThatIsAskedForWhileItIsMadeIsTheOneThatIsMade) {
+  start();
+  Ptr<PotSm> inner;
+  PotSm::onInitialize = [&](const Kiv::String& id) {
+    if (!inner) inner = machine_->potSmIs(id, nullptr, ledger_, "me", 30);
+  };
+  const auto outer = machine_->potSmIs("a", nullptr, ledger_, "me", 30);
+  PotSm::onInitialize = nullptr;
+  EXPECT_EQ(outer, inner);
+  EXPECT_EQ(machine_->potSm().size(), 1U);
+}
+
+TEST_F(MachineTest, AChildWhoseStartThrowsIsNoMember) {
+  start();
+  PotSm::onInitialize = [](const Kiv::String&) { throw std::runtime_error("no"); };
+  EXPECT_THROW((void)potSm("a"), std::runtime_error);
+  PotSm::onInitialize = nullptr;
+  EXPECT_TRUE(machine_->potSm().empty());
+  EXPECT_EQ(potSm("a")->fwkKey(), "a");
+}
+
+TEST_F(MachineTest, AnExistingChildIsSwitchedOnWhenItIsAskedFor) {
+  start();
+  const auto pot = make<Marble>("a");
+  const auto child = machine_->potSmIs("a", pot, ledger_, "me", 30);
+  child->hasNotificationActiveIs(false);
+  EXPECT_EQ(machine_->potSmIs("a", pot, ledger_, "me", 30), child);
+  EXPECT_TRUE(child->hasNotificationActive());
+  EXPECT_TRUE(child->potReactor()->hasNotificationActive());
 }
 
 TEST_F(MachineTest, ANullEntityDropsTheReactor) {

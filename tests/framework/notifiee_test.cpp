@@ -152,7 +152,7 @@ TEST_F(NotifieeTest, ANullEntityDisconnects) {
 TEST_F(NotifieeTest, AnEntityOfAnotherTypeThrowsAndTheConnectionStays) {
   const auto watcher = watch<BoxWatcher>(box_);
   try {
-    watcher->notifierIs(make<Marble>("m"));
+    watcher->notifierIs(Kiv::Ptr<const Kiv::PtrInterface>(make<Marble>("m")));
     FAIL() << "nothing was thrown";
   } catch (const Kiv::RangeException& e) {
     EXPECT_STREQ(e.what(), "a notifiee of Toys::Box cannot observe a Toys::Marble");

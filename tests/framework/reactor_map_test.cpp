@@ -45,7 +45,7 @@ TEST_F(ReactorMapTest, ANewMemberGetsAnActiveReactorAndThenTheHookRuns) {
   EXPECT_THAT(delivered(), ElementsAre("handleColour a"));
 }
 
-TEST_F(ReactorMapTest, AStandInIsRegisteredAndKeepsOutOfTheListOfItsEntity) {
+TEST_F(ReactorMapTest, APassiveReactorIsRegisteredAndInNoListOfItsEntity) {
   const auto jar = make<Marble>("a");
   const auto reactor = make<ShelfSm::KivJar>(Ptr<const Marble>(jar), nullptr);
   EXPECT_EQ(reactor->entity(), jar);
@@ -60,13 +60,12 @@ TEST_F(ReactorMapTest, AStandInIsRegisteredAndKeepsOutOfTheListOfItsEntity) {
   reactor->notifierIs(nullptr);
   EXPECT_FALSE(reactor->isRegisteredNotifiee());
 
-  // By hand it may stand in the list, as any notifiee, and leaves it again.
+  // Nor does registering it by hand put it there.
   reactor->notifierIs(jar);
   reactor->isRegisteredNotifieeIs(false);
   EXPECT_FALSE(reactor->isRegisteredNotifiee());
   reactor->isRegisteredNotifieeIs(true);
-  EXPECT_FALSE(jar->notifieeList()->empty());
-  reactor->isRegisteredNotifieeIs(false);
+  EXPECT_TRUE(reactor->isRegisteredNotifiee());
   EXPECT_TRUE(jar->notifieeList()->empty());
 }
 
@@ -284,18 +283,45 @@ TEST_F(ReactorMapTest, AKeyedNotificationHandlesItsKeyAlone) {
   EXPECT_THAT(happened(), IsEmpty());
 }
 
+TEST_F(ReactorMapTest, ADisconnectedReactorIsFoundIteratedAndDeleted) {
+  for (const char* id : {"a", "b"}) {
+    (void)machine_->potIs(make<Marble>(id));
+    (void)machine_->jarIs(make<Marble>(id));
+  }
+  machine_->pot()["a"]->notifierIs(nullptr);
+  machine_->jar()["a"]->notifierIs(nullptr);
+  EXPECT_EQ(machine_->pot()["a"]->fwkKey(), "a");
+  EXPECT_EQ(machine_->jar()["a"]->fwkKey(), "a");
+  std::vector<std::string> pots;
+  for (const auto& pot : machine_->pot()) pots.push_back(pot->fwkKey().str());
+  EXPECT_THAT(pots, testing::UnorderedElementsAre("a", "b"));
+  EXPECT_EQ(machine_->potDel("a"), nullptr);
+  EXPECT_EQ(machine_->jarDel("a"), nullptr);
+  EXPECT_EQ(machine_->pot().size(), 1U);
+  EXPECT_EQ(machine_->jar().size(), 1U);
+}
+
+TEST_F(ReactorMapTest, ADisconnectedReactorIsConnectedAgainByItsMember) {
+  (void)machine_->potIs(make<Marble>("a"));
+  const Ptr<ShelfSm::KivPot> reactor(machine_->pot()["a"]);
+  reactor->notifierIs(nullptr);
+  const auto again = make<Marble>("a");
+  EXPECT_EQ(machine_->potIs(again), reactor);
+  EXPECT_EQ(reactor->entity(), again);
+}
+
 // Whether a change was looked at alone is seen by what it leaves alone: a reactor that the test
 // has put in, which the input does not have, goes only when all members are looked at.
-class InLineTest : public ReactorMapTest {
+class SynchronisedTest : public ReactorMapTest {
  protected:
-  // Puts in a reactor that should not be there, past the bookkeeping.
+  // Inserts a reactor without a member of the input.
   void putStray(const char* id) {
     machine_->pot().insert(*machine_, make<ShelfSm::KivPot>(make<Marble>(id), machine_.get()));
   }
   bool strayIsThere(const char* id) { return machine_->pot().contains(id); }
 };
 
-TEST_F(InLineTest, AReactorThatIsPutInByHandTakesTheCollectionOutOfLine) {
+TEST_F(SynchronisedTest, AReactorInsertedByHandIsDeletedAtTheNextChange) {
   shelf_->potIs("a");
   putStray("stray");
   shelf_->potIs("b");
@@ -303,7 +329,7 @@ TEST_F(InLineTest, AReactorThatIsPutInByHandTakesTheCollectionOutOfLine) {
   EXPECT_EQ(machine_->pot().size(), 2U);
 }
 
-TEST_F(InLineTest, AReactorThatIsDeletedByHandIsMadeAgainAtTheNextChange) {
+TEST_F(SynchronisedTest, AReactorThatIsDeletedByHandIsMadeAgainAtTheNextChange) {
   shelf_->potIs("a");
   (void)machine_->potDel("a");
   shelf_->potIs("b");
@@ -311,14 +337,14 @@ TEST_F(InLineTest, AReactorThatIsDeletedByHandIsMadeAgainAtTheNextChange) {
   EXPECT_NE(machine_->pot()["b"], nullptr);
 }
 
-TEST_F(InLineTest, AReactorThatIsMadeByHandGoesAtTheNextChange) {
+TEST_F(SynchronisedTest, AReactorMadeByHandIsDeletedAtTheNextChange) {
   shelf_->potIs("a");
   (void)machine_->potIs(make<Marble>("stray"));
   shelf_->potDel("a");
   EXPECT_TRUE(machine_->pot().empty());
 }
 
-TEST_F(InLineTest, WhatWasMissedWhileInactiveIsMadeGoodAtTheNextChange) {
+TEST_F(SynchronisedTest, ChangesMissedWhileInactiveAreFoundAtTheNextChange) {
   shelf_->potIs("a");
   machine_->hasNotificationActiveIs(false);
   shelf_->potDel("a");
@@ -331,7 +357,7 @@ TEST_F(InLineTest, WhatWasMissedWhileInactiveIsMadeGoodAtTheNextChange) {
   EXPECT_NE(machine_->pot()["c"], nullptr);
 }
 
-TEST_F(InLineTest, AfterAHandlerThatThrewTheNextChangeMakesGood) {
+TEST_F(SynchronisedTest, AfterAHandlerThrewTheNextChangeSynchronises) {
   machine_->onHandlePot = [](const Kiv::String& id) {
     if (id == "a") throw std::runtime_error("no");
   };
@@ -344,7 +370,7 @@ TEST_F(InLineTest, AfterAHandlerThatThrewTheNextChangeMakesGood) {
   EXPECT_NE(machine_->pot()["b"], nullptr);
 }
 
-TEST_F(InLineTest, AChangeWithinAHookIsMirroredToo) {
+TEST_F(SynchronisedTest, AChangeWithinAHookIsMirroredToo) {
   machine_->onHandlePot = [&](const Kiv::String& id) {
     if (id == "outer" && machine_->pot().contains(id)) {
       shelf_->potIs("inner");
@@ -391,106 +417,106 @@ class CountingInput {
 };
 
 // Mirrors the input as a machine would do from a change of one member.
-class ResynchroniseTest : public ReactorMapTest {
+class FollowTest : public ReactorMapTest {
  protected:
-  ResynchroniseTest() : input_(*shelf_) { machine_->shelfDel(); }
+  FollowTest() : input_(*shelf_) { machine_->shelfDel(); }
 
-  void resynchronise(const void* collection, const Kiv::String& key, Kiv::U32 before) {
+  void follow(const void* collection, const Kiv::String& key, Kiv::U32 before) {
     const Kiv::detail::SingleChange change(collection, before, &key);
-    machine_->pot().resynchronise(*machine_, input_);
+    machine_->pot().follow(*machine_, input_);
   }
 
   CountingInput input_;
 };
 
-TEST_F(ResynchroniseTest, LooksAtTheChangedMemberOnlyWhenInLineBefore) {
+TEST_F(FollowTest, LooksAtTheChangedMemberOnlyWhenSynchronisedBefore) {
   for (const char* id : {"a", "b", "c"}) shelf_->potIs(id);
-  machine_->pot().resynchronise(*machine_, input_);
+  machine_->pot().follow(*machine_, input_);
   EXPECT_EQ(input_.walks, 1);
   EXPECT_EQ(machine_->pot().size(), 3U);
 
   const Kiv::U32 before = input_.changes();
   shelf_->potIs("d");
   input_.looks = 0;
-  resynchronise(&input_, "d", before);
+  follow(&input_, "d", before);
   EXPECT_EQ(input_.walks, 1);
   EXPECT_EQ(input_.looks, 1);
   EXPECT_EQ(machine_->pot().size(), 4U);
 
   const Kiv::U32 again = input_.changes();
   shelf_->potDel("a");
-  resynchronise(&input_, "a", again);
+  follow(&input_, "a", again);
   EXPECT_EQ(input_.walks, 1);
   EXPECT_EQ(machine_->pot().size(), 3U);
 }
 
-TEST_F(ResynchroniseTest, LooksAtAllWhenOutOfLine) {
+TEST_F(FollowTest, LooksAtAllWhenStale) {
   shelf_->potIs("a");
-  machine_->pot().resynchronise(*machine_, input_);
+  machine_->pot().follow(*machine_, input_);
   shelf_->potIs("missed");
   const Kiv::U32 before = input_.changes();
   shelf_->potIs("b");
-  resynchronise(&input_, "b", before);
+  follow(&input_, "b", before);
   EXPECT_EQ(input_.walks, 2);
   EXPECT_EQ(machine_->pot().size(), 3U);
 }
 
-TEST_F(ResynchroniseTest, AsManyAsBeforeMayBeOthers) {
+TEST_F(FollowTest, EqualSizesMayHideDifferentMembers) {
   shelf_->potIs("stays");
   shelf_->potIs("goes");
-  machine_->pot().resynchronise(*machine_, input_);
+  machine_->pot().follow(*machine_, input_);
   shelf_->potDel("goes");
   shelf_->potIs("comes");
-  machine_->pot().resynchronise(*machine_, input_);
+  machine_->pot().follow(*machine_, input_);
   EXPECT_EQ(machine_->pot().size(), 2U);
   EXPECT_NE(machine_->pot()["stays"], nullptr);
   EXPECT_NE(machine_->pot()["comes"], nullptr);
 }
 
-TEST_F(ResynchroniseTest, WhatAHookTakesOutDoesNotHideWhatIsLeftOver) {
+TEST_F(FollowTest, AReactorDeletedByAHookDoesNotHideALeftoverOne) {
   machine_->potIs(make<Marble>("left over"));
   for (const char* id : {"a", "b"}) shelf_->potIs(id);
   machine_->onHandlePot = [&](const Kiv::String& id) {
     const Kiv::String other = id == "a" ? "b" : "a";
     if (machine_->pot().contains(other)) machine_->potDel(other);
   };
-  machine_->pot().resynchronise(*machine_, input_, ShelfSm::PotHook{*machine_});
+  machine_->pot().follow(*machine_, input_, ShelfSm::PotHook{*machine_});
   EXPECT_EQ(machine_->pot()["left over"], nullptr);
 }
 
-TEST_F(ResynchroniseTest, WhatAHookPutsIntoTheInputIsMirroredAtTheNextChange) {
+TEST_F(FollowTest, MembersAddedByAHookAreMirroredAtTheNextChange) {
   machine_->potIs(make<Marble>("left over"));
   shelf_->potIs("a");
   machine_->onHandlePot = [&](const Kiv::String& id) {
     if (id != "a") return;
     for (int i = 0; i < 20; ++i) shelf_->potIs(Keys::keyOf<Kiv::String>(i));
   };
-  machine_->pot().resynchronise(*machine_, input_, ShelfSm::PotHook{*machine_});
+  machine_->pot().follow(*machine_, input_, ShelfSm::PotHook{*machine_});
   EXPECT_EQ(machine_->pot()["left over"], nullptr);
 
   const Kiv::U32 before = input_.changes();
   shelf_->potIs("b");
-  resynchronise(&input_, "b", before);
+  follow(&input_, "b", before);
   EXPECT_EQ(machine_->pot().size(), 22U);
 }
 
-TEST_F(ResynchroniseTest, LooksAtAllWhenTheChangeIsThatOfAnotherCollection) {
+TEST_F(FollowTest, LooksAtAllWhenTheChangeIsThatOfAnotherCollection) {
   shelf_->potIs("a");
-  machine_->pot().resynchronise(*machine_, input_);
+  machine_->pot().follow(*machine_, input_);
   const Kiv::U32 before = input_.changes();
   shelf_->potIs("b");
-  resynchronise(&shelf_->jar(), "x", before);
+  follow(&shelf_->jar(), "x", before);
   EXPECT_EQ(input_.walks, 2);
   EXPECT_EQ(machine_->pot().size(), 2U);
 }
 
-TEST_F(ResynchroniseTest, LooksAtAllWithoutAChangeUnderWay) {
-  machine_->pot().resynchronise(*machine_, input_);
-  machine_->pot().resynchronise(*machine_, input_);
+TEST_F(FollowTest, LooksAtAllWithoutAChangeUnderWay) {
+  machine_->pot().follow(*machine_, input_);
+  machine_->pot().follow(*machine_, input_);
   EXPECT_EQ(input_.walks, 2);
 }
 
-TEST_F(InLineTest, ARepointedReactorLooksAtAllEvenInTheMiddleOfAChange) {
+TEST_F(SynchronisedTest, ARepointedReactorLooksAtAllEvenInTheMiddleOfAChange) {
   // Both shelves have changed equally often, so that counting alone would not tell them apart.
   shelf_->potIs("a");
   const auto second = make<Shelf>();
@@ -512,15 +538,15 @@ TEST_F(InLineTest, ARepointedReactorLooksAtAllEvenInTheMiddleOfAChange) {
   EXPECT_NE(machine_->pot()["c"], nullptr);
 }
 
-TEST_F(InLineTest, AReactorThatIsDroppedAndMadeForAnotherEntityLooksAtAllAtTheNextChange) {
+TEST_F(SynchronisedTest, ANewReactorOnAnotherEntitySynchronisesAtOnce) {
   shelf_->potIs("a");
   const auto second = make<Shelf>();
   second->potIs("b");
   machine_->shelfDel();
   machine_->shelfIs(second);
-  second->potIs("c");
   EXPECT_EQ(machine_->pot()["a"], nullptr);
   EXPECT_NE(machine_->pot()["b"], nullptr);
+  second->potIs("c");
   EXPECT_NE(machine_->pot()["c"], nullptr);
 }
 

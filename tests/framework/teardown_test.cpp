@@ -204,16 +204,22 @@ class QuietSm final : public Kiv::Machine<QuietSm> {
   static constexpr std::string_view kTypeName = "Toys::QuietSm";
   static constexpr bool kTeardownRunsCleanup = false;
 
-  class KivJar final : public Kiv::Reactor<KivJar, QuietSm, Marble> {
+  class KivJar final : public Kiv::MemberReactor<KivJar, QuietSm, Marble> {
    public:
     static constexpr std::string_view kTypeName = "Toys::QuietSm::KivJar";
-    using Reactor::Reactor;
+    using MemberReactor::MemberReactor;
 
    private:
     void kivHandle() override { Toys::journal.push_back("cleanup of " + fwkKey().str()); }
   };
 
-  explicit QuietSm(const Ptr<const Marble>& single) : single_(single, this) {}
+  struct Arguments {
+    Kiv::ReactorSlot<KivJar> single;
+  };
+
+  QuietSm(Arguments&& arguments, Kiv::Start start) : arguments_(std::move(arguments)) {
+    begin(start);
+  }
   ~QuietSm() override { teardown(); }
 
   Ptr<KivJar> jarIs(const Ptr<const Marble>& v) { return jar_.is(*this, v); }
@@ -221,14 +227,15 @@ class QuietSm final : public Kiv::Machine<QuietSm> {
 
  private:
   friend class Kiv::Machine<QuietSm>;
-  auto reactors() { return std::tie(single_, jar_); }
+  void handleInitialized() {}
+  auto reactors() { return std::tie(arguments_.single, jar_); }
   auto children() { return std::tuple<>(); }
-  Kiv::ReactorSlot<KivJar> single_;
+  Arguments arguments_;
   Kiv::ReactorMap<KivJar, Kiv::String> jar_;
 };
 
 TEST_F(TeardownTest, AMachineMayEndWithoutAnyCleanup) {
-  auto quiet = Kiv::makeMachine<QuietSm>(make<Marble>("single"));
+  auto quiet = Kiv::makeMachine<QuietSm>({make<Marble>("single")});
   (void)quiet->jarIs(make<Marble>("deleted"));
   const auto outlives = quiet->jarIs(make<Marble>("outlives"));
   (void)quiet->jarDel("deleted");

@@ -94,35 +94,45 @@ class PotSm final : public Kiv::Machine<PotSm> {
 
    private:
     void kivHandle() override {
-      journal.push_back("cleanup of pot " + fwkKey().str());
-      machine()->ledger()->entryDel("pot " + fwkKey());
+      journal.push_back("cleanup of pot " + machine()->fwkKey().str());
+      machine()->ledger()->entryDel("pot " + machine()->fwkKey());
     }
   };
 
-  PotSm(Kiv::String id, const Kiv::Ptr<const Marble>& pot, const Kiv::Ptr<Ledger>& ledger,
-        Kiv::Name keeper, Kiv::Seconds patience)
-      : id_(std::move(id)),
-        pot_(pot, this),
-        ledger_(ledger),
-        keeper_(std::move(keeper)),
-        patience_(patience) {
-    journal.push_back("new PotSm " + id_.str());
-    initializedIs(true);
+  struct Arguments {
+    Kiv::String id;
+    Kiv::ReactorSlot<KivPot> pot;
+    Kiv::Ptr<Ledger> ledger;
+    Kiv::Name keeper;
+    Kiv::Seconds patience;
+  };
+
+  PotSm(Arguments&& arguments, Kiv::Start start) : arguments_(std::move(arguments)) {
+    journal.push_back("new PotSm " + fwkKey().str());
+    begin(start);
   }
   ~PotSm() override {
-    journal.push_back("end of PotSm " + id_.str());
+    journal.push_back("end of PotSm " + fwkKey().str());
     teardown();
   }
 
-  const Kiv::String& fwkKey() const { return id_; }
-  Kiv::Ptr<const Marble> pot() const { return pot_.entity(); }
-  const KivPot* potReactor() const { return pot_.reactor(); }
-  const Kiv::Ptr<Ledger>& ledger() const { return ledger_; }
-  const Kiv::Name& keeper() const { return keeper_; }
-  Kiv::Seconds patience() const { return patience_; }
-  void patienceIs(Kiv::Seconds v) { patience_ = v; }
+  const Kiv::String& fwkKey() const { return arguments_.id; }
+  Kiv::Ptr<const Marble> pot() const { return arguments_.pot.entity(); }
+  const KivPot* potReactor() const { return arguments_.pot.reactor(); }
+  const Kiv::Ptr<Ledger>& ledger() const { return arguments_.ledger; }
+  const Kiv::Name& keeper() const { return arguments_.keeper; }
+  Kiv::Seconds patience() const { return arguments_.patience; }
+  void patienceIs(Kiv::Seconds v) { arguments_.patience = v; }
 
-  void handleColour() { journal.push_back("PotSm::handleColour " + id_.str()); }
+  void handleInitialized() {
+    if (onInitialize) onInitialize(fwkKey());
+    initializedIs(true);
+  }
+
+  void handleColour() { journal.push_back("PotSm::handleColour " + fwkKey().str()); }
+
+  // What a test wants to happen within handleInitialized().
+  inline static std::function<void(const Kiv::String&)> onInitialize;
 
   static constexpr auto kAttributes = Kiv::attributes(
       Kiv::keyArgument(130, "id", &PotSm::fwkKey), Kiv::fixedArgument(131, "pot", &PotSm::pot),
@@ -132,14 +142,10 @@ class PotSm final : public Kiv::Machine<PotSm> {
 
  private:
   friend class Kiv::Machine<PotSm>;
-  auto reactors() { return std::tie(pot_); }
+  auto reactors() { return std::tie(arguments_.pot); }
   auto children() { return std::tuple<>(); }
 
-  Kiv::String id_;
-  Kiv::ReactorSlot<KivPot> pot_;
-  Kiv::Ptr<Ledger> ledger_;
-  Kiv::Name keeper_;
-  Kiv::Seconds patience_;
+  Arguments arguments_;
 };
 
 class ShelfSm final : public Kiv::Machine<ShelfSm> {
@@ -153,31 +159,28 @@ class ShelfSm final : public Kiv::Machine<ShelfSm> {
     using Reactor::Reactor;
 
     void onPot(const Kiv::String& id) override {
-      if (mirrors()) machine()->mirrorPot(*notifier(), id);
+      if (mirrors()) machine()->mirrorPot(*entity(), id);
     }
     void onPotkivImmediate() override {
-      if (mirrors()) machine()->mirrorPots(*notifier());
+      if (mirrors()) machine()->followPots(*entity());
     }
     void onJarkivImmediate() override {
-      if (mirrors()) machine()->mirrorJars(*notifier());
+      if (mirrors()) machine()->followJars(*entity());
     }
     void onTitle() override {
       if (live()) machine()->handleTitle();
     }
 
    private:
-    void resynchronise() override {
-      onPotkivImmediate();
-      onJarkivImmediate();
-      onTitle();
-    }
+    void mirror() override { machine()->mirrorAll(*entity()); }
+    void handleScalars() override { onTitle(); }
   };
 
   // Without a cleanup.
-  class KivPot final : public Kiv::Reactor<KivPot, ShelfSm, Marble> {
+  class KivPot final : public Kiv::MemberReactor<KivPot, ShelfSm, Marble> {
    public:
     static constexpr std::string_view kTypeName = "Toys::ShelfSm::KivPot";
-    using Reactor::Reactor;
+    using MemberReactor::MemberReactor;
 
     void onColour() override {
       if (live()) machine()->handleColour(notifier()->fwkKey());
@@ -185,14 +188,14 @@ class ShelfSm final : public Kiv::Machine<ShelfSm> {
     bool hasMachine() const { return mirrors(); }
 
    private:
-    void resynchronise() override { onColour(); }
+    void handleScalars() override { onColour(); }
   };
 
   // With a cleanup, and without a handler.
-  class KivJar final : public Kiv::StandIn<KivJar, ShelfSm, Marble> {
+  class KivJar final : public Kiv::PassiveReactor<KivJar, ShelfSm, Marble> {
    public:
     static constexpr std::string_view kTypeName = "Toys::ShelfSm::KivJar";
-    using Reactor::Reactor;
+    using PassiveReactor::PassiveReactor;
 
     void handleCleanup() {
       journal.push_back("cleanup of jar " + fwkKey().str() +
@@ -206,7 +209,7 @@ class ShelfSm final : public Kiv::Machine<ShelfSm> {
     void kivHandle() override { machine()->kiv_handleJar(Kiv::Ptr<KivJar>(this)); }
   };
 
-  // What runs after a pot has come or gone.
+  // What runs after a pot was added or removed.
   struct PotHook {
     ShelfSm& machine;
     void operator()(const Kiv::String& id) const { machine.handlePot(id); }
@@ -218,27 +221,27 @@ class ShelfSm final : public Kiv::Machine<ShelfSm> {
 
   [[nodiscard]] static Kiv::Ptr<ShelfSm> ShelfSmIs(const Kiv::Ptr<const Shelf>& shelf,
                                                    const Kiv::Ptr<Ledger>& ledger) {
-    return Kiv::makeMachine<ShelfSm>(shelf, ledger);
+    return Kiv::makeMachine<ShelfSm>({shelf, ledger});
   }
 
-  ShelfSm(const Kiv::Ptr<const Shelf>& shelf, const Kiv::Ptr<Ledger>& ledger)
-      : shelf_(shelf, this), ledger_(ledger) {
-    if (shelf) {
-      mirrorPots(*shelf);
-      mirrorJars(*shelf);
-    }
-    handleInitialized();
+  struct Arguments {
+    Kiv::ReactorSlot<KivShelf> shelf;
+    Kiv::Ptr<Ledger> ledger;
+  };
+
+  ShelfSm(Arguments&& arguments, Kiv::Start start) : arguments_(std::move(arguments)) {
+    begin(start);
   }
   ~ShelfSm() override {
     journal.push_back("end of ShelfSm");
     teardown();
   }
 
-  Kiv::Ptr<const Shelf> shelf() const { return shelf_.entity(); }
-  KivShelf* shelfReactor() const { return shelf_.reactor(); }
-  void shelfIs(const Kiv::Ptr<const Shelf>& v) { shelf_.is(*this, v); }
-  void shelfDel() { shelf_.del(); }
-  const Kiv::Ptr<Ledger>& ledger() const { return ledger_; }
+  Kiv::Ptr<const Shelf> shelf() const { return arguments_.shelf.entity(); }
+  KivShelf* shelfReactor() const { return arguments_.shelf.reactor(); }
+  void shelfIs(const Kiv::Ptr<const Shelf>& v) { arguments_.shelf.is(*this, v); }
+  void shelfDel() { arguments_.shelf.del(); }
+  const Kiv::Ptr<Ledger>& ledger() const { return arguments_.ledger; }
 
   PotMap& pot() { return pot_; }
   Kiv::Ptr<KivPot> potIs(const Kiv::Ptr<const Marble>& v) {
@@ -268,7 +271,7 @@ class ShelfSm final : public Kiv::Machine<ShelfSm> {
   void handleInitialized() {
     journal.push_back(initialized() ? "already initialized" : "handleInitialized");
     if (initialized()) return;
-    for (const auto& jar : jar_) ledger_->entryIs("jar " + jar->fwkKey());
+    for (const auto& jar : jar_) ledger()->entryIs("jar " + jar->fwkKey());
     initializedIs(true);
   }
   void handleTitle() { journal.push_back("handleTitle"); }
@@ -283,17 +286,20 @@ class ShelfSm final : public Kiv::Machine<ShelfSm> {
 
  private:
   friend class Kiv::Machine<ShelfSm>;
-  auto reactors() { return std::tie(shelf_, pot_, jar_); }
+  auto reactors() { return std::tie(arguments_.shelf, pot_, jar_); }
   auto children() { return std::tie(potSm_); }
 
   void mirrorPot(const Shelf& shelf, const Kiv::String& id) {
-    pot_.resynchroniseOne(*this, shelf.pot(), id, PotHook{*this});
+    pot_.synchroniseOne(*this, shelf.pot(), id, PotHook{*this});
   }
-  void mirrorPots(const Shelf& shelf) { pot_.resynchronise(*this, shelf.pot(), PotHook{*this}); }
-  void mirrorJars(const Shelf& shelf) { jar_.resynchronise(*this, shelf.jar()); }
+  void mirrorAll(const Shelf& shelf) {
+    pot_.synchronise(*this, shelf.pot(), PotHook{*this});
+    jar_.synchronise(*this, shelf.jar());
+  }
+  void followPots(const Shelf& shelf) { pot_.follow(*this, shelf.pot(), PotHook{*this}); }
+  void followJars(const Shelf& shelf) { jar_.follow(*this, shelf.jar()); }
 
-  Kiv::ReactorSlot<KivShelf> shelf_;
-  Kiv::Ptr<Ledger> ledger_;
+  Arguments arguments_;
   PotMap pot_;
   JarMap jar_;
   PotSmMap potSm_;

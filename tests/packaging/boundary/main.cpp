@@ -135,11 +135,14 @@ int main() {
 
   // Exceptions of the library, thrown by the library and caught here.
   auto watcher = Kiv::make<HostWatcher>();
-  expect(throws<Kiv::RangeException>([&] { watcher->notifierIs(region); }),
+  expect(throws<Kiv::RangeException>(
+             [&] { watcher->notifierIs(Kiv::Ptr<const Kiv::PtrInterface>(region)); }),
          "a range exception of the library is caught as one");
-  expect(throws<Kiv::Exception>([&] { watcher->notifierIs(region); }),
+  expect(throws<Kiv::Exception>(
+             [&] { watcher->notifierIs(Kiv::Ptr<const Kiv::PtrInterface>(region)); }),
          "and as the framework's exception");
-  expect(throws<std::runtime_error>([&] { watcher->notifierIs(region); }),
+  expect(throws<std::runtime_error>(
+             [&] { watcher->notifierIs(Kiv::Ptr<const Kiv::PtrInterface>(region)); }),
          "and as the standard library's");
   expect(throws<Kiv::NameInUseException>([] { Kiv::throwNameInUseException("in use"); }),
          "a name-in-use exception of the library is caught as one");

@@ -152,14 +152,15 @@ class Publisher:
         self.forget(binding)
 
     def forget(self, binding: Binding) -> None:
-        """Drop a withdrawn binding. Every level is withdrawn once more as it ends."""
+        """Drop a withdrawn binding. As it ends, every level traces its entry once more."""
         if binding.on_host:
             self.leave_domain(binding)
         else:
             self.trace(9, f"{PORT}::doCleanupPortToSwitchInterfaceBinding{SWITCH_ARGUMENT}",
                        binding.place)
+        handler = f"{HOST if binding.on_host else SWITCH}::KivSegment::doCleanup()"
         for level in sorted(binding.levels):
-            self.withdraw_level(binding, level, binding.levels[level])
+            self.trace(9, handler, binding.port, " : ", binding.levels[level].id)
 
     def leave_domain(self, binding: Binding) -> None:
         handler = f"{PORT}::doCleanupPortToHostBinding(Kiv::Name)"

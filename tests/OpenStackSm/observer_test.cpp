@@ -14,7 +14,7 @@ constexpr const char* kCloud =
 constexpr const char* kBound =
     "host p h1 0=vx 1=vl; host p h2 0=vl; switch q sw e1 h3 0=vx 1=vl 2=vm; switch q sw e2 h3 0=vl";
 
-class ForeignTest : public SwitchTest {
+class ObserverTest : public SwitchTest {
  protected:
   // Runs until nothing waits, whatever is thrown meanwhile; returns how often something was.
   int runThrough() {
@@ -40,7 +40,7 @@ class ForeignTest : public SwitchTest {
   }
 };
 
-TEST_P(ForeignTest, AThrowAtAnyWriteOnTheWayUpIsHealedByBindingAgain) {
+TEST_P(ObserverTest, AThrowAtAnyWriteOfAPublicationIsRepairedByBindingAgain) {
   world.start(kCloud);
   world.apply(kBound);
   const Lines expected = withoutHistory(world.published());
@@ -69,7 +69,7 @@ TEST_P(ForeignTest, AThrowAtAnyWriteOnTheWayUpIsHealedByBindingAgain) {
   }
 }
 
-TEST_P(ForeignTest, AThrowAtAnyWriteOnTheWayDownIsHealedByTheLoop) {
+TEST_P(ObserverTest, AThrowAtAnyWriteOfAWithdrawalIsRepairedByTheLoop) {
   world.start(kCloud);
   bool reached = true;
   for (int at = 1; reached; ++at) {
@@ -91,7 +91,7 @@ TEST_P(ForeignTest, AThrowAtAnyWriteOnTheWayDownIsHealedByTheLoop) {
   }
 }
 
-TEST_P(ForeignTest, AThrowAtAnyWriteOfALevelIsHealedByTheLoop) {
+TEST_P(ObserverTest, AThrowAtAnyWriteOfALevelsWithdrawalIsRepairedByTheLoop) {
   world.start(kCloud);
   world.apply(kBound);
   bool reached = true;
@@ -114,7 +114,7 @@ TEST_P(ForeignTest, AThrowAtAnyWriteOfALevelIsHealedByTheLoop) {
   }
 }
 
-TEST_P(ForeignTest, AMachineWhoseEndMeetsThrowingWatchersEndsAllTheSame) {
+TEST_P(ObserverTest, ThrowingWatchersDoNotStopTheEndOfAMachine) {
   world.start(kCloud);
   world.apply(kBound);
   OutputWatch watch(world.statuses, world.resources, world.elements);
@@ -134,7 +134,7 @@ TEST_P(ForeignTest, AMachineWhoseEndMeetsThrowingWatchersEndsAllTheSame) {
   world.elements->networkElementDelAll();
 }
 
-TEST_P(ForeignTest, WhatAWatcherChangesDuringTheEndReachesNobody) {
+TEST_P(ObserverTest, ChangesByAWatcherDuringTheEndReachNoMachine) {
   world.start(kCloud);
   world.apply(kBound);
   const std::string before = world.vlans();
@@ -159,7 +159,7 @@ TEST_P(ForeignTest, WhatAWatcherChangesDuringTheEndReachesNobody) {
   world.elements->networkElementDelAll();
 }
 
-TEST_P(ForeignTest, AThrowInAPoolLeavesTheMachineAliveAndTheNextRebuildHeals) {
+TEST_P(ObserverTest, AfterAThrowInAPoolTheNextRebuildCompletesIt) {
   world.start("region R; segment vl vlan 10; assign R 10 20");
   OutputWatch watch(world.statuses, world.resources, world.elements);
   bool armed = true;
@@ -175,7 +175,7 @@ TEST_P(ForeignTest, AThrowInAPoolLeavesTheMachineAliveAndTheNextRebuildHeals) {
   EXPECT_EQ(world.rebuiltVlans(), world.vlans());
 }
 
-TEST_P(ForeignTest, AThrowThroughTheLoopSpendsOneNotificationOnly) {
+TEST_P(ObserverTest, AThrowThroughTheLoopLosesOneNotificationOnly) {
   world.start("region R; segment vl vlan 10; bind p; bind q");
   OutputWatch watch(world.statuses, world.resources, world.elements);
   bool armed = true;
@@ -198,7 +198,7 @@ TEST_P(ForeignTest, AThrowThroughTheLoopSpendsOneNotificationOnly) {
 
 // Re-entering.
 
-TEST_P(ForeignTest, APortUnboundByAWatcherOfItsOwnPublicationLeavesNothing) {
+TEST_P(ObserverTest, APortUnboundByAWatcherOfItsOwnPublicationLeavesNothing) {
   world.start(kCloud);
   // At each write of the binding, in turn.
   bool reached = true;
@@ -222,7 +222,7 @@ TEST_P(ForeignTest, APortUnboundByAWatcherOfItsOwnPublicationLeavesNothing) {
   }
 }
 
-TEST_P(ForeignTest, AnotherPortUnboundByAWatcherOfAWithdrawalGoesToo) {
+TEST_P(ObserverTest, APortUnboundByAWatcherOfAWithdrawalIsWithdrawnToo) {
   world.start(kCloud);
   // At each write of the withdrawal, in turn.
   bool reached = true;
@@ -244,7 +244,7 @@ TEST_P(ForeignTest, AnotherPortUnboundByAWatcherOfAWithdrawalGoesToo) {
   }
 }
 
-TEST_P(ForeignTest, ALevelOfABindingThatGoesBeforeTheLoopRunsIsNotPublished) {
+TEST_P(ObserverTest, ALevelOfABindingRemovedBeforeTheLoopRunsIsNotPublished) {
   world.start(kCloud);
   world.apply("host p h1 0=vx; switch q sw e1 h3 0=vx");
   world.change("host p h1 1=vl; -host p h1; switch q sw e1 h3 1=vl; -switch q sw e1");
@@ -252,7 +252,7 @@ TEST_P(ForeignTest, ALevelOfABindingThatGoesBeforeTheLoopRunsIsNotPublished) {
   EXPECT_THAT(withoutHistory(world.published()), IsEmpty());
 }
 
-TEST_P(ForeignTest, ALevelTakenAwayByAWatcherOfItsWithdrawalIsWithdrawnOnce) {
+TEST_P(ObserverTest, ALevelRemovedByAWatcherOfItsWithdrawalIsWithdrawnOnce) {
   world.start(kCloud);
   bool reached = true;
   for (int at = 1; reached; ++at) {
@@ -275,7 +275,7 @@ TEST_P(ForeignTest, ALevelTakenAwayByAWatcherOfItsWithdrawalIsWithdrawnOnce) {
   }
 }
 
-TEST_P(ForeignTest, ASegmentAddedAgainDuringItsRemovalIsServed) {
+TEST_P(ObserverTest, ASegmentAddedAgainDuringItsRemovalIsServed) {
   world.start("region R; assign R 10");
   world.apply("segment vl vlan 10");
   OutputWatch watch(world.statuses, world.resources, world.elements);
@@ -291,7 +291,7 @@ TEST_P(ForeignTest, ASegmentAddedAgainDuringItsRemovalIsServed) {
   EXPECT_TRUE(world.regionSm()->segment().contains("vl"));
 }
 
-TEST_P(ForeignTest, ARegionTakenAwayByAWatcherOfItsStatusIsGone) {
+TEST_P(ObserverTest, ARegionRemovedByAWatcherOfItsStatusIsDeleted) {
   world.start();
   world.statuses->regionStatusIs("R")->vlanPoolIs("R");
   OutputWatch watch(world.statuses, world.resources, world.elements);
@@ -307,7 +307,7 @@ TEST_P(ForeignTest, ARegionTakenAwayByAWatcherOfItsStatusIsGone) {
   EXPECT_THAT(world.statuses->regionStatus(), IsEmpty());
 }
 
-TEST_P(ForeignTest, SegmentsAddedWhileTheRegionIsWalkedAreServed) {
+TEST_P(ObserverTest, SegmentsAddedWhileTheRegionIsWalkedAreServed) {
   world.start("region R; assign R 1 2 3 4 5 6 7 8 9; segment s1 vlan 1; segment s2 vlan 2");
   world.pool()->allocatedVlanDelAll();
   OutputWatch watch(world.statuses, world.resources, world.elements);
@@ -325,7 +325,7 @@ TEST_P(ForeignTest, SegmentsAddedWhileTheRegionIsWalkedAreServed) {
   EXPECT_EQ(world.regionSm()->segment().size(), 9U);
 }
 
-TEST_P(ForeignTest, SegmentsRemovedWhileTheRegionIsWalkedAreReturned) {
+TEST_P(ObserverTest, SegmentsRemovedWhileTheRegionIsWalkedAreReturned) {
   world.start(
       "region R; assign R 1 2 3 4; segment s1 vlan 1; segment s2 vlan 2; segment s3 vlan 3");
   world.pool()->allocatedVlanDelAll();
@@ -344,7 +344,7 @@ TEST_P(ForeignTest, SegmentsRemovedWhileTheRegionIsWalkedAreReturned) {
   EXPECT_EQ(world.vlans(), "assigned 1 2 3 4 allocated 4 available 1 2 3");
 }
 
-TEST_P(ForeignTest, AssignmentsChangedWhileTheDriverIsAppliedAreFollowed) {
+TEST_P(ObserverTest, AssignmentsChangedWhileTheDriverIsAppliedAreFollowed) {
   world.start("region A; region B; region C; assign A 1; assign B 1; assign C 1");
   OutputWatch watch(world.statuses, world.resources, world.elements);
   bool armed = true;
@@ -360,7 +360,7 @@ TEST_P(ForeignTest, AssignmentsChangedWhileTheDriverIsAppliedAreFollowed) {
   EXPECT_EQ(world.vlans(), "assigned allocated available");
 }
 
-TEST_P(ForeignTest, ChangesWhileAMachineIsMadeAreFoundByTheNextTurnsOfItsOwner) {
+TEST_P(ObserverTest, ChangesWhileAMachineIsMadeAreFoundByItsOwnersNextNotification) {
   // A machine's notifications are switched on once it is made; until then only what it walks over
   // is seen. A later notification of any segment brings the reactors in line.
   world.start("assign R 1 2 3");
@@ -379,7 +379,7 @@ TEST_P(ForeignTest, ChangesWhileAMachineIsMadeAreFoundByTheNextTurnsOfItsOwner) 
   EXPECT_EQ(world.regionSm()->segment().size(), 3U);
 }
 
-TEST_P(ForeignTest, TheRootReleasedByAWatcherEndsAfterTheHandlerHas) {
+TEST_P(ObserverTest, TheRootReleasedByAWatcherEndsAfterTheHandlerHas) {
   world.start(kCloud);
   OutputWatch watch(world.statuses, world.resources, world.elements);
   watch.immediate = [&](const std::string& path) {
@@ -394,7 +394,7 @@ TEST_P(ForeignTest, TheRootReleasedByAWatcherEndsAfterTheHandlerHas) {
   world.elements->networkElementDelAll();
 }
 
-TEST_P(ForeignTest, AWatcherThatLeavesDuringARoundDisturbsNobody) {
+TEST_P(ObserverTest, AWatcherUnregisteredDuringANotificationLeavesTheOthersNotified) {
   world.start(kCloud);
   auto first = std::make_unique<OutputWatch>(world.statuses, world.resources, world.elements);
   OutputWatch second(world.statuses, world.resources, world.elements);
@@ -404,6 +404,6 @@ TEST_P(ForeignTest, AWatcherThatLeavesDuringARoundDisturbsNobody) {
   expectRebuiltIsReached();
 }
 
-INSTANTIATE_TEST_SUITE_P(Toggles, ForeignTest, bothToggles(), toggleName);
+INSTANTIATE_TEST_SUITE_P(Toggles, ObserverTest, bothToggles(), toggleName);
 
 }  // namespace
