@@ -86,7 +86,7 @@ struct Range {
 };
 constexpr Range<double> kTimeouts{0, false, kMaxSeconds,
                                   "a number of seconds, more than 0 and at most 1000000000"};
-constexpr Range<int> kTraceLevels{0, true, INT_MAX, "a trace level, 0 to 9"};
+constexpr Range<int> kTraceLevels{0, true, INT_MAX, "a trace level, 0 or more"};
 constexpr Range<uint64_t> kByteCounts{1, true, UINT64_MAX, "a number of bytes, 1 or more"};
 
 template <class Number, class Target>
@@ -159,7 +159,7 @@ void addRun(CLI::App& app, RunOptions& options) {
       ->needs(each);
   addFlag(*run, "--keep-going", options.keepGoing, "report a refused event, skip it and go on");
   CLI::Option* trace = addNumber(*run, "--trace", options.traceLevel, kTraceLevels,
-                                 "print the machines' trace lines up to LEVEL, 0 to 9")
+                                 "print the machines' trace lines up to LEVEL; 9 has all")
                            ->type_name("LEVEL");
   run->add_option("--trace-file", options.traceFile, "where they go, instead of standard error")
       ->type_name("FILE")

@@ -1,7 +1,7 @@
 // Runs operations on the entities: one overload for each, for std::visit.
 //
-// A thing that machines watch for coming and going is filled before it is added, so that nobody
-// sees it half made. Operations of one thing follow each other, so the applier remembers the
+// The scalars of an entity are written before it is added; what it contains follows before the loop
+// runs. Operations of one thing follow each other, so the applier remembers the
 // region, the port binding and the host binding that it was at last.
 #pragma once
 
@@ -44,7 +44,7 @@ class Applier {
   void operator()(const op::AttachmentIs& o);
   void operator()(const op::LevelIs& o);
 
-  // Lets go of what it remembers, before the activity loop runs.
+  // Drops the references that it remembers, before the activity loop runs.
   void forget();
 
  private:

@@ -6,7 +6,9 @@
 namespace vnagent {
 
 Faults::Faults(const JsonValue& root, std::vector<Fault> found)
-    : root_(root), found_(std::move(found)) {}
+    : root_(root), found_(std::move(found)) {
+  for (const Fault& fault : found_) seen_.insert(fault.message());
+}
 
 void Faults::add(const JsonValue& at, std::string text) {
   add(at, Fault{pointerTo(at, root_), std::move(text), at.position});

@@ -7,6 +7,10 @@
 namespace vnagent {
 namespace {
 
+// Where the places of flaws take more than this, the rest is counted: a short text can have many
+// flaws below a long key.
+constexpr size_t kMaxPlaceBytes = size_t{1} << 20;
+
 bool isBelow(const JsonValue& value, const JsonValue& root) {
   const JsonValue* at = &value;
   while (at != nullptr && at != &root) at = at->parent;
@@ -42,9 +46,17 @@ std::vector<Fault> faultsOfText(const JsonTree& tree, const JsonValue* root) {
     return {{"", "not JSON: " + error->text, error->position}};
   }
   std::vector<Fault> faults;
+  size_t bytes = 0;
   for (const JsonFlaw& flaw : tree.flaws()) {
+    if (bytes > kMaxPlaceBytes) {
+      faults.push_back({faults.back().place,
+                        fmt::format("and {} more like this", tree.flaws().size() - faults.size()),
+                        faults.back().position});
+      break;
+    }
     const JsonValue& from = root != nullptr && isBelow(*flaw.value, *root) ? *root : tree.root();
     faults.push_back({pointerTo(*flaw.value, from), flaw.message(), flaw.value->position});
+    bytes += faults.back().place.size();
   }
   return faults;
 }

@@ -40,7 +40,7 @@ struct FormFor {
 struct ScalarRow {
   enum class Presence : uint8_t {
     kOptional,  // absent is the default
-    kAsGiven,   // so, too, but printed wherever it is given
+    kAsGiven,   // absent is the default, but it is printed wherever it is given
     kRequired,
   };
   std::string_view name;

@@ -13,6 +13,10 @@ static_assert(std::ranges::count(kRegionCollections, nullptr, &CollectionRow::ad
 static_assert(std::ranges::count(kConfigCollections, nullptr, &CollectionRow::add) == 1,
               "only VLAN assignments have operations of their own: write this row with things()");
 
+// Their scalars are merged by mergeWritten(), those of all other kinds by mergeReplaced().
+static_assert(kConfig.onChange == OnChange::kWrite && kRegion.onChange == OnChange::kWrite);
+static_assert(kSegment.onChange == OnChange::kReplace && kPort.onChange == OnChange::kReplace);
+
 // VLAN assignments.
 
 void mergeVlans(const JsonValue& patch, DirtyVlanAssignment& dirty, Faults& faults) {

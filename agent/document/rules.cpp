@@ -135,7 +135,7 @@ class Checker {
 
   static std::string faultOfPair(const Level& above, const Level& level) {
     if (above.segment == level.segment) {
-      return fmt::format("segment {} stands at level {} too, and may stand at one level only",
+      return fmt::format("segment {} is at level {} too, and may be at one level only",
                          shown(level.segment->first), above.level);
     }
     const Values& a = above.segment->second.values;

@@ -74,7 +74,7 @@ class SchemaWriter {
   static std::string_view commentOf(const Kind& kind) {
     return kind.onChange == OnChange::kWrite
                ? "A scalar that a patch names is written, also when its value stays the same."
-               : "When a scalar changes, the whole is taken out and put back, and all that uses "
+               : "When a scalar changes, the whole is removed and added again, and all that uses "
                  "it.";
   }
 

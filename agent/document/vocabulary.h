@@ -96,7 +96,7 @@ inline constexpr KeyForm kVlan{.what = "a VLAN id",
 // Reads a value; notes a fault and returns nothing when it does not fit.
 std::optional<Scalar> read(const JsonValue& value, const Form& form, Faults& faults);
 
-// Reads a string, as a view; so, too.
+// Reads a string, as a view; notes a fault and returns nothing when the value does not fit.
 std::optional<std::string_view> readText(const JsonValue& value, const Form& form, Faults& faults);
 
 // Whether a scalar that is given is one of this form; asked of numbers only.

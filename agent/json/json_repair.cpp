@@ -31,6 +31,30 @@ std::optional<uint16_t> unitAt(std::string_view text, size_t at) {
   return error == std::errc{} && stop == end ? std::optional(unit) : std::nullopt;
 }
 
+// Whether this is a number in the grammar of JSON, as a whole.
+bool isNumber(std::string_view text) {
+  const auto digits = [&text] {
+    const size_t count = std::min(text.find_first_not_of("0123456789"), text.size());
+    text.remove_prefix(count);
+    return count;
+  };
+  const auto skip = [&text](std::string_view any) {
+    const bool found = !text.empty() && any.find(text.front()) != any.npos;
+    text.remove_prefix(found ? 1 : 0);
+    return found;
+  };
+  skip("-");
+  const bool leadingZero = text.starts_with('0');
+  const size_t whole = digits();
+  if (whole == 0 || (leadingZero && whole > 1)) return false;
+  if (skip(".") && digits() == 0) return false;
+  if (skip("eE")) {
+    skip("+-");
+    if (digits() == 0) return false;
+  }
+  return text.empty();
+}
+
 class Repair {
  public:
   explicit Repair(std::string_view text) : result_{std::string(text), {}} {}
@@ -57,13 +81,10 @@ class Repair {
  private:
   void number(size_t begin, size_t end) {
     const std::string written = result_.text.substr(begin, end - begin);
-    char* stop = nullptr;
-    const double value = std::strtod(written.c_str(), &stop);
-    if (!std::isinf(value)) return;
-    // Of what is no number as a whole, the parser is to see the rest.
-    const auto length = static_cast<size_t>(stop - written.c_str());
-    result_.text[begin] = '0';
-    std::fill_n(result_.text.begin() + static_cast<std::ptrdiff_t>(begin) + 1, length - 1, ' ');
+    if (!isNumber(written) || !std::isinf(std::strtod(written.c_str(), nullptr))) return;
+    std::string replacement(written.size(), ' ');
+    replacement.front() = '0';
+    result_.text.replace(begin, replacement.size(), replacement);
     result_.offsets.push_back(begin);
   }
 

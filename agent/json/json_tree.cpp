@@ -189,8 +189,10 @@ class JsonTree::Builder {
                    const nlohmann::detail::exception& exception) {
     constexpr int kNumberOverflow = 406;
     const std::string_view message = exception.what();
-    wantsRepair_ = exception.id == kNumberOverflow || message.find("surrogate U+") != message.npos;
-    const bool notUtf8 = message.find("ill-formed UTF-8") != message.npos;
+    // What follows quotes the input.
+    const std::string_view reason = message.substr(0, message.find("; last read: "));
+    wantsRepair_ = exception.id == kNumberOverflow || reason.find("surrogate U+") != reason.npos;
+    const bool notUtf8 = reason.find("ill-formed UTF-8") != reason.npos;
     const auto position = positionOf(original_, bytesRead == 0 ? 0 : bytesRead - 1);
     tree_.error_ = notUtf8 ? errorAt(JsonError::Kind::kNotUtf8, position, "a string is not UTF-8")
                            : errorAt(JsonError::Kind::kSyntax, position, cleaned(message));
@@ -241,6 +243,7 @@ class JsonTree::Builder {
     if (open_->isObject()) {
       made->key = key_.text;
       made->position = key_.position;
+      made->isKeyFlawed = key_.isFlawed;
       if (key_.isFlawed) tree_.flaws_.push_back({JsonFlaw::Kind::kLoneSurrogate, made});
     } else {
       made->key = kept(std::to_string(openSize()));
@@ -294,6 +297,8 @@ class JsonTree::Builder {
     size_t last = 0;
     for (size_t next = 1; next < members.size(); ++next) {
       if (members[next]->key == members[last]->key) {
+        // Different keys may be the same after their repair.
+        if (members[next]->isKeyFlawed) continue;
         tree_.flaws_.push_back({JsonFlaw::Kind::kRepeatedKey, members[next]});
       } else {
         members[++last] = members[next];
@@ -347,6 +352,11 @@ JsonTree JsonTree::parse(std::string_view text, const JsonLimits& limits) {
       return tree;
     }
     text.remove_prefix(kByteOrderMark.size());
+    // The parser would skip another one.
+    if (text.starts_with(kByteOrderMark)) {
+      tree.error_ = errorAt(JsonError::Kind::kSyntax, {1, 1}, "a second byte order mark");
+      return tree;
+    }
   }
   // The parser takes a zero byte for the end of the text; there is none in JSON.
   if (const auto zero = text.find('\0'); zero != text.npos) {

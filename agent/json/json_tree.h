@@ -53,6 +53,7 @@ struct JsonValue {
   Kind kind = Kind::kNull;
   bool boolean = false;
   bool isFlawed = false;                 // has no usable value; one of the tree's flaws says why
+  bool isKeyFlawed = false;              // likewise its key
   uint32_t size = 0;                     // how many members an object or array has
   JsonPosition position;                 // of its key where it has one, else of itself
   int64_t integer = 0;                   // of a kInteger

@@ -11,7 +11,7 @@ inline constexpr std::string_view kOutputSchema = R"({
   "type": "object",
   "properties": {
     "regionStatus": {
-      "description": "How each region's synchronisation stands, by region.",
+      "description": "The sync status of each region, by region.",
       "type": "object",
       "additionalProperties": {"$ref": "#/$defs/region-status"}
     },

@@ -83,7 +83,7 @@ struct VlanIs {
 struct RegionIs {
   std::string_view region;
 };
-// A new member, which has its scalars before it is added; so, too, for the region.
+// A new member of a region, which has its scalars before it is added.
 struct ThingIs {
   const CollectionRow* row;
   const Region* region;

@@ -37,6 +37,15 @@ class Check : public Commands {
 
 // Faults.
 
+TEST_F(Check, ManyFlawsBelowALongKeyAreCounted) {
+  std::string text = "{\"" + std::string(200000, 'k') + "\": [1e999";
+  for (int i = 0; i < 5000; ++i) text += ",1e999";
+  const std::string faults = faultsOf(text + "]}");
+  // A place takes as much as the key, so that only a few are given.
+  EXPECT_THAT(faults, HasSubstr(" more like this\n"));
+  EXPECT_LT(faults.size(), 4U << 20);
+}
+
 TEST_F(Check, EveryFaultIsReported) {
   const auto result = vnagent({"check", file("cloud.json", kBadCloud)});
   EXPECT_EQ(result.status, 3);

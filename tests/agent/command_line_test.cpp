@@ -25,7 +25,7 @@ TEST_F(CommandLine, AWrongCommandLineIsNamedInOneLine) {
     std::string help = "vnagent run";
   };
   const std::string timeout = " is not a number of seconds, more than 0 and at most 1000000000";
-  const std::string level = " is not a trace level, 0 to 9";
+  const std::string level = " is not a trace level, 0 or more";
   const std::string bytes = " is not a number of bytes, 1 or more";
   const std::vector<Wrong> wrong{
       {{}, "a command is needed: run, check, import-neutron, schema", "vnagent"},

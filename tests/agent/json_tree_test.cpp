@@ -245,6 +245,7 @@ TEST(JsonTree, AByteOrderMarkIsSkippedUnlessItMayNotBeThere) {
   EXPECT_EQ(error.kind, Kind::kByteOrderMark);
   EXPECT_EQ(error.text, "the text begins with a byte order mark");
   EXPECT_FALSE(JsonTree::parse("{}", {.mayHaveByteOrderMark = false}).error());
+  EXPECT_EQ(errorOf("\xef\xbb\xbf\xef\xbb\xbf[1e999]").text, "column 1: a second byte order mark");
   // Elsewhere it is a character of a string, and nothing else.
   EXPECT_FALSE(JsonTree::parse("\"\xef\xbb\xbf\"", {.mayHaveByteOrderMark = false}).error());
   EXPECT_EQ(errorOf("{}\xef\xbb\xbf").kind, Kind::kSyntax);
@@ -285,6 +286,22 @@ TEST(JsonTree, AFlawDoesNotHideAnError) {
   EXPECT_EQ(errorOf("[1e999").kind, Kind::kSyntax);
   EXPECT_EQ(errorOf("[\"\\ud800").kind, Kind::kSyntax);
   EXPECT_EQ(errorOf("[\"\\ud800\", \"\xff\"]").kind, Kind::kNotUtf8);
+}
+
+TEST(JsonTree, WhatIsNoNumberIsNotRepaired) {
+  for (const auto* number : {"1.e999", "01e999", "-.5e999", "1e999e1", "1e+", "--1e999"}) {
+    EXPECT_EQ(errorOf("[1e999, " + std::string(number) + "]").kind, Kind::kSyntax) << number;
+  }
+}
+
+TEST(JsonTree, AQuotedInputDoesNotChangeWhatIsSaidOfIt) {
+  EXPECT_THAT(errorOf("{\"ill-formed UTF-8").text, HasSubstr("missing closing quote"));
+}
+
+TEST(JsonTree, TwoFlawedKeysAreNotARepeatedOne) {
+  const JsonTree tree = JsonTree::parse(R"({"\ud800": 1, "\ud801": 2})");
+  ASSERT_THAT(tree.flaws(), SizeIs(2));
+  for (const JsonFlaw& flaw : tree.flaws()) EXPECT_EQ(flaw.kind, JsonFlaw::Kind::kLoneSurrogate);
 }
 
 TEST(JsonTree, AnEscapedBackslashIsNoSurrogate) {

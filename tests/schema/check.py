@@ -28,7 +28,7 @@ SCENARIOS = Path(__file__).resolve().parent.parent / "scenario" / "data"
 # Rules that join places.
 JOINING = re.compile(
     r"no port |no segment |has host bindings |is in the host bindings |behind the switch "
-    r"interfaces |is in region |stands at level | has VLAN ")
+    r"interfaces |is in region |is at level | has VLAN ")
 
 VALUES = [None, True, False, 0, 1, -1, 1.5, -0.5, 255, 256, 4094, 4095, 16777215, 16777216,
           2147483647, 2147483648, 4294967295, 4294967296, 1000000000, 1000000000.5, "", "x", "seg",
