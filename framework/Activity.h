@@ -58,8 +58,9 @@ class ActivityManager {
   // Fires every timer that is due by now, in order of time, and runs until idle after each.
   void runTimers();
 
-  // Queueing Queues a call of `handler`, unless the same call is pending. The attributes of
-  // entities use this. Throws std::bad_alloc; nothing was queued then.
+  // Queueing
+  // Queues a call of `handler`, unless the same call is pending. The attributes of entities use
+  // this. Throws std::bad_alloc; nothing was queued then.
   template <class N>
   void queue(N& notifiee, void (N::*handler)()) {
     queue_.push(notifiee, handler);

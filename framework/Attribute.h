@@ -22,7 +22,9 @@
 //      still listens.
 //
 // So a notifiee that registers in a handler of step 3 is not notified of this change, and what such
-// a handler changes is queued behind this change. A mutator that throws in 1 or 2, as when memory
+// a handler changes is queued behind this change. What was queued for a notifiee stays queued when
+// it changes to another entity in step 3; one that becomes active there gets the immediate call
+// alone. A mutator that throws in 1 or 2, as when memory
 // runs out, has changed nothing, and nothing of it is queued. One that finds nothing to change
 // notifies nobody; but a scalar notifies of each write, also of the value that it has.
 //

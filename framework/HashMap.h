@@ -16,7 +16,8 @@
 //
 // Cost: a look-up, an insertion and a deletion take constant time on average; a step of a loop too,
 // and it counts no reference. An empty collection is two words, one with one member as well. What
-// may throw: insertions, std::bad_alloc.
+// may throw: insertions, std::bad_alloc and, for an object that is a member already, a range
+// exception.
 //
 // Threads: the activity thread only.
 #pragma once
@@ -33,7 +34,7 @@
 
 namespace [[gnu::visibility("default")]] Kiv {
 
-// V: the class of the members. K: their key. E: what a member stands for, where that is another
+// V: the class of the members. K: their key. E: what a member represents, where that is another
 // object (the entity that a reactor observes).
 template <class V, class K, class E = V>
 class HashMap {
@@ -231,9 +232,12 @@ class HashMap<V, K, E>::Iterator {
 
   // Goes to the member that follows the current one in order, deleted or not.
   Iterator& operator++() {
-    if (cursor_.stale()) [[unlikely]]
-      walk_ = map_->table_.walkFrom(map_->placeAfter(key()));
-    cursor_.advance(map_->table_.next(walk_));
+    // What leaves the collection while the former member is freed is not visited.
+    do {
+      if (cursor_.stale()) [[unlikely]]
+        walk_ = map_->table_.walkFrom(map_->placeAfter(key()));
+      cursor_.advance(map_->table_.next(walk_));
+    } while (cursor_.pinned());
     show();
     return *this;
   }

@@ -91,7 +91,11 @@ class HashMap2018 {
         insertInBuffer(lowerBoundInBuffer(Table::orderOf(key), key), K(key), V(value));
         return true;
       }
+      const K ownKey(key);  // either may be in the buffer, which ends
+      const V ownValue(value);
       spill();
+      table().insert(ownKey, ownValue);
+      return true;
     }
     const auto [entry, added] = table().insert(key, value);
     return added || assign(*entry, value);

@@ -207,8 +207,14 @@ class Notifiee : public Base {
       return nullptr;
     } else {
       struct [[gnu::visibility("hidden")]] Unsubscribed final : Handlers{};
-      static const Unsubscribed unsubscribed;
-      return &unsubscribed;
+      // Never destroyed: entities in static objects may outlive it.
+      union Forever {
+        Forever() : value() {}
+        ~Forever() {}
+        Unsubscribed value;
+      };
+      static const Forever unsubscribed;
+      return &unsubscribed.value;
     }
   }
 };

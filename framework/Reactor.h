@@ -96,7 +96,11 @@ class Reactor : public E::NotifieeConst {
   // Whether a handler that maintains a collection of the machine may run.
   bool mirrors() const { return this->notifier() != nullptr && machineWord() != nullptr; }
   // The machine, held for as long as the handler runs. REQUIRES: live() or mirrors().
-  Ptr<M> machine() const { return Ptr<M>(machineWord()); }
+  Ptr<M> machine() const {
+    M* const machine = machineWord();
+    if (machine == nullptr) __builtin_unreachable();
+    return Ptr<M>(machine);
+  }
 
  private:
   // Synchronises the machine's collections; left empty by a reactor that mirrors none.

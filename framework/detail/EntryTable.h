@@ -41,6 +41,7 @@ struct Bytes {
 template <class K, class V>
 class EntryTable {
   static_assert(kMovesAsBytes<K> && kMovesAsBytes<V>);
+  static_assert(alignof(K) <= kMemAlignment && alignof(V) <= kMemAlignment);
 
   using Arrays = OrderedArrays<Bytes<sizeof(K), alignof(K)>, Bytes<sizeof(V), alignof(V)>>;
 

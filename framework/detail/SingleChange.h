@@ -20,7 +20,13 @@ class SingleChange {
       : collection_(collection), key_(key), before_(before), outer_(innermost_) {
     innermost_ = this;
   }
-  ~SingleChange() { innermost_ = outer_; }
+  ~SingleChange() {
+    innermost_ = outer_;
+    // An outer change of this collection is no single one any more, whoever missed this one.
+    for (SingleChange* change = outer_; change != nullptr; change = change->outer_) {
+      if (change->collection_ == collection_) change->before_ = kNoVersion;
+    }
+  }
   SingleChange(const SingleChange&) = delete;
   SingleChange& operator=(const SingleChange&) = delete;
 
@@ -35,6 +41,8 @@ class SingleChange {
   }
 
  private:
+  static constexpr U64 kNoVersion = ~U64{0};
+
   inline static constinit SingleChange* innermost_ = nullptr;
 
   const void* collection_;
