@@ -139,7 +139,7 @@ def shared(declaration: str, first: str, comment: list[str]) -> str:
         return f"The key: {attribute}()."
     if name == attribute or (declaration.startswith("using") and first.startswith("using")):
         return in_one_line(comment)
-    passed_on = ("kivDoZombieReactors", "machineDel", "outOfLine")
+    passed_on = ("kivDoZombieReactors", "machineDel", "machineIs", "synchronise")
     if name in passed_on and attribute == "hasNotificationActiveIs":
         return in_one_line(comment)
     if name == f"kiv_handle{attribute[:1].upper()}{attribute[1:]}":

@@ -109,7 +109,7 @@ TEST_F(HostSegmentTest, AVxlanOverAVlanMapsAndLeavesTheVlansOwnReferrer) {
   binding->segmentIs(0, world.segment("vx"));
   const auto machine =
       OpenStack::portToHostBindingSmFactory("h2", world.port("p"), binding, world.resources);
-  // Only the upper segment is told of, though both are there.
+  // Only the upper segment is notified of, though both are there.
   machine->hasNotificationActiveIs(false);
   binding->segmentIs(1, world.segment("vl"));
   world.traces.take();

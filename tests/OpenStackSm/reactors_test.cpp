@@ -116,7 +116,7 @@ TEST_F(ReactorsTest, AConfigurationReactorThatIsDisconnectedHandlesNothing) {
 
 // One with a handler would never be called.
 TEST_F(ReactorsTest, PassiveReactorsOverrideNoHandler) {
-  if (!Kiv::detail::PackedHandler::kPacks) GTEST_SKIP() << "what is overridden cannot be told";
+  if (!Kiv::detail::PackedHandler::kPacks) GTEST_SKIP() << "what is overridden is not known";
   world.start();
   const auto sm = world.regionSm();
   const auto leavesEmpty = [](const auto& reactor, auto... handlers) {
@@ -154,7 +154,7 @@ TEST_F(ReactorsTest, PassiveReactorsOverrideNoHandler) {
   EXPECT_TRUE(noneOfBinding(interface));
   EXPECT_TRUE(leavesEmpty(interface, &OfInterface::onHost));
 
-  // So that it is known that one with handlers is told from these.
+  // One with handlers is recognised as such.
   const auto listening = Kiv::make<OpenStack::PortBindingSm::KivPortBinding>(
       Kiv::Ptr<const OpenStack::PortBinding>(world.binding("p")), nullptr);
   EXPECT_FALSE(noneOfPort(*listening));

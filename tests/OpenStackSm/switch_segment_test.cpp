@@ -278,7 +278,7 @@ TEST_P(SwitchSegmentTest, ANewBindingIsMirroredAndTheOldSegmentsWithdrawn) {
   EXPECT_TRUE(machine->segment().contains(1));
 }
 
-// What stops the process: the owner has not published what the segments hang on.
+// What stops the process: the owner has not published what the segments need.
 
 TEST_P(SwitchSegmentDeathTest, AMissingSwitchPortOrSwitchElement) {
   bind("");

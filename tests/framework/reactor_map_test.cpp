@@ -1,4 +1,4 @@
-// A machine's collections of reactors: is, del, and staying in line with the input.
+// A machine's collections of reactors: is, del, and staying synchronised with the input.
 #include "framework/ReactorMap.h"
 
 #include <gmock/gmock.h>
@@ -246,7 +246,7 @@ TEST_F(ReactorMapTest, AHookMayDeleteTheMemberThatHasJustCome) {
   EXPECT_THAT(happened(), ElementsAre("handlePot a there", "handlePot a gone"));
 }
 
-// Staying in line with the input
+// Staying synchronised with the input
 
 TEST_F(ReactorMapTest, AChangeOfTheInputIsMirroredAtOnce) {
   const auto pot = shelf_->potIs("a");
