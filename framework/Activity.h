@@ -73,14 +73,18 @@ class ActivityManager {
   // For a change that is to be queued before it is made. REQUIRES: run() was not called meanwhile.
   class TentativeQueueing {
    public:
+    // Begins on this loop, which must outlive it.
     explicit TentativeQueueing(ActivityManager& loop) : loop_(loop), end_(loop.queue_.end()) {}
+    // Rolls back unless keep() was called.
     ~TentativeQueueing() {
       if (!kept_) loop_.queue_.removeSince(end_);
     }
     TentativeQueueing(const TentativeQueueing&) = delete;
     TentativeQueueing& operator=(const TentativeQueueing&) = delete;
 
+    // The loop that it queues on.
     ActivityManager& loop() const { return loop_; }
+    // Commits: what was queued stays queued. Throws nothing.
     void keep() { kept_ = true; }
 
    private:

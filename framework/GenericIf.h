@@ -41,6 +41,7 @@ class GenericArgumentsView : public std::span<const GenericValue> {
  public:
   using std::span<const GenericValue>::span;
   GenericArgumentsView() = default;
+  // The values in braces, borrowed: valid until the end of the full expression that has them.
   GenericArgumentsView(std::initializer_list<GenericValue> values)
       : span(std::data(values), values.size()) {}
 };

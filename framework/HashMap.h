@@ -214,6 +214,7 @@ class HashMap<V, K, E>::Iterator {
   using difference_type = std::ptrdiff_t;
 
   Iterator() = default;
+  // A second iterator at the same position; holds the member too where that was deleted.
   Iterator(const Iterator& other) : Iterator() { *this = other; }
   Iterator& operator=(const Iterator& other) {
     map_ = other.map_;

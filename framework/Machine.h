@@ -31,6 +31,7 @@ namespace [[gnu::visibility("default")]] Kiv {
 template <class T>
 class ValidPtr : public Ptr<T> {
  public:
+  // Holds what the pointer does; throws for a null one.
   ValidPtr(const Ptr<T>& pointer) : Ptr<T>(validPtr(pointer)) {}
 };
 

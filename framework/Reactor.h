@@ -176,6 +176,8 @@ class PassiveReactor : public Reactor<Self, M, E, true> {
   }
 
  protected:
+  // The key, for a reactor that stores more in it. REQUIRES: what the collection looks it up by
+  // does not change.
   K& key() { return const_cast<K&>(fwkKey()); }
 
  private:

@@ -13,7 +13,8 @@ for each declaration that it stands for:
   the next empty line;
 - the comment that opens the file is that of its first class too, where that has none;
 - what is alike in every class (a NotifieeConst, its notifications, kTypeName, the overrides of a
-  reactor, deleted copies) is described here, by its shape.
+  reactor, the arguments, factory and constructor of a machine, deleted copies) is described here,
+  by its shape.
 
 Lines keep their numbers, so that warnings point into the header. Indented lines in a comment are
 code, or a list where they begin with "- ".
@@ -139,8 +140,8 @@ def shared(declaration: str, first: str, comment: list[str]) -> str:
         return f"The key: {attribute}()."
     if name == attribute or (declaration.startswith("using") and first.startswith("using")):
         return in_one_line(comment)
-    passed_on = ("kivDoZombieReactors", "machineDel", "machineIs", "synchronise")
-    if name in passed_on and attribute == "hasNotificationActiveIs":
+    passed_on = ("hasNotificationActiveIs", "kivDoZombieReactors", "machineDel", "synchronise")
+    if name in passed_on and attribute == "machineIs":
         return in_one_line(comment)
     if name == f"kiv_handle{attribute[:1].upper()}{attribute[1:]}":
         return f"Runs the cleanup of one member of {attribute}()."
@@ -152,6 +153,18 @@ def shared(declaration: str, first: str, comment: list[str]) -> str:
         text = in_one_line(comment)
         return f"{verb} {attribute}(): {text[0].lower()}{text[1:]}"
     return ""
+
+
+def constructor_argument(declaration: str) -> str:
+    """What a field of a machine's `Arguments` is, by its type."""
+    name = name_of(declaration)
+    if "ReactorSlot<" in declaration:
+        return f"The reactor on the {name}; none for a null one, which is not observed."
+    if "ValidPtr<" in declaration:
+        return f"The {name}; held, never null."
+    if "Ptr<" in declaration:
+        return f"The {name}; held, null for none."
+    return f"The {name}."
 
 
 def described(declaration: str, scope: str, text: str, group: str = "") -> str:
@@ -195,6 +208,13 @@ def described(declaration: str, scope: str, text: str, group: str = "") -> str:
         return "An empty one."
     if collection := re.match(r"using \w+Map = Kiv::(?:ChildMap|ReactorMap)<(\w+),", declaration):
         return f"The collection of {collection.group(1)} objects."
+    if scope == "Arguments":
+        return constructor_argument(declaration)
+    if re.match(rf"static constexpr auto& {re.escape(scope)}Is = ", declaration):
+        return "The factory function, as a member of the class that it makes."
+    if re.match(rf"{re.escape(scope)}\(Arguments&& \w+, Kiv::Start \w+\)", declaration):
+        return "Takes the arguments over and becomes the machine of their reactors; with " \
+            "Kiv::Start::byConstructor it runs handleInitialized() and throws what that throws."
     if group == "Constructor arguments":
         name = name_of(declaration)
         if name == "fwkKey":
