@@ -11,8 +11,9 @@
 //
 // The loop body may delete any member, the current one too, and may insert, any number of times:
 // each member that stays is visited once, one that was deleted before its turn is not visited, and
-// one that was inserted is visited if it comes after the current one in order. The body may not end
-// the life of the collection.
+// one that was inserted is visited if it comes after the current one in order. What the destructor
+// of a deleted member removes is still visited if it comes right after it: the loop has advanced by
+// then. The body may not end the life of the collection.
 //
 // Cost: a look-up, an insertion and a deletion take constant time on average; a step of a loop too,
 // and it counts no reference. An empty collection is two words, one with one member as well. What
@@ -233,12 +234,9 @@ class HashMap<V, K, E>::Iterator {
 
   // Goes to the member that follows the current one in order, deleted or not.
   Iterator& operator++() {
-    // What leaves the collection while the former member is freed is not visited.
-    do {
-      if (cursor_.stale()) [[unlikely]]
-        walk_ = map_->table_.walkFrom(map_->placeAfter(key()));
-      cursor_.advance(map_->table_.next(walk_));
-    } while (cursor_.pinned());
+    if (cursor_.stale()) [[unlikely]]
+      walk_ = map_->table_.walkFrom(map_->placeAfter(key()));
+    cursor_.advance(map_->table_.next(walk_));
     show();
     return *this;
   }

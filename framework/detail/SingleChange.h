@@ -3,8 +3,9 @@
 // A collection opens a SingleChange for the time of its mutator, immediate notifications included.
 // An observer that mirrors the collection and was synchronised just before that change then looks
 // at one member and not at all of them; it asks the collection (Collection::singleChangeSince).
-// Changes nest, as an immediate handler may make another; the inner one hides the outer one until
-// it ends. Activity thread only.
+// Changes nest, as an immediate handler may make another; the inner one hides the outer one, and
+// after it the outer one of the same collection is not its only change any more. Activity thread
+// only.
 #pragma once
 
 #include "framework/Integers.h"

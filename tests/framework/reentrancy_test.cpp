@@ -1,14 +1,11 @@
-// Code that runs from inside an operation of the framework: destructors of members and notifiees,
-// immediate handlers, and arguments that the operation itself moves.
+// Code that runs from inside an operation of the framework: destructors of notifiees, immediate
+// handlers, and arguments that the operation itself moves.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <string>
 #include <utility>
-#include <vector>
 
-#include "framework/HashMap.h"
 #include "tests/framework/toys.h"
 
 namespace {
@@ -16,7 +13,6 @@ namespace {
 using Kiv::make;
 using Kiv::Ptr;
 using Kiv::String;
-using testing::ElementsAre;
 using Toys::Box;
 using Toys::BoxWatcher;
 using Toys::Marble;
@@ -31,40 +27,6 @@ TEST_F(ReentrancyTest, AReferenceThatIsInTheSetMayBeAddedUnderAnotherKey) {
   box->lentIs(9, *box->lent().find(0));
   EXPECT_EQ(box->lent()[9], box->lent()[0]);
   box->lentDelAll();
-}
-
-// Calls a function when it is freed.
-class Item final : public Kiv::Member {
- public:
-  static constexpr std::string_view kTypeName = "Item";
-  explicit Item(int key) : key_(key) {}
-  ~Item() override {
-    if (onFree) onFree();
-  }
-  const int& fwkKey() const { return key_; }
-  const Kiv::Type& fwkType() const override { return Kiv::typeRecord<Item>; }
-
-  std::function<void()> onFree;
-
- private:
-  int key_;
-};
-
-TEST_F(ReentrancyTest, AMemberThatIsDeletedWhileTheFormerIsFreedIsNotVisited) {
-  Kiv::HashMap<Item, int> items;
-  for (int key = 0; key < 6; ++key) items.newMember(make<Item>(key));
-  std::vector<int> order;
-  for (const auto& item : items) order.push_back(item->fwkKey());
-
-  std::vector<int> visited;
-  for (const auto& item : items) {
-    visited.push_back(item->fwkKey());
-    if (visited.size() != 2) continue;
-    // Only the loop holds this one now, and drops it when it advances.
-    item->onFree = [&] { (void)items.deleteMember(order[2]); };
-    (void)items.deleteMember(order[1]);
-  }
-  EXPECT_THAT(visited, ElementsAre(order[0], order[1], order[3], order[4], order[5]));
 }
 
 TEST_F(ReentrancyTest, ANotifieeThatIsBeingDestroyedIsNotQueued) {
