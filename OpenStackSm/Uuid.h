@@ -15,8 +15,8 @@ using UuidSource = std::function<std::string()>;
 // the library's own. Activity thread only.
 void uuidSourceIs(UuidSource source);
 
-// A new UUID from the source. The library's own makes random ones of version 4; each is drawn from
-// a generator of its own, which is seeded from the system's random source. Activity thread only.
+// A new UUID from the source. The library's own makes random ones of version 4, each from the
+// system's random source. Activity thread only.
 Kiv::String uuid();
 
 }  // namespace OpenStack

@@ -455,4 +455,11 @@ TEST_F(NotifieeTest, AnIterationReachesWhoeverWasRegisteredAtItsBeginningAndStil
   startAgain();
 }
 
+TEST(NotifieeListTest, AnEntityThatNobodyObservesCallsNobody) {
+  const auto box = make<Box>();
+  const auto fail = [](Kiv::NotifieeBase&) { ADD_FAILURE(); };
+  box->notifieeList()->forEach(fail);
+  box->notifieeList()->forEachUnguarded(fail);
+}
+
 }  // namespace

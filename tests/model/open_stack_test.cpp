@@ -466,6 +466,21 @@ TEST(EnumerationsTest, ASyncStatusPrintsItsNameOrItsNumber) {
   EXPECT_EQ(text(static_cast<SyncStatus>(4)), "4");
 }
 
+TEST(VlanPoolsTest, WithoutAStatusThereIsNoPool) {
+  const OpenStack::VlanPools<OpenStack::VlanPool> none = nullptr;
+  EXPECT_TRUE(none.empty());
+  EXPECT_EQ(none.size(), 0U);
+  EXPECT_FALSE(none.contains("RegionOne"));
+  EXPECT_EQ(none["RegionOne"], nullptr);
+}
+
+TEST(EnumerationsTest, WhatIsNoSegmentationTypeDoesNotParse) {
+  using Traits = Kiv::ValueTraits<SegmentationType>;
+  EXPECT_EQ(Traits::parse("7"), SegmentationType{7});
+  EXPECT_EQ(Traits::parse("vlans"), std::nullopt);
+  EXPECT_EQ(Traits::parse("256"), std::nullopt);
+}
+
 TEST(EnumerationsTest, ASegmentationTypePrintsItsNameOrItsNumber) {
   EXPECT_EQ(text(SegmentationType::vlan), "vlan");
   EXPECT_EQ(text(SegmentationType::vxlan), "vxlan");
