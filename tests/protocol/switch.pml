@@ -59,6 +59,17 @@ inline notify(n) {
   fi
 }
 
+/* Arms the timer, or disarms it with 0. An expiry that waits is void then, and is taken from the
+ * queue: it would be passed over in this same turn of the loop.
+ */
+inline timerIs(ticks) {
+  left = ticks;
+  if
+  :: waiting??[ON_TIME] -> waiting??ON_TIME
+  :: else -> skip
+  fi
+}
+
 /* Each step is printed as "STEP from event value to", a state as its numbers and what waits. */
 hidden byte places;
 hidden byte one;
@@ -182,7 +193,7 @@ inline observeTurn() { skip }
 #endif
 
 /* The tables of the page. */
-inline handleHeartbeat() { left = TIMEOUT }
+inline handleHeartbeat() { timerIs(TIMEOUT) }
 
 inline handleLockRequest() {
   if
@@ -205,7 +216,7 @@ inline handleSyncStatus() {
   :: announced == COMPLETE && status == IN_PROGRESS ->
      oldStatus = status;
      status = COMPLETE;
-     left = 0;
+     timerIs(0);
      owner = NOBODY;
      granted = NONE
   :: announced == COMPLETE && status != IN_PROGRESS -> skip
