@@ -310,7 +310,7 @@ Kiv::Ptr<Notifiee> connected(const Kiv::Ptr<Entity>& entity, Arguments&... argum
 
 }  // namespace
 
-class OutputWatch::Impl : private Holder {
+class OutputWatch::Impl final : private Holder {
  public:
   Impl(const Kiv::Ptr<const OpenStack::OpenStackStatus>& status,
        const Kiv::Ptr<const VirtualNetwork::RequestedResourcesCollection>& resources,
