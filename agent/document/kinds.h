@@ -83,7 +83,9 @@ struct CollectionRow {
   const Form* value = nullptr;  // what it is, where it is a scalar
   KeyForm key = key::kName;
   Shape shape = Shape::kByKey;
-  // Reach the entity. Null where the applier has operations of its own for this member.
+  // Whether the applier reaches the entity through the next two; it has operations of its own for
+  // the members of other rows.
+  bool isGeneric = false;
   void (*add)(const CollectionRow& row, Kiv::PtrInterface& owner, std::string_view key,
               const Values& values) = nullptr;
   void (*remove)(Kiv::PtrInterface& owner, std::string_view key) = nullptr;
@@ -223,6 +225,7 @@ consteval CollectionRow things(std::string_view name, std::string_view what, con
                                std::string_view about) {
   using Key = detail::KeyOf<Child>;
   CollectionRow made{name, what, about, &of};
+  made.isGeneric = true;
   made.add = [](const CollectionRow& row, Kiv::PtrInterface& owner, std::string_view key,
                 const Values& values) {
     const auto child = Kiv::make<Child>(Key(key));

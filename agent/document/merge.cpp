@@ -8,9 +8,9 @@ namespace {
 // What a table may have and this file would not see.
 static_assert(kPortBinding.scalars.empty(), "PortBinding holds no scalars: give it Values");
 static_assert(kVlanAssignment.scalars.empty(), "an assignment holds no scalars: give it Values");
-static_assert(std::ranges::count(kRegionCollections, nullptr, &CollectionRow::add) == 1,
+static_assert(std::ranges::count(kRegionCollections, false, &CollectionRow::isGeneric) == 1,
               "only port bindings have operations of their own: write this row with things()");
-static_assert(std::ranges::count(kConfigCollections, nullptr, &CollectionRow::add) == 1,
+static_assert(std::ranges::count(kConfigCollections, false, &CollectionRow::isGeneric) == 1,
               "only VLAN assignments have operations of their own: write this row with things()");
 
 // Their scalars are merged by mergeWritten(), those of all other kinds by mergeReplaced().

@@ -52,6 +52,7 @@ inline constexpr CollectionRow kServiceAclTypeVrfMap{
     .what = "a map from ACL type to VRF",
     .about = "VRF names by type of service ACL. Stored and shown.",
     .value = &form::kText,
+    .isGeneric = true,
     .add =
         [](const CollectionRow&, Kiv::PtrInterface& owner, std::string_view key,
            const Values& values) {
