@@ -27,7 +27,12 @@ LAYERS = {
     "agent/session": FRAMEWORK + ["agent/json", "agent/document", "agent/plan", "agent/cloud"],
     "agent/output": LIBRARY + ["agent/json", "agent/document", "agent/cloud", "agent/session"],
     "agent/import": ["agent/json", "agent/document"],
-    "agent/cli": ["agent/json", "agent/document", "agent/session", "agent/output", "agent/import"],
+    "agent/live": LIBRARY + ["agent/json", "agent/document", "agent/cloud", "agent/session",
+                             "agent/output"],
+    "agent/journal": ["agent/live"],
+    "agent/server": FRAMEWORK + ["agent/json", "agent/live", "agent/journal"],
+    "agent/client": ["agent/json", "agent/output"],
+    "agent/cli": ["agent/client", "agent/server", "agent/journal", "agent/live", "agent/json", "agent/document", "agent/session", "agent/output", "agent/import"],
     "agent": ["agent/cli"],
     "bench": LIBRARY,
 }

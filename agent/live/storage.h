@@ -1,0 +1,33 @@
+// Where the history of the live agent is kept. The service appends records and goes on; it gives
+// the answers that depend on them when it is told that they are durable (Service::durableIs).
+//
+// Activity thread only.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+
+#include "agent/live/record.h"
+
+namespace vnagent {
+
+class Storage {
+ public:
+  virtual ~Storage() = default;
+
+  // Appends a record; returns at once. Records become durable in the order of their sequence;
+  // several may become so together.
+  virtual void append(std::shared_ptr<const Record> record) = 0;
+
+  // Reads records of revisions first..last in ascending order, of what is durable; stops when
+  // `take` returns false. The service asks for what is too old or too large for its memory.
+  virtual void read(uint64_t first, uint64_t last,
+                    const std::function<bool(const Record&)>& take) const = 0;
+
+  // Keeps a snapshot, of a record that is durable; returns at once. Where it cannot be written, a
+  // later one will.
+  virtual void snapshot(Snapshot snapshot) = 0;
+};
+
+}  // namespace vnagent
