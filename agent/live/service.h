@@ -84,8 +84,8 @@ class Service {
   void durableIs(uint64_t sequence);
 
   // No record after `sequence` became durable, and none of those that were appended will: what they
-  // changed is taken back, and their requests are refused. Until storageIsWritable() every change is
-  // refused, and no timer fires.
+  // changed is taken back, and their requests are refused. Until storageIsWritable() every change
+  // is refused, and no timer fires.
   void storageFailed(uint64_t sequence, const std::string& reason);
   void storageIsWritable();
 
