@@ -43,6 +43,10 @@ struct Record {
   std::string fingerprint;  // of the request: method, target and body
   unsigned status = 0;
   std::string reply;  // the body
+
+  // Of a large record of Recovered::history: `event`, `drawn` and the four patches are left empty
+  // here, and Storage::read() gives them.
+  bool onDisk = false;
 };
 
 // The check value before the first record.

@@ -50,8 +50,10 @@ struct Recovered {
   std::string instance;         // the UUID that stays with the state
   Snapshot snapshot;            // the latest
   std::vector<Record> records;  // all after it
-  std::vector<Record> history;  // of the revisions up to the snapshot's that can be resumed from,
-                                // and the changes whose keys are remembered
+  // Records up to the snapshot's, in ascending order of sequence: those of the last revisions, from
+  // which a watch can resume, without a gap up to the snapshot's. Before them, with gaps, the older
+  // changes whose keys are remembered, each of kind kReply and with nothing but its reply.
+  std::vector<Record> history;
 };
 
 class Service {

@@ -17,11 +17,13 @@ class Storage {
   virtual ~Storage() = default;
 
   // Appends a record; returns at once. Records become durable in the order of their sequence;
-  // several may become so together.
+  // several may become so together. After a failure (Service::storageFailed) sequences go on after
+  // the last durable one; what is appended before the service hears of it is dropped too.
   virtual void append(std::shared_ptr<const Record> record) = 0;
 
-  // Reads records of revisions first..last in ascending order, of what is durable; stops when
-  // `take` returns false. The service asks for what is too old or too large for its memory.
+  // Reads durable records of revisions first..last in ascending order of sequence; stops
+  // when `take` returns false. The service asks for what is too old or too large for its memory.
+  // Throws a std::exception when the disk cannot be read.
   virtual void read(uint64_t first, uint64_t last,
                     const std::function<bool(const Record&)>& take) const = 0;
 
