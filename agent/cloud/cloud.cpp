@@ -72,6 +72,10 @@ OutputDocument Cloud::output() const {
   return readOutput(*status_, *resources_, *elements_);
 }
 
+OutputPart Cloud::outputAt(std::span<const std::string> place) const {
+  return readOutputAt(*status_, *resources_, *elements_, place);
+}
+
 const Kiv::PtrInterface& Cloud::root() const {
   return *root_;
 }

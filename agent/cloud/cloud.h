@@ -14,6 +14,8 @@
 #pragma once
 
 #include <optional>
+#include <span>
+#include <string>
 #include <string_view>
 
 #include "agent/cloud/output_document.h"
@@ -67,6 +69,9 @@ class Cloud {
 
   // What the machines publish now; views, good until the next change.
   OutputDocument output() const;
+
+  // The part of it that a place leads to; views, likewise.
+  OutputPart outputAt(std::span<const std::string> place) const;
 
   // What of it has changed since the last call, or since construction; views, likewise. REQUIRES:
   // CloudSettings::watched.

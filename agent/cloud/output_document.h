@@ -7,6 +7,7 @@
 // Texts are views into the entities. Everything is sorted: numbers by value, texts by bytes.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string_view>
@@ -107,6 +108,12 @@ struct OutputDocument {
 
   // Of a change: whether there is none.
   bool empty() const { return !regionStatus && !requestedResources && !networkElement; }
+};
+
+// A part of the document: the nearest collection or thing on the way to a place, and nothing else.
+struct OutputPart {
+  OutputDocument document;
+  size_t depth = 0;  // how many names of the place lead to it; 0: there is no such part
 };
 
 }  // namespace vnagent

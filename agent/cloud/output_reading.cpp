@@ -28,6 +28,14 @@ std::vector<DomainOutput> readDomains(const Owner& owner) {
   return readMembers(owner.domain(), &DomainOutput::region);
 }
 
+std::vector<SwitchOutput> readSwitches(
+    const VirtualNetwork::RequestedResourcesCollection& resources) {
+  const auto byInterface = [](const SwitchportOutput& port) {
+    return std::tuple(port.switchIdentifier, port.interfaceName);
+  };
+  return bySwitch(readMembers(resources.resourcesForSwitchport(), byInterface));
+}
+
 VlanPoolOutput readPool(const OpenStack::VlanPool* pool) {
   if (pool == nullptr) return {VlanIds(), VlanIds(), VlanIds()};
   return {readSet(pool->assignedVlan()), readSet(pool->availableVlan()),
@@ -156,14 +164,95 @@ std::vector<SwitchOutput> bySwitch(std::vector<SwitchportOutput>&& ports) {
 OutputDocument readOutput(const OpenStack::OpenStackStatus& status,
                           const VirtualNetwork::RequestedResourcesCollection& resources,
                           const VirtualNetwork::NetworkElementCollection& elements) {
-  const auto byInterface = [](const SwitchportOutput& port) {
-    return std::tuple(port.switchIdentifier, port.interfaceName);
-  };
   return {readMembers(status.regionStatus(), &RegionOutput::name),
-          RequestedResourcesOutput{
-              readMembers(resources.resourcesForHostname(), &HostOutput::host),
-              bySwitch(readMembers(resources.resourcesForSwitchport(), byInterface))},
+          RequestedResourcesOutput{readMembers(resources.resourcesForHostname(), &HostOutput::host),
+                                   readSwitches(resources)},
           readMembers(elements.networkElement(), &NetworkElementOutput::name)};
+}
+
+namespace {
+
+// A collection of the document, or one of its members where the place names it. Returns the depth
+// of what was read.
+template <class Members, class Find, class Read>
+size_t readPart(std::span<const std::string> place, size_t depth, Find find, Read readAll,
+                Members& members) {
+  if (place.size() <= depth) {
+    members = readAll();
+    return depth;
+  }
+  const auto* member = find(place[depth]);
+  if (member == nullptr) return 0;
+  members.emplace().push_back(readOutput(*member));
+  return depth + 1;
+}
+
+// The ports of all switches, of one switch, or one port.
+size_t readSwitchPart(const VirtualNetwork::RequestedResourcesCollection& resources,
+                      std::span<const std::string> place,
+                      std::optional<std::vector<SwitchOutput>>& switches) {
+  const auto& ports = resources.resourcesForSwitchport();
+  if (place.size() == 2) {
+    switches = readSwitches(resources);
+    return 2;
+  }
+  SwitchOutput found;
+  if (place.size() == 3) {
+    for (const auto& port : ports) {
+      if (port->fwkKey().switchIdentifier().view() == place[2]) {
+        found.port.push_back(readOutput(*port));
+      }
+    }
+    std::ranges::sort(found.port, {}, &SwitchportOutput::interfaceName);
+  } else if (const auto* port = ports[VirtualNetwork::SwitchInterface(Kiv::String(place[2]),
+                                                                      Kiv::String(place[3]))]) {
+    found.port.push_back(readOutput(*port));
+  }
+  if (found.port.empty()) return 0;
+  found.switchIdentifier = found.port.front().switchIdentifier;
+  switches.emplace().push_back(std::move(found));
+  return std::min(place.size(), size_t{4});
+}
+
+}  // namespace
+
+OutputPart readOutputAt(const OpenStack::OpenStackStatus& status,
+                        const VirtualNetwork::RequestedResourcesCollection& resources,
+                        const VirtualNetwork::NetworkElementCollection& elements,
+                        std::span<const std::string> place) {
+  OutputPart part;
+  if (place.empty()) return part;
+  if (place[0] == "regionStatus") {
+    part.depth = readPart(
+        place, 1, [&](const std::string& name) { return status.regionStatus()[Kiv::Name(name)]; },
+        [&] { return readMembers(status.regionStatus(), &RegionOutput::name); },
+        part.document.regionStatus);
+  } else if (place[0] == "networkElement") {
+    part.depth = readPart(
+        place, 1,
+        [&](const std::string& name) { return elements.networkElement()[Kiv::Name(name)]; },
+        [&] { return readMembers(elements.networkElement(), &NetworkElementOutput::name); },
+        part.document.networkElement);
+  } else if (place[0] == "requestedResources") {
+    auto& output = part.document.requestedResources.emplace();
+    const auto readHosts = [&] {
+      return readMembers(resources.resourcesForHostname(), &HostOutput::host);
+    };
+    if (place.size() == 1) {
+      output = {readHosts(), readSwitches(resources)};
+      part.depth = 1;
+    } else if (place[1] == "resourcesForHostname") {
+      part.depth = readPart(
+          place, 2,
+          [&](const std::string& host) {
+            return resources.resourcesForHostname()[Kiv::Name(host)];
+          },
+          readHosts, output.resourcesForHostname);
+    } else if (place[1] == "resourcesForSwitchport") {
+      part.depth = readSwitchPart(resources, place, output.resourcesForSwitchport);
+    }
+  }
+  return part;
 }
 
 }  // namespace vnagent

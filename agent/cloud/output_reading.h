@@ -3,6 +3,8 @@
 #pragma once
 
 #include <algorithm>
+#include <span>
+#include <string>
 #include <type_traits>
 
 #include "agent/cloud/output_document.h"
@@ -26,6 +28,12 @@ NetworkElementOutput readOutput(const VirtualNetwork::NetworkElement& element);
 OutputDocument readOutput(const OpenStack::OpenStackStatus& status,
                           const VirtualNetwork::RequestedResourcesCollection& resources,
                           const VirtualNetwork::NetworkElementCollection& elements);
+
+// The part of the document that a place leads to.
+OutputPart readOutputAt(const OpenStack::OpenStackStatus& status,
+                        const VirtualNetwork::RequestedResourcesCollection& resources,
+                        const VirtualNetwork::NetworkElementCollection& elements,
+                        std::span<const std::string> place);
 
 // One thing, with its key alone.
 VniOutput readKey(const VirtualNetwork::VniReferences& vni);

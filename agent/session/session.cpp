@@ -13,7 +13,7 @@ namespace vnagent {
 Session::Session(const SessionSettings& settings, VirtualClock& clock)
     : Session(settings, clock, &clock) {}
 
-Session::Session(const SessionSettings& settings, const SteadyClock& clock)
+Session::Session(const SessionSettings& settings, const Kiv::TimeSource& clock)
     : Session(settings, clock, nullptr) {}
 
 Session::Session(const SessionSettings& settings, const Kiv::TimeSource& clock, VirtualClock* moved)
@@ -96,6 +96,10 @@ double Session::nextTimer() const {
 
 OutputDocument Session::output() const {
   return cloud_->output();
+}
+
+OutputPart Session::outputAt(std::span<const std::string> place) const {
+  return cloud_->outputAt(place);
 }
 
 const Kiv::PtrInterface& Session::root() const {

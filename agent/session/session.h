@@ -20,6 +20,8 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <span>
+#include <string>
 #include <vector>
 
 #include "agent/cloud/output_document.h"
@@ -64,7 +66,7 @@ class Session {
   // Starts with the empty document. REQUIRES: the clock outlives the session; the virtual one is
   // not moved from within a step.
   Session(const SessionSettings& settings, VirtualClock& clock);
-  Session(const SessionSettings& settings, const SteadyClock& clock);
+  Session(const SessionSettings& settings, const Kiv::TimeSource& clock);
   ~Session();
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
@@ -99,6 +101,10 @@ class Session {
 
   // The whole output document; good until the next step. REQUIRES: the session is live.
   OutputDocument output() const;
+
+  // The part of the output document that a place leads to, a name for each step; its cost is that
+  // of the part. Good until the next step. REQUIRES: the session is live.
+  OutputPart outputAt(std::span<const std::string> place) const;
 
   // The root machine, for reflection. REQUIRES: the session is live.
   const Kiv::PtrInterface& root() const;

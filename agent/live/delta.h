@@ -1,0 +1,72 @@
+// The difference between two revisions of a document, with what was there before: so differences
+// can be put one after the other and stay exact.
+//
+//   Delta delta = Delta::of(record.output, record.outputBefore);
+//   delta.then(Delta::of(next.output, next.outputBefore));
+//   delta.patch()       // the merge patch from the first document to the last, nothing beside it
+//
+// Merge patches alone cannot be put together: {"a": null} and then {"a": {"x": 1}} is not
+// {"a": {"x": 1}} where the first "a" had other members. Any thread, one at a time.
+#pragma once
+
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include <nlohmann/json.hpp>
+
+#include "agent/live/place.h"
+
+namespace vnagent {
+
+using Json = nlohmann::json;
+
+// The merge patch from one value to another; both are objects.
+Json mergePatch(const Json& before, const Json& after);
+
+class Delta {
+ public:
+  // No difference.
+  Delta() = default;
+
+  // From the exact merge patches forward and back; empty texts for none.
+  static Delta of(std::string_view forward, std::string_view backward);
+  static Delta of(const Json& forward, const Json& backward);
+
+  // Adds a difference that starts where this one ends.
+  void then(Delta later);
+
+  // The merge patch from before to after; an empty object for none.
+  Json patch() const;
+
+  // What became of one place.
+  struct At {
+    bool changed = false;
+    bool existsAfter = false;  // where it has changed
+    Json patch;                // where it exists: its value if it did not exist before, else the
+                               // merge patch to be applied to it, or the new value of a scalar
+  };
+  At at(const Place& place, bool existedBefore) const;
+
+ private:
+  // A value that was replaced, added or removed as a whole; or an object that stayed, with what
+  // differs inside.
+  struct Node {
+    bool whole = false;
+    std::optional<Json> before;  // of a whole one; nothing where it did not exist
+    std::optional<Json> after;
+    std::map<std::string, Node> members;  // of one that stayed
+
+    void then(Node later);
+    void applyTo(Json& value) const;
+    void undoIn(Json& value) const;
+    std::optional<Json> patch() const;
+  };
+
+  static Node nodeOf(const Json& forward, const Json& backward);
+
+  Node root_;
+};
+
+}  // namespace vnagent
