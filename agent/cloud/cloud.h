@@ -73,9 +73,9 @@ class Cloud {
   // The part of it that a place leads to; views, likewise.
   OutputPart outputAt(std::span<const std::string> place) const;
 
-  // What of it has changed since the last call, or since construction; views, likewise. REQUIRES:
-  // CloudSettings::watched.
-  OutputDocument outputChange() { return watch_->change(); }
+  // What of it has changed since the last call, or since construction; views, likewise. `before`
+  // gets the change back, where it is not null. REQUIRES: CloudSettings::watched.
+  OutputDocument outputChange(OutputDocument* before = nullptr) { return watch_->change(before); }
 
   // The root machine, for reflection.
   const Kiv::PtrInterface& root() const;

@@ -1,6 +1,7 @@
 #include "agent/cloud/output_watch.h"
 
 #include <map>
+#include <utility>
 
 #include "agent/cloud/detail/watched.h"
 
@@ -26,8 +27,8 @@ class ReferrersWatcher final : public Watcher<ReferrersWatcher<E, K, O>, E, O> {
   }
 
   template <class Visit>
-  void visit(const E& now, O& output, Visit visit) {
-    visit(referrer_, now.referrer(), output.referrer);
+  void visit(const E& now, Visit visit) {
+    visit(referrer_, now.referrer(), &O::referrer);
   }
 
  private:
@@ -47,9 +48,9 @@ class VlanWatcher final : public Watcher<VlanWatcher, VirtualNetwork::VlanRefere
   void onMappedVni(Kiv::U32 vni) override { mappedVni_.note(vni); }
 
   template <class Visit>
-  void visit(const Notifier& now, VlanOutput& output, Visit visit) {
-    visit(referrer_, now.referrer(), output.referrer);
-    visit(mappedVni_, now.mappedVni(), output.mappedVni);
+  void visit(const Notifier& now, Visit visit) {
+    visit(referrer_, now.referrer(), &VlanOutput::referrer);
+    visit(mappedVni_, now.mappedVni(), &VlanOutput::mappedVni);
   }
 
  private:
@@ -66,9 +67,9 @@ class HostWatcher final
   void onVlan(Kiv::U32 vlan) override { vlan_.note(vlan); }
 
   template <class Visit>
-  void visit(const Notifier& now, HostOutput& output, Visit visit) {
-    visit(domain_, now.domain(), output.domain);
-    visit(vlan_, now.vlan(), output.vlan);
+  void visit(const Notifier& now, Visit visit) {
+    visit(domain_, now.domain(), &HostOutput::domain);
+    visit(vlan_, now.vlan(), &HostOutput::vlan);
   }
 
  private:
@@ -93,11 +94,11 @@ class SwitchportWatcher final
   }
 
   template <class Visit>
-  void visit(const Notifier& now, SwitchportOutput& output, Visit visit) {
-    visit(vlan_, now.vlan(), output.vlan);
-    visit(nativeVlan_, now.nativeVlan(), output.nativeVlan);
-    visit(remoteHost_, now.remoteHost(), output.remoteHost);
-    visit(referrer_, now.referrer(), output.referrer);
+  void visit(const Notifier& now, Visit visit) {
+    visit(vlan_, now.vlan(), &SwitchportOutput::vlan);
+    visit(nativeVlan_, now.nativeVlan(), &SwitchportOutput::nativeVlan);
+    visit(remoteHost_, now.remoteHost(), &SwitchportOutput::remoteHost);
+    visit(referrer_, now.referrer(), &SwitchportOutput::referrer);
   }
 
  private:
@@ -121,10 +122,10 @@ class PhysicalInterfaceWatcher final
   }
 
   template <class Visit>
-  void visit(const Notifier& now, PhysicalInterfaceOutput& output, Visit visit) {
-    visit(vlan_, now.vlan(), output.vlan);
-    visit(nativeVlan_, now.nativeVlan(), output.nativeVlan);
-    visit(configuredElement_, now.configuredElement(), output.configuredElement);
+  void visit(const Notifier& now, Visit visit) {
+    visit(vlan_, now.vlan(), &PhysicalInterfaceOutput::vlan);
+    visit(nativeVlan_, now.nativeVlan(), &PhysicalInterfaceOutput::nativeVlan);
+    visit(configuredElement_, now.configuredElement(), &PhysicalInterfaceOutput::configuredElement);
   }
 
  private:
@@ -148,12 +149,12 @@ class NetworkElementWatcher final
   void onPhysicalInterface(const Kiv::String& name) override { physicalInterface_.note(name); }
 
   template <class Visit>
-  void visit(const Notifier& now, NetworkElementOutput& output, Visit visit) {
-    visit(hostname_, now.hostname(), output.hostname);
-    visit(referrer_, now.referrer(), output.referrer);
-    visit(domain_, now.domain(), output.domain);
-    visit(vlan_, now.vlan(), output.vlan);
-    visit(physicalInterface_, now.physicalInterface(), output.physicalInterface);
+  void visit(const Notifier& now, Visit visit) {
+    visit(hostname_, now.hostname(), &NetworkElementOutput::hostname);
+    visit(referrer_, now.referrer(), &NetworkElementOutput::referrer);
+    visit(domain_, now.domain(), &NetworkElementOutput::domain);
+    visit(vlan_, now.vlan(), &NetworkElementOutput::vlan);
+    visit(physicalInterface_, now.physicalInterface(), &NetworkElementOutput::physicalInterface);
   }
 
  private:
@@ -181,12 +182,19 @@ class WatchedPool {
     available_.noteAll(available());
     allocated_.noteAll(allocated());
   }
-  std::optional<VlanPoolOutput> change(const OpenStack::VlanPool* pool, Search& search) {
+  VlanPoolOutput published(Search& search) const {
+    return {assigned_.published(search), available_.published(search),
+            allocated_.published(search)};
+  }
+  std::optional<VlanPoolOutput> change(const OpenStack::VlanPool* pool, Search& search,
+                                       std::optional<VlanPoolOutput>& before) {
     if (pool != notifiee_->notifier()) noteAll(pool);
-    VlanPoolOutput output{assigned_.change(assigned(), search),
-                          available_.change(available(), search),
-                          allocated_.change(allocated(), search)};
+    VlanPoolOutput back;
+    VlanPoolOutput output{assigned_.change(assigned(), search, back.assignedVlan),
+                          available_.change(available(), search, back.availableVlan),
+                          allocated_.change(allocated(), search, back.allocatedVlan)};
     if (!output.assignedVlan && !output.availableVlan && !output.allocatedVlan) return std::nullopt;
+    if (search.back) before = std::move(back);
     return output;
   }
 
@@ -247,13 +255,13 @@ class RegionWatcher final : public Watcher<RegionWatcher, OpenStack::RegionStatu
   void onVlanAssignmentUuid() override { noted(); }
 
   template <class Visit>
-  void visit(const Notifier& now, RegionOutput& output, Visit visit) {
-    visit(syncStatus_, now.syncStatus(), output.syncStatus);
-    visit(oldSyncStatus_, now.oldSyncStatus(), output.oldSyncStatus);
-    visit(owner_, now.owner(), output.owner);
-    visit(requestId_, now.requestId(), output.requestId);
-    visit(vlanAssignmentUuid_, now.vlanAssignmentUuid(), output.vlanAssignmentUuid);
-    visit(vlanPool_, now.vlanPool().get(), output.vlanPool);
+  void visit(const Notifier& now, Visit visit) {
+    visit(syncStatus_, now.syncStatus(), &RegionOutput::syncStatus);
+    visit(oldSyncStatus_, now.oldSyncStatus(), &RegionOutput::oldSyncStatus);
+    visit(owner_, now.owner(), &RegionOutput::owner);
+    visit(requestId_, now.requestId(), &RegionOutput::requestId);
+    visit(vlanAssignmentUuid_, now.vlanAssignmentUuid(), &RegionOutput::vlanAssignmentUuid);
+    visit(vlanPool_, now.vlanPool().get(), &RegionOutput::vlanPool);
   }
 
  private:
@@ -325,17 +333,24 @@ class OutputWatch::Impl final : private Holder {
     for (const auto& port : resources->resourcesForSwitchport()) ++portsOf(port->fwkKey());
   }
 
-  OutputDocument change() {
+  OutputDocument change(OutputDocument* back) {
     search_ = {};
+    search_.back = back != nullptr;
     OutputDocument document;
-    document.regionStatus = regionStatus_.change(status_->notifier()->regionStatus(), search_);
-    RequestedResourcesOutput resources{
-        hosts_.change(resources_->notifier()->resourcesForHostname(), search_), switchesChange()};
+    OutputDocument before;
+    document.regionStatus =
+        regionStatus_.change(status_->notifier()->regionStatus(), search_, before.regionStatus);
+    RequestedResourcesOutput backResources;
+    RequestedResourcesOutput resources{hosts_.change(resources_->notifier()->resourcesForHostname(),
+                                                     search_, backResources.resourcesForHostname),
+                                       switchesChange(backResources.resourcesForSwitchport)};
     if (resources.resourcesForHostname || resources.resourcesForSwitchport) {
       document.requestedResources = std::move(resources);
+      before.requestedResources = std::move(backResources);
     }
-    document.networkElement =
-        networkElement_.change(elements_->notifier()->networkElement(), search_);
+    document.networkElement = networkElement_.change(elements_->notifier()->networkElement(),
+                                                     search_, before.networkElement);
+    if (back != nullptr) *back = std::move(before);
     return document;
   }
 
@@ -348,13 +363,24 @@ class OutputWatch::Impl final : private Holder {
     return portCount_[port.switchIdentifier()];
   }
 
-  std::optional<std::vector<SwitchOutput>> switchesChange() {
+  std::optional<std::vector<SwitchOutput>> switchesChange(
+      std::optional<std::vector<SwitchOutput>>& before) {
+    std::optional<std::vector<SwitchportOutput>> portsBefore;
     auto ports = ports_.change(
-        resources_->notifier()->resourcesForSwitchport(), search_,
+        resources_->notifier()->resourcesForSwitchport(), search_, portsBefore,
         [&](const VirtualNetwork::ResourcesForSwitchport& port) { ++portsOf(port.fwkKey()); },
         [&](const VirtualNetwork::ResourcesForSwitchport& port) { --portsOf(port.fwkKey()); });
     if (!ports) return std::nullopt;
     std::vector<SwitchOutput> switches = bySwitch(std::move(*ports));
+    if (portsBefore) {
+      before = bySwitch(std::move(*portsBefore));
+      // A switch that has only ports that were added was not there before.
+      for (SwitchOutput& of : *before) {
+        const auto added = std::ranges::count(of.port, true, &SwitchportOutput::removed);
+        of.removed = std::cmp_equal(added, of.port.size()) &&
+                     std::cmp_equal(added, portCount_.at(Kiv::String(of.switchIdentifier)));
+      }
+    }
     for (SwitchOutput& of : switches) {
       const auto count = portCount_.find(Kiv::String(of.switchIdentifier));
       if (count->second > 0) continue;
@@ -384,8 +410,8 @@ OutputWatch::OutputWatch(
 
 OutputWatch::~OutputWatch() = default;
 
-OutputDocument OutputWatch::change() {
-  return impl_->change();
+OutputDocument OutputWatch::change(OutputDocument* before) {
+  return impl_->change(before);
 }
 
 size_t OutputWatch::keysCompared() const {

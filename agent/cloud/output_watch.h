@@ -13,7 +13,7 @@
 // Why the last published state is kept, and not a before-image made at the first change: deferred
 // notifications are delivered after any number of changes, so the entity no longer holds the old
 // value; immediate ones come in time, but without a key, so that each first change would copy a
-// whole set. The state that is kept is small, since a merge patch contains new values only:
+// whole set. The state that is kept is small:
 //   - the keys of a collection: those that have a watcher;
 //   - the keys of a set: a copy, which has no table for four keys or fewer;
 //   - the scalars.
@@ -43,9 +43,11 @@ class OutputWatch {
   OutputWatch(const OutputWatch&) = delete;
   OutputWatch& operator=(const OutputWatch&) = delete;
 
-  // What has changed since the last call, or since construction. The texts are valid until the next
-  // change of the entities or the next call. REQUIRES: the activity loop is idle.
-  OutputDocument change();
+  // What has changed since the last call, or since construction. `before`, where it is not null,
+  // gets the change back: the merge patch to the document at the last call, in which a thing that
+  // was removed has all that it had. The texts are valid until the next change of the entities or
+  // the next call. REQUIRES: the activity loop is idle.
+  OutputDocument change(OutputDocument* before = nullptr);
 
   // The number of keys that the last change() compared: its cost, for tests.
   size_t keysCompared() const;

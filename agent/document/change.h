@@ -78,6 +78,9 @@ struct DirtyVlan {
   uint16_t vlan;
   std::optional<bool> before;
   std::optional<bool> after;
+
+  bool added() const { return !before; }
+  bool removed() const { return !after; }
 };
 
 struct DirtyVlanAssignment : Dirty<VlanAssignmentMap> {

@@ -1,6 +1,7 @@
 #include "agent/document/write_change.h"
 
 #include <algorithm>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -39,16 +40,21 @@ class PatchWriter {
   std::vector<std::string> unopened_;
 };
 
-// Writes what of a document a change changed.
+// Writes what of a document a change changed. A patch leads from one document to another: forward,
+// from the one before the change to the present one; back, the other way.
 class ChangeWriter {
  public:
-  explicit ChangeWriter(JsonWriter& json) : patch_(json) {}
+  ChangeWriter(JsonWriter& json, Direction direction)
+      : patch_(json), back_(direction == Direction::kBack) {}
 
   void write(const CloudState& state, const Change& change) {
     const auto& [config, region] = kDocumentMembers;
-    if (!isEmpty(state.config)) {
+    const auto isPrinted = [&](bool before) {
+      return before ? wasPrinted(state.config, change) : !isEmpty(state.config);
+    };
+    if (isPrinted(back_)) {
       patch_.inside(config.name, [&] { writeConfig(state.config, change); });
-    } else if (wasPrinted(change)) {
+    } else if (isPrinted(!back_)) {
       patch_.member(config.name).null();
     }
     writeCollection(region.name, change.regions, state.region, [&] {
@@ -61,30 +67,43 @@ class ChangeWriter {
   }
 
  private:
-  // Whether one of these was printed before.
+  // How many members a collection had before, of which this is what changed, and how many it has
+  // now.
   template <class Dirties>
-  static bool hadOne(const Dirties& dirties) {
-    return std::ranges::any_of(dirties, [](const auto& dirty) { return dirty.existed; });
-  }
-  // Whether something of the configuration was.
-  static bool wasPrinted(const Change& change) {
-    return hadOne(change.vlanAssignments) ||
-           std::ranges::any_of(change.configThings, hadOne<std::vector<DirtyThing>>) ||
-           std::ranges::any_of(change.configScalars, [](const DirtyScalar& dirty) {
-             return isPrinted(dirty.before, kConfig.scalars[dirty.row]);
-           });
+  static size_t sizeBefore(const Dirties& dirties, size_t now) {
+    size_t size = now;
+    for (const auto& dirty : dirties) {
+      if (dirty.added()) --size;
+      if (dirty.removed()) ++size;
+    }
+    return size;
   }
 
-  // A member of a collection: whole where it was added, null where it was removed, else what
-  // differs inside.
+  // Whether something of the configuration was printed before.
+  static bool wasPrinted(const Config& config, const Change& change) {
+    if (sizeBefore(change.vlanAssignments, config.vlanAssignment.size()) > 0) return true;
+    for (size_t i = 0; i < config.things.size(); ++i) {
+      if (sizeBefore(change.configThings[i], config.things[i].size()) > 0) return true;
+    }
+    const auto& dirties = change.configScalars;
+    for (size_t i = 0; i < config.values.size(); ++i) {
+      const auto dirty = std::ranges::find(dirties, i, &DirtyScalar::row);
+      const Scalar& before = dirty == dirties.end() ? config.values[i] : dirty->before;
+      if (isPrinted(before, kConfigScalars[i])) return true;
+    }
+    return false;
+  }
+
+  // A member of a collection: whole where it is new, null where it is removed, else what differs
+  // inside.
   template <class Dirty, class Whole, class Inside>
   void writeMember(std::string_view name, const Dirty& dirty, Whole whole, Inside inside) {
-    if (dirty.removed()) {
-      patch_.member(name).null();
-    } else if (dirty.added()) {
-      whole(patch_.member(name));
-    } else {
+    if (dirty.changed()) {
       patch_.inside(name, inside);
+    } else if (dirty.removed() != back_) {
+      patch_.member(name).null();
+    } else {
+      whole(patch_.member(name));
     }
   }
 
@@ -93,17 +112,19 @@ class ChangeWriter {
   void writeCollection(std::string_view name, const Dirties& dirties, const Map& now,
                        Inside inside) {
     if (dirties.empty()) return;
-    if (!now.empty()) {
+    if (back_ ? sizeBefore(dirties, now.size()) > 0 : !now.empty()) {
       patch_.inside(name, inside);
-    } else if (hadOne(dirties)) {
+    } else {
       patch_.member(name).null();
     }
   }
 
   void writeScalar(const ScalarRow& row, const Scalar& before, const Scalar& now) {
-    if (isPrinted(now, row)) {
-      if (before != now) vnagent::write(now, row.form, patch_.member(row.name));
-    } else if (isPrinted(before, row)) {
+    const Scalar& from = back_ ? now : before;
+    const Scalar& to = back_ ? before : now;
+    if (isPrinted(to, row)) {
+      if (from != to) vnagent::write(to, row.form, patch_.member(row.name));
+    } else if (isPrinted(from, row)) {
       patch_.member(row.name).null();
     }
   }
@@ -127,7 +148,8 @@ class ChangeWriter {
       for (const DirtyThing& dirty : dirties) {
         const Thing& thing = dirty.value();
         if (dirty.changed() && row.of == nullptr) {
-          if (thing.values != dirty.before) writeThing(thing, row, patch_.member(dirty.key()));
+          if (thing.values == dirty.before) continue;
+          writeThing(back_ ? Thing{dirty.before, {}} : thing, row, patch_.member(dirty.key()));
           continue;
         }
         writeMember(
@@ -161,16 +183,11 @@ class ChangeWriter {
   }
   void writeVlans(const DirtyVlanAssignment& dirty) {
     const std::string_view name = kVlanAssignmentCollections.front().name;
-    if (dirty.vlans.empty()) return;
-    if (dirty.value().empty()) {
-      patch_.member(name).null();
-      return;
-    }
-    patch_.inside(name, [&] {
+    writeCollection(name, dirty.vlans, dirty.value(), [&] {
       for (const auto& [vlan, before, after] : dirty.vlans) {
         JsonWriter& json = patch_.member(std::to_string(vlan));
-        if (after) {
-          json.boolean(*after);
+        if (const auto& to = back_ ? before : after) {
+          json.boolean(*to);
         } else {
           json.null();
         }
@@ -219,7 +236,11 @@ class ChangeWriter {
         return other.key().first != name;
       });
       const auto first = now.lower_bound(AttachmentKeyView(name, ""));
-      if (first == now.end() || first->first.first != name) {
+      const auto last = std::find_if(first, now.end(), [&](const AttachmentEntry& other) {
+        return other.first.first != name;
+      });
+      const auto size = static_cast<size_t>(std::distance(first, last));
+      if ((back_ ? sizeBefore(std::span(at, end), size) : size) == 0) {
         patch_.member(name).null();
         at = end;
         continue;
@@ -237,23 +258,27 @@ class ChangeWriter {
         name, dirty, [&](JsonWriter& json) { writeAttachment(now, kind, json); },
         [&] {
           writeScalars(kind, dirty.before.values, now.values);
-          writeLevels(dirty.before.levels, now.levels);
+          if (back_) {
+            writeLevels(now.levels, dirty.before.levels);
+          } else {
+            writeLevels(dirty.before.levels, now.levels);
+          }
         });
   }
 
-  void writeLevels(const Levels& before, const Levels& now) {
+  void writeLevels(const Levels& from, const Levels& to) {
     const std::string_view name = kLevels.front().name;
-    if (now.empty()) {
-      if (!before.empty()) patch_.member(name).null();
+    if (to.empty()) {
+      if (!from.empty()) patch_.member(name).null();
       return;
     }
     patch_.inside(name, [&] {
-      auto was = before.begin();
-      auto is = now.begin();
-      while (was != before.end() || is != now.end()) {
-        if (is == now.end() || (was != before.end() && was->level < is->level)) {
+      auto was = from.begin();
+      auto is = to.begin();
+      while (was != from.end() || is != to.end()) {
+        if (is == to.end() || (was != from.end() && was->level < is->level)) {
           patch_.member(std::to_string((was++)->level)).null();
-        } else if (was == before.end() || is->level < was->level) {
+        } else if (was == from.end() || is->level < was->level) {
           writeLevel(*is++);
         } else {
           if (!(*was++ == *is)) writeLevel(*is);
@@ -267,13 +292,15 @@ class ChangeWriter {
   }
 
   PatchWriter patch_;
+  bool back_;
 };
 
 }  // namespace
 
-void writeChange(const CloudState& state, const Change& change, JsonWriter& json) {
+void writeChange(const CloudState& state, const Change& change, JsonWriter& json,
+                 Direction direction) {
   json.open('{');
-  ChangeWriter(json).write(state, change);
+  ChangeWriter(json, direction).write(state, change);
   json.close('}');
 }
 

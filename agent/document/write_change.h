@@ -1,7 +1,9 @@
 // Prints what a patch changed of a cloud document: the merge patch from the document as it was
-// printed before to the document as it is printed now (write_cloud.h). It has what differs and
-// nothing else, whatever the patch named.
+// printed before to the document as it is printed now (write_cloud.h), or the one back. It has what
+// differs and nothing else, whatever the patch named.
 #pragma once
+
+#include <cstdint>
 
 #include "agent/document/change.h"
 #include "agent/document/cloud_state.h"
@@ -9,7 +11,13 @@
 
 namespace vnagent {
 
+enum class Direction : uint8_t {
+  kForward,  // to the document after the change
+  kBack,     // to the document before it
+};
+
 // Writes {} where nothing differs. REQUIRES: `state` is the document after `change`.
-void writeChange(const CloudState& state, const Change& change, JsonWriter& json);
+void writeChange(const CloudState& state, const Change& change, JsonWriter& json,
+                 Direction direction = Direction::kForward);
 
 }  // namespace vnagent

@@ -36,7 +36,10 @@ StepOutcome Session::begin() {
 
 void Session::end(StepOutcome& outcome) {
   outcome.time = time();
-  if (outcome.applied() && cloud_ && settings_.changes) outcome.output = cloud_->outputChange();
+  if (outcome.applied() && cloud_ && settings_.changes) {
+    OutputDocument* before = settings_.changesBack ? &outcome.outputBefore : nullptr;
+    outcome.output = cloud_->outputChange(before);
+  }
   for (SessionObserver* observer : observers_) observer->onStepEnd(outcome);
 }
 

@@ -39,6 +39,7 @@ struct SessionSettings {
   double regionSyncTimeout = 60;  // where the document has none, in seconds
   bool live = true;               // false: events are only checked against the document
   bool changes = false;           // whether outcomes contain the change of the output
+  bool changesBack = false;       // whether they contain the change back, too
 };
 
 // The outcome of an event, or of a timer that was due. Texts in it, and what it points to, are
@@ -49,6 +50,7 @@ struct StepOutcome {
   std::vector<Fault> faults;      // why the event was refused; none: it was applied
   const Change* cloud = nullptr;  // of a patch: the change of the cloud document (write_change.h)
   OutputDocument output;          // what has changed of the output, if the settings ask for it
+  OutputDocument outputBefore;    // the merge patch back to the output before, likewise
 
   bool applied() const { return faults.empty(); }
 };

@@ -1,25 +1,33 @@
 // OutputWatch: its change is the difference of the documents, whatever was done to the entities,
-// and its cost is that of the change.
+// there and back, and its cost is that of the change.
 #include "agent/cloud/output_watch.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <nlohmann/json.hpp>
+
 #include "agent/cloud/output_reading.h"
 #include "agent/output/output_json.h"
 #include "framework/Activity.h"
+#include "tests/agent/merge_patch.h"
 
 namespace vnagent {
 namespace {
 
 class OutputWatchTest : public ::testing::Test {
  protected:
-  // What has changed since the last call.
+  // What has changed since the last call. It is held to the difference of the documents, and so is
+  // the change back.
   std::string change() {
     loop_.run();
-    std::string text;
-    JsonWriter writer(text, JsonWriter::Style::kOneLine);
-    writeOutput(watch_.change(), writer);
+    OutputDocument before;
+    const std::string text = json(watch_.change(&before));
+    const auto now = nlohmann::json::parse(json(readOutput(*status_, *resources_, *elements_)));
+    EXPECT_EQ(nlohmann::json::parse(text), difference(document_, now));
+    back_ = json(before);
+    EXPECT_EQ(nlohmann::json::parse(back_), difference(now, document_));
+    document_ = now;
     return text;
   }
   // Of the hosts, and of the switch ports.
@@ -34,6 +42,7 @@ class OutputWatchTest : public ::testing::Test {
     return {Kiv::String(of), Kiv::String(interface)};
   }
 
+  std::string back_;  // the last one
   Kiv::ActivityManager loop_;
   Kiv::Ptr<OpenStack::OpenStackStatus> status_ = Kiv::make<OpenStack::OpenStackStatus>();
   Kiv::Ptr<VirtualNetwork::RequestedResourcesCollection> resources_ =
@@ -43,12 +52,22 @@ class OutputWatchTest : public ::testing::Test {
   OutputWatch watch_{status_, resources_, elements_};
 
  private:
+  static std::string json(const OutputDocument& document) {
+    std::string text;
+    JsonWriter writer(text, JsonWriter::Style::kOneLine);
+    writeOutput(document, writer);
+    return text;
+  }
+
   std::string inner(const std::string& member) {
     const std::string text = change();
     const std::string start = R"({"requestedResources": {")" + member + R"(": )";
     if (!text.starts_with(start)) return text;
     return text.substr(start.size(), text.size() - start.size() - 2);
   }
+
+  nlohmann::json document_ =
+      nlohmann::json::parse(json(readOutput(*status_, *resources_, *elements_)));
 };
 
 TEST_F(OutputWatchTest, WhatWasThereAtItsStartCountsAsShown) {
@@ -211,6 +230,65 @@ TEST_F(OutputWatchTest, EveryAttributeOfANetworkElementIsWatched) {
   EXPECT_EQ(change(), R"({"networkElement": {"n": {"physicalInterface": {"i": null}}}})");
   elements_->networkElementDel("n");
   EXPECT_EQ(change(), R"({"networkElement": {"n": null}})");
+}
+
+TEST_F(OutputWatchTest, TheChangeBackHasAllThatARemovedThingHad) {
+  const auto region = status_->regionStatusIs("R");
+  region->ownerIs("a");
+  region->syncStatusIs(OpenStack::SyncStatus::syncInProgress);
+  region->vlanPoolIs("R")->assignedVlanIs(12, true);
+  region->vlanPool()->assignedVlanIs(5, true);
+  for (const Kiv::U32 vlan : {9U, 10U, 8U}) {
+    host("h")->vlanIs(vlan)->referrerIs("p", true);
+    host("h")->vlanIs(vlan)->mappedVniIs(vlan)->referrerIs("q", true);
+  }
+  host("h")->domainIs("R")->referrerIs("p", true);
+  port("s", "e2")->remoteHostIs("b", true);
+  port("s", "e1")->nativeVlanIs(4);
+  const auto interface = elements_->networkElementIs("n")->physicalInterfaceIs("i");
+  interface->vlanIs(3)->referrerIs("p", true);
+  interface->configuredElementIs(elements_->networkElementIs("m"));
+  change();
+  // Withdrawn, as machines do, and then removed.
+  region->ownerIs("");
+  region->vlanPoolDel();
+  host("h")->vlanDel(9);
+  host("h")->vlan()[8]->mappedVniDelAll();
+  host("h")->domainDelAll();
+  port("s", "e1")->nativeVlanIs(0);
+  interface->vlanDelAll();
+  interface->configuredElementDelAll();
+  status_->regionStatusDelAll();
+  resources_->resourcesForHostnameDelAll();
+  resources_->resourcesForSwitchportDelAll();
+  elements_->networkElementDelAll();
+  EXPECT_EQ(change(),
+            R"({"regionStatus": {"R": null}, "requestedResources": {"resourcesForHostname": )"
+            R"({"h": null}, "resourcesForSwitchport": {"s": null}}, "networkElement": )"
+            R"({"m": null, "n": null}})");
+  EXPECT_THAT(back_, testing::HasSubstr(R"("assignedVlan": [5, 12])"));
+  EXPECT_THAT(back_, testing::HasSubstr(R"("9": {"referrer": ["p"], "mappedVni": {"9": ["q"]}})"));
+  EXPECT_THAT(back_, testing::HasSubstr(R"("configuredElement": ["m"])"));
+}
+
+TEST_F(OutputWatchTest, TheChangeBackRemovesWhatIsNew) {
+  port("s", "e1");
+  change();
+  port("s", "e2");
+  port("t", "");
+  host("h")->vlanIs(7)->referrerIs("p", true);
+  change();
+  EXPECT_EQ(back_, R"({"requestedResources": {"resourcesForHostname": {"h": null}, )"
+                   R"("resourcesForSwitchport": {"s": {"e2": null}, "t": null}}})");
+  resources_->resourcesForSwitchportDel(address("t", ""));
+  port("t", "e")->nativeVlanIs(5);
+  host("h")->vlan()[7]->referrerIs("a", true);
+  host("h")->vlan()[7]->referrerDel("p");
+  change();
+  EXPECT_EQ(back_, R"({"requestedResources": {"resourcesForHostname": {"h": {"vlan": {"7": )"
+                   R"({"referrer": ["p"]}}}}, "resourcesForSwitchport": {"t": {"": )"
+                   R"({"vlan": {}, "nativeVlan": 0, "remoteHost": [], "referrer": []}, )"
+                   R"("e": null}}}})");
 }
 
 // The number of keys that are compared for the same change in a cloud of this size.

@@ -6,9 +6,11 @@
 
 #include <algorithm>
 #include <limits>
+#include <nlohmann/json.hpp>
 
 #include "agent/document/write_change.h"
 #include "agent/output/output_json.h"
+#include "tests/agent/merge_patch.h"
 
 namespace vnagent {
 namespace {
@@ -40,20 +42,27 @@ class SessionTest : public ::testing::Test {
 
   // What a patch that must be applied changes.
   std::string patch(std::string_view text) {
-    const StepOutcome outcome = take(std::string("{'patch': ").append(text).append("}"));
-    for (const Fault& fault : outcome.faults) ADD_FAILURE() << fault.message();
-    return json(outcome.output);
+    return changeOf(std::string("{'patch': ").append(text).append("}"));
   }
   std::string advance(double seconds) {
-    const StepOutcome outcome = take("{'advance': " + std::to_string(seconds) + "}");
+    return changeOf("{'advance': " + std::to_string(seconds) + "}");
+  }
+  // It is held to the difference of the documents, and so is the change back.
+  std::string changeOf(std::string_view line) {
+    const auto before = nlohmann::json::parse(shown());
+    const StepOutcome outcome = take(line);
     for (const Fault& fault : outcome.faults) ADD_FAILURE() << fault.message();
-    return json(outcome.output);
+    const auto after = nlohmann::json::parse(shown());
+    std::string text = json(outcome.output);
+    EXPECT_EQ(nlohmann::json::parse(text), difference(before, after));
+    EXPECT_EQ(nlohmann::json::parse(json(outcome.outputBefore)), difference(after, before));
+    return text;
   }
 
   std::string shown() const { return json(session_.output()); }
 
   VirtualClock clock_;
-  Session session_{{.toggle = true, .regionSyncTimeout = 60, .changes = true}, clock_};
+  Session session_{{.regionSyncTimeout = 60, .changes = true, .changesBack = true}, clock_};
 };
 
 TEST_F(SessionTest, StartsEmpty) {

@@ -1,5 +1,5 @@
-// What a patch changed of the cloud document, as a merge patch: exactly the difference of what is
-// printed before and after it.
+// What a patch changed of the cloud document, as a merge patch, there and back: exactly the
+// difference of what is printed before and after it.
 #include "agent/document/write_change.h"
 
 #include <gmock/gmock.h>
@@ -13,30 +13,12 @@
 #include "agent/document/cloud_document.h"
 #include "agent/document/write_cloud.h"
 #include "tests/agent/document_support.h"
+#include "tests/agent/merge_patch.h"
 
 namespace vnagent {
 namespace {
 
 using nlohmann::json;
-
-// The merge patch from one document to the other.
-json difference(const json& before, const json& after) {
-  json patch = json::object();
-  for (const auto& [key, value] : before.items()) {
-    if (!after.contains(key)) patch[key] = nullptr;
-  }
-  for (const auto& [key, value] : after.items()) {
-    if (!before.contains(key)) {
-      patch[key] = value;
-    } else if (value.is_object()) {
-      json inner = difference(before[key], value);
-      if (!inner.empty()) patch[key] = std::move(inner);
-    } else if (value != before[key]) {
-      patch[key] = value;
-    }
-  }
-  return patch;
-}
 
 std::string quoted(std::string_view text) {
   std::string line(text);
@@ -57,8 +39,8 @@ class WriteChange : public DocumentTest {
     return json::parse(written([&](JsonWriter& writer) { writeCloud(document_.state(), writer); }));
   }
 
-  // Applies a patch and holds its change to the difference; returns it. The empty text where the
-  // patch is refused.
+  // Applies a patch and holds its change to the difference, and the one back; returns the first.
+  // The empty text where the patch is refused.
   std::string change(std::string_view patch) {
     const json before = printed();
     const Outcome outcome = apply(patch);
@@ -66,11 +48,19 @@ class WriteChange : public DocumentTest {
       EXPECT_EQ(printed(), before) << patch;
       return {};
     }
-    std::string text = written(
-        [&](JsonWriter& writer) { writeChange(document_.state(), *outcome.change, writer); });
+    const auto changeIn = [&](Direction direction) {
+      return written([&](JsonWriter& writer) {
+        writeChange(document_.state(), *outcome.change, writer, direction);
+      });
+    };
+    back_ = changeIn(Direction::kBack);
+    EXPECT_EQ(json::parse(back_), difference(printed(), before)) << patch;
+    std::string text = changeIn(Direction::kForward);
     EXPECT_EQ(json::parse(text), difference(before, printed())) << patch;
     return text;
   }
+
+  std::string back_;  // the last one
 };
 
 constexpr std::string_view kWhole = R"({
@@ -124,6 +114,24 @@ TEST_F(WriteChange, ACollectionIsRemovedWithItsLastMember) {
   EXPECT_EQ(change("{'config': {'vlanAssignment': null}, 'region': {'R': null}}"),
             R"({"config": {"vlanAssignment": null}, "region": null})");
   EXPECT_EQ(change("{'config': null}"), R"({"config": null})");
+}
+
+TEST_F(WriteChange, TheWayBackHoldsWhatWasRemovedWhole) {
+  change(kWhole);
+  change(
+      "{'config': {'vlanTypeDriver': 2, 'serviceAclTypeVrfMap': {'t': 'w'}}, 'region': {'R': "
+      "{'portBinding': {'q': {'portToSwitchInterfaceBinding': {'leaf': {'e1': null}, 'new': {'e': "
+      "{'host': 'c'}}}}}, 'tenant': {'t': {}}, 'syncHeartbeat': null}}}");
+  EXPECT_EQ(back_, R"({"config": {"vlanTypeDriver": 1, "serviceAclTypeVrfMap": {"t": "v"}}, )"
+                   R"("region": {"R": {"syncHeartbeat": 2, "tenant": null, "portBinding": {"q": )"
+                   R"({"portToSwitchInterfaceBinding": {"leaf": {"e1": {"host": "b", )"
+                   R"("segment": {"0": "v"}}}, "new": null}}}}}})");
+  const std::string whole =
+      written([&](JsonWriter& writer) { writeCloud(document_.state(), writer); });
+  change("{'config': null, 'region': null}");
+  EXPECT_EQ(back_, whole);
+  change(whole);
+  EXPECT_EQ(back_, R"({"config": null, "region": null})");
 }
 
 TEST_F(WriteChange, IsTheDifferenceForEveryPartThatIsRemovedOrReplaced) {

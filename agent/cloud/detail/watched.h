@@ -1,13 +1,15 @@
 // The attributes of a watched entity, as they were published at the last change(); for
 // output_watch.cpp alone.
 //
-// Each kind of attribute is a class with three functions. start() takes the present state as
+// Each kind of attribute is a class with four functions. start() takes the present state as
 // published. noteAll() marks everything as dirty, when the entity was replaced by another one with
 // its key. change() compares what is dirty, updates the published state, and returns the attribute
-// if it differs. A watcher lists its attributes once, in visit(), for all three.
+// if it differs; `before` gets what leads back. published() returns the published state. A watcher
+// lists its attributes once, in visit(), for all four.
 #pragma once
 
 #include <algorithm>
+#include <iterator>
 #include <memory>
 #include <optional>
 #include <type_traits>
@@ -22,8 +24,20 @@ namespace vnagent::detail {
 
 // One pass of change() over the watchers.
 struct Search {
+  bool back = false;  // whether the change back is asked for, too
   std::vector<Kiv::Ptr<const Kiv::PtrInterface>> removed;  // entities whose keys are in the result
-  size_t keys = 0;                                         // the number of keys compared
+  std::vector<Kiv::String> texts;  // which the result has and the entities may have no longer
+  size_t keys = 0;                 // the number of keys compared
+
+  // What was published, as it is shown; good as long as the search.
+  template <class T>
+  auto keep(const T& value) {
+    if constexpr (std::is_base_of_v<Kiv::Text, T>) {
+      return texts.emplace_back(value).view();
+    } else {
+      return readValue(value);
+    }
+  }
 };
 
 // The dirty keys of an attribute: those that notifications have named. One pointer while empty.
@@ -59,10 +73,13 @@ class WatchedScalar {
  public:
   void start(const T& now) { shown_ = now; }
   void noteAll(const T&) {}
-  auto change(const T& now, Search&) {
-    const bool changed = !(shown_ == now);
-    if (changed) shown_ = now;
-    return changed ? std::optional(readValue(now)) : std::nullopt;
+  auto published(Search& search) const { return search.keep(shown_); }
+  template <class Output>
+  Output change(const T& now, Search& search, Output& before) {
+    if (shown_ == now) return std::nullopt;
+    if (search.back) before = published(search);
+    shown_ = now;
+    return readValue(now);
   }
 
  private:
@@ -72,6 +89,8 @@ class WatchedScalar {
 // A set of keys.
 template <class K>
 class WatchedSet {
+  using Keys = decltype(readSet(std::declval<const Kiv::HashMap2018<K>&>()));
+
  public:
   void note(const K& key) { noted_.add(key); }
 
@@ -86,18 +105,40 @@ class WatchedSet {
     for (const auto& entry : shown_) note(entry.key);
     for (const auto& entry : now) note(entry.key);
   }
+  Keys published(Search& search) const {
+    Keys keys;
+    keys.reserve(shown_.size());
+    for (const auto& entry : shown_) keys.push_back(keep(entry.key, search));
+    std::ranges::sort(keys);
+    return keys;
+  }
   template <class Set>
-  auto change(const Set& now, Search& search) {
+  std::optional<Keys> change(const Set& now, Search& search, std::optional<Keys>& before) {
+    Keys added;
+    Keys removed;
     bool changed = false;
     for (const K& key : noted_.take(search)) {
       const auto* value = now.find(key);
       const bool shown = value != nullptr && isShown(*value);
-      changed |= shown ? shown_.newMember(key, true) : shown_.deleteMember(key);
+      if (!(shown ? shown_.newMember(key, true) : shown_.deleteMember(key))) continue;
+      changed = true;
+      if (search.back) (shown ? added : removed).push_back(keep(key, search));
     }
-    return changed ? std::optional(readSet(now)) : std::nullopt;
+    if (!changed) return std::nullopt;
+    Keys keys = readSet(now);
+    if (search.back) {
+      Keys kept;
+      std::ranges::set_difference(keys, added, std::back_inserter(kept));
+      std::ranges::merge(kept, removed, std::back_inserter(before.emplace()));
+    }
+    return keys;
   }
 
  private:
+  static typename Keys::value_type keep(const K& key, Search& search) {
+    return static_cast<typename Keys::value_type>(search.keep(key));
+  }
+
   Kiv::HashMap2018<K> shown_;
   NotedKeys<K> noted_;
 };
@@ -117,6 +158,7 @@ template <class W>
 class WatchedMembers {
   using Key = typename W::Key;
   using Output = typename W::Output;
+  using Outputs = std::vector<Output>;
 
  public:
   explicit WatchedMembers(Holder& holder) : holder_(holder) {}
@@ -135,34 +177,50 @@ class WatchedMembers {
     for (const auto& watcher : watchers_) note(watcher->fwkKey());
     for (const auto& member : now) note(member->fwkKey());
   }
+  Outputs published(Search& search) {
+    std::vector<W*> watchers;
+    watchers.reserve(watchers_.size());
+    for (const auto& watcher : watchers_) watchers.push_back(watcher.get());
+    std::ranges::sort(watchers, [](const W* a, const W* b) { return a->fwkKey() < b->fwkKey(); });
+    Outputs all;
+    all.reserve(watchers.size());
+    for (W* watcher : watchers) all.push_back(watcher->published(search));
+    return all;
+  }
   // Calls added(entity) and removed(entity) for each that was.
   template <class Members, class Added, class Removed>
-  std::optional<std::vector<Output>> change(const Members& now, Search& search, Added added,
-                                            Removed removed) {
-    std::vector<Output> changes;
+  std::optional<Outputs> change(const Members& now, Search& search, std::optional<Outputs>& before,
+                                Added added, Removed removed) {
+    Outputs changes;
+    Outputs back;
     for (const Key& key : noted_.take(search)) {
       W* watcher = watchers_[key];
       const auto* entity = now[key];
       if (entity == nullptr) {
         if (watcher == nullptr) continue;
         removed(*watcher->notifier());
-        changes.push_back(remove(*watcher, search));
+        if (search.back) back.push_back(watcher->published(search));
+        changes.push_back(removedOutput(*watcher->notifier(), search));
+        watchers_.deleteMember(key);
       } else if (watcher == nullptr) {
         add(*entity);
         added(*entity);
         changes.push_back(readOutput(*entity));
+        if (search.back) back.push_back(removedOutput(*entity, search));
       } else {
         if (watcher->notifier() != entity) watcher->replace(*entity);
-        if (auto change = watcher->change(search)) changes.push_back(std::move(*change));
+        if (auto change = watcher->change(search, back)) changes.push_back(std::move(*change));
       }
     }
     if (changes.empty()) return std::nullopt;
+    if (search.back) before = std::move(back);
     return changes;
   }
   template <class Members>
-  std::optional<std::vector<Output>> change(const Members& now, Search& search) {
+  std::optional<Outputs> change(const Members& now, Search& search,
+                                std::optional<Outputs>& before) {
     constexpr auto kIgnore = [](const typename W::Notifier&) {};
-    return change(now, search, kIgnore, kIgnore);
+    return change(now, search, before, kIgnore, kIgnore);
   }
 
  private:
@@ -171,11 +229,10 @@ class WatchedMembers {
     watcher->start(entity);
     watchers_.newMember(watcher);
   }
-  Output remove(W& watcher, Search& search) {
-    search.removed.emplace_back(watcher.notifier());
-    Output removed = readKey(*watcher.notifier());
+  static Output removedOutput(const typename W::Notifier& entity, Search& search) {
+    search.removed.emplace_back(&entity);
+    Output removed = readKey(entity);
     removed.removed = true;
-    watchers_.deleteMember(watcher.fwkKey());
     return removed;
   }
 
@@ -185,7 +242,7 @@ class WatchedMembers {
 };
 
 // The base of watchers: Self watches an entity E, whose plain form is O. Self defines
-//   template <class Visit> void visit(const E& now, O& output, Visit visit);
+//   template <class Visit> void visit(const E& now, Visit visit);
 // which calls visit(watched, value, member) for each attribute: its published state, its present
 // value, and the member of the plain form.
 template <class Self, class E, class O>
@@ -201,23 +258,37 @@ class Watcher : public E::NotifieeConst, protected Holder {
   // Watches this entity, and takes its present state as published.
   void start(const E& entity) {
     connect(entity);
-    visitAll([](auto& watched, const auto& now, auto&) { watched.start(now); });
+    visitAll([](auto& watched, const auto& now, auto) { watched.start(now); });
   }
 
   // Watches this entity instead of the one that had its key before.
   void replace(const E& entity) {
     connect(entity);
-    visitAll([](auto& watched, const auto& now, auto&) { watched.noteAll(now); });
+    visitAll([](auto& watched, const auto& now, auto) { watched.noteAll(now); });
   }
 
-  // The attributes that differ from what was published; nothing if none does.
-  std::optional<O> change(Search& search) {
+  // The attributes that differ from what was published; nothing if none does. What leads back is
+  // added to `before`, if the search asks for it.
+  std::optional<O> change(Search& search, std::vector<O>& before) {
     bool changed = false;
-    O output = visitAll([&](auto& watched, const auto& now, auto& shown) {
-      shown = watched.change(now, search);
-      changed |= shown.has_value();
+    O output = readKey(*this->notifier());
+    O back = output;
+    visitAll([&](auto& watched, const auto& now, auto member) {
+      output.*member = watched.change(now, search, back.*member);
+      changed |= (output.*member).has_value();
     });
     if (!changed) return std::nullopt;
+    if (search.back) before.push_back(std::move(back));
+    return output;
+  }
+
+  // All that was published.
+  O published(Search& search) {
+    search.removed.emplace_back(this->notifier());
+    O output = readKey(*this->notifier());
+    visitAll([&](auto& watched, const auto&, auto member) {
+      output.*member = watched.published(search);
+    });
     return output;
   }
 
@@ -231,10 +302,8 @@ class Watcher : public E::NotifieeConst, protected Holder {
     this->hasNotificationActiveIs(true);
   }
   template <class Visit>
-  O visitAll(Visit visit) {
-    O output = readKey(*this->notifier());
-    static_cast<Self&>(*this).visit(*this->notifier(), output, visit);
-    return output;
+  void visitAll(Visit visit) {
+    static_cast<Self&>(*this).visit(*this->notifier(), visit);
   }
 
   WatchedMembers<Self>& in_;
