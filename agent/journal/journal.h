@@ -19,32 +19,13 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <stdexcept>
 #include <string>
 
-#include "agent/live/record.h"
+#include "agent/journal/journal_error.h"
 #include "agent/live/service.h"
 #include "agent/live/storage.h"
 
 namespace vnagent {
-
-// Why a journal cannot be opened or read. The text is for the operator, and may name files.
-class JournalError final : public std::runtime_error {
- public:
-  enum class Kind : uint8_t {
-    kHeld,     // another process has it open; the text has its process id
-    kDamaged,  // a check failed; the text names the record and revision, and the command that helps
-    kFormat,   // it is no journal, or one of another format version
-    kIo,       // the system refused to read or write
-    kNoSpace,  // the disk is full
-  };
-
-  JournalError(Kind kind, const std::string& text) : std::runtime_error(text), kind_(kind) {}
-  Kind kind() const { return kind_; }
-
- private:
-  Kind kind_;
-};
 
 struct JournalSettings {
   // How far back records are kept: whichever of the two keeps more. Watches resume from the last
@@ -62,7 +43,7 @@ struct JournalSettings {
   std::chrono::milliseconds probeInterval{500};
 
   // The SQLite VFS to use, by its name; empty: the system's.
-  std::string vfs;
+  std::string vfs = {};
 };
 
 // Called on the journal's thread, in order, not after the journal's destruction. Each may be empty;

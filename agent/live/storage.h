@@ -1,5 +1,5 @@
 // Where the history of the live agent is kept. The service appends records and goes on; it gives
-// the answers that depend on them when it is told that they are durable (Service::durableIs).
+// the answers that depend on them once they are durable (Service::durableIs).
 //
 // Activity thread only.
 #pragma once
