@@ -86,7 +86,7 @@ class Patching(LiveTest):
             "/region/RegionOne/segment/s": {"segment": {"s": {"segmentationType": "vlan"}}},
             "/region/RegionOne/port/p1/vlanType": {"port": {"p1": {"vlanType": 256}}},
             "/region/RegionOne/color": {"color": "red"},
-            "/region/RegionOne/syncInterval": {"syncInterval": 1.5},
+            "/region/RegionOne/syncInterval": {"syncInterval": "x"},
             "/region/RegionOne/port/a~1~0b/x": {"port": {"a/~b": {"x": 1}}},
         }
         with self.unchanged():
@@ -136,8 +136,10 @@ class Patching(LiveTest):
         self.ok(self.client.request("DELETE", "/v1/cloud/region/RegionOne"))
         after = self.client.output()
         self.assertEqual(after["regionStatus"], {})
-        self.assertEqual(after["requestedResources"],
-                         {"resourcesForHostname": {}, "resourcesForSwitchport": {}})
+        # A host stays, and needs nothing any more.
+        self.assertEqual(after["requestedResources"], {
+            "resourcesForHostname": {"compute-1": {"domain": {}, "vlan": {}}},
+            "resourcesForSwitchport": {}})
 
 
 class PatchingWithoutToggle(LiveTest):

@@ -31,7 +31,7 @@ class Restarts(LiveTest):
         return kept
 
     def history(self) -> None:
-        """Changes after which the output cannot be told from the cloud alone."""
+        """Changes after which the output does not follow from the cloud alone."""
         self.load(R=region(), S={})
         assignment = {"vlan": {"100": True, "101": True}}
         self.ok(self.client.patch({"config": {"vlanAssignment": {"R": assignment,

@@ -152,8 +152,11 @@ class Places(LiveTest):
         self.client.patch({"region": {"none": {}}})
         self.client.patch({"region": {"R1": None}})
         watch.until(5)
-        self.assertEqual(watch.document,
-                         {"regionStatus": {"none": self.client.output()["regionStatus"]["none"]}})
+        output = self.client.output()
+        self.assertEqual(watch.document, {
+            "regionStatus": {"none": output["regionStatus"]["none"]},
+            "requestedResources": {"resourcesForHostname": output["requestedResources"][
+                "resourcesForHostname"]}})
 
     def test_a_place_that_does_not_exist_yet(self) -> None:
         watch = self.follow("/v1/watch?of=cloud&at=/region/R%2f1/port/p&at=/region/x~1y")
