@@ -20,7 +20,6 @@ FOLDERS = [HERE / "api", HERE]
 
 def classes(folder: Path) -> dict[tuple[Path, str], float]:
     """The classes of tests in the test_*.py of a folder, with about how long each takes."""
-    sys.path.insert(0, str(folder))
     loader = unittest.TestLoader()
     suite = loader.discover(str(folder), top_level_dir=str(folder))
     if loader.errors:
