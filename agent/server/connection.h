@@ -1,6 +1,6 @@
-// One connection: reads requests, hands each to the service, and writes the replies in order. A read
-// is always pending, so that a client that goes away is noticed while its request waits or its events
-// are sent.
+// One connection: reads requests, hands each to the service, and writes the replies in order. A
+// read is always pending, so that a client that goes away is noticed while its request waits or its
+// events are sent.
 //
 // Everything runs on the connection's strand, except where noted. It lives for as long as an
 // operation on its socket or a request of it is pending.

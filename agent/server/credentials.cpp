@@ -96,8 +96,8 @@ std::optional<Principal> principalOf(std::string_view name, std::string_view rol
     rest.remove_prefix(comma + 1);
   }
   std::ranges::sort(principal.regions);
-  const auto same = std::ranges::unique(principal.regions);
-  principal.regions.erase(same.begin(), same.end());
+  principal.regions.erase(std::unique(principal.regions.begin(), principal.regions.end()),
+                          principal.regions.end());
   return principal;
 }
 

@@ -2,7 +2,7 @@
 //
 //   # NAME ROLE SHA256-OF-TOKEN
 //   dashboard read 9f86d081884c7d659a2feaa0c55ad015a3bf4f1b2b0b822cd15d6c15b0f00a08
-//   driver write:RegionOne,RegionTwo 60303ae22b998861bce3b28f33eec1be758a213c86c93c076dbe9f558c11c752
+//   driver write:One,Two 60303ae22b998861bce3b28f33eec1be758a213c86c93c076dbe9f558c11c752
 //   driver-2 write -
 //
 // A `-` is a principal without a token: one that has a client certificate with this common name. A

@@ -99,8 +99,8 @@ class Acceptor : public Listener {
 
 // The Unix socket.
 
-// Lets one process at a time look whether a socket is in use and take it over: a lock on its folder,
-// which ends with this object.
+// Lets one process at a time look whether a socket is in use and take it over: a lock on its
+// folder, which ends with this object.
 class FolderLock {
  public:
   explicit FolderLock(const std::string& path) {

@@ -98,8 +98,8 @@ RequestReader::Status RequestReader::advanceHeader() {
   return Status::kHeader;
 }
 
-// What a header must not have besides what the parser refuses: anything from which two readers could
-// conclude different lengths.
+// What a header must not have besides what the parser refuses: anything from which two readers
+// could conclude different lengths.
 std::string RequestReader::faultOfHeader() const {
   if (request_.headerCount("host") > 1 || (!isHttp10_ && request_.headerCount("host") != 1)) {
     return "there is not one Host header";

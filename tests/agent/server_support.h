@@ -1,5 +1,5 @@
-// A network side of the live agent on a socket of its own, with a handler that the test controls, and
-// a client that sends and reads bytes.
+// A network side of the live agent on a socket of its own, with a handler that the test controls,
+// and a client that sends and reads bytes.
 #pragma once
 
 #include <atomic>

@@ -1,0 +1,75 @@
+#include "agent/server/service_host.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+
+namespace vnagent {
+namespace {
+
+// Longer times of sleep than this are slept in parts: the clock's unit has a largest value.
+constexpr double kLongestSleep = 86'400;
+
+}  // namespace
+
+ServiceHost::ServiceHost(boost::asio::io_context& activity, const ServiceSettings& settings,
+                         Storage* storage, Recovered recovered)
+    : service_(settings, clock_, storage, std::move(recovered)), timer_(activity) {
+  update();
+}
+
+ServiceHost::~ServiceHost() = default;
+
+uint64_t ServiceHost::handle(Request request, Answer answer) {
+  const uint64_t ticket = service_.handle(std::move(request), std::move(answer));
+  update();
+  return ticket;
+}
+
+void ServiceHost::abandon(uint64_t ticket) {
+  service_.abandon(ticket);
+  update();
+}
+
+void ServiceHost::durableIs(uint64_t sequence) {
+  service_.durableIs(sequence);
+  update();
+}
+
+void ServiceHost::storageFailed(uint64_t sequence, const std::string& reason) {
+  service_.storageFailed(sequence, reason);
+  update();
+}
+
+void ServiceHost::storageIsWritable() {
+  service_.storageIsWritable();
+  update();
+}
+
+void ServiceHost::stop() {
+  isStopping_ = true;
+  service_.stop();
+  update();
+}
+
+void ServiceHost::update() {
+  if (isStopping_ && service_.isIdle()) isIdle_.store(true, std::memory_order_release);
+  const double next = service_.nextTimer();
+  // A timer that is armed too early finds nothing to do and is armed again: cheaper than arming it
+  // anew each time that a heartbeat moves what is due.
+  if (next >= armed_) return;
+  armed_ = next;
+  const double seconds = std::clamp(next - clock_.now(), 0.0, kLongestSleep);
+  timer_.expires_after(std::chrono::nanoseconds(static_cast<int64_t>(std::ceil(seconds * 1e9))));
+  timer_.async_wait([this](const boost::system::error_code& error) {
+    if (!error) wake();
+  });
+}
+
+void ServiceHost::wake() {
+  armed_ = std::numeric_limits<double>::infinity();
+  service_.turn();
+  update();
+}
+
+}  // namespace vnagent

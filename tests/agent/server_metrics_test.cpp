@@ -1,0 +1,122 @@
+// What the live agent says of itself: its metrics page and its log.
+#include <regex>
+#include <set>
+#include <sstream>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "agent/server/log.h"
+#include "agent/server/metrics.h"
+
+namespace vnagent {
+namespace {
+
+using ::testing::HasSubstr;
+
+std::string filledPage(Metrics& metrics) {
+  metrics.onApplied(1, "a", "PATCH /v1/cloud", 0.002);
+  metrics.onRefused("a", "PATCH /v1/cloud", "rule-broken");
+  metrics.onLock("R", "a", "driver", "r1", "granted");
+  metrics.onSyncStatus("R", "syncRequired", "syncInProgress");
+  metrics.onConnected();
+  metrics.onReply("GET", "/v1/cloud/region/secret?x", 200);
+  metrics.onReply("BREW", "/coffee", 404);
+  metrics.committed(0.004);
+  ServiceFigures figures;
+  figures.revision = 7;
+  figures.regionsBySyncStatus = {{"syncInProgress", 2}};
+  const JournalFigures journal{.bytes = 4096};
+  return metrics.page(figures, &journal);
+}
+
+TEST(MetricsTest, showWhatHappened) {
+  Metrics metrics;
+  const auto page = filledPage(metrics);
+  for (const char* line :
+       {"\nvnagent_revision 7\n", "vnagent_regions{sync_status=\"syncInProgress\"} 2\n",
+        "vnagent_changes_applied_total 1\n",
+        "vnagent_changes_refused_total{reason=\"rule-broken\"} 1\n",
+        "vnagent_lock_decisions_total{decision=\"granted\"} 1\n",
+        "vnagent_sync_transitions_total{status=\"syncInProgress\"} 1\n",
+        "vnagent_apply_seconds_count 1\n", "vnagent_commit_seconds_sum 0.004\n",
+        "vnagent_journal_size_bytes 4096\n", "vnagent_http_connections 1\n",
+        "vnagent_http_requests_total{method=\"GET\",route=\"/v1/cloud\",status=\"200\"} 1\n",
+        "vnagent_http_requests_total{method=\"other\",route=\"other\",status=\"404\"} 1\n"}) {
+    EXPECT_THAT(page, HasSubstr(line));
+  }
+  EXPECT_EQ(page.find("secret"), std::string::npos);
+}
+
+// The rules of the format's own checker: each family has a help text and a type; counters end in
+// _total and nothing else does; the endings of histograms belong to histograms; names have base
+// units and not their type.
+TEST(MetricsTest, haveNamesThatFollowTheRules) {
+  Metrics metrics;
+  std::istringstream page(filledPage(metrics));
+  std::map<std::string, std::string> types;
+  std::set<std::string> helped;
+  for (std::string line; std::getline(page, line);) {
+    std::istringstream words(line);
+    std::string hash, kind, name, rest;
+    if (line.starts_with("# HELP ")) {
+      words >> hash >> kind >> name >> rest;
+      EXPECT_FALSE(rest.empty()) << line;
+      helped.insert(name);
+    } else if (line.starts_with("# TYPE ")) {
+      words >> hash >> kind >> name >> rest;
+      EXPECT_TRUE(types.emplace(name, rest).second) << name << " is there twice";
+    } else {
+      name = line.substr(0, line.find_first_of("{ "));
+      const auto family = std::regex_replace(name, std::regex("_(bucket|sum|count)$"), "");
+      EXPECT_TRUE(types.contains(name) || types[family] == "histogram") << line;
+    }
+  }
+  EXPECT_GT(types.size(), 20u);
+  for (const auto& [name, type] : types) {
+    EXPECT_TRUE(helped.contains(name)) << name;
+    EXPECT_TRUE(std::regex_match(name, std::regex("vnagent(_[a-z]+)+"))) << name;
+    EXPECT_EQ(name.ends_with("_total"), type == "counter") << name;
+    EXPECT_FALSE(std::regex_search(name, std::regex("_(count|sum|bucket)$"))) << name;
+    EXPECT_FALSE(std::regex_search(
+        name, std::regex("_(counter|gauge|histogram|milliseconds|kilobytes|minutes)(_|$)")))
+        << name;
+    EXPECT_TRUE(type != "histogram" || name.ends_with("_seconds")) << name;
+  }
+}
+
+TEST(MetricsTest, knowEachRouteByOneWord) {
+  EXPECT_EQ(routeOf("/v1"), "/v1");
+  EXPECT_EQ(routeOf("/v1/output?wait=3"), "/v1/output");
+  EXPECT_EQ(routeOf("/v1/cloud/region/R/portBinding/p"), "/v1/cloud");
+  EXPECT_EQ(routeOf("/v1/cloudy"), "other");
+  EXPECT_EQ(routeOf("/v1/region/R/sync/lock?force=true"), "/sync/lock");
+  EXPECT_EQ(routeOf("/v1/region/R/sync"), "/sync");
+  EXPECT_EQ(routeOf("/v1/region/R"), "other");
+  EXPECT_EQ(routeOf(""), "other");
+}
+
+TEST(LogTest, quotesValuesSoThatNoneMakesALine) {
+  EXPECT_EQ(logLine("applied", {{"revision", "3"}, {"principal", "uid:0"}}),
+            "applied revision=3 principal=uid:0");
+  EXPECT_EQ(logLine("lock", {{"requester", "a b\"\\\n"}, {"requestId", ""}}),
+            "lock requester=\"a b\\\"\\\\\\x0a\" requestId=\"\"");
+}
+
+TEST(LogTest, writesToStandardErrorBeforeItEnds) {
+  testing::internal::CaptureStderr();
+  {
+    Log log;
+    ServiceLog service(log);
+    service.onApplied(9, "driver", "PATCH /v1/cloud", 0.25);
+    service.onLock("R", "driver", "a", "r1", "granted");
+    log.error("trouble");
+  }
+  const auto text = testing::internal::GetCapturedStderr();
+  EXPECT_THAT(text, HasSubstr("info applied revision=9 principal=driver what=\"PATCH /v1/cloud\""));
+  EXPECT_THAT(text, HasSubstr("lock decision=granted region=R"));
+  EXPECT_THAT(text, HasSubstr("error trouble\n"));
+}
+
+}  // namespace
+}  // namespace vnagent
