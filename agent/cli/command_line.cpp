@@ -63,6 +63,14 @@ constexpr const char* kImportFooter =
     "Example:\n"
     "  vnagent import-neutron --region RegionOne dump/ > cloud.json && vnagent run cloud.json";
 
+constexpr const char* kJournalAbout =
+    "Look into the journal that vnagent serve keeps in its state directory, check it, repair it.";
+
+constexpr const char* kJournalFooter =
+    "Examples:\n"
+    "  vnagent journal check /var/lib/vnagent\n"
+    "  vnagent journal show /var/lib/vnagent --from 1200 --json";
+
 // A number in decimal notation; nothing for other text. CLI11 would take 0x10, and 010 for 8.
 template <class Number>
 std::optional<Number> decimal(const std::string& text) {
@@ -87,6 +95,8 @@ struct Range {
 constexpr Range<double> kTimeouts{0, false, kMaxSeconds,
                                   "a number of seconds, more than 0 and at most 1000000000"};
 constexpr Range<int> kTraceLevels{0, true, INT_MAX, "a trace level, 0 or more"};
+constexpr Range<uint64_t> kRevisions{0, true, UINT64_MAX, "a number of revisions, 0 or more"};
+constexpr Range<double> kDays{0, true, 1e6, "a number of days, from 0 to 1000000"};
 constexpr Range<uint64_t> kByteCounts{1, true, UINT64_MAX, "a number of bytes, 1 or more"};
 
 template <class Number, class Target>
@@ -210,6 +220,47 @@ void addSchema(CLI::App& app, SchemaOptions& options) {
       ->required();
 }
 
+CLI::App* addJournalAction(CLI::App& group, JournalOptions& options, const char* name,
+                           JournalOptions::Action action, const char* about) {
+  CLI::App* command = group.add_subcommand(name, about);
+  command->add_option("DIR", options.directory, "the agent's state directory")
+      ->type_name("DIR")
+      ->required();
+  command->callback([&options, action] { options.action = action; });
+  return command;
+}
+
+void addJournal(CLI::App& app, JournalOptions& options) {
+  using Action = JournalOptions::Action;
+  CLI::App* group = app.add_subcommand("journal", kJournalAbout);
+  group->require_subcommand(1);
+  group->footer(kJournalFooter);
+  addJournalAction(*group, options, "check", Action::kCheck,
+                   "Check all of a journal, and report every fault by record and revision. May run "
+                   "beside the agent.");
+  CLI::App* show = addJournalAction(*group, options, "show", Action::kShow,
+                                    "Print the records, one a line. May run beside the agent.");
+  addNumber(*show, "--from", options.from, kRevisions, "the first revision to print")
+      ->type_name("REVISION");
+  addNumber(*show, "--until", options.until, kRevisions, "the last revision to print")
+      ->type_name("REVISION");
+  addFlag(*show, "--json", options.json, "as JSON, with what each record changed");
+  CLI::App* compact = addJournalAction(
+      *group, options, "compact", Action::kCompact,
+      "Remove old records, and give free space back to the file system. The agent must not run.");
+  addNumber(*compact, "--keep-days", options.keepDays, kDays,
+            "keep records that are not older than so many days")
+      ->type_name("DAYS")
+      ->default_str("7");
+  addNumber(*compact, "--keep-revisions", options.keepRevisions, kRevisions,
+            "keep the records of at least so many revisions")
+      ->type_name("N")
+      ->default_str("10000");
+  addJournalAction(*group, options, "repair", Action::kRepair,
+                   "Keep the longest good history of a damaged journal, say which revisions are "
+                   "gone, and keep the damaged files beside it. The agent must not run.");
+}
+
 // Two inputs cannot both be standard input. Throws CLI::ParseError.
 void checkInputs(const std::string& cloud, const std::string& events) {
   if (cloud != "-" || events != "-") return;
@@ -277,9 +328,14 @@ std::string faultOfMismatch(const CLI::ArgumentMismatch& error) {
   return fmt::format("{} needs a value", option);
 }
 
-int reportUsage(const CLI::App& app, const CLI::ParseError& error) {
+// `path` is what leads to the commands of `app`.
+int reportUsage(const CLI::App& app, const std::string& path, const CLI::ParseError& error) {
   const auto commands = app.get_subcommands();
   const CLI::App* command = commands.empty() ? nullptr : commands.front();
+  if (command != nullptr && !command->get_subcommands({}).empty()) {
+    // A group of commands: what is wrong is below it.
+    return reportUsage(*command, path + command->get_name() + ' ', error);
+  }
   std::string fault = faultOfExtras(app, command);
   if (fault.empty() && command == nullptr) {
     fault = fmt::format("a command is needed: {}", fmt::join(commandNames(app), ", "));
@@ -288,8 +344,8 @@ int reportUsage(const CLI::App& app, const CLI::ParseError& error) {
   } else if (fault.empty()) {
     fault = error.what();
   }
-  const std::string name = command == nullptr ? "vnagent" : "vnagent " + command->get_name();
-  reportError(fmt::format("{}; see {} --help", fault, name));
+  const std::string name = path + (command == nullptr ? "" : command->get_name() + ' ');
+  reportError(fmt::format("{}; see {}--help", fault, name));
   return static_cast<int>(ExitStatus::kUsage);
 }
 
@@ -319,10 +375,12 @@ int runCommandLine(int argc, char** argv, const Finished& finished) {
   CheckOptions checkOptions;
   ImportOptions importOptions;
   SchemaOptions schemaOptions;
+  JournalOptions journalOptions;
   addRun(app, runOptions);
   addCheck(app, checkOptions);
   addImport(app, importOptions);
   addSchema(app, schemaOptions);
+  addJournal(app, journalOptions);
   try {
     app.parse(argc, argv);
     checkInputs(runOptions.cloud, runOptions.events);
@@ -336,12 +394,13 @@ int runCommandLine(int argc, char** argv, const Finished& finished) {
       return ExitStatus::kOk;
     }));
   } catch (const CLI::ParseError& error) {
-    return reportUsage(app, error);
+    return reportUsage(app, "vnagent ", error);
   }
   const ExitStatus status = guarded([&] {
     if (app.got_subcommand("run")) return run(runOptions, finished);
     if (app.got_subcommand("check")) return check(checkOptions);
     if (app.got_subcommand("schema")) return printSchema(schemaOptions);
+    if (app.got_subcommand("journal")) return journal(journalOptions);
     return importNeutron(importOptions);
   });
   return static_cast<int>(status);

@@ -44,6 +44,18 @@ struct SchemaOptions {
   bool output = false;  // of the output document, instead of the cloud document
 };
 
+struct JournalOptions {
+  enum class Action : uint8_t { kCheck, kShow, kCompact, kRepair };
+
+  Action action = Action::kCheck;
+  std::string directory;
+  uint64_t from = 0;  // revisions that are shown
+  uint64_t until = UINT64_MAX;
+  bool json = false;
+  double keepDays = 7;  // what a compaction keeps: whichever keeps more
+  uint64_t keepRevisions = 10'000;
+};
+
 // Called with the exit status of a run once all output is written, and before the run's objects are
 // destroyed. It may end the process.
 using Finished = std::function<void(int status)>;
@@ -54,5 +66,6 @@ ExitStatus run(const RunOptions& options, const Finished& finished);
 ExitStatus check(const CheckOptions& options);
 ExitStatus importNeutron(const ImportOptions& options);
 ExitStatus printSchema(const SchemaOptions& options);
+ExitStatus journal(const JournalOptions& options);
 
 }  // namespace vnagent

@@ -14,6 +14,7 @@ JournalError::Kind kindOf(int code, int systemError) {
       return JournalError::Kind::kNoSpace;
     case SQLITE_CORRUPT:
     case SQLITE_NOTADB:
+    case SQLITE_ERROR:  // the statements are right: the tables are not
       return JournalError::Kind::kDamaged;
     default:
       break;

@@ -117,13 +117,16 @@ void createTables(const Database& database) {
   Transaction transaction(database);
   database.run("PRAGMA application_id = " + std::to_string(kApplicationId));
   database.run("PRAGMA user_version = " + std::to_string(kFormatVersion));
-  for (const char* table : kTables) database.run(table);
-  const std::string instance = to_string(boost::uuids::random_generator()());
+  for (const std::string_view table : kTables) database.run(table);
+  instanceIs(database, to_string(boost::uuids::random_generator()()));
+  transaction.commit();
+}
+
+void instanceIs(const Database& database, const std::string& instance) {
   const std::string_view name = "instance";
-  database.prepare("INSERT INTO meta VALUES(?, ?, ?)")
+  database.prepare("INSERT OR REPLACE INTO meta VALUES(?, ?, ?)")
       .bind(name, std::string_view(instance), checksum(name, std::string_view(instance)))
       .run();
-  transaction.commit();
 }
 
 bool isEmpty(const Database& database) {
@@ -138,10 +141,17 @@ void checkFormat(const Database& database) {
     throw JournalError(JournalError::Kind::kFormat, "the database is not a journal of vnagent");
   }
   const int64_t version = database.integer("PRAGMA user_version");
-  if (version == kFormatVersion) return;
-  throw JournalError(JournalError::Kind::kFormat,
-                     "the journal has format version " + std::to_string(version) +
-                         "; this program reads version " + std::to_string(kFormatVersion));
+  if (version != kFormatVersion) {
+    throw JournalError(JournalError::Kind::kFormat,
+                       "the journal has format version " + std::to_string(version) +
+                           "; this program reads version " + std::to_string(kFormatVersion));
+  }
+  Statement query = database.prepare("SELECT count(*) FROM sqlite_master WHERE sql = ?");
+  for (const std::string_view table : kTables) {
+    if (!query.bind(table).step() || query.integer(0) != 1) {
+      damaged("the definitions of the tables are malformed");
+    }
+  }
 }
 
 std::string instanceOf(const Database& database) {

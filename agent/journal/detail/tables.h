@@ -23,11 +23,15 @@ void createTables(const Database& database);
 // Whether the file has nothing yet: no table, no version.
 bool isEmpty(const Database& database);
 
-// Throws JournalError of kind kFormat when the file is no journal of this version.
+// Throws JournalError: of kind kFormat when the file is no journal of this version, kDamaged when it
+// has not its tables.
 void checkFormat(const Database& database);
 
 // The UUID of the journal. Throws JournalError.
 std::string instanceOf(const Database& database);
+
+// Gives the journal another UUID.
+void instanceIs(const Database& database, const std::string& instance);
 
 // Writes something, to see that the disk takes it.
 void probe(const Database& database);
