@@ -49,7 +49,7 @@ std::string lineOf(const Record& record) {
 // Adds a member whose value is JSON text already.
 void addRaw(std::string& object, std::string_view key, const std::string& json) {
   object.pop_back();
-  object += fmt::format(",\"{}\":{}}}", key, json.empty() ? "null" : json);
+  object += fmt::format(", \"{}\": {}}}", key, json.empty() ? "null" : json);
 }
 
 std::string jsonOf(const Record& record) {

@@ -134,7 +134,8 @@ std::vector<std::string> goneFrom(const Database& database, const GoodHistory& h
   }
   const std::string records = range("record", history.last + 1, lastSequence);
   gone.push_back(lastRevision > history.lastRevision
-                     ? range("revision", history.lastRevision + 1, lastRevision) + " are gone (" +
+                     ? range("revision", history.lastRevision + 1, lastRevision) +
+                           (lastRevision == history.lastRevision + 1 ? " is" : " are") + " gone (" +
                            records + ")"
                      : "what came after revision " + std::to_string(history.lastRevision) +
                            " is gone (" + records + ")");

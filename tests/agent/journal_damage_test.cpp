@@ -319,7 +319,7 @@ TEST(Repair, OfATornLogKeepsWhatIsBeforeTheTear) {
   const JournalError error = errorOf([&] { Owner torn(directory); });
   EXPECT_EQ(error.kind(), Kind::kDamaged);
   EXPECT_THAT(error.what(), HasSubstr("record 4 (revision 4) was acknowledged and is missing"));
-  EXPECT_THAT(repairJournal(directory).gone, ElementsAre("revision 4 are gone (record 4)"));
+  EXPECT_THAT(repairJournal(directory).gone, ElementsAre("revision 4 is gone (record 4)"));
   EXPECT_THAT(Owner(directory).recovered().records, SizeIs(3));
   EXPECT_THAT(faultsOf(directory), IsEmpty());
 }

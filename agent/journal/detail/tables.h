@@ -23,8 +23,8 @@ void createTables(const Database& database);
 // Whether the file has nothing yet: no table, no version.
 bool isEmpty(const Database& database);
 
-// Throws JournalError: of kind kFormat when the file is no journal of this version, kDamaged when it
-// has not its tables.
+// Throws JournalError: of kind kFormat when the file is no journal of this version, kDamaged when
+// it lacks a table.
 void checkFormat(const Database& database);
 
 // The UUID of the journal. Throws JournalError.
