@@ -22,6 +22,10 @@ void uuidSourceIs(UuidSource source) {
   installed() = std::move(source);
 }
 
+const UuidSource& uuidSource() {
+  return installed();
+}
+
 Kiv::String uuid() {
   return Kiv::String(installed() ? installed()() : randomUuid());
 }

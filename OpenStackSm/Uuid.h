@@ -15,6 +15,9 @@ using UuidSource = std::function<std::string()>;
 // the library's own. Activity thread only.
 void uuidSourceIs(UuidSource source);
 
+// The source that is installed; null: the library's own. Good until another one is.
+const UuidSource& uuidSource();
+
 // A new UUID from the source. The library's own makes random ones of version 4, each from the
 // system's random source. Activity thread only.
 Kiv::String uuid();

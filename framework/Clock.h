@@ -35,6 +35,8 @@ class Clock final : public Entity<Clock> {
     void timeMinIs(Seconds time);
     // The time that was last set; it stays after the timer has fired.
     Seconds timeMin() const { return timeMin_; }
+    // Whether the timer waits for that time: it is set, and neither reached nor infinite.
+    bool armed() const { return index_ < kExpired; }
 
     void notifierIs(const Ptr<const PtrInterface>& entity) override;
 
@@ -46,7 +48,6 @@ class Clock final : public Entity<Clock> {
     static constexpr std::size_t kIdle = ~std::size_t{0};
     static constexpr std::size_t kExpired = kIdle - 1;
 
-    bool armed() const { return index_ < kExpired; }
     // Calls onTime(), unless the timer was armed or disarmed since it expired. This is what is
     // queued in the activity loop.
     virtual void deliverExpiry() final;

@@ -1,11 +1,14 @@
 #include "agent/cloud/cloud.h"
 
+#include <stdexcept>
 #include <utility>
 #include <variant>
 
 #include "OpenStackSm/OpenStackSm.h"
+#include "OpenStackSm/Uuid.h"
 #include "agent/cloud/applier.h"
 #include "agent/cloud/output_reading.h"
+#include "agent/cloud/output_restore.h"
 #include "framework/FeatureToggle.h"
 
 namespace vnagent {
@@ -21,10 +24,25 @@ void installToggle(bool on) {
   });
 }
 
+// While there is one of these, no UUID is drawn from a source.
+class NoUuids {
+ public:
+  NoUuids() : source_(OpenStack::uuidSource()) {
+    OpenStack::uuidSourceIs([] { return std::string(); });
+  }
+  ~NoUuids() { OpenStack::uuidSourceIs(std::move(source_)); }
+  NoUuids(const NoUuids&) = delete;
+  NoUuids& operator=(const NoUuids&) = delete;
+
+ private:
+  OpenStack::UuidSource source_;
+};
+
 }  // namespace
 
 Cloud::Cloud(const CloudSettings& settings, const Kiv::TimeSource& clock)
-    : config_(Kiv::make<OpenStack::Config>()),
+    : watched_(settings.watched),
+      config_(Kiv::make<OpenStack::Config>()),
       openstackConfig_(Kiv::make<OpenStack::OpenStackConfig>()),
       status_(Kiv::make<OpenStack::OpenStackStatus>()),
       nameResolutionConfig_(Kiv::make<OpenStack::NameResolution::Config>()),
@@ -36,7 +54,11 @@ Cloud::Cloud(const CloudSettings& settings, const Kiv::TimeSource& clock)
   root_ = OpenStack::openStackSmFactory(openstackConfig_, status_, nameResolutionConfig_,
                                         nameResolutionStatus_, resources_,
                                         settings.regionSyncTimeout, config_, elements_);
-  if (settings.watched) watch_.emplace(status_, resources_, elements_);
+  startWatch();
+}
+
+void Cloud::startWatch() {
+  if (watched_) watch_.emplace(status_, resources_, elements_);
 }
 
 Cloud::~Cloud() {
@@ -66,6 +88,54 @@ bool Cloud::fireNextTimer() {
 void Cloud::regionSyncTimeoutIs(double seconds) {
   root_->regionSyncTimeoutIs(seconds);
   loop_.run();
+}
+
+// Restoring.
+
+void Cloud::applyFirst(const Plan& plan) {
+  watch_.reset();
+  const NoUuids none;
+  apply(plan);
+}
+
+void Cloud::outputIs(const JsonValue& document) {
+  restoreOutput(document, *status_, *resources_, *elements_);
+  loop_.run();
+  startWatch();
+}
+
+Timers Cloud::timers() const {
+  Timers timers;
+  for (const auto& region : root_->regionConfigSm()) {
+    const auto* timer = region->syncHeartbeatClock();
+    if (timer != nullptr && timer->armed()) {
+      timers.emplace(region->regionName().str(), timer->timeMin());
+    }
+  }
+  return timers;
+}
+
+void Cloud::timersIs(const Timers& timers) {
+  for (const auto& region : root_->regionConfigSm()) {
+    if (auto* timer = region->syncHeartbeatClock()) timer->timeMinIs(Kiv::Clock::kNever);
+  }
+  for (const auto& [name, time] : timers) {
+    const auto* region = root_->regionConfigSm()[Kiv::Name(name)];
+    auto* timer = region == nullptr ? nullptr : region->syncHeartbeatClock();
+    if (timer == nullptr) throw std::runtime_error("no timer of a region \"" + name + "\"");
+    timer->timeMinIs(time);
+  }
+}
+
+void Cloud::restartTimers() {
+  Timers restarted = timers();
+  const double due = Kiv::System::currentTime() + regionSyncTimeout();
+  for (auto& [name, time] : restarted) time = due;
+  timersIs(restarted);
+}
+
+double Cloud::regionSyncTimeout() const {
+  return root_->regionSyncTimeout();
 }
 
 OutputDocument Cloud::output() const {

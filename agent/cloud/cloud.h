@@ -13,6 +13,8 @@
 // only. One thread.
 #pragma once
 
+#include <functional>
+#include <map>
 #include <optional>
 #include <span>
 #include <string>
@@ -20,6 +22,7 @@
 
 #include "agent/cloud/output_document.h"
 #include "agent/cloud/output_watch.h"
+#include "agent/json/json_tree.h"
 #include "agent/plan/operations.h"
 #include "framework/Activity.h"
 #include "model/OpenStack/Config.h"
@@ -40,6 +43,9 @@ struct CloudSettings {
   double regionSyncTimeout = 60;  // what the root machine starts with, in seconds
   bool watched = false;           // whether outputChange() will be asked for
 };
+
+// The sync timers that are armed: by region, a time of the clock.
+using Timers = std::map<std::string, double, std::less<>>;
 
 class Cloud {
  public:
@@ -62,10 +68,35 @@ class Cloud {
   // Gives the root machine another region sync timeout.
   void regionSyncTimeoutIs(double seconds);
 
+  // Restoring: a cloud without a region becomes what another one was. First its machines are made,
+  // then the outputs are set to what it published, then its timers.
+
+  // Applies the plan of the whole document. What the machines publish is not watched, and the UUIDs
+  // in it are from no source. REQUIRES: it is the first plan, and outputIs() follows.
+  void applyFirst(const Plan& plan);
+
+  // Sets the outputs to what an output document says; from there on they are watched. Throws
+  // std::runtime_error where it is none; the cloud is good for destruction only then.
+  void outputIs(const JsonValue& document);
+
+  // Arms the timers of these regions for these times of the clock, and disarms all others. Those
+  // of the same time fire in the order of the regions' names. Throws std::runtime_error for a
+  // region that there is not, likewise.
+  void timersIs(const Timers& timers);
+
+  // Gives each timer that is armed one whole timeout from now.
+  void restartTimers();
+
   // Reading.
 
   // When the next timer is due, a time of the clock; +infinity when none is armed.
   double nextTimer() const { return loop_.nextTimer(); }
+
+  // The timers that are armed.
+  Timers timers() const;
+
+  // The root machine's region sync timeout, in seconds.
+  double regionSyncTimeout() const;
 
   // What the machines publish now; views, good until the next change.
   OutputDocument output() const;
@@ -81,8 +112,11 @@ class Cloud {
   const Kiv::PtrInterface& root() const;
 
  private:
+  void startWatch();
+
   // Members are destroyed in reverse order: the watch and the root machine first, the loop after
   // all that it delivers to.
+  const bool watched_;
   Kiv::ActivityManager loop_;
   Kiv::Ptr<OpenStack::Config> config_;
   Kiv::Ptr<OpenStack::OpenStackConfig> openstackConfig_;

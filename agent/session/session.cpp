@@ -2,13 +2,46 @@
 
 #include <algorithm>
 #include <limits>
+#include <stdexcept>
 #include <utility>
 #include <variant>
 
 #include "agent/cloud/cloud.h"
+#include "agent/json/json_writer.h"
 #include "agent/plan/plan.h"
 
 namespace vnagent {
+namespace {
+
+// The members of a state.
+constexpr std::string_view kTime = "time";
+constexpr std::string_view kRegionSyncTimeout = "regionSyncTimeout";
+constexpr std::string_view kTimers = "timers";
+
+// Reading what a session wrote.
+
+JsonTree parsed(std::string_view text, const std::string& what) {
+  JsonTree tree = JsonTree::parse(text);
+  if (tree.error()) throw std::runtime_error(what + ": " + tree.error()->text);
+  if (!tree.flaws().empty()) throw std::runtime_error(what + ": " + tree.flaws().front().message());
+  return tree;
+}
+
+const JsonValue& member(const JsonValue& object, std::string_view name) {
+  const JsonValue* found = object.isObject() ? object.find(name) : nullptr;
+  if (found == nullptr) throw std::runtime_error("state: no " + std::string(name));
+  return *found;
+}
+
+double number(const JsonValue& value) {
+  using Kind = JsonValue::Kind;
+  if (value.kind != Kind::kInteger && value.kind != Kind::kReal) {
+    throw std::runtime_error("state: " + shown(value) + " is no number");
+  }
+  return value.real;
+}
+
+}  // namespace
 
 Session::Session(const SessionSettings& settings, VirtualClock& clock)
     : Session(settings, clock, &clock) {}
@@ -66,8 +99,11 @@ void Session::apply(SourceEvent& event, const JsonValue& patch, StepOutcome& out
   if (!outcome.applied()) return;
   event.tree.reset();
   if (!cloud_) return;
-  const PlanSettings settings{settings_.toggle, settings_.regionSyncTimeout};
-  cloud_->apply(makePlan(document_.state(), *merged.change, settings));
+  cloud_->apply(makePlan(document_.state(), *merged.change, planSettings()));
+}
+
+PlanSettings Session::planSettings() const {
+  return {settings_.toggle, settings_.regionSyncTimeout};
 }
 
 void Session::advance(double seconds, StepOutcome& outcome) {
@@ -89,6 +125,47 @@ std::optional<StepOutcome> Session::expire() {
   cloud_->fireNextTimer();
   end(outcome);
   return outcome;
+}
+
+// Restart.
+
+std::string Session::state() const {
+  std::string text;
+  JsonWriter json(text, JsonWriter::Style::kOneLine);
+  json.open('{');
+  json.key(kTime).number(time());
+  json.key(kRegionSyncTimeout).number(cloud_->regionSyncTimeout());
+  json.key(kTimers).open('{');
+  for (const auto& [region, due] : cloud_->timers()) json.key(region).number(due);
+  json.close('}');
+  json.close('}');
+  return text;
+}
+
+void Session::restore(std::string_view cloud, std::string_view output, std::string_view state) {
+  {
+    const JsonTree tree = parsed(cloud, "cloud document");
+    Outcome merged = document_.apply(tree.root(), {});
+    if (!merged.faults.empty()) {
+      throw std::runtime_error("cloud document: " + merged.faults.front().message());
+    }
+    const Plan plan = makePlan(document_.state(), *merged.change, planSettings());
+    cloud_->applyFirst(plan);
+  }
+  cloud_->outputIs(parsed(output, "output document").root());
+  const JsonTree tree = parsed(state, "state");
+  const JsonValue& root = tree.root();
+  cloud_->regionSyncTimeoutIs(number(member(root, kRegionSyncTimeout)));
+  const double moved = time() - number(member(root, kTime));
+  Timers timers;
+  for (const JsonValue* due : member(root, kTimers).all()) {
+    timers.emplace(due->key, number(*due) + moved);
+  }
+  cloud_->timersIs(timers);
+}
+
+void Session::restartTimers() {
+  cloud_->restartTimers();
 }
 
 // Reading.

@@ -22,6 +22,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "agent/cloud/output_document.h"
@@ -33,6 +34,7 @@
 namespace vnagent {
 
 class Cloud;
+struct PlanSettings;
 
 struct SessionSettings {
   bool toggle = true;             // the answer for "VirtualNetworkAgentToggle"
@@ -90,6 +92,21 @@ class Session {
   // Fires the earliest timer that is due, as a step of its own; nothing if none is due.
   std::optional<StepOutcome> expire();
 
+  // Restart: a new session goes on where another one ended. None of this is a step.
+
+  // What a restart needs beside the two documents: one line of JSON. REQUIRES: the session is live.
+  std::string state() const;
+
+  // Takes over the cloud document, the output document, and the state of another session, all as
+  // they were after one of its steps. From there on it publishes the same, and goes on in the same
+  // way: a timer is due as far from now as it was then. Nothing of this counts as a change, and it
+  // draws no UUID. Throws std::runtime_error where a text is not what it should be; the session can
+  // only be destroyed then. REQUIRES: the session is live, and has made no step.
+  void restore(std::string_view cloud, std::string_view output, std::string_view state);
+
+  // Gives each timer that is armed one whole timeout from now. REQUIRES: the session is live.
+  void restartTimers();
+
   // Reading.
 
   // When the next timer is due, a time of the clock; +infinity when none is armed.
@@ -114,6 +131,7 @@ class Session {
  private:
   Session(const SessionSettings& settings, const Kiv::TimeSource& clock, VirtualClock* moved);
 
+  PlanSettings planSettings() const;
   StepOutcome begin();
   void end(StepOutcome& outcome);
 

@@ -443,7 +443,9 @@ TEST(UuidSourceTest, AnInstalledSourceMakesEveryUuid) {
   OpenStack::uuidSourceIs([&] { return "uuid-" + std::to_string(++made); });
   EXPECT_EQ(OpenStack::uuid(), "uuid-1");
   EXPECT_EQ(OpenStack::uuid(), "uuid-2");
+  EXPECT_EQ(OpenStack::uuidSource()(), "uuid-3");
   OpenStack::uuidSourceIs(nullptr);
+  EXPECT_FALSE(OpenStack::uuidSource());
   EXPECT_EQ(OpenStack::uuid().str().size(), 36U);
 }
 

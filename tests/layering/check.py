@@ -23,7 +23,7 @@ LAYERS = {
     "agent/json": [],
     "agent/document": MODEL + ["model/OpenStack", "agent/json"],
     "agent/plan": ["agent/document"],
-    "agent/cloud": LIBRARY + ["agent/document", "agent/plan"],
+    "agent/cloud": LIBRARY + ["agent/json", "agent/document", "agent/plan"],
     "agent/session": FRAMEWORK + ["agent/json", "agent/document", "agent/plan", "agent/cloud"],
     "agent/output": LIBRARY + ["agent/json", "agent/document", "agent/cloud", "agent/session"],
     "agent/import": ["agent/json", "agent/document"],
