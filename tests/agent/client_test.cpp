@@ -98,7 +98,7 @@ TEST(Table, AlignsItsColumns) {
             "NAME           PORTS\n"
             "é              1\n"
             "a longer name  -\n"
-            "\\u001B[31m     2\n");
+            "\\u001b[31m     2\n");
   EXPECT_THAT(table.text(true), HasSubstr("\033[1mNAME"));
 }
 
