@@ -10,11 +10,11 @@
 
 #include <fmt/format.h>
 
-#include "agent/cli/client_commands.h"
 #include "agent/cli/commands.h"
 #include "agent/cli/input_file.h"
 #include "agent/cli/nearest_word.h"
 #include "agent/document/vocabulary.h"
+#include "agent/journal/journal_error.h"
 
 namespace vnagent {
 namespace {
@@ -30,9 +30,7 @@ constexpr const char* kAbout =
 constexpr const char* kExit =
     "Exit status: 0 all applied; 1 internal error; 2 wrong command line; 3 some input was "
     "refused;\n"
-    "4 a file could not be read or is not JSON, or the live agent was not reached; 5 the live "
-    "agent is\n"
-    "not in the state that was asked for.";
+    "4 a file could not be read or is not JSON.";
 
 constexpr const char* kRunAbout =
     "Load a cloud document, apply a stream of events, and print what the switch is asked to do.\n"
@@ -49,7 +47,8 @@ constexpr const char* kRunFooter =
     "Examples:\n"
     "  vnagent run cloud.json\n"
     "  vnagent run cloud.json --events day.jsonl --each --keep-going\n"
-    "  vnagent run cloud.json --format json --trace 3 --trace-text";
+    "  vnagent run cloud.json --format json --trace 3 --trace-text\n"
+    "  vnagent run --journal /var/lib/vnagent --until 1200";
 
 constexpr const char* kCheckFooter =
     "CLOUD or the events, not both, may be -, standard input. The faults of the document come in\n"
@@ -122,8 +121,8 @@ auto oneOf(const char* first, const char* second) {
   };
 }
 
-void addEvents(CLI::App& command, std::string& events, const char* about) {
-  command.add_option("--events", events, about)->type_name("FILE");
+CLI::Option* addEvents(CLI::App& command, std::string& events, const char* about) {
+  return command.add_option("--events", events, about)->type_name("FILE");
 }
 
 void addMaxInput(CLI::App& command, uint64_t& maxInputBytes) {
@@ -140,10 +139,21 @@ CLI::Option* addFlag(CLI::App& command, const char* name, bool& flag, const char
 void addRun(CLI::App& app, RunOptions& options) {
   CLI::App* run = app.add_subcommand("run", kRunAbout);
   run->footer(kRunFooter);
-  run->add_option("CLOUD", options.cloud,
-                  "cloud document to start from, - is standard input; none is an empty cloud")
-      ->type_name("FILE");
-  addEvents(*run, options.events, "events to apply, one a line; - is standard input");
+  CLI::Option* cloud =
+      run->add_option("CLOUD", options.cloud,
+                      "cloud document to start from, - is standard input; none is an empty cloud")
+          ->type_name("FILE");
+  CLI::Option* events =
+      addEvents(*run, options.events, "events to apply, one a line; - is standard input");
+  CLI::Option* journal = run->add_option("--journal", options.journal,
+                                         "play back the journal of a live agent instead, from "
+                                         "the oldest revision that it has")
+                             ->type_name("DIR")
+                             ->excludes(cloud)
+                             ->excludes(events);
+  addNumber(*run, "--until", options.until, kRevisions, "with --journal: up to this revision")
+      ->type_name("REVISION")
+      ->needs(journal);
   addNumber(*run, "--region-sync-timeout", options.regionSyncTimeout, kTimeouts,
             "region sync timeout to start with, where the document has none")
       ->type_name("SECONDS")
@@ -274,10 +284,7 @@ void checkInputs(const std::string& cloud, const std::string& events) {
 
 std::vector<std::string> commandNames(const CLI::App& app) {
   std::vector<std::string> names;
-  for (const CLI::App* command : app.get_subcommands({})) {
-    // Commands without a group are for scripts of ours, not for people.
-    if (!command->get_group().empty()) names.push_back(command->get_name());
-  }
+  for (const CLI::App* command : app.get_subcommands({})) names.push_back(command->get_name());
   return names;
 }
 
@@ -361,6 +368,10 @@ ExitStatus guarded(const std::function<ExitStatus()>& command) {
   } catch (const UnreadableFile& error) {
     reportError(error.what());
     return ExitStatus::kUnreadable;
+  } catch (const JournalError& error) {
+    reportError(error.what());
+    const bool isDamaged = error.kind() == JournalError::Kind::kDamaged;
+    return isDamaged ? ExitStatus::kRefused : ExitStatus::kUnreadable;
   } catch (const std::exception& error) {
     reportError(std::string("internal error: ") + error.what());
   } catch (...) {
@@ -387,7 +398,6 @@ int runCommandLine(int argc, char** argv, const Finished& finished) {
   addImport(app, importOptions);
   addSchema(app, schemaOptions);
   addJournal(app, journalOptions);
-  const ClientCommands client(app);
   try {
     app.parse(argc, argv);
     checkInputs(runOptions.cloud, runOptions.events);
@@ -408,7 +418,6 @@ int runCommandLine(int argc, char** argv, const Finished& finished) {
     if (app.got_subcommand("check")) return check(checkOptions);
     if (app.got_subcommand("schema")) return printSchema(schemaOptions);
     if (app.got_subcommand("journal")) return journal(journalOptions);
-    if (const auto clientStatus = client.run()) return *clientStatus;
     return importNeutron(importOptions);
   });
   return static_cast<int>(status);

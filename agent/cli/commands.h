@@ -13,8 +13,10 @@
 namespace vnagent {
 
 struct RunOptions {
-  std::string cloud;   // empty for none, "-" for standard input
-  std::string events;  // likewise
+  std::string cloud;            // empty for none, "-" for standard input
+  std::string events;           // likewise
+  std::string journal;          // the directory of the journal to play back; empty for none
+  uint64_t until = UINT64_MAX;  // the last revision of it
   uint64_t maxInputBytes = kDefaultMaxInputBytes;
   double regionSyncTimeout = 60;
   bool toggle = true;

@@ -128,21 +128,15 @@ ExitStatus repair(const std::string& directory) {
 }  // namespace
 
 ExitStatus journal(const JournalOptions& options) {
-  try {
-    switch (options.action) {
-      case JournalOptions::Action::kCheck:
-        return checkAll(options.directory);
-      case JournalOptions::Action::kShow:
-        return show(options);
-      case JournalOptions::Action::kCompact:
-        return compact(options);
-      case JournalOptions::Action::kRepair:
-        return repair(options.directory);
-    }
-  } catch (const JournalError& error) {
-    reportError(error.what());
-    return error.kind() == JournalError::Kind::kDamaged ? ExitStatus::kRefused
-                                                        : ExitStatus::kUnreadable;
+  switch (options.action) {
+    case JournalOptions::Action::kCheck:
+      return checkAll(options.directory);
+    case JournalOptions::Action::kShow:
+      return show(options);
+    case JournalOptions::Action::kCompact:
+      return compact(options);
+    case JournalOptions::Action::kRepair:
+      return repair(options.directory);
   }
   return ExitStatus::kInternal;
 }

@@ -8,6 +8,8 @@
 #include "agent/cli/cloud_file.h"
 #include "agent/cli/commands.h"
 #include "agent/cli/input_file.h"
+#include "agent/journal/journal_tools.h"
+#include "agent/live/replay.h"
 #include "agent/output/inspection.h"
 #include "agent/output/output_json.h"
 #include "agent/output/tree.h"
@@ -102,7 +104,10 @@ class RunTrace final : public SessionObserver {
 // shown step is the whole.
 class StepLines final : public SessionObserver {
  public:
-  StepLines(const Session& session, bool changes) : session_(session), changes_(changes) {}
+  explicit StepLines(bool changes) : changes_(changes) {}
+
+  // The session whose steps come next.
+  void sessionIs(const Session& session) { session_ = &session; }
 
   void onStepEnd(const StepOutcome& outcome) override {
     JsonWriter json(out_, JsonWriter::Style::kOneLine);
@@ -110,7 +115,7 @@ class StepLines final : public SessionObserver {
     json.open('{').key("step").number(outcome.step).key("ok").boolean(outcome.applied());
     if (outcome.applied()) {
       json.key("time").number(outcome.time).key(changes_ ? "change" : "output");
-      writeOutput(changes_ && started_ ? outcome.output : session_.output(), json);
+      writeOutput(changes_ && started_ ? outcome.output : session_->output(), json);
       started_ = true;
     } else {
       json.key("error").text(outcome.faults.front().message());
@@ -122,7 +127,7 @@ class StepLines final : public SessionObserver {
   }
 
  private:
-  const Session& session_;
+  const Session* session_ = nullptr;
   bool changes_;
   bool started_ = false;
   std::string out_;
@@ -177,22 +182,24 @@ class Run {
   explicit Run(const RunOptions& options) : options_(options), events_(options) {
     // Construction is traced; destruction is not, as it belongs to no step.
     if (options.traceLevel) trace_.emplace(options);
-    session_.emplace(SessionSettings{.toggle = options.toggle,
-                                     .regionSyncTimeout = options.regionSyncTimeout,
-                                     .changes = options.changes},
-                     clock_);
-    if (trace_) session_->observerIs(*trace_);
-    if (options.each) session_->observerIs(steps_.emplace(*session_, options.changes));
-    session_->observerIs(progress_);
+    if (options.each) steps_.emplace(options.changes);
+    const SessionSettings settings{.toggle = options.toggle,
+                                   .regionSyncTimeout = options.regionSyncTimeout,
+                                   .changes = options.changes};
+    if (options.journal.empty()) {
+      watch(session_.emplace(settings, clock_));
+    } else {
+      replay_.emplace(settings, clock_, [this](Session& session) { watch(session); });
+    }
   }
 
   ExitStatus run() {
-    if (takeAll()) {
+    if (replay_ ? replayAll() : takeAll()) {
       if (!options_.inspect.empty()) {
-        const bool found = printInspection(*session_, options_.inspect);
+        const bool found = printInspection(session(), options_.inspect);
         if (!found && status_ == ExitStatus::kOk) status_ = ExitStatus::kUsage;
       } else if (!options_.each) {
-        printFinal(*session_, options_.tree.value_or(isatty(STDOUT_FILENO) == 1));
+        printFinal(session(), options_.tree.value_or(isatty(STDOUT_FILENO) == 1));
       }
     }
     if (trace_) trace_->finish();
@@ -218,10 +225,56 @@ class Run {
     return status_ == ExitStatus::kOk || options_.keepGoing;
   }
 
+  // Returns whether the journal could be played back up to the revision that was asked for.
+  bool replayAll() {
+    uint64_t reached = 0;
+    const auto begin = [&](const Snapshot& snapshot) {
+      if (snapshot.revision > options_.until) {
+        throw ReplayError("the oldest revision that can be replayed is " +
+                          std::to_string(snapshot.revision));
+      }
+      replay_->begin(snapshot);
+      reached = snapshot.revision;
+      return true;
+    };
+    const auto play = [&](const Record& record) {
+      if (record.revision > options_.until) return false;
+      replay_->play(record);
+      reached = record.revision;
+      return true;
+    };
+    try {
+      replayJournal(options_.journal, begin, play);
+      if (options_.until != UINT64_MAX && reached < options_.until) {
+        throw ReplayError("the last revision is " + std::to_string(reached));
+      }
+      progress_.clear();
+      return true;
+    } catch (const ReplayError& error) {
+      progress_.clear();
+      reportError(options_.journal + ": " + error.what());
+      status_ = ExitStatus::kRefused;
+    }
+    return false;
+  }
+
+  void watch(Session& session) {
+    if (trace_) session.observerIs(*trace_);
+    if (steps_) {
+      steps_->sessionIs(session);
+      session.observerIs(*steps_);
+    }
+    session.observerIs(progress_);
+  }
+
+  const Session& session() const { return replay_ ? replay_->session() : *session_; }
+
   const RunOptions& options_;
   RunEvents events_;
   VirtualClock clock_;
+  // One of the two; observers of the run outlive its last step, not its end.
   std::optional<Session> session_;
+  std::optional<Replay> replay_;
   std::optional<RunTrace> trace_;
   std::optional<StepLines> steps_;
   RunProgress progress_;

@@ -94,7 +94,8 @@ void readJournal(const std::string& directory, uint64_t first, uint64_t last,
   });
 }
 
-void replayJournal(const std::string& directory, const Replay& replay) {
+void replayJournal(const std::string& directory, const std::function<bool(const Snapshot&)>& begin,
+                   const std::function<bool(const Record&)>& take) {
   look(directory, [&](const Database& database, const auto&) {
     const auto range = detail::sequencesOf(database);
     Snapshot snapshot;
@@ -102,14 +103,14 @@ void replayJournal(const std::string& directory, const Replay& replay) {
       const auto heads = detail::readSnapshotHeads(database);
       if (!heads.empty()) snapshot = detail::readSnapshot(database, heads.front());
     }
-    if (!replay.begin(snapshot) || !range) return;
+    if (!begin(snapshot) || !range) return;
     detail::Succession succession;
     succession.startAfter(snapshot.sequence, snapshot.revision, snapshot.check);
     readRecords(database, snapshot.sequence + 1, [&](const Record& record) {
       if (const auto fault = succession.next(record)) {
         throw JournalError(JournalError::Kind::kDamaged, *fault);
       }
-      return replay.take(record);
+      return take(record);
     });
   });
 }

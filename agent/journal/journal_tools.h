@@ -45,13 +45,11 @@ JournalContents readContents(const std::string& directory);
 void readJournal(const std::string& directory, uint64_t first, uint64_t last,
                  const std::function<bool(const Record&)>& take);
 
-// The oldest snapshot, from which all later records are there: what a replay begins with. Empty,
-// with sequence 0, when the records go back to the first. Then the records after it, as above.
-struct Replay {
-  std::function<bool(const Snapshot&)> begin;
-  std::function<bool(const Record&)> take;
-};
-void replayJournal(const std::string& directory, const Replay& replay);
+// Reads what a replay needs: first `begin` gets the oldest snapshot, from which all later records
+// are there; an empty one, with sequence 0, when the records go back to the first. Then `take` gets
+// the records after it, until one of the two returns false.
+void replayJournal(const std::string& directory, const std::function<bool(const Snapshot&)>& begin,
+                   const std::function<bool(const Record&)>& take);
 
 // Changing; refused while an agent has the journal open.
 
