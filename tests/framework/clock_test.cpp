@@ -58,6 +58,7 @@ class ClockTest : public Toys::LoopTest {
 
 TEST_F(ClockTest, ATimerIsNotArmedAtFirst) {
   const auto idle = timer("idle");
+  EXPECT_FALSE(idle->armed());
   EXPECT_EQ(idle->timeMin(), Clock::kNever);
   EXPECT_EQ(loop_.nextTimer(), Clock::kNever);
   EXPECT_FALSE(loop_.fireNextTimer());
@@ -68,7 +69,9 @@ TEST_F(ClockTest, ATimerFiresWhenItsTimeIsReachedAndNotBefore) {
   const auto one = timer("one", 10);
   EXPECT_EQ(loop_.nextTimer(), 10);
   EXPECT_THAT(at(9.999), IsEmpty());
+  EXPECT_TRUE(one->armed());
   EXPECT_THAT(at(10), ElementsAre("one"));
+  EXPECT_FALSE(one->armed());
   EXPECT_EQ(one->timeMin(), 10) << "it stays as it was set";
 }
 
