@@ -10,6 +10,7 @@
 
 #include <fmt/format.h>
 
+#include "agent/cli/client_commands.h"
 #include "agent/cli/commands.h"
 #include "agent/cli/input_file.h"
 #include "agent/cli/nearest_word.h"
@@ -30,7 +31,9 @@ constexpr const char* kAbout =
 constexpr const char* kExit =
     "Exit status: 0 all applied; 1 internal error; 2 wrong command line; 3 some input was "
     "refused;\n"
-    "4 a file could not be read or is not JSON.";
+    "4 a file could not be read or is not JSON, or the live agent was not reached; 5 the live "
+    "agent is\n"
+    "not in the state that was asked for.";
 
 constexpr const char* kRunAbout =
     "Load a cloud document, apply a stream of events, and print what the switch is asked to do.\n"
@@ -284,7 +287,10 @@ void checkInputs(const std::string& cloud, const std::string& events) {
 
 std::vector<std::string> commandNames(const CLI::App& app) {
   std::vector<std::string> names;
-  for (const CLI::App* command : app.get_subcommands({})) names.push_back(command->get_name());
+  for (const CLI::App* command : app.get_subcommands({})) {
+    // Commands without a group are for scripts of ours, not for people.
+    if (!command->get_group().empty()) names.push_back(command->get_name());
+  }
   return names;
 }
 
@@ -398,6 +404,7 @@ int runCommandLine(int argc, char** argv, const Finished& finished) {
   addImport(app, importOptions);
   addSchema(app, schemaOptions);
   addJournal(app, journalOptions);
+  const ClientCommands client(app);
   try {
     app.parse(argc, argv);
     checkInputs(runOptions.cloud, runOptions.events);
@@ -418,6 +425,7 @@ int runCommandLine(int argc, char** argv, const Finished& finished) {
     if (app.got_subcommand("check")) return check(checkOptions);
     if (app.got_subcommand("schema")) return printSchema(schemaOptions);
     if (app.got_subcommand("journal")) return journal(journalOptions);
+    if (const auto clientStatus = client.run()) return *clientStatus;
     return importNeutron(importOptions);
   });
   return static_cast<int>(status);

@@ -14,7 +14,8 @@ enum class ExitStatus : int {
   kInternal = 1,    // the agent or a machine failed
   kUsage = 2,       // the command line is wrong
   kRefused = 3,     // some input broke a rule
-  kUnreadable = 4,  // a file could not be read or is not JSON
+  kUnreadable = 4,  // a file could not be read or is not JSON; the live agent was not reached
+  kNotYet = 5,      // the live agent is not in the state that was asked for
 };
 
 // A line of a file as messages name it: "cloud.json:12". Line 0 is an unknown one, and left out.

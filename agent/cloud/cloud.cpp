@@ -115,6 +115,13 @@ Timers Cloud::timers() const {
   return timers;
 }
 
+std::optional<double> Cloud::timerOf(std::string_view region) const {
+  const auto* machine = root_->regionConfigSm()[Kiv::Name(region)];
+  const auto* timer = machine == nullptr ? nullptr : machine->syncHeartbeatClock();
+  if (timer == nullptr || !timer->armed()) return std::nullopt;
+  return timer->timeMin();
+}
+
 void Cloud::timersIs(const Timers& timers) {
   for (const auto& region : root_->regionConfigSm()) {
     if (auto* timer = region->syncHeartbeatClock()) timer->timeMinIs(Kiv::Clock::kNever);

@@ -94,6 +94,8 @@ class Cloud {
 
   // The timers that are armed.
   Timers timers() const;
+  // That of a region; nothing where it is not armed.
+  std::optional<double> timerOf(std::string_view region) const;
 
   // The root machine's region sync timeout, in seconds.
   double regionSyncTimeout() const;

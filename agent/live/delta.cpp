@@ -45,12 +45,8 @@ Delta Delta::of(std::string_view forward, std::string_view backward) {
   const auto read = [](std::string_view text) {
     return text.empty() ? Json::object() : Json::parse(text);
   };
-  return of(read(forward), read(backward));
-}
-
-Delta Delta::of(const Json& forward, const Json& backward) {
   Delta delta;
-  delta.root_ = nodeOf(forward, backward);
+  delta.root_ = nodeOf(read(forward), read(backward));
   return delta;
 }
 
@@ -136,14 +132,27 @@ Json Delta::patch() const {
   return root_.patch().value_or(Json::object());
 }
 
-Delta::At Delta::at(const Place& place, bool existedBefore) const {
+const Delta::Node* Delta::nearest(const Place& place, size_t& depth) const {
   const Node* node = &root_;
-  size_t depth = 0;
-  for (; depth < place.size() && !node->whole; ++depth) {
+  for (depth = 0; depth < place.size() && !node->whole; ++depth) {
     const auto member = node->members.find(place[depth]);
-    if (member == node->members.end()) return {};
+    if (member == node->members.end()) return nullptr;
     node = &member->second;
   }
+  return node;
+}
+
+std::optional<bool> Delta::existedBefore(const Place& place) const {
+  size_t depth = 0;
+  const Node* node = nearest(place, depth);
+  if (node == nullptr) return std::nullopt;
+  return !node->whole || (node->before && find(*node->before, place, depth) != nullptr);
+}
+
+Delta::At Delta::at(const Place& place, bool existedBefore) const {
+  size_t depth = 0;
+  const Node* node = nearest(place, depth);
+  if (node == nullptr) return {};
   if (!node->whole) {
     auto inside = node->patch();
     if (!inside) return {};

@@ -32,7 +32,6 @@ class Delta {
 
   // From the exact merge patches forward and back; empty texts for none.
   static Delta of(std::string_view forward, std::string_view backward);
-  static Delta of(const Json& forward, const Json& backward);
 
   // Adds a difference that starts where this one ends.
   void then(Delta later);
@@ -49,6 +48,9 @@ class Delta {
   };
   At at(const Place& place, bool existedBefore) const;
 
+  // Whether a place existed before, where the difference says so.
+  std::optional<bool> existedBefore(const Place& place) const;
+
  private:
   // A value that was replaced, added or removed as a whole; or an object that stayed, with what
   // differs inside.
@@ -63,6 +65,10 @@ class Delta {
     void undoIn(Json& value) const;
     std::optional<Json> patch() const;
   };
+
+  // The node that is nearest to a place, and how many of its names lead to it; null where nothing
+  // on the way differs.
+  const Node* nearest(const Place& place, size_t& depth) const;
 
   static Node nodeOf(const Json& forward, const Json& backward);
 

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "agent/live/exchange.h"
+#include "agent/live/fork.h"
 #include "agent/live/service_observer.h"
 #include "agent/live/storage.h"
 #include "framework/Time.h"
@@ -32,6 +33,9 @@ struct ServiceSettings {
   std::string version;                   // of the program
   ServiceObserver* observer = nullptr;   // null: none; outlives the service
   std::function<std::string()> metrics;  // the body of GET /metrics; null: there is none
+  // Runs something later on the activity thread, called from any thread; may outlive the service,
+  // and then need not run it. Null: dry runs and snapshots are waited for.
+  Post post;
 };
 
 // What a metrics page shows of a service.
@@ -87,7 +91,7 @@ class Service {
 
   // No record after `sequence` became durable, and none of those that were appended will: what they
   // changed is taken back, and their requests are refused. Until storageIsWritable() every change
-  // is refused, and no timer fires.
+  // is refused, and no timer fires. `reason` is shown to clients.
   void storageFailed(uint64_t sequence, const std::string& reason);
   void storageIsWritable();
 
@@ -103,6 +107,7 @@ class Service {
  private:
   class Impl;
   std::unique_ptr<Impl> impl_;
+  Ticket lastTicket_ = 0;
 };
 
 }  // namespace vnagent

@@ -170,7 +170,8 @@ class Server {
                                .requireLock = options_.requireLock,
                                .version = settings_.version,
                                .observer = &observers_,
-                               .metrics = [this] { return metricsPage(); }};
+                               .metrics = [this] { return metricsPage(); },
+                               .post = {}};  // the host's
       Recovered recovered;
       if (options_.stateDirectory.empty()) {
         log_.warning("everything is in memory only and ends with the process; see --state-dir");

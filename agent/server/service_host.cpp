@@ -3,6 +3,10 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <functional>
+#include <utility>
+
+#include <boost/asio/post.hpp>
 
 namespace vnagent {
 namespace {
@@ -14,11 +18,22 @@ constexpr double kLongestSleep = 86'400;
 
 ServiceHost::ServiceHost(boost::asio::io_context& activity, const ServiceSettings& settings,
                          Storage* storage, Recovered recovered)
-    : service_(settings, clock_, storage, std::move(recovered)), timer_(activity) {
+    : service_(posting(activity, settings), clock_, storage, std::move(recovered)),
+      timer_(activity) {
   update();
 }
 
 ServiceHost::~ServiceHost() = default;
+
+ServiceSettings ServiceHost::posting(boost::asio::io_context& activity, ServiceSettings settings) {
+  settings.post = [&activity, self = std::weak_ptr(self_)](std::function<void()> task) {
+    boost::asio::post(activity, [self, task = std::move(task)] {
+      task();
+      if (const auto host = self.lock()) (*host)->update();
+    });
+  };
+  return settings;
+}
 
 uint64_t ServiceHost::handle(Request request, Answer answer) {
   const uint64_t ticket = service_.handle(std::move(request), std::move(answer));

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <limits>
+#include <memory>
 #include <string>
 
 #include <boost/asio/io_context.hpp>
@@ -36,10 +37,14 @@ class ServiceHost final : public RequestHandler {
   bool isIdle() const { return isIdle_.load(std::memory_order_acquire); }
 
  private:
+  // The settings with a way back to the activity thread.
+  ServiceSettings posting(boost::asio::io_context& activity, ServiceSettings settings);
   // After each call of the service: what it waits for may be due at another time now.
   void update();
   void wake();
 
+  // Ends with the host: what other threads post later finds nobody.
+  std::shared_ptr<ServiceHost*> self_ = std::make_shared<ServiceHost*>(this);
   Kiv::SteadyTime clock_;
   Service service_;
   boost::asio::steady_timer timer_;

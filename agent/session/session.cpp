@@ -174,6 +174,10 @@ double Session::nextTimer() const {
   return cloud_ ? cloud_->nextTimer() : std::numeric_limits<double>::infinity();
 }
 
+std::optional<double> Session::timerOf(std::string_view region) const {
+  return cloud_->timerOf(region);
+}
+
 OutputDocument Session::output() const {
   return cloud_->output();
 }

@@ -112,6 +112,10 @@ class Session {
   // When the next timer is due, a time of the clock; +infinity when none is armed.
   double nextTimer() const;
 
+  // When the sync timer of a region is due, likewise; nothing where it is not armed. REQUIRES: the
+  // session is live.
+  std::optional<double> timerOf(std::string_view region) const;
+
   // The clock's time, in seconds.
   double time() const { return clock_.now(); }
 

@@ -5,16 +5,18 @@ _vnagent() {
   COMPREPLY=()
   for ((i = 1; i < COMP_CWORD; ++i)); do
     case ${COMP_WORDS[i]} in
-      run | check | import-neutron | schema) command=${COMP_WORDS[i]} && break ;;
+      run | check | import-neutron | schema | show | get | patch | replace | diff | apply | watch | wait | lock | trace) command=${COMP_WORDS[i]} && break ;;
     esac
   done
 
   case $previous in
-    --events | --trace-file) compopt -o filenames && mapfile -t COMPREPLY < <(compgen -f -- "$word") && return ;;
+    --events | --trace-file | --socket | --token-file | --ca) compopt -o filenames && mapfile -t COMPREPLY < <(compgen -f -- "$word") && return ;;
     --toggle) mapfile -t COMPREPLY < <(compgen -W 'on off' -- "$word") && return ;;
     --format) mapfile -t COMPREPLY < <(compgen -W 'tree json' -- "$word") && return ;;
-    --trace) mapfile -t COMPREPLY < <(compgen -W '0 1 2 3 4 5 6 7 8 9' -- "$word") && return ;;
+    --trace | --level) mapfile -t COMPREPLY < <(compgen -W '0 1 2 3 4 5 6 7 8 9' -- "$word") && return ;;
+    --of) mapfile -t COMPREPLY < <(compgen -W 'output cloud' -- "$word") && return ;;
     --region | --region-sync-timeout | --inspect | --max-input) return ;;
+    --url | --deadline | --at | --if-match | --request-id | --key | --since | --count | --timeout | --requester | --wait) return ;;
   esac
 
   local words
@@ -23,12 +25,28 @@ _vnagent() {
     check) words='--help --events --max-input' ;;
     import-neutron) words='--help --region --max-input' ;;
     schema) words='--help' ;;
-    *) words='run check import-neutron schema --help --version' ;;
+    show) words='--help --socket --url --token-file --ca --deadline --json' ;;
+    get) words='--help --keys --socket --url --token-file --ca --deadline --json' ;;
+    patch) words='--help --at --if-match --request-id --key --dry-run --socket --url --token-file --ca --deadline --json' ;;
+    replace) words='--help --request-id --dry-run --socket --url --token-file --ca --deadline --json' ;;
+    diff) words='--help --socket --url --token-file --ca --deadline --json' ;;
+    apply) words='--help --request-id --dry-run --socket --url --token-file --ca --deadline --json' ;;
+    watch) words='--help --of --at --since --count --socket --url --token-file --ca --deadline --json' ;;
+    wait) words='--help --timeout --socket --url --token-file --ca --deadline --json' ;;
+    lock) words='--help --requester --request-id --wait --sync --force --socket --url --token-file --ca --deadline --json' ;;
+    trace) words='--help --level --tail --socket --url --token-file --ca --deadline --json' ;;
+    *) words='run check import-neutron schema show get patch replace diff apply watch wait lock trace --help --version' ;;
   esac
   if [[ -z $command || $word == -* ]]; then
     mapfile -t COMPREPLY < <(compgen -W "$words" -- "$word")
   elif [[ $command == schema ]]; then
     mapfile -t COMPREPLY < <(compgen -W 'cloud output' -- "$word")
+  elif [[ $command == show ]]; then
+    mapfile -t COMPREPLY < <(compgen -W 'regions hosts ports switchports vlans locks pools' -- "$word")
+  elif [[ $command == get ]]; then
+    compopt -o nospace && mapfile -t COMPREPLY < <(vnagent complete places "$word" 2>/dev/null | grep -F -- "$word")
+  elif [[ $command == lock || $command == replace && $previous == replace ]]; then
+    mapfile -t COMPREPLY < <(compgen -W "$(vnagent complete regions 2>/dev/null)" -- "$word")
   elif [[ $command == import-neutron ]]; then
     compopt -o filenames && mapfile -t COMPREPLY < <(compgen -d -- "$word")
   else

@@ -1,0 +1,321 @@
+#include "agent/cli/client_commands.h"
+
+#include <CLI/CLI.hpp>
+#include <charconv>
+#include <cmath>
+
+#include <fmt/format.h>
+
+#include "agent/cli/client_support.h"
+#include "agent/cli/input_file.h"
+
+namespace vnagent {
+namespace {
+
+constexpr const char* kPlaces =
+    "A place is cloud or output, and a JSON Pointer in it: cloud/region/RegionOne/port, with ~1 "
+    "for\n"
+    "a slash in a name. Without the document it is one of the cloud: /region/RegionOne.";
+
+constexpr const char* kLockFooter =
+    "Without COMMAND the lock is shown. The command finds the request id in $VNAGENT_REQUEST_ID, "
+    "for\n"
+    "the header Sync-Request-Id and the option --request-id; its exit status is that of lock.\n"
+    "\n"
+    "Example:\n"
+    "  vnagent lock RegionOne --sync -- sh -c \\\n"
+    "    'vnagent replace RegionOne region.json --request-id $VNAGENT_REQUEST_ID'";
+
+std::string faultOfSeconds(const std::string& text) {
+  double number = 0;
+  const auto result = std::from_chars(text.data(), text.data() + text.size(), number);
+  const bool whole = result.ptr == text.data() + text.size() && result.ec == std::errc();
+  return whole && number >= 0 && number <= 1e9
+             ? std::string()
+             : fmt::format("'{}' is not a number of seconds", text);
+}
+
+std::string faultOfCount(const std::string& text) {
+  uint64_t number = 0;
+  const auto result = std::from_chars(text.data(), text.data() + text.size(), number);
+  const bool whole = result.ptr == text.data() + text.size() && result.ec == std::errc();
+  return whole ? std::string() : fmt::format("'{}' is not a number", text);
+}
+
+std::string faultOfUrl(const std::string& text) {
+  try {
+    Endpoint::ofUrl(text);
+    return {};
+  } catch (const std::invalid_argument& error) {
+    return fmt::format("'{}': {}", text, error.what());
+  }
+}
+
+void addSeconds(CLI::App& command, const char* name, double& target, const char* about) {
+  command.add_option(name, target, about)
+      ->type_name("SECONDS")
+      ->check(faultOfSeconds)
+      ->default_str(fmt::format("{}", target));
+}
+
+CLI::Option* addFlag(CLI::App& command, const char* name, bool& flag, const char* about) {
+  return command.add_flag(name, flag, about)->disable_flag_override();
+}
+
+void addRequestId(CLI::App& command, std::string& requestId) {
+  command
+      .add_option("--request-id", requestId,
+                  "refuse the change unless this request holds the lock of each region it touches")
+      ->type_name("ID");
+}
+
+void addConnection(CLI::App& command, ClientOptions& options) {
+  CLI::Option* socket = command.add_option("--socket", options.socket,
+                                           "Unix socket of the agent [$VNAGENT_SOCKET, else "
+                                           "/run/vnagent/vnagent.sock]");
+  socket->type_name("PATH");
+  command.add_option("--url", options.url, "agent on TCP: http://HOST:PORT or https://HOST:PORT")
+      ->type_name("URL")
+      ->check(faultOfUrl)
+      ->excludes(socket);
+  command.add_option("--token-file", options.tokenFile, "file with the token to show")
+      ->type_name("FILE");
+  command
+      .add_option("--ca", options.authorities,
+                  "file with the certificates to trust, instead of the system's")
+      ->type_name("FILE");
+  addSeconds(command, "--deadline", options.deadline, "longest time for an answer");
+  addFlag(command, "--json", options.json, "print one line of JSON");
+}
+
+void addShow(CLI::App& app, ShowOptions& options) {
+  CLI::App* command = app.add_subcommand(
+      "show", "Show what a live agent has, as a table: an overview, or one kind of thing.");
+  command
+      ->add_option("WHAT", options.what, "regions, hosts, ports, switchports, vlans, locks, pools")
+      ->type_name("")
+      ->check(
+          CLI::IsMember({"regions", "hosts", "ports", "switchports", "vlans", "locks", "pools"}));
+  addConnection(*command, options);
+}
+
+void addGet(CLI::App& app, GetOptions& options) {
+  CLI::App* command = app.add_subcommand("get", "Print a place of a live agent's documents.");
+  command->footer(kPlaces);
+  command->add_option("PLACE", options.place, "what to print")->type_name("")->required();
+  addFlag(*command, "--keys", options.keys, "print only the keys, one a line");
+  addConnection(*command, options);
+}
+
+void addPatch(CLI::App& app, PatchOptions& options) {
+  CLI::App* command =
+      app.add_subcommand("patch", "Apply a JSON Merge Patch to the cloud of a live agent.");
+  command->footer(kPlaces);
+  command->add_option("FILE", options.file, "the patch; - is standard input")
+      ->type_name("")
+      ->default_str("-");
+  command->add_option("--at", options.at, "the place to merge it at, instead of the whole cloud")
+      ->type_name("PLACE");
+  command->add_option("--if-match", options.ifMatch, "refuse it unless the place's ETag is this")
+      ->type_name("REVISION");
+  addRequestId(*command, options.requestId);
+  command->add_option("--key", options.key, "idempotency key: apply it once, however often sent")
+      ->type_name("KEY");
+  addFlag(*command, "--dry-run", options.dryRun, "only print what would change of the output");
+  addConnection(*command, options);
+}
+
+void addReplace(CLI::App& app, ReplaceOptions& options) {
+  CLI::App* command =
+      app.add_subcommand("replace", "Make a region of a live agent exactly what a file says.");
+  command->add_option("REGION", options.region, "its name")->type_name("")->required();
+  command->add_option("FILE", options.file, "the region as JSON; - is standard input")
+      ->type_name("")
+      ->required();
+  addRequestId(*command, options.requestId);
+  addFlag(*command, "--dry-run", options.dryRun, "only print what would change of the output");
+  addConnection(*command, options);
+}
+
+void addDiff(CLI::App& app, ApplyOptions& options) {
+  CLI::App* command = app.add_subcommand(
+      "diff",
+      "Show what apply would change of a live agent's cloud. Exit status 5 where there is "
+      "a difference.");
+  command->add_option("FILE", options.file, "cloud document; - is standard input")
+      ->type_name("")
+      ->required();
+  addConnection(*command, options);
+}
+
+void addApply(CLI::App& app, ApplyOptions& options) {
+  CLI::App* command = app.add_subcommand(
+      "apply",
+      "Make the regions of a live agent those of a cloud document, as one change. Other "
+      "regions stay.");
+  command->add_option("FILE", options.file, "cloud document; - is standard input")
+      ->type_name("")
+      ->required();
+  addRequestId(*command, options.requestId);
+  addFlag(*command, "--dry-run", options.dryRun, "only print what would change");
+  addConnection(*command, options);
+}
+
+void addWatch(CLI::App& app, WatchOptions& options) {
+  CLI::App* command =
+      app.add_subcommand("watch", "Follow a document of a live agent, also over restarts.");
+  command->add_option("--of", options.of, "the document: output or cloud")
+      ->type_name("DOCUMENT")
+      ->default_str("output")
+      ->check(CLI::IsMember({"output", "cloud"}));
+  command->add_option("--at", options.at, "only this place, a JSON Pointer; may be given again")
+      ->type_name("POINTER")
+      ->take_all()
+      ->allow_extra_args(false);
+  command->add_option("--since", options.since, "the event to go on after, its id or revision")
+      ->type_name("ID");
+  command->add_option("--count", options.count, "end after so many events")
+      ->type_name("N")
+      ->check(faultOfCount);
+  addConnection(*command, options);
+}
+
+void addWait(CLI::App& app, WaitOptions& options) {
+  CLI::App* command = app.add_subcommand(
+      "wait",
+      "Wait until the output of a live agent is that of a revision. Exit status 5 where it "
+      "is not in time.");
+  command->add_option("REVISION", options.revision, "the revision")
+      ->type_name("")
+      ->check(faultOfCount)
+      ->required();
+  addSeconds(*command, "--timeout", options.seconds, "how long to wait");
+  addConnection(*command, options);
+}
+
+void addLock(CLI::App& app, LockOptions& options) {
+  CLI::App* command = app.add_subcommand(
+      "lock", "Hold a region's lock while a command runs, or show who holds it.");
+  command->footer(kLockFooter);
+  command->add_option("REGION", options.region, "its name")->type_name("")->required();
+  command->add_option("COMMAND", options.command, "what to run, after --")->type_name("");
+  command->add_option("--requester", options.requester, "who asks [the host's name]")
+      ->type_name("NAME");
+  command->add_option("--request-id", options.requestId, "id of the request [a new one]")
+      ->type_name("ID");
+  addSeconds(*command, "--wait", options.wait, "how long to wait for the lock, at most 300");
+  addFlag(*command, "--sync", options.sync,
+          "sync around the command: start, heartbeats, and completion if it succeeds");
+  addFlag(*command, "--force", options.force, "free the lock, whoever holds it");
+  addConnection(*command, options);
+}
+
+void addTrace(CLI::App& app, TraceOptions& options) {
+  CLI::App* command =
+      app.add_subcommand("trace",
+                         "Show or set the trace level of a live agent, or follow its trace "
+                         "lines.");
+  command->add_option("--level", options.level, "set the level, 0 to 9")
+      ->type_name("LEVEL")
+      ->check(CLI::Range(0, 9));
+  addFlag(*command, "--tail", options.tail, "print trace lines as they come");
+  addConnection(*command, options);
+}
+
+// For the shells' completions; not in the help.
+void addComplete(CLI::App& app, CompleteOptions& options) {
+  CLI::App* command = app.add_subcommand("complete", "Print words for a shell's completion.");
+  command->group("");
+  command->add_option("WHAT", options.what)->required();
+  command->add_option("TEXT", options.text);
+  addConnection(*command, options);
+}
+
+ExitStatus statusOf(const RequestRefused& refused) {
+  switch (refused.status()) {
+    case 409:
+    case 412:
+    case 503:
+    case 504:
+      return ExitStatus::kNotYet;
+    default:
+      return ExitStatus::kRefused;
+  }
+}
+
+std::string holderOf(const RequestRefused& refused) {
+  const Json& holder = memberOf(refused.problem(), "holder");
+  if (!holder.is_object()) return {};
+  return fmt::format("; held by {} (request {})", textOf(memberOf(holder, "owner")),
+                     textOf(memberOf(holder, "requestId")));
+}
+
+ExitStatus reported(const std::function<ExitStatus()>& command) {
+  try {
+    return command();
+  } catch (const RequestRefused& refused) {
+    reportError(refused.what() + holderOf(refused));
+    return statusOf(refused);
+  } catch (const Unreachable& error) {
+    reportError(error.what());
+    return ExitStatus::kUnreadable;
+  } catch (const RejectedArgument& error) {
+    reportError(error.what());
+    return ExitStatus::kUsage;
+  }
+}
+
+}  // namespace
+
+struct ClientCommands::Options {
+  ShowOptions show;
+  GetOptions get;
+  PatchOptions patch;
+  ReplaceOptions replace;
+  ApplyOptions diff;
+  ApplyOptions apply;
+  WatchOptions watch;
+  WaitOptions wait;
+  LockOptions lock;
+  TraceOptions trace;
+  CompleteOptions complete;
+};
+
+ClientCommands::ClientCommands(CLI::App& app) : app_(app), options_(std::make_unique<Options>()) {
+  addShow(app, options_->show);
+  addGet(app, options_->get);
+  addPatch(app, options_->patch);
+  addReplace(app, options_->replace);
+  addDiff(app, options_->diff);
+  addApply(app, options_->apply);
+  addWatch(app, options_->watch);
+  addWait(app, options_->wait);
+  addLock(app, options_->lock);
+  addTrace(app, options_->trace);
+  addComplete(app, options_->complete);
+}
+
+ClientCommands::~ClientCommands() = default;
+
+std::optional<ExitStatus> ClientCommands::run() const {
+  const Options& of = *options_;
+  const std::pair<const char*, std::function<ExitStatus()>> commands[] = {
+      {"show", [&] { return show(of.show); }},
+      {"get", [&] { return get(of.get); }},
+      {"patch", [&] { return patch(of.patch); }},
+      {"replace", [&] { return replace(of.replace); }},
+      {"diff", [&] { return diff(of.diff); }},
+      {"apply", [&] { return apply(of.apply); }},
+      {"watch", [&] { return watch(of.watch); }},
+      {"wait", [&] { return wait(of.wait); }},
+      {"lock", [&] { return lock(of.lock); }},
+      {"trace", [&] { return trace(of.trace); }},
+      {"complete", [&] { return complete(of.complete); }},
+  };
+  for (const auto& [name, command] : commands) {
+    if (app_.got_subcommand(name)) return reported(command);
+  }
+  return std::nullopt;
+}
+
+}  // namespace vnagent

@@ -1,0 +1,87 @@
+#include "agent/live/fork.h"
+
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <string_view>
+#include <thread>
+#include <utility>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace vnagent {
+namespace {
+
+// Says that the text in front of it is all of it.
+constexpr char kEnd = '\x04';
+
+bool writeAll(int descriptor, std::string_view text) {
+  while (!text.empty()) {
+    const ssize_t written = ::write(descriptor, text.data(), text.size());
+    if (written < 0 && errno == EINTR) continue;
+    if (written <= 0) return false;
+    text.remove_prefix(static_cast<size_t>(written));
+  }
+  return true;
+}
+
+[[noreturn]] void runAsCopy(int descriptor, const std::function<std::string()>& run) {
+  bool written = false;
+  try {
+    std::string text = run();
+    text += kEnd;
+    written = writeAll(descriptor, text);
+  } catch (...) {
+    written = false;
+  }
+  ::_exit(written ? EXIT_SUCCESS : EXIT_FAILURE);
+}
+
+std::string readAll(int descriptor, pid_t child) {
+  std::string text;
+  std::array<char, size_t{1} << 16> buffer;
+  while (true) {
+    const ssize_t count = ::read(descriptor, buffer.data(), buffer.size());
+    if (count < 0 && errno == EINTR) continue;
+    if (count <= 0) break;
+    text.append(buffer.data(), static_cast<size_t>(count));
+  }
+  ::close(descriptor);
+  while (::waitpid(child, nullptr, 0) < 0 && errno == EINTR) {
+  }
+  if (text.empty() || text.back() != kEnd) return {};
+  text.pop_back();
+  return text;
+}
+
+}  // namespace
+
+void runInCopy(const std::function<std::string()>& run, std::function<void(std::string)> done,
+               const Post& post) {
+  std::array<int, 2> ends{};
+  if (::pipe(ends.data()) != 0) {
+    done({});
+    return;
+  }
+  const pid_t child = ::fork();
+  if (child == 0) {
+    ::close(ends[0]);
+    runAsCopy(ends[1], run);
+  }
+  ::close(ends[1]);
+  if (child < 0) {
+    ::close(ends[0]);
+    done({});
+  } else if (!post) {
+    done(readAll(ends[0], child));
+  } else {
+    std::thread([from = ends[0], child, post, done = std::move(done)]() mutable {
+      post([text = readAll(from, child), done = std::move(done)]() mutable {
+        done(std::move(text));
+      });
+    }).detach();
+  }
+}
+
+}  // namespace vnagent

@@ -1,0 +1,90 @@
+// What changed at each of the last revisions: what a watch is fed from, and resumes from.
+//
+// Differences that are small are kept in memory, others are read from the storage, where there is
+// one. Activity thread only.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "agent/live/delta.h"
+#include "agent/live/record.h"
+#include "agent/live/storage.h"
+
+namespace vnagent {
+
+enum class Document : uint8_t { kCloud, kOutput };
+
+class History {
+ public:
+  // How many revisions can be resumed from, at least.
+  static constexpr size_t kRevisions = 10'000;
+
+  // `storage` null: everything is kept in memory. It outlives the history.
+  explicit History(const Storage* storage) : storage_(storage) {}
+
+  // Starts before the first record: with revision 0, or with what was recovered.
+  void startIs(uint64_t revision, std::string check);
+
+  // Adds the record of the next revision.
+  void add(const Record& record);
+  // Forgets the revisions after this one, which never became durable.
+  void truncate(uint64_t revision);
+
+  // In a copy of the process: does not read the storage any more.
+  void detachFromStorage() { storage_ = nullptr; }
+
+  // The revisions that can be resumed from: first() to last().
+  uint64_t first() const { return first_; }
+  uint64_t last() const { return first_ + entries_.size(); }
+  // The check value of one of them.
+  const std::string& check(uint64_t revision) const;
+  // The sequence of its record; 0 of the first.
+  uint64_t sequence(uint64_t revision) const;
+
+  // What changed from one of them to a later one.
+  Delta between(Document document, uint64_t from, uint64_t to) const;
+
+  // The merge patch from one of them to a later one, as a text that all who ask for it share; "{}"
+  // for none.
+  std::shared_ptr<const std::string> patch(Document document, uint64_t from, uint64_t to) const;
+
+ private:
+  struct Difference {
+    std::shared_ptr<const std::string> forward;  // null: none
+    std::string backward;
+  };
+  struct Entry {
+    uint64_t sequence;
+    std::string check;
+    bool stored = false;  // is to be read from the storage
+    Difference cloud;
+    Difference output;
+
+    const Difference& of(Document document) const {
+      return document == Document::kCloud ? cloud : output;
+    }
+  };
+  // The last patches that were put together from several revisions.
+  struct Merged {
+    Document document;
+    uint64_t from;
+    uint64_t to;
+    std::shared_ptr<const std::string> patch;
+  };
+
+  const Entry& entry(uint64_t revision) const { return entries_[revision - first_ - 1]; }
+  Delta deltaOf(Document document, uint64_t revision) const;
+
+  const Storage* storage_;
+  uint64_t first_ = 0;
+  std::string firstCheck_{kFirstCheck};
+  std::deque<Entry> entries_;  // of first_ + 1, ...
+  mutable std::deque<Merged> merged_;
+};
+
+}  // namespace vnagent

@@ -1,0 +1,252 @@
+#include "agent/live/open_api.h"
+
+#include <initializer_list>
+#include <string>
+
+#include "agent/json/json_writer.h"
+
+namespace vnagent {
+namespace {
+
+struct Parameter {
+  std::string_view name;
+  std::string_view in;    // "path", "query", "header"
+  std::string_view type;  // of JSON Schema
+  std::string_view about;
+};
+
+constexpr Parameter kPlace{"place", "path", "string",
+                           "Names that lead to a place, percent-encoded, one path segment each."};
+constexpr Parameter kPath{"path", "path", "string", "Names that lead to a part of the machines."};
+constexpr Parameter kName{"name", "path", "string", "The name of a region."};
+constexpr Parameter kAt{"at", "query", "string", "The place as a JSON Pointer."};
+constexpr Parameter kDryRun{"dry-run", "query", "boolean", "Whether nothing is to be changed."};
+constexpr Parameter kIfMatch{"If-Match", "header", "string", "ETags that the place may have."};
+constexpr Parameter kIfNoneMatch{"If-None-Match", "header", "string",
+                                 "ETags that the place may not have."};
+constexpr Parameter kSyncId{"Sync-Request-Id", "header", "string",
+                            "The request id that holds the lock."};
+constexpr Parameter kKey{"Idempotency-Key", "header", "string",
+                         "1 to 64 characters; a repeated request is answered as the first was."};
+constexpr Parameter kWait{"wait", "query", "integer", "Waits for this revision."};
+constexpr Parameter kTimeout{"timeout", "query", "number", "How long, 0 to 300 s; else 30."};
+constexpr Parameter kOf{"of", "query", "string", "output, or cloud."};
+constexpr Parameter kSince{"since", "query", "string", "The id of the last event that was seen."};
+constexpr Parameter kLastEvent{"Last-Event-ID", "header", "string", "Stands for since."};
+constexpr Parameter kForce{"force", "query", "boolean", "Whoever holds it; administrators only."};
+
+struct Operation {
+  std::string_view path;
+  std::string_view method;
+  std::string_view summary;
+  std::initializer_list<Parameter> parameters;
+  std::string_view takes;  // media type of the body; empty: none
+  std::string_view gives;  // of the reply
+  std::initializer_list<unsigned> statuses;
+};
+
+constexpr std::string_view kJson = "application/json";
+constexpr std::string_view kPatch = "application/merge-patch+json";
+constexpr std::string_view kEvents = "text/event-stream";
+constexpr std::string_view kText = "text/plain";
+
+const std::initializer_list<Operation>& operations() {
+  static const std::initializer_list<Operation> kOperations{
+      {"/v1", "get", "Who is there", {}, "", kJson, {200}},
+      {"/v1/cloud",
+       "get",
+       "The cloud document",
+       {kAt, kIfMatch, kIfNoneMatch},
+       "",
+       kJson,
+       {200, 304, 404, 412}},
+      {"/v1/cloud",
+       "patch",
+       "Merges a patch into the document",
+       {kAt, kDryRun, kIfMatch, kIfNoneMatch, kSyncId, kKey},
+       kPatch,
+       kJson,
+       {200, 409, 412, 413, 415, 422, 428, 507}},
+      {"/v1/cloud/{place}",
+       "get",
+       "A place of the cloud document",
+       {kPlace, kIfMatch, kIfNoneMatch},
+       "",
+       kJson,
+       {200, 304, 404, 412}},
+      {"/v1/cloud/{place}",
+       "patch",
+       "Merges a patch at a place",
+       {kPlace, kDryRun, kIfMatch, kIfNoneMatch, kSyncId, kKey},
+       kPatch,
+       kJson,
+       {200, 409, 412, 413, 415, 422, 428, 507}},
+      {"/v1/cloud/{place}",
+       "delete",
+       "Takes a member out",
+       {kPlace, kDryRun, kIfMatch, kIfNoneMatch, kSyncId, kKey},
+       "",
+       kJson,
+       {200, 404, 409, 412, 422, 428, 507}},
+      {"/v1/cloud/region/{name}",
+       "put",
+       "Lets a region be exactly the body",
+       {kName, kDryRun, kIfMatch, kIfNoneMatch, kSyncId, kKey},
+       kJson,
+       kJson,
+       {200, 201, 409, 412, 413, 415, 422, 428, 507}},
+      {"/v1/output",
+       "get",
+       "The output document",
+       {kAt, kWait, kTimeout, kIfMatch, kIfNoneMatch},
+       "",
+       kJson,
+       {200, 304, 404, 412, 504}},
+      {"/v1/output/{place}",
+       "get",
+       "A place of the output document",
+       {kPlace, kWait, kTimeout, kIfMatch, kIfNoneMatch},
+       "",
+       kJson,
+       {200, 304, 404, 412, 504}},
+      {"/v1/batch",
+       "post",
+       "Patches on the whole document, each by itself",
+       {kDryRun, kSyncId, kKey},
+       kJson,
+       kJson,
+       {200, 413, 415, 507}},
+      {"/v1/region/{name}/sync",
+       "get",
+       "The sync status of a region",
+       {kName},
+       "",
+       kJson,
+       {200, 404}},
+      {"/v1/region/{name}/sync/lock",
+       "post",
+       "Asks for the lock of a region",
+       {kName, kKey},
+       kJson,
+       kJson,
+       {200, 404, 409, 415, 422, 507}},
+      {"/v1/region/{name}/sync/lock",
+       "delete",
+       "Gives the lock back",
+       {kName, kForce, kSyncId, kKey},
+       "",
+       kJson,
+       {200, 404, 409, 428, 507}},
+      {"/v1/region/{name}/sync/start",
+       "post",
+       "Starts a sync",
+       {kName, kSyncId, kKey},
+       "",
+       kJson,
+       {200, 404, 409, 428, 507}},
+      {"/v1/region/{name}/sync/heartbeat",
+       "post",
+       "Says that the sync goes on",
+       {kName, kSyncId, kKey},
+       "",
+       kJson,
+       {200, 404, 409, 428, 507}},
+      {"/v1/region/{name}/sync/complete",
+       "post",
+       "Completes a sync",
+       {kName, kSyncId, kKey},
+       "",
+       kJson,
+       {200, 404, 409, 428, 507}},
+      {"/v1/watch",
+       "get",
+       "A document and its changes, as Server-Sent Events",
+       {kOf, kAt, kSince, kLastEvent},
+       "",
+       kEvents,
+       {200, 410, 503}},
+      {"/v1/inspect", "get", "The root machine", {}, "", kJson, {200}},
+      {"/v1/inspect/{path}", "get", "A part of the machines", {kPath}, "", kJson, {200, 404}},
+      {"/v1/trace", "get", "The trace level", {}, "", kJson, {200}},
+      {"/v1/trace", "put", "Sets the trace level", {}, kJson, kJson, {200, 415}},
+      {"/v1/trace/tail", "get", "Trace lines, as Server-Sent Events", {}, "", kEvents, {200}},
+      {"/healthz", "get", "Whether the process answers", {}, "", kText, {200, 503}},
+      {"/readyz",
+       "get",
+       "Whether it is restored, and changes can be stored",
+       {},
+       "",
+       kText,
+       {200, 503}},
+      {"/metrics", "get", "Figures for Prometheus", {}, "", kText, {200}},
+      {"/openapi.json", "get", "This document", {}, "", kJson, {200}},
+  };
+  return kOperations;
+}
+
+void writeParameter(const Parameter& parameter, JsonWriter& json) {
+  json.open('{').key("name").text(parameter.name).key("in").text(parameter.in);
+  if (parameter.in == "path") json.key("required").boolean(true);
+  json.key("description").text(parameter.about);
+  json.key("schema").open('{').key("type").text(parameter.type).close('}').close('}');
+}
+
+void writeContent(std::string_view type, JsonWriter& json) {
+  json.key("content").open('{').key(type).open('{').close('}').close('}');
+}
+
+void writeOperation(const Operation& operation, JsonWriter& json) {
+  const bool isOpen = operation.path == "/healthz" || operation.path == "/readyz";
+  json.key(operation.method).open('{').key("summary").text(operation.summary);
+  if (operation.parameters.size() > 0) {
+    json.key("parameters").open('[');
+    for (const Parameter& parameter : operation.parameters) writeParameter(parameter, json);
+    json.close(']');
+  }
+  if (!operation.takes.empty()) {
+    json.key("requestBody").open('{').key("required").boolean(true);
+    writeContent(operation.takes, json);
+    json.close('}');
+  }
+  json.key("responses").open('{');
+  const auto write = [&](unsigned status) {
+    json.key(std::to_string(status)).open('{');
+    const bool succeeds = status < 300;
+    json.key("description").text(status == 304 ? "Not modified" : succeeds ? "Done" : "Refused");
+    if (status != 304) writeContent(succeeds ? operation.gives : "application/problem+json", json);
+    json.close('}');
+  };
+  for (const unsigned status : operation.statuses) write(status);
+  if (!isOpen) {
+    for (const unsigned status : {400U, 401U, 403U, 405U, 406U}) write(status);
+  }
+  json.close('}').close('}');
+}
+
+std::string made() {
+  std::string text;
+  JsonWriter json(text, JsonWriter::Style::kOneLine);
+  json.open('{').key("openapi").text("3.0.3").key("info").open('{');
+  json.key("title").text("vnagent").key("version").text("1").close('}');
+  json.key("paths").open('{');
+  std::string_view path;
+  for (const Operation& operation : operations()) {
+    if (operation.path != path) {
+      if (!path.empty()) json.close('}');
+      path = operation.path;
+      json.key(path).open('{');
+    }
+    writeOperation(operation, json);
+  }
+  json.close('}').close('}').close('}');
+  return text;
+}
+
+}  // namespace
+
+std::string_view openApi() {
+  static const std::string kDocument = made();
+  return kDocument;
+}
+
+}  // namespace vnagent
