@@ -2,6 +2,7 @@
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
@@ -92,21 +93,77 @@ class Heartbeats {
   std::thread thread_;
 };
 
+// The command that runs, for the signal handler; 0 for none.
+volatile sig_atomic_t runningCommand = 0;
+// A signal that came before the command was known; 0 for none.
+volatile sig_atomic_t earlySignal = 0;
+
+void passOn(int signal) {
+  if (runningCommand != 0) {
+    kill(runningCommand, signal);
+  } else {
+    earlySignal = signal;
+  }
+}
+
+// While a command runs, signals end the command and not its parent, which has a lock to free: the
+// terminal sends its own to both, and a request to terminate is passed on.
+class SignalsOfCommand {
+ public:
+  SignalsOfCommand() {
+    interrupt_ = std::signal(SIGINT, SIG_IGN);
+    quit_ = std::signal(SIGQUIT, SIG_IGN);
+    terminate_ = std::signal(SIGTERM, passOn);
+  }
+  ~SignalsOfCommand() {
+    std::signal(SIGINT, interrupt_);
+    std::signal(SIGQUIT, quit_);
+    std::signal(SIGTERM, terminate_);
+  }
+  SignalsOfCommand(const SignalsOfCommand&) = delete;
+  SignalsOfCommand& operator=(const SignalsOfCommand&) = delete;
+
+ private:
+  using Handler = void (*)(int);
+  Handler interrupt_;
+  Handler quit_;
+  Handler terminate_;
+};
+
+// Starts a program with the default handling of signals; returns an error of the system, or 0.
+int spawn(const std::vector<std::string>& words, pid_t& child) {
+  std::vector<char*> arguments;
+  for (const std::string& word : words) arguments.push_back(const_cast<char*>(word.c_str()));
+  arguments.push_back(nullptr);
+  posix_spawnattr_t attributes;
+  posix_spawnattr_init(&attributes);
+  sigset_t defaults;
+  sigemptyset(&defaults);
+  for (const int signal : {SIGINT, SIGQUIT, SIGTERM}) sigaddset(&defaults, signal);
+  posix_spawnattr_setsigdefault(&attributes, &defaults);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
+  const int error =
+      posix_spawnp(&child, arguments.front(), nullptr, &attributes, arguments.data(), environ);
+  posix_spawnattr_destroy(&attributes);
+  return error;
+}
+
 // Runs a command that finds the request id in its environment; returns its exit status, as a shell
 // gives it.
 int runCommand(const std::vector<std::string>& words, const std::string& requestId) {
   setenv("VNAGENT_REQUEST_ID", requestId.c_str(), 1);
-  std::vector<char*> arguments;
-  for (const std::string& word : words) arguments.push_back(const_cast<char*>(word.c_str()));
-  arguments.push_back(nullptr);
+  const SignalsOfCommand signals;
   pid_t child = 0;
-  const int error =
-      posix_spawnp(&child, arguments.front(), nullptr, nullptr, arguments.data(), environ);
-  if (error != 0) throw RejectedArgument(words.front() + ": " + std::strerror(error));
+  if (const int error = spawn(words, child); error != 0) {
+    throw RejectedArgument(words.front() + ": " + std::strerror(error));
+  }
+  runningCommand = child;
+  if (earlySignal != 0) kill(child, earlySignal);
   int status = 0;
   while (waitpid(child, &status, 0) < 0) {
     if (errno != EINTR) throw std::runtime_error("cannot wait for the command");
   }
+  runningCommand = 0;
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 

@@ -11,6 +11,8 @@ namespace {
 
 // The agent sends an event at least every 15 seconds.
 constexpr double kSilence = 40;
+// Trace lines may be far apart.
+constexpr double kNoLimit = 1e6;
 constexpr double kFirstPause = 0.1;
 constexpr double kLongestPause = 5;
 
@@ -142,6 +144,7 @@ Reading LiveAgent::read(std::string target) const {
 
 void LiveAgent::follow(const Following& following,
                        const std::function<bool(const LiveEvent&)>& take) const {
+  const double silence = following.resumes ? kSilence : kNoLimit;
   std::string last = following.since;
   double pause = kFirstPause;
   double reached = steadySeconds();
@@ -153,13 +156,13 @@ void LiveAgent::follow(const Following& following,
       if (stream->response().status != 200) throw RequestRefused(stream->response());
       EventReader reader;
       bool isWanted = true;
-      for (std::string bytes = stream->read(kSilence); !bytes.empty() && isWanted;) {
+      for (std::string bytes = stream->read(silence); !bytes.empty() && isWanted;) {
         pause = kFirstPause;
         reader.feed(bytes, [&](const LiveEvent& event) {
           if (!event.id.empty()) last = event.id;
           isWanted = isWanted && take(event);
         });
-        if (isWanted) bytes = stream->read(kSilence);
+        if (isWanted) bytes = stream->read(silence);
         reached = steadySeconds();
       }
       if (!isWanted || !following.resumes) return;

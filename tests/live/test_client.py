@@ -241,6 +241,17 @@ class Locking(CommandTest):
         self.run_command("lock", "R", "--", "/nowhere/command", status=2)
         self.assertEqual(self.client.sync("R")["owner"], "")
 
+    def test_a_signal_ends_the_command_and_frees_the_lock(self) -> None:
+        started = self.agent.folder / "started"
+        holder = subprocess.Popen([program(), "lock", "R", "--socket", self.agent.socket, "--",
+                                   "sh", "-c", f"touch {started}; exec sleep 1000"])
+        self.addCleanup(holder.kill)
+        poll(started.exists, "the command runs")
+        self.assertTrue(self.client.sync("R")["owner"])
+        holder.terminate()
+        self.assertEqual(holder.wait(DEADLINE), 128 + 15)
+        self.assertEqual(self.client.sync("R")["owner"], "")
+
     def test_another_holds_it(self) -> None:
         self.ok(self.client.lock("R", "somebody", "r1"))
         result = self.run_command("lock", "R", "--wait", "0", "--", "true", status=5)
