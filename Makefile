@@ -1,7 +1,9 @@
 # `make run` and `make test` are the two commands of the README; `make` alone builds the release. Each
 # command installs what it needs, configures, builds and runs, on a fresh Debian 12 with git and make.
 
-.PHONY: all build configure dependencies run test sim fuzz bench bench-quick coverage mutation docs \
+# `make serve` starts a live agent.
+
+.PHONY: all build configure dependencies run serve test sim fuzz bench bench-quick coverage mutation docs \
   packages clean
 
 all: build
@@ -18,6 +20,10 @@ dependencies:
 
 run: build
 	examples/run build/release/bin/vnagent
+
+# A live agent in the foreground, with the example cloud.
+serve: build
+	examples/serve build/release/bin/vnagent build/vnagent.sock
 
 test: configure
 	cmake --build --preset release

@@ -6,6 +6,7 @@
 #   share/doc/OpenStackSm/  the licence, the pages for embedders, the example host agent
 #   share/doc/vnagent/      the page about the cloud document
 #   bin/vnagent             with its man page and the completions of three shells
+#   lib/systemd/system/     the unit of the live agent; lib/sysusers.d/ has its user
 #
 # Components: `library` has what a program needs at run time, `development` what is needed to build
 # one, `agent` the program.
@@ -98,4 +99,11 @@ if(OPENSTACKSM_AGENT)
     DESTINATION ${OPENSTACKSM_ZSH_COMPLETIONS} COMPONENT agent)
   install(FILES ${CMAKE_CURRENT_LIST_DIR}/completions/vnagent.fish
     DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d COMPONENT agent)
+  # Not in a folder of the architecture: systemd reads these.
+  configure_file(${CMAKE_CURRENT_LIST_DIR}/service/vnagent.service.in
+    ${PROJECT_BINARY_DIR}/packaging/vnagent.service @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/packaging/vnagent.service
+    DESTINATION lib/systemd/system COMPONENT agent)
+  install(FILES ${CMAKE_CURRENT_LIST_DIR}/service/vnagent.sysusers RENAME vnagent.conf
+    DESTINATION lib/sysusers.d COMPONENT agent)
 endif()

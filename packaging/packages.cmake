@@ -47,13 +47,19 @@ an example host agent.")
 
 set(CPACK_DEBIAN_AGENT_PACKAGE_NAME vnagent)
 set(CPACK_DEBIAN_AGENT_PACKAGE_SECTION net)
-set(CPACK_DEBIAN_AGENT_PACKAGE_DEPENDS ${same_version})
+set(CPACK_DEBIAN_AGENT_PACKAGE_DEPENDS
+  "${same_version}, init-system-helpers, systemd | systemd-standalone-sysusers")
+set(CPACK_DEBIAN_AGENT_PACKAGE_CONTROL_EXTRA
+  ${CMAKE_CURRENT_LIST_DIR}/service/postinst ${CMAKE_CURRENT_LIST_DIR}/service/prerm
+  ${CMAKE_CURRENT_LIST_DIR}/service/postrm)
+set(CPACK_DEBIAN_AGENT_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_COMPONENT_AGENT_DESCRIPTION
   "host agent that shows what a cloud asks of a network switch
 vnagent mirrors a document of an OpenStack cloud into live entities, plays
 changes on it, and prints which VLANs and VNIs each host and switch
 interface needs, who needs them, and how the synchronisation of each region
-stands.")
+stands. As a service it keeps the cloud up to date over HTTP, on a Unix socket
+or TCP, and its state on the disk.")
 
 # Debian policy: each package brings its copyright file.
 foreach(component library development agent)

@@ -14,6 +14,7 @@
 #include "agent/cli/commands.h"
 #include "agent/cli/input_file.h"
 #include "agent/cli/nearest_word.h"
+#include "agent/cli/serve.h"
 #include "agent/document/vocabulary.h"
 #include "agent/journal/journal_error.h"
 
@@ -405,6 +406,8 @@ int runCommandLine(int argc, char** argv, const Finished& finished) {
   addSchema(app, schemaOptions);
   addJournal(app, journalOptions);
   const ClientCommands client(app);
+  ServeArguments serveArguments;
+  addServe(app, serveArguments);
   try {
     app.parse(argc, argv);
     checkInputs(runOptions.cloud, runOptions.events);
@@ -423,6 +426,7 @@ int runCommandLine(int argc, char** argv, const Finished& finished) {
   const ExitStatus status = guarded([&] {
     if (app.got_subcommand("run")) return run(runOptions, finished);
     if (app.got_subcommand("check")) return check(checkOptions);
+    if (app.got_subcommand("serve")) return serve(serveArguments);
     if (app.got_subcommand("schema")) return printSchema(schemaOptions);
     if (app.got_subcommand("journal")) return journal(journalOptions);
     if (const auto clientStatus = client.run()) return *clientStatus;

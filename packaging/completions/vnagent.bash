@@ -5,17 +5,19 @@ _vnagent() {
   COMPREPLY=()
   for ((i = 1; i < COMP_CWORD; ++i)); do
     case ${COMP_WORDS[i]} in
-      run | check | import-neutron | schema | show | get | patch | replace | diff | apply | watch | wait | lock | trace) command=${COMP_WORDS[i]} && break ;;
+      run | check | import-neutron | schema | show | get | patch | replace | diff | apply | watch | wait | lock | trace | serve) command=${COMP_WORDS[i]} && break ;;
     esac
   done
 
   case $previous in
-    --events | --trace-file | --socket | --token-file | --ca) compopt -o filenames && mapfile -t COMPREPLY < <(compgen -f -- "$word") && return ;;
+    --events | --trace-file | --socket | --token-file | --ca | --config | --tls-cert | --tls-key | --client-ca | --tokens | --state-dir | --cloud) compopt -o filenames && mapfile -t COMPREPLY < <(compgen -f -- "$word") && return ;;
     --toggle) mapfile -t COMPREPLY < <(compgen -W 'on off' -- "$word") && return ;;
+    --socket-role) mapfile -t COMPREPLY < <(compgen -W 'read write admin' -- "$word") && return ;;
     --format) mapfile -t COMPREPLY < <(compgen -W 'tree json' -- "$word") && return ;;
     --trace | --level) mapfile -t COMPREPLY < <(compgen -W '0 1 2 3 4 5 6 7 8 9' -- "$word") && return ;;
     --of) mapfile -t COMPREPLY < <(compgen -W 'output cloud' -- "$word") && return ;;
     --region | --region-sync-timeout | --inspect | --max-input) return ;;
+    --listen | --keep-seconds | --keep-revisions | --max-body | --max-connections) return ;;
     --url | --deadline | --at | --if-match | --request-id | --key | --since | --count | --timeout | --requester | --wait) return ;;
   esac
 
@@ -35,9 +37,10 @@ _vnagent() {
     wait) words='--help --timeout --socket --url --token-file --ca --deadline --json' ;;
     lock) words='--help --requester --request-id --wait --sync --force --socket --url --token-file --ca --deadline --json' ;;
     trace) words='--help --level --tail --socket --url --token-file --ca --deadline --json' ;;
-    *) words='run check import-neutron schema show get patch replace diff apply watch wait lock trace --help --version' ;;
+    serve) words='--help --config --socket --socket-role --listen --tls-cert --tls-key --client-ca --tokens --state-dir --keep-seconds --keep-revisions --require-lock --max-body --max-connections --region-sync-timeout --toggle --cloud' ;;
+    *) words='run check import-neutron schema serve show get patch replace diff apply watch wait lock trace --help --version' ;;
   esac
-  if [[ -z $command || $word == -* ]]; then
+  if [[ -z $command || $command == serve || $word == -* ]]; then
     mapfile -t COMPREPLY < <(compgen -W "$words" -- "$word")
   elif [[ $command == schema ]]; then
     mapfile -t COMPREPLY < <(compgen -W 'cloud output' -- "$word")

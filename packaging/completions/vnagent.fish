@@ -1,6 +1,6 @@
 # Completion of vnagent's command line for fish.
 
-set -l commands run check import-neutron schema show get patch replace diff apply watch wait lock trace
+set -l commands run check import-neutron schema serve show get patch replace diff apply watch wait lock trace
 
 complete -c vnagent -n "not __fish_seen_subcommand_from $commands" -f
 complete -c vnagent -n "not __fish_seen_subcommand_from $commands" -a run -d "Load a cloud, apply events, print what the switch must provide"
@@ -17,6 +17,7 @@ complete -c vnagent -n "not __fish_seen_subcommand_from $commands" -a watch -d "
 complete -c vnagent -n "not __fish_seen_subcommand_from $commands" -a wait -d "Wait for a revision"
 complete -c vnagent -n "not __fish_seen_subcommand_from $commands" -a lock -d "Hold a region's lock while a command runs"
 complete -c vnagent -n "not __fish_seen_subcommand_from $commands" -a trace -d "Show or set the trace level"
+complete -c vnagent -n "not __fish_seen_subcommand_from $commands" -a serve -d "Keep a cloud up to date for as long as it runs"
 complete -c vnagent -n "not __fish_seen_subcommand_from $commands" -l version -d "Print the version"
 complete -c vnagent -s h -l help -d "Say what the command does"
 
@@ -140,3 +141,20 @@ complete -c vnagent -n "__fish_seen_subcommand_from trace" -l ca -r -d "Certific
 complete -c vnagent -n "__fish_seen_subcommand_from trace" -l deadline -x -d "Longest time for an answer"
 complete -c vnagent -n "__fish_seen_subcommand_from trace" -l json -d "Print one line of JSON"
 complete -c vnagent -n "__fish_seen_subcommand_from trace" -f
+complete -c vnagent -n "__fish_seen_subcommand_from serve" -l config -r -d "A file with options"
+complete -c vnagent -n "__fish_seen_subcommand_from serve" -l socket -r -d "The Unix socket to listen on"
+complete -c vnagent -n "__fish_seen_subcommand_from serve" -l socket-role -x -a "read write admin" -d "What the users of the Unix socket may do"
+complete -c vnagent -n "__fish_seen_subcommand_from serve" -l listen -x -d "Listen on this address and port too"
+complete -c vnagent -n "__fish_seen_subcommand_from serve" -l tls-cert -r -d "The certificate"
+complete -c vnagent -n "__fish_seen_subcommand_from serve" -l tls-key -r -d "The private key of the certificate"
+complete -c vnagent -n "__fish_seen_subcommand_from serve" -l client-ca -r -d "The authority of client certificates"
+complete -c vnagent -n "__fish_seen_subcommand_from serve" -l tokens -r -d "The token file"
+complete -c vnagent -n "__fish_seen_subcommand_from serve" -l state-dir -x -a "(__fish_complete_directories)" -d "Keep the state in this folder"
+complete -c vnagent -n "__fish_seen_subcommand_from serve" -l keep-seconds -x -d "How long the history is kept"
+complete -c vnagent -n "__fish_seen_subcommand_from serve" -l keep-revisions -x -d "How many revisions of history are kept"
+complete -c vnagent -n "__fish_seen_subcommand_from serve" -l require-lock -d "Refuse changes of a region without its lock"
+complete -c vnagent -n "__fish_seen_subcommand_from serve" -l max-body -x -d "The largest body of a request"
+complete -c vnagent -n "__fish_seen_subcommand_from serve" -l max-connections -x -d "How many connections are served at once"
+complete -c vnagent -n "__fish_seen_subcommand_from serve" -l region-sync-timeout -x -d "Region sync timeout to start with"
+complete -c vnagent -n "__fish_seen_subcommand_from serve" -l toggle -x -a "on off" -d "Publish switch ports or network elements"
+complete -c vnagent -n "__fish_seen_subcommand_from serve" -l cloud -r -d "The cloud document to start with"

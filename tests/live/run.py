@@ -15,7 +15,7 @@ from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
 HERE = Path(__file__).resolve().parent
-FOLDERS = [HERE / "api", HERE]
+FOLDERS = [HERE / "api", HERE / "server", HERE]
 
 
 def classes(folder: Path) -> dict[tuple[Path, str], float]:

@@ -60,6 +60,38 @@ for file in share/man/man1/vnagent.1.gz share/bash-completion/completions/vnagen
     fail "/usr/$file is not there"
 done
 
+echo "-- service"
+unit=/usr/lib/systemd/system/vnagent.service
+systemd-analyze security --offline=true --threshold=20 "$unit" >/dev/null ||
+  fail "the service's exposure is more than 2.0: $(systemd-analyze security --offline=true "$unit" |
+    tail -1)"
+[ "$(getent passwd vnagent | cut -d: -f6)" = /var/lib/vnagent ] || fail "there is no user vnagent"
+# As the unit starts it, but by hand: systemd does not run in containers.
+"${as_root[@]}" install -d -o vnagent -g vnagent -m 755 /run/vnagent
+"${as_root[@]}" install -d -o vnagent -g vnagent -m 700 /var/lib/vnagent
+"${as_root[@]}" setpriv --reuid vnagent --regid vnagent --init-groups \
+  vnagent serve --state-dir /var/lib/vnagent &
+service=$!
+ready=$("${as_root[@]}" python3 - /run/vnagent/vnagent.sock <<'PYTHON'
+import socket, sys, time
+reply, end = b"", time.monotonic() + 60
+while not reply.startswith(b"HTTP/1.1 200 ") and time.monotonic() < end:
+    try:
+        with socket.socket(socket.AF_UNIX) as connection:
+            connection.connect(sys.argv[1])
+            connection.sendall(b"GET /readyz HTTP/1.1\r\nHost: a\r\nConnection: close\r\n\r\n")
+            reply = connection.recv(65536)
+    except OSError:
+        time.sleep(0.05)
+print(reply.split(b"\r\n")[0].decode())
+PYTHON
+)
+[ "$ready" = "HTTP/1.1 200 OK" ] || fail "the service is not ready: $ready"
+# setpriv becomes the agent, and sudo passes signals on.
+"${as_root[@]}" kill "$service"
+wait "$service" || fail "the service ends with $?"
+"${as_root[@]}" test -f /var/lib/vnagent/journal.db || fail "the service keeps no state"
+
 echo "-- pages"
 pages=/usr/share/doc/libopenstacksm-dev
 if [ -d "$pages" ]; then
