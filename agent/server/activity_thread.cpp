@@ -20,17 +20,17 @@ int64_t steadyNanoseconds() {
 }  // namespace
 
 ActivityThread::ActivityThread()
-    : work_(context_.get_executor()), timer_(context_), turned_(steadyNanoseconds()) {}
+    : work_(context_->get_executor()), timer_(*context_), turned_(steadyNanoseconds()) {}
 
 ActivityThread::~ActivityThread() {
   finish();
 }
 
 void ActivityThread::start() {
-  boost::asio::post(context_, [this] { beat(); });
+  boost::asio::post(*context_, [this] { beat(); });
   thread_ = std::thread([this] {
     try {
-      context_.run();
+      context_->run();
     } catch (const std::exception& error) {
       std::fprintf(stderr, "vnagent: error: internal error: %s\n", error.what());
       std::_Exit(1);
@@ -40,7 +40,7 @@ void ActivityThread::start() {
 
 void ActivityThread::run(const std::function<void()>& task) {
   std::promise<void> done;
-  boost::asio::post(context_, [&] {
+  boost::asio::post(*context_, [&] {
     task();
     done.set_value();
   });
@@ -53,7 +53,7 @@ std::chrono::nanoseconds ActivityThread::sinceTurn() const {
 
 void ActivityThread::finish() {
   if (!thread_.joinable()) return;
-  boost::asio::post(context_, [this] {
+  boost::asio::post(*context_, [this] {
     timer_.cancel();
     onBeat_ = nullptr;
     work_.reset();

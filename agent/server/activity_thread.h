@@ -13,6 +13,7 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <thread>
 
 #include <boost/asio/executor_work_guard.hpp>
@@ -32,7 +33,9 @@ class ActivityThread {
   void onBeatIs(std::function<void()> onBeat) { onBeat_ = std::move(onBeat); }
 
   void start();
-  boost::asio::io_context& context() { return context_; }
+  boost::asio::io_context& context() { return *context_; }
+  // For who may post when the thread has ended: that is dropped.
+  std::shared_ptr<boost::asio::io_context> sharedContext() { return context_; }
 
   // Runs a task on the thread and waits for its end. Not from the thread itself.
   void run(const std::function<void()>& task);
@@ -47,7 +50,8 @@ class ActivityThread {
  private:
   void beat();
 
-  boost::asio::io_context context_{1};
+  const std::shared_ptr<boost::asio::io_context> context_ =
+      std::make_shared<boost::asio::io_context>(1);
   boost::asio::executor_work_guard<boost::asio::io_context::executor_type> work_;
   boost::asio::steady_timer timer_;
   std::function<void()> onBeat_;

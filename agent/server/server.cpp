@@ -165,13 +165,13 @@ class Server {
   // Opens the journal and makes the service. Activity thread.
   void restore() {
     try {
-      ServiceSettings settings{.toggle = options_.toggle,
-                               .regionSyncTimeout = options_.regionSyncTimeout,
-                               .requireLock = options_.requireLock,
-                               .version = settings_.version,
-                               .observer = &observers_,
-                               .metrics = [this] { return metricsPage(); },
-                               .post = {}};  // the host's
+      ServiceSettings settings;
+      settings.toggle = options_.toggle;
+      settings.regionSyncTimeout = options_.regionSyncTimeout;
+      settings.requireLock = options_.requireLock;
+      settings.version = settings_.version;
+      settings.observer = &observers_;
+      settings.metrics = [this] { return metricsPage(); };
       Recovered recovered;
       if (options_.stateDirectory.empty()) {
         log_.warning("everything is in memory only and ends with the process; see --state-dir");
@@ -179,7 +179,7 @@ class Server {
         openJournal();
         recovered = journal_->recover();
       }
-      service_ = std::make_unique<ServiceHost>(activity_.context(), settings,
+      service_ = std::make_unique<ServiceHost>(activity_, std::move(settings),
                                                journal_ ? &journal_->storage() : nullptr,
                                                std::move(recovered));
       isRestored_ = true;
@@ -207,7 +207,7 @@ class Server {
           isNoSpace ? "no space is left on the disk" : "the disk cannot be written";
       boost::asio::post(activity_.context(), [this, sequence, why] {
         readiness_.notReady(why);
-        if (service_) service_->storageFailed(sequence, why);
+        if (service_) service_->storageFailed(sequence);
       });
     };
     callbacks.writable = [this] {

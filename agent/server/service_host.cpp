@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
-#include <functional>
 #include <utility>
 
 #include <boost/asio/post.hpp>
@@ -16,27 +15,55 @@ constexpr double kLongestSleep = 86'400;
 
 }  // namespace
 
-ServiceHost::ServiceHost(boost::asio::io_context& activity, const ServiceSettings& settings,
-                         Storage* storage, Recovered recovered)
-    : service_(posting(activity, settings), clock_, storage, std::move(recovered)),
-      timer_(activity) {
+// A stream of the service. What it gives out moves the time of its next bookmark.
+class ServiceHost::HostedStream final : public EventStream {
+ public:
+  HostedStream(std::weak_ptr<ServiceHost*> host, std::unique_ptr<EventStream> stream)
+      : host_(std::move(host)), stream_(std::move(stream)) {
+    stream_->readyIs([this] { notify(); });
+  }
+
+  std::shared_ptr<const std::string> next() override {
+    auto bytes = stream_->next();
+    if (const auto host = host_.lock()) (*host)->update();
+    return bytes;
+  }
+  bool ended() const override { return stream_->ended(); }
+
+ private:
+  const std::weak_ptr<ServiceHost*> host_;
+  const std::unique_ptr<EventStream> stream_;
+};
+
+ServiceHost::ServiceHost(ActivityThread& activity, ServiceSettings settings, Storage* storage,
+                         Recovered recovered)
+    : service_((settings.post = poster(activity), settings), clock_, storage, std::move(recovered)),
+      timer_(activity.context()) {
   update();
 }
 
 ServiceHost::~ServiceHost() = default;
 
-ServiceSettings ServiceHost::posting(boost::asio::io_context& activity, ServiceSettings settings) {
-  settings.post = [&activity, self = std::weak_ptr(self_)](std::function<void()> task) {
-    boost::asio::post(activity, [self, task = std::move(task)] {
+Post ServiceHost::poster(ActivityThread& activity) {
+  return [context = activity.sharedContext(),
+          weak = std::weak_ptr(self_)](std::function<void()> task) {
+    boost::asio::post(*context, [weak, task = std::move(task)] {
+      const auto self = weak.lock();
+      if (!self) return;
       task();
-      if (const auto host = self.lock()) (*host)->update();
+      (*self)->update();
     });
   };
-  return settings;
 }
 
 uint64_t ServiceHost::handle(Request request, Answer answer) {
-  const uint64_t ticket = service_.handle(std::move(request), std::move(answer));
+  const uint64_t ticket = service_.handle(
+      std::move(request), [weak = std::weak_ptr(self_), answer = std::move(answer)](Reply reply) {
+        if (reply.stream) {
+          reply.stream = std::make_unique<HostedStream>(weak, std::move(reply.stream));
+        }
+        answer(std::move(reply));
+      });
   update();
   return ticket;
 }
@@ -51,8 +78,8 @@ void ServiceHost::durableIs(uint64_t sequence) {
   update();
 }
 
-void ServiceHost::storageFailed(uint64_t sequence, const std::string& reason) {
-  service_.storageFailed(sequence, reason);
+void ServiceHost::storageFailed(uint64_t sequence) {
+  service_.storageFailed(sequence);
   update();
 }
 

@@ -8,10 +8,10 @@
 #include <memory>
 #include <string>
 
-#include <boost/asio/io_context.hpp>
 #include <boost/asio/steady_timer.hpp>
 
 #include "agent/live/service.h"
+#include "agent/server/activity_thread.h"
 #include "agent/server/network_settings.h"
 #include "framework/Time.h"
 
@@ -20,7 +20,7 @@ namespace vnagent {
 class ServiceHost final : public RequestHandler {
  public:
   // `storage` null: everything is in memory only.
-  ServiceHost(boost::asio::io_context& activity, const ServiceSettings& settings, Storage* storage,
+  ServiceHost(ActivityThread& activity, ServiceSettings settings, Storage* storage,
               Recovered recovered);
   ~ServiceHost() override;
 
@@ -28,7 +28,7 @@ class ServiceHost final : public RequestHandler {
   void abandon(uint64_t ticket) override;
 
   void durableIs(uint64_t sequence);
-  void storageFailed(uint64_t sequence, const std::string& reason);
+  void storageFailed(uint64_t sequence);
   void storageIsWritable();
   void stop();
 
@@ -37,14 +37,16 @@ class ServiceHost final : public RequestHandler {
   bool isIdle() const { return isIdle_.load(std::memory_order_acquire); }
 
  private:
-  // The settings with a way back to the activity thread.
-  ServiceSettings posting(boost::asio::io_context& activity, ServiceSettings settings);
+  class HostedStream;
+
+  // Runs a task later on the activity thread, unless this has ended then.
+  Post poster(ActivityThread& activity);
   // After each call of the service: what it waits for may be due at another time now.
   void update();
   void wake();
 
-  // Ends with the host: what other threads post later finds nobody.
-  std::shared_ptr<ServiceHost*> self_ = std::make_shared<ServiceHost*>(this);
+  // What a task that was posted finds of this; gone when this is.
+  const std::shared_ptr<ServiceHost*> self_ = std::make_shared<ServiceHost*>(this);
   Kiv::SteadyTime clock_;
   Service service_;
   boost::asio::steady_timer timer_;

@@ -76,7 +76,7 @@ class Starting(ProcessTest):
         agent = self.stateful()
         agent.terminate()
         cloud = agent.folder / "cloud.json"
-        cloud.write_text('{"region": {"R": {"router": {"r": {}}}}}')
+        cloud.write_text('{"region": {"R": {"network": {"n": {}}}}}')
         agent.options += ["--cloud", str(cloud)]
         agent.start()
         self.assertEqual(agent.client.cloud()["region"].keys(), {"R"})
@@ -207,7 +207,7 @@ class Storms(ProcessTest):
         self.assertEqual(threads(pid), tasks, "no connection has a thread")
         for connection in connections:
             connection.close()
-        poll(lambda: descriptors(pid) == before, "all descriptors are closed")
+        poll(lambda: descriptors(pid) <= before, "all descriptors are closed")
         poll(lambda: agent.client.sync("R")["waiting"] == 0, "nobody waits")
         self.assertEqual(threads(pid), tasks)
 
