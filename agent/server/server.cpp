@@ -207,7 +207,7 @@ class Server {
           isNoSpace ? "no space is left on the disk" : "the disk cannot be written";
       boost::asio::post(activity_.context(), [this, sequence, why] {
         readiness_.notReady(why);
-        if (service_) service_->storageFailed(sequence);
+        if (service_) service_->storageFailed(sequence, why);
       });
     };
     callbacks.writable = [this] {

@@ -78,8 +78,8 @@ void ServiceHost::durableIs(uint64_t sequence) {
   update();
 }
 
-void ServiceHost::storageFailed(uint64_t sequence) {
-  service_.storageFailed(sequence);
+void ServiceHost::storageFailed(uint64_t sequence, const std::string& reason) {
+  service_.storageFailed(sequence, reason);
   update();
 }
 

@@ -28,7 +28,7 @@ class ServiceHost final : public RequestHandler {
   void abandon(uint64_t ticket) override;
 
   void durableIs(uint64_t sequence);
-  void storageFailed(uint64_t sequence);
+  void storageFailed(uint64_t sequence, const std::string& reason);
   void storageIsWritable();
   void stop();
 
