@@ -162,7 +162,7 @@ class Replacing(LiveTest):
     def test_a_new_region_is_created(self) -> None:
         self.assertEqual(self.ok(self.put(region()), 201), {"revision": 1, "changed": 7})
         self.assertEqual(self.client.cloud(), {"region": {"RegionOne": region()}})
-        self.assertEqual(self.ok(self.put({}, "/v1/cloud?at=/region/R%2F2"), 201),
+        self.assertEqual(self.ok(self.put({}, "/v1/cloud?at=/region/R~12"), 201),
                          {"revision": 2, "changed": 0})
         self.assertEqual(self.client.cloud()["region"]["R/2"], {})
 
