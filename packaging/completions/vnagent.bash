@@ -5,7 +5,7 @@ _vnagent() {
   COMPREPLY=()
   for ((i = 1; i < COMP_CWORD; ++i)); do
     case ${COMP_WORDS[i]} in
-      run | check | import-neutron | schema | show | get | patch | replace | diff | apply | watch | wait | lock | trace | serve) command=${COMP_WORDS[i]} && break ;;
+      run | check | import-neutron | schema | show | get | patch | replace | diff | apply | watch | wait | lock | trace | serve | journal) command=${COMP_WORDS[i]} && break ;;
     esac
   done
 
@@ -18,12 +18,12 @@ _vnagent() {
     --of) mapfile -t COMPREPLY < <(compgen -W 'output cloud' -- "$word") && return ;;
     --region | --region-sync-timeout | --inspect | --max-input) return ;;
     --listen | --keep-seconds | --keep-revisions | --max-body | --max-connections) return ;;
-    --url | --deadline | --at | --if-match | --request-id | --key | --since | --count | --timeout | --requester | --wait) return ;;
+    --until | --url | --deadline | --at | --if-match | --request-id | --key | --since | --count | --timeout | --requester | --wait) return ;;
   esac
 
   local words
   case $command in
-    run) words='--help --events --region-sync-timeout --toggle --format --inspect --each --changes --keep-going --trace --trace-file --trace-text --max-input' ;;
+    run) words='--help --events --region-sync-timeout --toggle --format --inspect --each --changes --keep-going --trace --trace-file --trace-text --max-input --journal --until' ;;
     check) words='--help --events --max-input' ;;
     import-neutron) words='--help --region --max-input' ;;
     schema) words='--help' ;;
@@ -38,12 +38,15 @@ _vnagent() {
     lock) words='--help --requester --request-id --wait --sync --force --socket --url --token-file --ca --deadline --json' ;;
     trace) words='--help --level --tail --socket --url --token-file --ca --deadline --json' ;;
     serve) words='--help --config --socket --socket-role --listen --tls-cert --tls-key --client-ca --tokens --state-dir --keep-seconds --keep-revisions --require-lock --max-body --max-connections --region-sync-timeout --toggle --cloud' ;;
-    *) words='run check import-neutron schema serve show get patch replace diff apply watch wait lock trace --help --version' ;;
+    journal) words='--help' ;;
+    *) words='run check import-neutron schema serve show get patch replace diff apply watch wait lock trace journal --help --version' ;;
   esac
   if [[ -z $command || $command == serve || $word == -* ]]; then
     mapfile -t COMPREPLY < <(compgen -W "$words" -- "$word")
   elif [[ $command == schema ]]; then
     mapfile -t COMPREPLY < <(compgen -W 'cloud output' -- "$word")
+  elif [[ $command == journal && $previous == journal ]]; then
+    mapfile -t COMPREPLY < <(compgen -W 'check show compact repair' -- "$word")
   elif [[ $command == show ]]; then
     mapfile -t COMPREPLY < <(compgen -W 'regions hosts ports switchports vlans locks pools' -- "$word")
   elif [[ $command == get ]]; then

@@ -1,6 +1,6 @@
 # Completion of vnagent's command line for fish.
 
-set -l commands run check import-neutron schema serve show get patch replace diff apply watch wait lock trace
+set -l commands run check import-neutron schema serve show get patch replace diff apply watch wait lock trace journal
 
 complete -c vnagent -n "not __fish_seen_subcommand_from $commands" -f
 complete -c vnagent -n "not __fish_seen_subcommand_from $commands" -a run -d "Load a cloud, apply events, print what the switch must provide"
@@ -18,6 +18,7 @@ complete -c vnagent -n "not __fish_seen_subcommand_from $commands" -a wait -d "W
 complete -c vnagent -n "not __fish_seen_subcommand_from $commands" -a lock -d "Hold a region's lock while a command runs"
 complete -c vnagent -n "not __fish_seen_subcommand_from $commands" -a trace -d "Show or set the trace level"
 complete -c vnagent -n "not __fish_seen_subcommand_from $commands" -a serve -d "Keep a cloud up to date for as long as it runs"
+complete -c vnagent -n "not __fish_seen_subcommand_from $commands" -a journal -d "Look into the journal of a live agent, check it, repair it"
 complete -c vnagent -n "not __fish_seen_subcommand_from $commands" -l version -d "Print the version"
 complete -c vnagent -s h -l help -d "Say what the command does"
 
@@ -158,3 +159,8 @@ complete -c vnagent -n "__fish_seen_subcommand_from serve" -l max-connections -x
 complete -c vnagent -n "__fish_seen_subcommand_from serve" -l region-sync-timeout -x -d "Region sync timeout to start with"
 complete -c vnagent -n "__fish_seen_subcommand_from serve" -l toggle -x -a "on off" -d "Publish switch ports or network elements"
 complete -c vnagent -n "__fish_seen_subcommand_from serve" -l cloud -r -d "The cloud document to start with"
+
+complete -c vnagent -n "__fish_seen_subcommand_from run" -l journal -r -d "Play back the journal of a live agent"
+complete -c vnagent -n "__fish_seen_subcommand_from run" -l until -x -d "With --journal, up to this revision"
+
+complete -c vnagent -n "__fish_seen_subcommand_from journal" -a "check show compact repair (__fish_complete_directories)"
