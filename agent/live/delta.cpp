@@ -12,7 +12,9 @@ std::optional<Json> difference(const Json& before, const Json& after) {
   return after;
 }
 
-const Json* find(const Json& value, const Place& place, size_t from) {
+}  // namespace
+
+const Json* findPlace(const Json& value, const Place& place, size_t from) {
   const Json* at = &value;
   for (size_t i = from; i < place.size(); ++i) {
     if (!at->is_object()) return nullptr;
@@ -22,8 +24,6 @@ const Json* find(const Json& value, const Place& place, size_t from) {
   }
   return at;
 }
-
-}  // namespace
 
 Json mergePatch(const Json& before, const Json& after) {
   Json patch = Json::object();
@@ -146,7 +146,7 @@ std::optional<bool> Delta::existedBefore(const Place& place) const {
   size_t depth = 0;
   const Node* node = nearest(place, depth);
   if (node == nullptr) return std::nullopt;
-  return !node->whole || (node->before && find(*node->before, place, depth) != nullptr);
+  return !node->whole || (node->before && findPlace(*node->before, place, depth) != nullptr);
 }
 
 Delta::At Delta::at(const Place& place, bool existedBefore) const {
@@ -158,9 +158,10 @@ Delta::At Delta::at(const Place& place, bool existedBefore) const {
     if (!inside) return {};
     return {true, true, std::move(*inside)};
   }
-  const Json* after = node->after ? find(*node->after, place, depth) : nullptr;
+  const Json* after = node->after ? findPlace(*node->after, place, depth) : nullptr;
   if (after == nullptr) return {existedBefore, false, {}};
-  const Json* before = existedBefore && node->before ? find(*node->before, place, depth) : nullptr;
+  const Json* before =
+      existedBefore && node->before ? findPlace(*node->before, place, depth) : nullptr;
   if (before == nullptr) return {true, true, *after};
   auto inside = difference(*before, *after);
   if (!inside) return {};

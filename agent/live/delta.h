@@ -25,6 +25,9 @@ using Json = nlohmann::json;
 // The merge patch from one value to another; both are objects.
 Json mergePatch(const Json& before, const Json& after);
 
+// What a place names below a value; null where it names nothing. Arrays have no places in them.
+const Json* findPlace(const Json& value, const Place& place, size_t from = 0);
+
 class Delta {
  public:
   // No difference.
@@ -35,6 +38,9 @@ class Delta {
 
   // Adds a difference that starts where this one ends.
   void then(Delta later);
+
+  // Makes the document before of the one after.
+  void undoIn(Json& document) const { root_.undoIn(document); }
 
   // The merge patch from before to after; an empty object for none.
   Json patch() const;

@@ -467,10 +467,7 @@ std::optional<Refusal> Service::Impl::readSince(const Exchange& exchange,
   const History& history = cloud_.history();
   const bool isKept = revision >= history.first();
   const bool isSame = isKept && (dash == text.npos || check == history.check(revision));
-  // The view of a principal of some regions can be compared with the present one only.
-  const bool canResume =
-      isSame && (!exchange.principal().isRestricted() || revision == cloud_.revision());
-  if (!canResume) return Refusal{"gone", "the revision cannot be resumed from"};
+  if (!isSame) return Refusal{"gone", "the revision cannot be resumed from"};
   since = revision;
   return std::nullopt;
 }

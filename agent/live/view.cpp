@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 
 #include "agent/json/json_writer.h"
+#include "agent/live/output_of_json.h"
 #include "agent/output/output_json.h"
 
 namespace vnagent {
@@ -199,10 +200,23 @@ class OutputView {
   const std::vector<std::string>* names_;
 };
 
+std::string written(OutputDocument output, const CloudState& state, const Principal& principal) {
+  restrictOutput(output, state, principal);
+  std::string text;
+  JsonWriter json(text, JsonWriter::Style::kOneLine);
+  writeOutput(output, json);
+  return text;
+}
+
 }  // namespace
 
 void restrictOutput(OutputDocument& output, const CloudState& state, const Principal& principal) {
   OutputView(state, principal).restrict(output);
+}
+
+std::string viewOfOutput(const nlohmann::json& output, const CloudState& state,
+                         const Principal& principal) {
+  return written(outputOf(output), state, principal);
 }
 
 bool isHidden(const Place& place, const Principal& principal) {
@@ -244,11 +258,7 @@ std::optional<std::string> readCloudAs(const CloudState& state, const Place& pla
 std::optional<std::string> readOutputAs(const Session& session, const Place& place,
                                         const Principal& principal) {
   if (!principal.isRestricted()) return readOutput(session, place);
-  OutputDocument output = session.output();
-  restrictOutput(output, session.document(), principal);
-  std::string text;
-  JsonWriter json(text, JsonWriter::Style::kOneLine);
-  writeOutput(output, json);
+  const std::string text = written(session.output(), session.document(), principal);
   return place.empty() ? std::optional(text) : textAt(OrderedJson::parse(text), place);
 }
 

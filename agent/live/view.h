@@ -8,6 +8,8 @@
 #include <optional>
 #include <string>
 
+#include <nlohmann/json.hpp>
+
 #include "agent/cloud/output_document.h"
 #include "agent/document/cloud_state.h"
 #include "agent/live/place.h"
@@ -27,6 +29,10 @@ std::optional<std::string> readCloudAs(const CloudState& state, const Place& pla
 // The value at a place of the output document, likewise. REQUIRES: the session is live.
 std::optional<std::string> readOutputAs(const Session& session, const Place& place,
                                         const Principal& principal);
+
+// The same of texts: documents as they were once.
+std::string viewOfOutput(const nlohmann::json& output, const CloudState& state,
+                         const Principal& principal);
 
 // Whether a place is in a region that the principal does not see, or in its VLAN assignment.
 bool isHidden(const Place& place, const Principal& principal);

@@ -93,7 +93,7 @@ void Watch::resume() {
   const LiveCloud& cloud = watches_.cloud_;
   position_ = *settings_.since;
   if (isRestricted()) {
-    sent_ = readPlaces();
+    sent_ = readPlacesAt(position_);
   } else if (!settings_.places.empty()) {
     const Delta delta = cloud.history().between(settings_.document, position_, cloud.revision());
     for (const Place& place : settings_.places) {
@@ -204,6 +204,33 @@ std::optional<std::string> Watch::read(const Place& place) const {
     return readCloudAs(cloud.document(), place, settings_.principal);
   }
   return readOutputAs(cloud.session(), place, settings_.principal);
+}
+
+Json Watch::readPlacesAt(uint64_t revision) {
+  const LiveCloud& cloud = watches_.cloud_;
+  if (revision == cloud.revision()) return readPlaces();
+  const auto documentAt = [&](Document document, const std::string& now) {
+    Json json = Json::parse(now);
+    cloud.history().between(document, revision, cloud.revision()).undoIn(json);
+    return json;
+  };
+  CloudDocument document;
+  const Json past = documentAt(Document::kCloud, *readCloud(cloud.document(), {}));
+  document.apply(JsonTree::parse(past.dump()).root());
+  std::string view;
+  if (settings_.document == Document::kCloud) {
+    view = *readCloudAs(document.state(), {}, settings_.principal);
+  } else {
+    view = viewOfOutput(documentAt(Document::kOutput, *readOutput(cloud.session(), {})),
+                        document.state(), settings_.principal);
+  }
+  const Json whole = Json::parse(view);
+  if (settings_.places.empty()) return whole;
+  Json places = Json::object();
+  for (const Place& place : settings_.places) {
+    if (const Json* value = findPlace(whole, place)) valueAt(places, place) = *value;
+  }
+  return places;
 }
 
 Json Watch::readPlaces() {

@@ -66,6 +66,8 @@ class Watch final : public EventStream {
   std::optional<std::string> read(const Place& place) const;
   // The document with the places only; notes which of them exist.
   Json readPlaces();
+  // Likewise, as it was at a revision of the history; of a principal of some regions.
+  Json readPlacesAt(uint64_t revision);
 
   friend class Watches;
 

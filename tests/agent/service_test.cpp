@@ -418,5 +418,34 @@ TEST_F(ServiceTest, PrincipalOfARegionSeesItsOwnOnly) {
   EXPECT_EQ(follower.document, output);
 }
 
+TEST_F(ServiceTest, PrincipalOfARegionResumesItsView) {
+  start();
+  patch(kBound);
+  patch(R"({"region": {"S": {"port": {"o": {}}}}})");
+  const Principal tenant{"tenant", Role::kWriteRegions, {"S"}};
+  principal_ = tenant;
+  Follower follower = watch();
+  Follower places = watch("?of=cloud&at=/region/R/port&at=/region/S/port");
+  follower.read();
+  places.read();
+  principal_ = admin();
+  patch(R"({"region": {"R": {"portBinding": null}}})");
+  patch(R"({"region": {"S": {
+      "port": {"o": null, "n": {}},
+      "segment": {"t": {"segmentationType": "vlan", "segmentationId": 200}},
+      "portBinding": {"n": {"portToHostBinding": {"g": {"segment": {"0": "t"}}}}}}}})");
+  principal_ = tenant;
+  Follower resumed = watch("?since=" + follower.lastId);
+  resumed.document = follower.document;
+  resumed.read();
+  EXPECT_EQ(resumed.document, get("/v1/output"));
+  EXPECT_EQ(resumed.events, (std::vector<std::string>{"patch"}));
+  Follower resumedPlaces =
+      watch("?of=cloud&at=/region/R/port&at=/region/S/port&since=" + places.lastId);
+  resumedPlaces.document = places.document;
+  resumedPlaces.read();
+  EXPECT_EQ(resumedPlaces.document, Json::parse(R"({"region": {"S": {"port": {"n": {}}}}})"));
+}
+
 }  // namespace
 }  // namespace vnagent
