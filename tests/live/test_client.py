@@ -5,10 +5,14 @@ import os
 import re
 import subprocess
 import sys
+from pathlib import Path
 from typing import Any
 
+sys.path.insert(0, str(Path(__file__).resolve().parent / "server"))
+
+from process import Authority  # noqa: E402
 from api.agent import (DEADLINE, Agent, LiveTest, anonymous, free_port, merged, poll, program,
-                       region, tcp_client, token_file)
+                       region, tcp_client, token_file)  # noqa: I001
 
 
 class CommandTest(LiveTest):
@@ -294,6 +298,30 @@ class Connecting(CommandTest):
         self.run_command("patch", *url, "--token-file", str(agent.folder / "eye"), text="{}",
                          status=3)
         self.out("patch", *url, "--token-file", str(agent.folder / "boss"), text="{}")
+
+    def test_tls_with_certificates_of_its_own(self) -> None:
+        agent = Agent()
+        authority = Authority(agent.folder)
+        other = Authority(agent.folder, "other")
+        certificate, key = authority.sign("server")
+        port = free_port()
+        agent.options = ["--listen", f"127.0.0.1:{port}", "--tls-cert", certificate, "--tls-key",
+                         key, "--tokens", token_file(agent.folder, {"boss": "admin"})]
+        self.addCleanup(agent.close)
+        agent.start()
+        token = agent.folder / "token"
+        token.write_text("token-of-boss\n")
+        known = ("--url", f"https://127.0.0.1:{port}", "--token-file", str(token))
+        trusting = (*known, "--ca", str(authority.certificate))
+        self.assertEqual(self.json("show", *trusting)["role"], "admin")
+        self.out("patch", *trusting, text='{"region": {"R": {}}}')
+        self.assertIn("revision 1", self.out("watch", *trusting, "--count", "1"))
+        # Others' certificates, certificates for another host, and no TLS at all.
+        self.run_command("show", *known, status=4)
+        self.run_command("show", *known, "--ca", str(other.certificate), status=4)
+        self.run_command("show", *trusting, "--url", f"https://localhost:{port}", status=2)
+        self.run_command("show", "--url", f"https://localhost:{port}", *trusting[2:], status=4)
+        self.run_command("show", "--url", f"http://127.0.0.1:{port}", *trusting[2:], status=4)
 
     def test_the_output_is_that_of_the_agent(self) -> None:
         self.load()
