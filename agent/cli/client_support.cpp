@@ -31,6 +31,15 @@ constexpr std::string_view colourOf(char sign) {
   }
 }
 
+// A value as a line shows it; a whole region would be a page.
+std::string shortened(std::string text) {
+  constexpr size_t kLongest = 120;
+  if (text.size() <= kLongest) return text;
+  size_t end = kLongest;
+  while ((text[end] & 0xc0) == 0x80) --end;
+  return text.substr(0, end) + "…";
+}
+
 }  // namespace
 
 LiveAgent connected(const ClientOptions& options) {
@@ -80,7 +89,7 @@ void printChanges(const Json& before, const Json& patch) {
   for (const ChangedPlace& place : changedPlaces(before, patch)) {
     const std::string line = fmt::format(
         "{} {}  {}", place.sign, escapeControls(place.pointer.empty() ? "/" : place.pointer),
-        escapeControls(place.text));
+        escapeControls(shortened(place.text)));
     out += colour ? fmt::format("{}{}\033[0m\n", colourOf(place.sign), line) : line + "\n";
   }
   printOut(out.empty() ? "no changes\n" : out);

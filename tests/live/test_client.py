@@ -154,6 +154,13 @@ class Changing(CommandTest):
         self.assertEqual(self.out("apply", self.file(wanted)), "no changes\n")
         self.assertEqual(self.client.revision(), 2)
 
+    def test_long_values_are_shortened_for_people(self) -> None:
+        wanted = {"region": {"é" * 100: region(network={"ü" * 100: {}, "ö" * 99: {}})}}
+        lines = self.out("apply", self.file(wanted)).splitlines()
+        self.assertEqual(lines[-1], "revision 1")
+        self.assertTrue(lines[0].endswith("…"))
+        self.assertEqual(self.client.cloud(), wanted)
+
     def test_files_that_are_no_documents(self) -> None:
         for value in ([], {"region": 1}):
             self.run_command("apply", self.file(value), status=4)
