@@ -45,10 +45,13 @@ class Driver:
         self.acknowledged = -1  # the last of them
         self.pending = False  # whether the answer to the next one was lost
 
+    def name(self, number: int) -> str:
+        return f"{self.region}.{number}"
+
     def change(self) -> None:
-        members: dict[str, Any] = {str(self.next): {}}
+        members: dict[str, Any] = {self.name(self.next): {}}
         if self.next >= self.KEPT:
-            members[str(self.next - self.KEPT)] = None
+            members[self.name(self.next - self.KEPT)] = None
         answer = self.client.patch({"region": {self.region: {"port": members, "network": members}}},
                                    headers={"Idempotency-Key": f"{self.region}-{self.next}"})
         if answer.status == 503:  # it is stopping, or restoring
@@ -75,11 +78,12 @@ class Driver:
         region = cloud.get("region", {}).get(self.region, {})
         ports, networks = region.get("port", {}), region.get("network", {})
         check(ports == networks, f"half a change: {ports} and {networks}")
-        last = max(map(int, ports), default=-1)
+        numbers = sorted(int(name.split(".")[1]) for name in ports)
+        last = max(numbers, default=-1)
         check(last in (self.acknowledged, self.next if self.pending else self.acknowledged),
               f"{self.region}: change {self.acknowledged} was acknowledged, {last} is there")
         first = max(0, last - self.KEPT + 1)
-        check(sorted(map(int, ports)) == list(range(first, last + 1)), f"ports {sorted(ports)}")
+        check(numbers == list(range(first, last + 1)), f"ports {sorted(ports)}")
 
 
 class Follower:
