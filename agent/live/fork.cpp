@@ -2,11 +2,13 @@
 
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <string_view>
 #include <thread>
 #include <utility>
 
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -29,6 +31,18 @@ bool writeAll(int descriptor, std::string_view text) {
 // What another thread had locked stays locked in the copy, in a library that does not see to that;
 // a copy that waits for it is ended.
 constexpr unsigned kLongestRunSeconds = 60;
+
+// The descriptor to which the copy writes.
+constexpr int kResult = 3;
+
+// Closes what belongs to the parent: while a copy holds a connection its client does not see that it
+// was closed, and while it holds a socket or the lock of the state no other process can take them
+// over. For the same reason the copy does not outlive the parent.
+void leaveToParent(int result) {
+  ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+  if (result != kResult) ::dup2(result, kResult);
+  ::close_range(kResult + 1, ~0U, 0);
+}
 
 [[noreturn]] void runAsCopy(int descriptor, const std::function<std::string()>& run) {
   ::alarm(kLongestRunSeconds);
@@ -71,8 +85,8 @@ void runInCopy(const std::function<std::string()>& run, std::function<void(std::
   }
   const pid_t child = ::fork();
   if (child == 0) {
-    ::close(ends[0]);
-    runAsCopy(ends[1], run);
+    leaveToParent(ends[1]);
+    runAsCopy(kResult, run);
   }
   ::close(ends[1]);
   if (child < 0) {
