@@ -37,7 +37,7 @@ struct JournalSettings {
 
   // A journal of at most so many bytes is checked as a whole when it is opened. Of a larger one,
   // only what a restart reads is.
-  uint64_t wholeCheckBytes = uint64_t{256} << 20;
+  uint64_t wholeCheckBytes = uint64_t{64} << 20;
 
   // How often a journal that could not write tries again.
   std::chrono::milliseconds probeInterval{500};
