@@ -8,6 +8,8 @@
 #include <unordered_map>
 #include <utility>
 
+#include <malloc.h>
+
 #include <boost/uuid/random_generator.hpp>
 #include <boost/uuid/uuid_io.hpp>
 
@@ -35,6 +37,9 @@ constexpr size_t kMaxKeyBytes = 64;
 // A snapshot is taken when a restart would have more than this to play back.
 constexpr uint64_t kRecordsBetweenSnapshots = 5'000;
 constexpr uint64_t kBytesBetweenSnapshots = uint64_t{8} << 20;
+
+// What a large change leaves behind in the allocator is given back to the system.
+constexpr size_t kLargeBytes = size_t{4} << 20;
 
 // Headers of which a request has one at most.
 constexpr std::array<std::string_view, 5> kSingleHeaders{
@@ -213,6 +218,8 @@ Service::Impl::Impl(const ServiceSettings& settings, const Kiv::TimeSource& cloc
   snapshotBytes_ = recovered.snapshot.cloud.size() + recovered.snapshot.output.size();
   if (storage_ == nullptr) durable_ = std::numeric_limits<uint64_t>::max();
   showDurable(cloud_.revision());
+  recovered = {};
+  ::malloc_trim(0);
 }
 
 // Requests.
@@ -521,8 +528,12 @@ void Service::Impl::rememberAlone(const Exchange& exchange, unsigned status,
 void Service::Impl::change(Exchange exchange) {
   if (auto reply = recall(exchange)) return answer(exchange, std::move(*reply));
   if (exchange.parameters.dryRun) return dryRun(std::move(exchange));
+  const bool isLarge = exchange.request.body.size() >= kLargeBytes;
   answer(exchange, makeChange(exchange));
   afterStep();
+  if (!isLarge) return;
+  exchange = {};
+  ::malloc_trim(0);
 }
 
 Reply Service::Impl::makeChange(const Exchange& exchange) {
