@@ -35,9 +35,9 @@ constexpr unsigned kLongestRunSeconds = 60;
 // The descriptor to which the copy writes.
 constexpr int kResult = 3;
 
-// Closes what belongs to the parent: while a copy holds a connection its client does not see that it
-// was closed, and while it holds a socket or the lock of the state no other process can take them
-// over. For the same reason the copy does not outlive the parent.
+// Closes what belongs to the parent: while a copy holds a connection its client does not see that
+// it was closed, and while it holds a socket or the lock of the state no other process can take
+// them over. For the same reason the copy does not outlive the parent.
 void leaveToParent(int result) {
   ::prctl(PR_SET_PDEATHSIG, SIGKILL);
   if (result != kResult) ::dup2(result, kResult);

@@ -1,6 +1,6 @@
 // The trace lines of the machines, for those who look on while an agent runs.
 //
-// Who reads too slowly misses lines, and is told how many. Activity thread only.
+// A slow reader misses lines, and reads how many it missed. Activity thread only.
 #pragma once
 
 #include <cstdint>

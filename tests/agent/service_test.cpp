@@ -262,7 +262,7 @@ TEST_F(ServiceTest, BookmarkSaysThatNothingChanged) {
   EXPECT_EQ(follower.events, (std::vector<std::string>{"snapshot", "bookmark"}));
 }
 
-TEST_F(ServiceTest, LockGoesToTheFirstInLine) {
+TEST_F(ServiceTest, LockGoesToWhoeverWaitsLongest) {
   start();
   patch(R"({"region": {"R": {}}})");
   const auto lock = [&](const std::string& id, int wait) {
