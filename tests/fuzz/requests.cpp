@@ -1,6 +1,7 @@
-// Fuzz target: requests to a live agent, one a line: method, target, headers ("name=value" with ";"
-// between them) and body, with tabs between them. Each is answered once, with a status that there is;
-// a refused one takes no revision; and who watches a document has what GET prints.
+// Fuzz target: requests to a live agent, one a line: method, target, headers and body, with tabs
+// between them; headers are "name=value", with ";" between them. Each request is answered once,
+// and with a status that there is; a refused one takes no revision; and a watch of the document
+// has what GET prints.
 #include <algorithm>
 #include <memory>
 #include <optional>
