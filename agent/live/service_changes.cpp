@@ -1,0 +1,211 @@
+// What a service does for requests that change something: changes, dry runs, calls of the sync
+// protocol, and the replies that are remembered.
+#include <utility>
+
+#include <malloc.h>
+
+#include "agent/live/detail/service_impl.h"
+#include "agent/live/view.h"
+
+namespace vnagent {
+namespace {
+
+// What a large change leaves behind in the allocator is given back to the system.
+constexpr size_t kLargeBytes = size_t{4} << 20;
+
+// What a dry run in a copy of the process sends back.
+std::string encode(const Reply& reply) {
+  Json json{{"status", reply.status}, {"headers", reply.headers}, {"body", *reply.body}};
+  return json.dump();
+}
+Reply decode(const std::string& text) {
+  const Json json = Json::parse(text);
+  Reply reply;
+  reply.status = json["status"].get<unsigned>();
+  reply.headers = json["headers"].get<Headers>();
+  reply.body = std::make_shared<const std::string>(json["body"].get<std::string>());
+  return reply;
+}
+
+}  // namespace
+
+// Changes.
+
+std::optional<Reply> Service::Impl::recall(const Exchange& exchange) const {
+  const std::string* key = exchange.request.header("idempotency-key");
+  if (key == nullptr || exchange.parameters.dryRun) return std::nullopt;
+  const auto* entry = remembered_.find(exchange.principal().name, *key);
+  if (entry == nullptr) return std::nullopt;
+  if (entry->fingerprint != fingerprintOf(exchange.request)) {
+    return replyOf({"key-reused", "the idempotency key belongs to another request"});
+  }
+  return jsonReply(entry->body, entry->status);
+}
+
+void Service::Impl::remember(const Exchange& exchange, Record& record, unsigned status,
+                             const std::string& body) const {
+  const std::string* key = exchange.request.header("idempotency-key");
+  if (key == nullptr) return;
+  record.principal = exchange.principal().name;
+  record.key = *key;
+  record.fingerprint = fingerprintOf(exchange.request);
+  record.status = status;
+  record.reply = body;
+}
+
+void Service::Impl::rememberAlone(const Exchange& exchange, unsigned status,
+                                  const std::string& body) {
+  if (exchange.request.header("idempotency-key") == nullptr) return;
+  cloud_.remember([&](Record& record) {
+    remember(exchange, record, status, body);
+    remembered_.add(record);
+  });
+}
+
+void Service::Impl::change(Exchange exchange) {
+  if (auto reply = recall(exchange)) return answer(exchange, std::move(*reply));
+  if (exchange.parameters.dryRun) return dryRun(std::move(exchange));
+  const bool isLarge = exchange.request.body.size() >= kLargeBytes;
+  answer(exchange, makeChange(exchange));
+  afterStep();
+  if (!isLarge) return;
+  exchange = {};
+  ::malloc_trim(0);
+}
+
+Reply Service::Impl::makeChange(const Exchange& exchange) {
+  if (isBlocked_) return replyOf({"no-space", blockedFor_});
+  const double began = settings_.observer == nullptr ? 0 : cloud_.time();
+  ChangeRequest change{exchange.request, exchange.route, exchange.conditions, exchange.body};
+  ChangeReply made =
+      changes_.make(change, [&](Record& record, unsigned status, const std::string& body) {
+        remember(exchange, record, status, body);
+        remembered_.add(record);
+      });
+  settle(made.regions);
+  if (made.refusal) {
+    if (settings_.observer != nullptr) {
+      settings_.observer->onRefused(exchange.principal().name, exchange.what(), made.refusal->type);
+    }
+    return replyOf(*made.refusal);
+  }
+  if (!made.isRemembered) rememberAlone(exchange, made.status, made.body);
+  if (settings_.observer != nullptr) {
+    settings_.observer->onApplied(cloud_.revision(), exchange.principal().name, exchange.what(),
+                                  cloud_.time() - began);
+  }
+  return jsonReply(std::move(made.body), made.status);
+}
+
+// In a copy of the process the change is made like any other.
+void Service::Impl::dryRun(Exchange exchange) {
+  const auto run = [&] { return encode(runDry(exchange)); };
+  const Ticket ticket = exchange.ticket;
+  runInCopy(
+      run,
+      [this, ticket, alive = std::weak_ptr<bool>(alive_)](const std::string& text) {
+        if (alive.expired()) return;
+        answer(ticket, false,
+               text.empty() ? replyOf({"not-ready", "the dry run has failed"}) : decode(text));
+      },
+      settings_.post);
+}
+
+Reply Service::Impl::runDry(const Exchange& exchange) {
+  cloud_.detachFromStorage();
+  storage_ = nullptr;
+  const uint64_t before = cloud_.revision();
+  const bool isRestricted = exchange.principal().isRestricted();
+  const auto view = [&] {
+    return Json::parse(*readOutputAs(cloud_.session(), {}, exchange.principal()));
+  };
+  const Json viewBefore = isRestricted ? view() : Json();
+  ChangeRequest change{exchange.request, exchange.route, exchange.conditions, exchange.body};
+  const ChangeReply made = changes_.make(change, {});
+  if (made.refusal) return replyOf(*made.refusal);
+  const std::string patch =
+      isRestricted ? mergePatch(viewBefore, view()).dump()
+                   : *cloud_.history().patch(Document::kOutput, before, cloud_.revision());
+  std::string text = "{\"revision\": " + std::to_string(before) + ", \"output\": " + patch;
+  if (exchange.route.subject == Subject::kBatch) {
+    text += ", \"results\": [";
+    for (size_t i = 0; i < made.results.size(); ++i) {
+      if (i > 0) text += ", ";
+      const bool isProblem = made.results[i].starts_with("{\"type\"");
+      text += isProblem ? made.results[i] : "{\"revision\": " + std::to_string(before) + '}';
+    }
+    text += ']';
+  }
+  text += '}';
+  return jsonReply(std::move(text));
+}
+
+// The sync protocol.
+
+void Service::Impl::callSync(const Exchange& exchange) {
+  const std::string& region = exchange.route.region;
+  const auto& document = cloud_.document().region;
+  const bool isSeen = exchange.principal().mayRead(region);
+  if (exchange.route.subject == Subject::kSync) {
+    if (!isSeen || !document.contains(region)) {
+      return refuse(exchange, {"not-found", "there is no such region"});
+    }
+    return answer(exchange, jsonReply(sync_.status(region)));
+  }
+  SyncCalls::LockRequest lock;
+  const bool takes = exchange.route.subject == Subject::kSyncLock && exchange.body.has_value() &&
+                     exchange.request.method == "POST";
+  if (takes) {
+    if (auto refusal = SyncCalls::readLockRequest(exchange.body->root(), lock)) {
+      return refuse(exchange, *refusal);
+    }
+  }
+  if (auto reply = recall(exchange)) return answer(exchange, std::move(*reply));
+  if (!document.contains(region)) {
+    return refuse(exchange, {"not-found", "there is no such region"});
+  }
+  if (isBlocked_) return refuse(exchange, {"no-space", blockedFor_});
+  const std::string* id = exchange.request.header("sync-request-id");
+  SyncCalls::Outcome outcome =
+      takes ? sync_.lock(region, lock, exchange.principal(), exchange.ticket, {})
+            : sync_.call(exchange.route.subject, region, id, exchange.parameters.force,
+                         exchange.principal(), {});
+  if (outcome.refusal) {
+    refuse(exchange, *outcome.refusal);
+  } else if (!outcome.body.empty()) {
+    rememberAlone(exchange, 200, outcome.body);
+    answer(exchange, jsonReply(std::move(outcome.body)));
+  }
+  settle(outcome.regions);
+  afterStep();
+}
+
+void Service::Impl::settle(const std::vector<std::string>& regions) {
+  for (const std::string& region : regions) noteStatus(region);
+  std::vector<SyncCalls::Waited> waited;
+  sync_.settle(regions, waited);
+  answerWaited(waited);
+}
+
+void Service::Impl::answerWaited(const std::vector<SyncCalls::Waited>& waited) {
+  for (const SyncCalls::Waited& each : waited) {
+    answer(each.ticket, true, each.refusal ? replyOf(*each.refusal) : jsonReply(each.body));
+  }
+}
+
+void Service::Impl::noteStatus(const std::string& region) {
+  if (settings_.observer == nullptr) return;
+  const Place place{"regionStatus", region};
+  const OutputPart part = cloud_.session().outputAt(place);
+  if (part.depth < 2) {
+    statuses_.erase(region);
+    return;
+  }
+  const std::string now(*part.document.regionStatus->front().syncStatus);
+  std::string& before = statuses_[region];
+  if (before == now) return;
+  if (!before.empty()) settings_.observer->onSyncStatus(region, before, now);
+  before = now;
+}
+
+}  // namespace vnagent
