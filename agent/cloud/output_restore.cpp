@@ -127,14 +127,16 @@ void restoreSet(const JsonValue& value, const Set& now, Add add, Remove remove) 
   if (!std::ranges::is_sorted(wanted)) std::ranges::sort(wanted);
   const Keys present = readSet(now);
   if (wanted == present) return;
-  const auto eachOf = [](const Keys& all, const Keys& without, auto use) {
+  // Copies: the texts in `present` may end with their entries.
+  const auto keysOf = [](const Keys& all, const Keys& without) {
     Keys rest;
     std::ranges::set_difference(all, without, std::back_inserter(rest));
-    std::vector<Key> keys(rest.begin(), rest.end());  // the texts may end with their entries
-    for (const Key& key : keys) use(key);
+    return std::vector<Key>(rest.begin(), rest.end());
   };
-  eachOf(present, wanted, remove);
-  eachOf(wanted, present, add);
+  const std::vector<Key> gone = keysOf(present, wanted);
+  const std::vector<Key> added = keysOf(wanted, present);
+  for (const Key& key : gone) remove(key);
+  for (const Key& key : added) add(key);
 }
 template <class Owner, class Set, class Key>
 void restoreSet(Owner& owner, const JsonValue& value, const Set& now, void (Owner::*is)(Key, bool),

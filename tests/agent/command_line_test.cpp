@@ -28,9 +28,13 @@ TEST_F(CommandLine, AWrongCommandLineIsNamedInOneLine) {
   const std::string level = " is not a trace level, 0 or more";
   const std::string bytes = " is not a number of bytes, 1 or more";
   const std::vector<Wrong> wrong{
-      {{}, "a command is needed: run, check, import-neutron, schema, journal", "vnagent"},
+      {{},
+       "a command is needed: run, check, import-neutron, schema, journal, "
+       "show, get, patch, replace, diff, apply, watch, wait, lock, trace, serve",
+       "vnagent"},
       {{"walk"},
-       "there is no command 'walk'; the commands are run, check, import-neutron, schema, journal",
+       "there is no command 'walk'; the commands are run, check, import-neutron, schema, journal, "
+       "show, get, patch, replace, diff, apply, watch, wait, lock, trace, serve",
        "vnagent"},
       {{"chekc", "file"}, "there is no command 'chekc'; did you mean 'check'", "vnagent"},
       {{"rnu", "--each"}, "there is no command 'rnu'; did you mean 'run'", "vnagent"},

@@ -172,7 +172,7 @@ TEST(ServerConnectionTest, stopsWhenWhatWasAcceptedIsAnswered) {
 TEST(ServerConnectionTest, hasItsDescriptorsBackAfterAStorm) {
   TestNetwork net;
   net.client().send(TestNetwork::get("/v1"));
-  ASSERT_TRUE(eventually([&] { return net.network.connectionCount() == 0; }));
+  ASSERT_TRUE(eventually([&] { return net.counts.disconnected == 1; }));
   const size_t before = openDescriptors();
   {
     std::vector<Client> clients;
@@ -186,7 +186,7 @@ TEST(ServerConnectionTest, hasItsDescriptorsBackAfterAStorm) {
     EXPECT_TRUE(eventually([&] { return net.handler.waitingCount() == 40; }));
   }
   EXPECT_TRUE(eventually([&] { return net.network.connectionCount() == 0; }));
-  EXPECT_TRUE(eventually([&] { return openDescriptors() == before; }));
+  EXPECT_TRUE(eventually([&] { return openDescriptors() <= before; }));
   EXPECT_TRUE(eventually([&] { return net.handler.waitingCount() == 0; }));
   EXPECT_TRUE(eventually([&] { return net.handler.streams() == 0; }));
   EXPECT_EQ(net.counts.connected, net.counts.disconnected);
