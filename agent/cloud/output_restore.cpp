@@ -321,6 +321,10 @@ void restoreElements(VirtualNetwork::NetworkElementCollection& elements, const J
     restoreMembers(elements, value, elements.networkElement(), &Elements::networkElementIs,
                    &Elements::networkElementDel, restoreOne);
   };
+  // Elements refer to each other: one that goes must not keep others that go.
+  for (const auto& element : elements.networkElement()) {
+    if (value.find(element->fwkKey().view()) == nullptr) element->physicalInterfaceDelAll();
+  }
   each([](NetworkElement&, const JsonValue&) {});
   each([&](NetworkElement& element, const JsonValue& member) {
     restore(element, member, elements);
