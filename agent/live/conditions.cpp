@@ -36,14 +36,14 @@ std::string etagText(uint64_t etag) {
   return '"' + std::to_string(etag) + '"';
 }
 
-bool Conditions::Tags::has(uint64_t etag, bool mayBeWeak) const {
+bool EntityTags::has(uint64_t etag, bool mayBeWeak) const {
   if (any) return true;
   const std::string wanted = std::to_string(etag);
   return std::ranges::any_of(
       tags, [&](const auto& tag) { return tag.second == wanted && (mayBeWeak || !tag.first); });
 }
 
-bool Conditions::readTags(std::string_view text, Tags& tags) {
+bool Conditions::readTags(std::string_view text, EntityTags& tags) {
   skipSpace(text);
   if (text.starts_with('*')) {
     text.remove_prefix(1);

@@ -5,12 +5,21 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "agent/live/exchange.h"
 #include "agent/live/problem.h"
 
 namespace vnagent {
+
+// The value of one of the two headers.
+struct EntityTags {
+  bool any = false;                                // *
+  std::vector<std::pair<bool, std::string>> tags;  // whether it is weak, and its text
+
+  bool has(uint64_t etag, bool mayBeWeak) const;
+};
 
 class Conditions {
  public:
@@ -27,17 +36,10 @@ class Conditions {
   bool isNotModified(uint64_t etag) const;
 
  private:
-  struct Tags {
-    bool any = false;                                // *
-    std::vector<std::pair<bool, std::string>> tags;  // whether it is weak, and its text
+  static bool readTags(std::string_view text, EntityTags& tags);
 
-    bool has(uint64_t etag, bool mayBeWeak) const;
-  };
-
-  static bool readTags(std::string_view text, Tags& tags);
-
-  std::optional<Tags> ifMatch_;
-  std::optional<Tags> ifNoneMatch_;
+  std::optional<EntityTags> ifMatch_;
+  std::optional<EntityTags> ifNoneMatch_;
 };
 
 // An ETag as a header has it.

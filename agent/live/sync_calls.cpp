@@ -276,7 +276,8 @@ double SyncCalls::nextTimer() const {
 
 void SyncCalls::turn(std::vector<Waited>& answers) {
   const double now = cloud_.time();
-  for (auto& [region, line] : lines_) {
+  for (auto& [name, line] : lines_) {
+    const std::string& region = name;
     std::erase_if(line, [&](const Waiter& waiter) {
       if (waiter.deadline > now) return false;
       tell(region, waiter.principal, waiter.request.requester, waiter.request.requestId, "refused");
@@ -288,7 +289,8 @@ void SyncCalls::turn(std::vector<Waited>& answers) {
 }
 
 void SyncCalls::abandon(Ticket ticket) {
-  for (auto& [region, line] : lines_) {
+  for (auto& [name, line] : lines_) {
+    const std::string& region = name;
     std::erase_if(line, [&](const Waiter& waiter) {
       if (waiter.ticket != ticket) return false;
       tell(region, waiter.principal, waiter.request.requester, waiter.request.requestId,

@@ -55,8 +55,7 @@ Watch::Watch(Watches& watches, WatchSettings settings)
     : watches_(watches), settings_(std::move(settings)) {
   auto& places = settings_.places;
   std::ranges::sort(places);
-  const auto repeated = std::ranges::unique(places);
-  places.erase(repeated.begin(), repeated.end());
+  places.erase(std::unique(places.begin(), places.end()), places.end());
   // What is below another place is in it already; the root stands for the whole document.
   const std::vector<Place> all = places;
   std::erase_if(places, [&](const Place& place) {
