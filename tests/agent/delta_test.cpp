@@ -60,7 +60,7 @@ TEST(Delta, ChangedAndChangedBackIsNothing) {
 
 TEST(Delta, ASequenceOfDifferencesIsTheDifferenceOfItsEnds) {
   std::mt19937 random(1);
-  for (int round = 0; round < 2000; ++round) {
+  for (int round = 0; round < 500; ++round) {
     const Json first = randomDocument(random, 3);
     Json now = first;
     Delta delta;
@@ -78,7 +78,7 @@ TEST(Delta, ASequenceOfDifferencesIsTheDifferenceOfItsEnds) {
 
 TEST(Delta, MergePatchLeadsFromOneDocumentToTheOther) {
   std::mt19937 random(2);
-  for (int round = 0; round < 2000; ++round) {
+  for (int round = 0; round < 500; ++round) {
     const Json before = randomObject(random, 3);
     const Json after = randomObject(random, 3);
     Json patched = before;
@@ -100,7 +100,7 @@ const Json* find(const Json& document, const Place& place) {
 TEST(Delta, OnePlaceHasItsOwnPartOfTheDifference) {
   std::mt19937 random(3);
   const std::vector<Place> places{{"a"}, {"a", "b"}, {"a", "b", "x"}, {"b", "a", "a"}};
-  for (int round = 0; round < 2000; ++round) {
+  for (int round = 0; round < 500; ++round) {
     const Json first = randomDocument(random, 3);
     const Json middle = randomDocument(random, 3);
     const Json last = randomDocument(random, 3);
