@@ -166,14 +166,18 @@ void Service::Impl::callSync(const Exchange& exchange) {
   }
   if (isBlocked_) return refuse(exchange, {"no-space", blockedFor_});
   const std::string* id = exchange.request.header("sync-request-id");
+  const auto keep = [&](Record& record, unsigned status, const std::string& body) {
+    remember(exchange, record, status, body);
+    remembered_.add(record);
+  };
   SyncCalls::Outcome outcome =
-      takes ? sync_.lock(region, lock, exchange.principal(), exchange.ticket, {})
+      takes ? sync_.lock(region, lock, exchange.principal(), exchange.ticket, keep)
             : sync_.call(exchange.route.subject, region, id, exchange.parameters.force,
-                         exchange.principal(), {});
+                         exchange.principal(), keep);
   if (outcome.refusal) {
     refuse(exchange, *outcome.refusal);
   } else if (!outcome.body.empty()) {
-    rememberAlone(exchange, 200, outcome.body);
+    if (!outcome.isRecorded) rememberAlone(exchange, 200, outcome.body);
     answer(exchange, jsonReply(std::move(outcome.body)));
   }
   settle(outcome.regions);

@@ -136,18 +136,24 @@ std::optional<Refusal> SyncCalls::fence(const std::string& region, const std::st
 
 SyncCalls::Outcome SyncCalls::lock(const std::string& region, const LockRequest& request,
                                    const Principal& principal, Ticket ticket,
-                                   const LiveCloud::Complete& complete) {
+                                   const Changes::Remember& remember) {
   if (holds(region, request)) return {.body = status(region)};
   const auto line = lines_.find(region);
   const bool isFree = !changes_.holderOf(region);
   if (isFree && (line == lines_.end() || line->second.empty())) {
-    LiveStep step = write(region, lockMembers(request.requester, request.requestId), complete);
+    Outcome outcome;
+    LiveStep step =
+        write(region, lockMembers(request.requester, request.requestId), [&](Record& record) {
+          noteHolder(region);
+          if (!holds(region, request)) return;
+          outcome.body = status(region);
+          outcome.isRecorded = true;
+          remember(record, 200, outcome.body);
+        });
     if (!step.faults.empty()) return {.refusal = refusalOf(std::move(step.faults), principal)};
-    Outcome outcome{.regions = std::move(step.regions), .isRecorded = true};
-    noteHolder(region);
-    if (holds(region, request)) {
+    outcome.regions = std::move(step.regions);
+    if (outcome.isRecorded) {
       tell(region, principal.name, request.requester, request.requestId, "granted");
-      outcome.body = status(region);
     } else {
       outcome.refusal = heldBy(region);
     }
@@ -164,7 +170,7 @@ SyncCalls::Outcome SyncCalls::lock(const std::string& region, const LockRequest&
 
 SyncCalls::Outcome SyncCalls::call(Subject subject, const std::string& region,
                                    const std::string* id, bool force, const Principal& principal,
-                                   const LiveCloud::Complete& complete) {
+                                   const Changes::Remember& remember) {
   const bool isForced = force && subject == Subject::kSyncLock;
   if (!isForced) {
     if (auto refusal = fence(region, id)) return {.refusal = std::move(refusal)};
@@ -193,14 +199,20 @@ SyncCalls::Outcome SyncCalls::call(Subject subject, const std::string& region,
       members = lockMembers("", "");
       break;
   }
-  LiveStep step = write(region, members, complete);
+  Outcome outcome;
+  LiveStep step = write(region, members, [&](Record& record) {
+    noteHolder(region);
+    outcome.body = status(region);
+    outcome.isRecorded = true;
+    remember(record, 200, outcome.body);
+  });
   if (!step.faults.empty()) return {.refusal = refusalOf(std::move(step.faults), principal)};
   if (subject == Subject::kSyncLock) {
     tell(region, principal.name, holder ? holder->owner : "", holder ? holder->requestId : "",
          isForced ? "forced" : "released");
   }
-  noteHolder(region);
-  return {.body = status(region), .regions = std::move(step.regions), .isRecorded = true};
+  outcome.regions = std::move(step.regions);
+  return outcome;
 }
 
 // Lines.

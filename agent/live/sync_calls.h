@@ -51,14 +51,14 @@ class SyncCalls {
     std::optional<Refusal> refusal = {};
     std::string body = {};
     std::vector<std::string> regions = {};  // whose status in the output has changed
-    bool isRecorded = false;                // `complete` was called
+    bool isRecorded = false;                // `remember` was called
   };
 
   Outcome lock(const std::string& region, const LockRequest& request, const Principal& principal,
-               Ticket ticket, const LiveCloud::Complete& complete);
+               Ticket ticket, const Changes::Remember& remember);
   // start, heartbeat, complete, and DELETE .../lock. `id` is the header; null where there is none.
   Outcome call(Subject subject, const std::string& region, const std::string* id, bool force,
-               const Principal& principal, const LiveCloud::Complete& complete);
+               const Principal& principal, const Changes::Remember& remember);
 
   // The status of these regions has changed, or they are gone: notes who holds what, grants free
   // locks to the first in line, and adds the answers. The grants may change further regions.

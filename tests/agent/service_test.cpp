@@ -327,6 +327,22 @@ TEST_F(ServiceTest, RepeatedKeyIsAnsweredOnce) {
   EXPECT_EQ(request("PATCH", "/v1/cloud", "{}", key).status, 422U);
 }
 
+// Or a crash between two records would lose the key of a call that was made.
+TEST_F(ServiceTest, CallAndItsKeyAreOneRecord) {
+  MemoryStorage storage;
+  start(&storage);
+  send("PATCH", "/v1/cloud", R"({"region": {"R": {}}})");
+  const std::string body = R"({"requester": "d", "requestId": "r"})";
+  const Headers key{{"idempotency-key", "k"}};
+  send("POST", "/v1/region/R/sync/lock", body, key);
+  ASSERT_EQ(storage.appended.size(), 2U);
+  EXPECT_EQ(storage.appended.back().key, "k");
+  EXPECT_EQ(Json::parse(storage.appended.back().reply)["owner"], "d");
+  send("POST", "/v1/region/R/sync/start", "", {{"sync-request-id", "r"}, {"idempotency-key", "s"}});
+  ASSERT_EQ(storage.appended.size(), 3U);
+  EXPECT_EQ(storage.appended.back().key, "s");
+}
+
 TEST_F(ServiceTest, NothingIsShownBeforeItIsDurable) {
   MemoryStorage storage;
   start(&storage);
