@@ -60,7 +60,8 @@ class Journal::Impl final : public Storage {
   JournalFigures figures() const;
 
   // For the activity thread.
-  void append(std::shared_ptr<const Record> record) override;
+  using Storage::append;
+  void append(Batch records) override;
   void read(uint64_t first, uint64_t last,
             const std::function<bool(const Record&)>& take) const override;
   void snapshot(Snapshot snapshot) override;
@@ -151,18 +152,21 @@ JournalFigures Journal::Impl::figures() const {
 
 // The activity thread.
 
-void Journal::Impl::append(std::shared_ptr<const Record> record) {
+void Journal::Impl::append(Batch records) {
+  if (records.empty()) return;
   {
     const std::scoped_lock lock(mutex_);
-    if (isFailing_ || (dropsOthers_ && record->sequence != expected_)) return;
-    if (record->sequence != expected_) {
-      throw std::logic_error("record " + std::to_string(record->sequence) +
-                             " is appended where record " + std::to_string(expected_) +
-                             " comes next");
+    const uint64_t first = records.front()->sequence;
+    if (isFailing_ || (dropsOthers_ && first != expected_)) return;
+    if (first != expected_) {
+      throw std::logic_error("record " + std::to_string(first) + " is appended where record " +
+                             std::to_string(expected_) + " comes next");
     }
     dropsOthers_ = false;
-    ++expected_;
-    queue_.push_back(std::move(record));
+    expected_ += records.size();
+    // One commit takes the whole queue.
+    queue_.insert(queue_.end(), std::make_move_iterator(records.begin()),
+                  std::make_move_iterator(records.end()));
   }
   wake_.notify_one();
 }

@@ -278,7 +278,13 @@ void LiveCloud::append(Record record, LiveStep& step, const Complete& complete) 
   if (storage_ == nullptr) return;
   auto shared = std::make_shared<const Record>(std::move(record));
   pending_.push_back(shared);
-  storage_->append(std::move(shared));
+  held_.push_back(std::move(shared));
+  if (!holdsRecords_) appendHeld();
+}
+
+void LiveCloud::appendHeld() {
+  holdsRecords_ = false;
+  if (!held_.empty()) storage_->append(std::exchange(held_, {}));
 }
 
 uint64_t LiveCloud::durableIs(uint64_t sequence) {

@@ -76,6 +76,19 @@ class LiveCloud {
   // Appends a record of a reply that is to be remembered, where no change carries it.
   LiveStep remember(const Complete& complete);
 
+  // While it lives, records are held; its end appends them so that they become durable together, or
+  // not at all.
+  class Together {
+   public:
+    explicit Together(LiveCloud& cloud) : cloud_(cloud) { cloud_.holdsRecords_ = true; }
+    ~Together() { cloud_.appendHeld(); }
+    Together(const Together&) = delete;
+    Together& operator=(const Together&) = delete;
+
+   private:
+    LiveCloud& cloud_;
+  };
+
   // All records up to this sequence are durable; returns the revision of the last of them.
   uint64_t durableIs(uint64_t sequence);
 
@@ -125,6 +138,7 @@ class LiveCloud {
   StepOutcome step(Record& record, const std::function<StepOutcome()>& run);
   void describe(const StepOutcome& outcome, Record& record, LiveStep& step);
   void append(Record record, LiveStep& step, const Complete& complete);
+  void appendHeld();
   std::unique_ptr<Session> newSession();
 
   ServiceSettings settings_;
@@ -140,6 +154,9 @@ class LiveCloud {
   double lastTime_ = 0;             // of the last record
   // Records that may not be durable yet, in ascending order.
   std::deque<std::shared_ptr<const Record>> pending_;
+  // Those of pending_ that the storage does not have yet.
+  std::vector<std::shared_ptr<const Record>> held_;
+  bool holdsRecords_ = false;
   uint64_t durableRevision_ = 0;
   std::string durableCheck_{kFirstCheck};
   uint64_t recordsSinceSnapshot_ = 0;

@@ -76,6 +76,8 @@ void Service::Impl::change(Exchange exchange) {
 Reply Service::Impl::makeChange(const Exchange& exchange) {
   if (isBlocked_) return replyOf({"no-space", blockedFor_});
   const double began = settings_.observer == nullptr ? 0 : cloud_.time();
+  // The elements of a batch, and its key: a crash between them would have the batch repeated.
+  const LiveCloud::Together together(cloud_);
   ChangeRequest change{exchange.request, exchange.route, exchange.conditions, exchange.body};
   ChangeReply made =
       changes_.make(change, [&](Record& record, unsigned status, const std::string& body) {

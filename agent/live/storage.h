@@ -7,6 +7,8 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <utility>
+#include <vector>
 
 #include "agent/live/record.h"
 
@@ -16,10 +18,12 @@ class Storage {
  public:
   virtual ~Storage() = default;
 
-  // Appends a record; returns at once. Records become durable in the order of their sequence;
-  // several may become so together. After a failure (Service::storageFailed) sequences go on after
-  // the last durable one; what is appended before the service hears of it is dropped too.
-  virtual void append(std::shared_ptr<const Record> record) = 0;
+  // Appends records that become durable together, or not at all; returns at once. Records become
+  // durable in the order of their sequence; those of several calls may become so together. After a
+  // failure (Service::storageFailed) sequences go on after the last durable one; what is appended
+  // before the service hears of it is dropped too.
+  virtual void append(std::vector<std::shared_ptr<const Record>> records) = 0;
+  void append(std::shared_ptr<const Record> record) { append(std::vector{std::move(record)}); }
 
   // Reads durable records of revisions first..last in ascending order of sequence; stops
   // when `take` returns false. The service asks for what is too old or too large for its memory.

@@ -23,7 +23,11 @@ Principal admin() {
 // A storage in memory, whose records become durable when the test says so.
 class MemoryStorage final : public Storage {
  public:
-  void append(std::shared_ptr<const Record> record) override { appended.push_back(*record); }
+  using Storage::append;
+  void append(std::vector<std::shared_ptr<const Record>> records) override {
+    for (const auto& record : records) appended.push_back(*record);
+    sizes.push_back(records.size());
+  }
   void read(uint64_t first, uint64_t last,
             const std::function<bool(const Record&)>& take) const override {
     for (const Record& record : appended) {
@@ -33,6 +37,7 @@ class MemoryStorage final : public Storage {
   void snapshot(Snapshot snapshot) override { kept = std::move(snapshot); }
 
   std::vector<Record> appended;
+  std::vector<size_t> sizes;  // of each call of append()
   std::optional<Snapshot> kept;
 };
 
@@ -341,6 +346,19 @@ TEST_F(ServiceTest, CallAndItsKeyAreOneRecord) {
   send("POST", "/v1/region/R/sync/start", "", {{"sync-request-id", "r"}, {"idempotency-key", "s"}});
   ASSERT_EQ(storage.appended.size(), 3U);
   EXPECT_EQ(storage.appended.back().key, "s");
+}
+
+TEST_F(ServiceTest, BatchAndItsKeyBecomeDurableTogether) {
+  MemoryStorage storage;
+  start(&storage);
+  const std::string body = R"([{"region": {"R": {}}}, {"region": 7}, {"region": {"S": {}}}])";
+  send("POST", "/v1/batch", body, {{"idempotency-key", "k"}});
+  ASSERT_EQ(storage.appended.size(), 3U);
+  EXPECT_EQ(storage.sizes, std::vector<size_t>{3});
+  EXPECT_EQ(storage.appended.back().key, "k");
+  EXPECT_EQ(Json::parse(storage.appended.back().reply).size(), 3U);
+  send("PATCH", "/v1/cloud", R"({"region": {"T": {}}})");
+  EXPECT_EQ(storage.sizes.back(), 1U);
 }
 
 TEST_F(ServiceTest, NothingIsShownBeforeItIsDurable) {
