@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "agent/journal/detail/log_tail.h"
 #include "agent/journal/detail/maintenance.h"
 #include "agent/journal/detail/open_journal.h"
 #include "agent/journal/detail/recovery.h"
@@ -257,7 +258,9 @@ void Journal::Impl::writeBatch(const Batch& batch) {
 
 void Journal::Impl::fail(const JournalError& error) {
   // What failed may be in the log as a whole, only not synced. Writing something else in its place
-  // keeps it from being read after a crash.
+  // keeps it from being read after a crash. A transaction may fail before it writes there, when it
+  // begins the log anew and cannot sync its header.
+  detail::spoilLogTail(held_.database);
   probeWorks();
   {
     const std::scoped_lock lock(mutex_);

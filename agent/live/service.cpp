@@ -227,6 +227,7 @@ void Service::Impl::storageFailed(uint64_t sequence, const std::string& reason) 
   isBlocked_ = true;
   blockedFor_ = reason;
   snapshot_.reset();
+  ++timesGoneBack_;
   cloud_.goBackTo(durable_);
   remembered_.truncate(durable_);
   for (HeldReply& held : std::exchange(held_, {})) {
@@ -261,10 +262,11 @@ void Service::Impl::takeSnapshot() {
   cloud_.snapshotTaken();
   runInCopy(
       run,
-      [this, taken, alive = std::weak_ptr<bool>(alive_)](const std::string& text) mutable {
+      [this, taken, times = timesGoneBack_,
+       alive = std::weak_ptr<bool>(alive_)](const std::string& text) mutable {
         if (alive.expired()) return;
         isTakingSnapshot_ = false;
-        if (text.empty() || isBlocked_) return;
+        if (text.empty() || times != timesGoneBack_) return;
         decode(text, taken);
         snapshotBytes_ = text.size();
         snapshot_ = std::move(taken);

@@ -35,7 +35,14 @@ class FaultDisk {
     kSyncFails,
   };
 
-  explicit FaultDisk(std::string name) : name_(std::move(name)) {
+  // What it is for beside failing.
+  enum class Use : uint8_t {
+    kCrashes,  // what a crash of the system leaves can be asked for
+    kProcess,  // it is the process's default VFS, and its syncs are real
+  };
+
+  explicit FaultDisk(std::string name, Use use = Use::kCrashes)
+      : name_(std::move(name)), use_(use) {
     base_ = sqlite3_vfs_find(nullptr);
     vfs_ = *base_;
     vfs_.szOsFile = static_cast<int>(sizeof(File)) + base_->szOsFile;
@@ -44,7 +51,7 @@ class FaultDisk {
     vfs_.pNext = nullptr;
     vfs_.xOpen = open;
     vfs_.xDelete = remove;
-    sqlite3_vfs_register(&vfs_, 0);
+    sqlite3_vfs_register(&vfs_, use_ == Use::kProcess ? 1 : 0);
   }
   ~FaultDisk() { sqlite3_vfs_unregister(&vfs_); }
   FaultDisk(const FaultDisk&) = delete;
@@ -128,6 +135,7 @@ class FaultDisk {
   }
 
   void write(const std::string& path, const void* bytes, size_t size, size_t offset) {
+    if (use_ == Use::kProcess) return;
     const std::scoped_lock lock(mutex_);
     Content& file = files_[path];
     const std::string_view text(static_cast<const char*>(bytes), size);
@@ -145,7 +153,7 @@ class FaultDisk {
     own->path = path == nullptr ? "" : path;
     const int code = disk->base_->xOpen(disk->base_, path, own->real(), flags, out);
     file->pMethods = own->real()->pMethods == nullptr ? nullptr : methods();
-    if (code == SQLITE_OK && path != nullptr) disk->begin(path);
+    if (code == SQLITE_OK && path != nullptr && disk->use_ == Use::kCrashes) disk->begin(path);
     return code;
   }
 
@@ -184,7 +192,7 @@ class FaultDisk {
 
   static int truncate(sqlite3_file* file, sqlite3_int64 size) {
     File* own = of(file);
-    {
+    if (own->disk->use_ == Use::kCrashes) {
       const std::scoped_lock lock(own->disk->mutex_);
       Content& content = own->disk->files_[own->path];
       content.changes.push_back({static_cast<size_t>(size), "", true});
@@ -193,11 +201,12 @@ class FaultDisk {
     return own->real()->pMethods->xTruncate(own->real(), size);
   }
 
-  static int sync(sqlite3_file* file, int) {
+  static int sync(sqlite3_file* file, int flags) {
     File* own = of(file);
     FaultDisk& disk = *own->disk;
     if (disk.onSync_) disk.onSync_();
     if (disk.fails(true)) return SQLITE_IOERR_FSYNC;
+    if (disk.use_ == Use::kProcess) return own->real()->pMethods->xSync(own->real(), flags);
     const std::scoped_lock lock(disk.mutex_);
     Content& content = disk.files_[own->path];
     content.synced = content.present;
@@ -242,6 +251,7 @@ class FaultDisk {
   }
 
   const std::string name_;
+  const Use use_;
   sqlite3_vfs* base_ = nullptr;
   sqlite3_vfs vfs_{};
   std::function<void()> onWrite_;

@@ -119,6 +119,38 @@ TEST(JournalOnDisk, DoesNotBringBackWhatOnlyFailedToSync) {
   expectAllUpTo(3, Owner(folder.path("killed"), on(disk)).recovered());
 }
 
+// Moves the write-ahead log into the database; the next transaction begins it anew.
+void checkpoint(const std::string& folder, const FaultDisk& disk) {
+  sqlite3* database = nullptr;
+  ASSERT_EQ(sqlite3_open_v2((folder + "/journal.db").c_str(), &database, SQLITE_OPEN_READWRITE,
+                            disk.name().c_str()),
+            SQLITE_OK);
+  // A connection knows of the log when it has read something.
+  EXPECT_EQ(sqlite3_exec(database, "SELECT count(*) FROM record", nullptr, nullptr, nullptr),
+            SQLITE_OK);
+  EXPECT_EQ(
+      sqlite3_wal_checkpoint_v2(database, nullptr, SQLITE_CHECKPOINT_RESTART, nullptr, nullptr),
+      SQLITE_OK);
+  sqlite3_close(database);
+}
+
+// There the header of the log is synced by itself, before anything of a transaction is written.
+TEST(JournalOnDisk, DoesNotBringBackWhatFailedToSyncAtTheBeginningOfTheLog) {
+  const Folder folder;
+  FaultDisk disk("beginning");
+  History history;
+  Owner owner(folder.path(), on(disk));
+  owner.append(history, 3);
+  checkpoint(folder.path(), disk);
+  History lost = history;
+  disk.faultIs(Fault::kSyncFails, 1);
+  owner.append(lost, 1);
+  EXPECT_EQ(owner.failedAfter(), 3U);
+  // The process is killed now: all that it wrote is still there.
+  std::filesystem::copy(folder.path(), folder.path("killed"));
+  expectAllUpTo(3, Owner(folder.path("killed"), on(disk)).recovered());
+}
+
 TEST(JournalOnDisk, GivesUpASnapshotThatCannotBeWritten) {
   const Folder folder;
   FaultDisk disk("snapshots");

@@ -1,15 +1,23 @@
 #!/usr/bin/env python3
 """Kills the live agent at random moments while drivers write and a watch looks on.
 
-After each start: what was acknowledged is there, no change is there in half, a request that is sent
-again with its key is applied once, and the watch that resumes has neither a gap nor a repetition. The
-times of the kills follow from --seed; what is in flight at that time does not.
+After each start: what was acknowledged is there, what was refused is not, no change is there in
+half, a request that is sent again with its key is applied once, and the watch that resumes has
+neither a gap nor a repetition.
+
+Every other process has a disk that fails now and then (faulty_agent.cpp). While it fails, changes
+are refused with 507 or 503, and what can be read is what is durable; when the faults end, changes
+are taken again. A process that cannot open its journal for such a fault ends, and the next one goes
+on.
+
+The times of the kills and the seeds of the faults follow from --seed; what is in flight does not.
 """
 
 import argparse
 import http.client
 import os
 import random
+import signal
 import sys
 import threading
 import time
@@ -17,9 +25,10 @@ from pathlib import Path
 from typing import Any
 
 sys.path.insert(0, str(Path(__file__).resolve().parent / "api"))
-from agent import Agent, Answer, Client, Stream, merged  # noqa: E402
+from agent import Agent, Answer, Client, Stream, merged, poll  # noqa: E402
 
 DRIVERS = 4
+PROBLEM = "application/problem+json"
 LOST = (OSError, http.client.HTTPException)
 
 
@@ -43,18 +52,24 @@ class Driver:
         self.next = 0
         self.revisions: list[int] = []  # of the changes that were acknowledged
         self.acknowledged = -1  # the last of them
-        self.pending = False  # whether the answer to the next one was lost
+        self.pending = False  # whether an answer to the next one was lost
+        self.mayRefuse = False  # the disk may fail
+        self.refused = 0
 
     def name(self, number: int) -> str:
         return f"{self.region}.{number}"
 
-    def change(self) -> None:
+    def change(self, stop: threading.Event) -> None:
         members: dict[str, Any] = {self.name(self.next): {}}
         if self.next >= self.KEPT:
             members[self.name(self.next - self.KEPT)] = None
         answer = self.client.patch({"region": {self.region: {"port": members, "network": members}}},
                                    headers={"Idempotency-Key": f"{self.region}-{self.next}"})
-        if answer.status == 503:  # it is stopping, or restoring
+        if answer.status == 507 or (answer.status == 503 and self.mayRefuse):
+            check(self.mayRefuse, f"change {self.next} is refused: {answer.body!r}")
+            check(answer.media == PROBLEM, f"a refusal is no problem document: {answer.media}")
+            self.refused += 1
+            stop.wait(0.01)
             return
         check(answer.status == 200, f"change {self.next}: {answer.status} {answer.body!r}")
         revision = answer.json["revision"]
@@ -68,22 +83,27 @@ class Driver:
     def run(self, stop: threading.Event) -> None:
         while not stop.is_set():
             try:
-                self.change()
+                self.change(stop)
             except LOST:
                 self.pending = True
                 return
 
-    def compare(self, cloud: Any) -> None:
-        """What was acknowledged is there; the change that is pending may be, as a whole."""
+    def last(self, cloud: Any) -> int:
+        """The last change that is there; all of each is."""
         region = cloud.get("region", {}).get(self.region, {})
         ports, networks = region.get("port", {}), region.get("network", {})
         check(ports == networks, f"half a change: {ports} and {networks}")
         numbers = sorted(int(name.split(".")[1]) for name in ports)
         last = max(numbers, default=-1)
-        check(last in (self.acknowledged, self.next if self.pending else self.acknowledged),
-              f"{self.region}: change {self.acknowledged} was acknowledged, {last} is there")
         first = max(0, last - self.KEPT + 1)
         check(numbers == list(range(first, last + 1)), f"ports {sorted(ports)}")
+        return last
+
+    def compare(self, cloud: Any) -> None:
+        """What was acknowledged is there; the change that is pending may be, as a whole."""
+        last = self.last(cloud)
+        check(last in (self.acknowledged, self.next if self.pending else self.acknowledged),
+              f"{self.region}: change {self.acknowledged} was acknowledged, {last} is there")
 
 
 class Follower:
@@ -95,15 +115,20 @@ class Follower:
         self.id: str | None = None
         self.revision = -1
 
-    def run(self) -> None:
-        try:
-            headers = {"Last-Event-ID": self.id} if self.id else {}
-            stream = self.client.stream("/v1/watch?of=cloud", headers)
-            if isinstance(stream, Answer):
-                raise Failure(f"the watch cannot resume at {self.id}: {stream.status} {stream.body!r}")
-            self.follow(stream)
-        except LOST:
-            return
+    def run(self, stop: threading.Event) -> None:
+        """Until the connection is lost; one that the agent ends is resumed."""
+        while not stop.is_set():
+            try:
+                headers = {"Last-Event-ID": self.id} if self.id else {}
+                stream = self.client.stream("/v1/watch?of=cloud", headers)
+                if isinstance(stream, Answer):
+                    if stream.status == 503 and stop.is_set():
+                        return
+                    raise Failure(f"the watch cannot resume at {self.id}: {stream.status} "
+                                  f"{stream.body!r}")
+                self.follow(stream)
+            except LOST:
+                return
 
     def follow(self, stream: Stream) -> None:
         while event := stream.next():
@@ -138,47 +163,129 @@ class Thread(threading.Thread):
             raise self.failure
 
 
-def cycle(agent: Agent, drivers: list[Driver], follower: Follower, choices: random.Random) -> None:
-    agent.start()
-    cloud = agent.client.cloud()
+class Reader:
+    """Reads the cloud while it changes."""
+
+    def __init__(self, client: Client, drivers: list[Driver], mayRefuse: bool) -> None:
+        self.client, self.drivers, self.mayRefuse = client, drivers, mayRefuse
+
+    def run(self, stop: threading.Event) -> None:
+        while not stop.is_set():
+            before = [driver.acknowledged for driver in self.drivers]
+            try:
+                answer = self.client.get("/v1/cloud")
+            except LOST:
+                return
+            if answer.status == 503 and self.mayRefuse:  # what it was to show was taken back
+                continue
+            check(answer.status == 200, f"a read: {answer.status} {answer.body!r}")
+            for driver, first in zip(self.drivers, before):
+                last = driver.last(answer.json)
+                check(first <= last <= driver.next,
+                      f"{driver.region}: {last} is read, after {first}")
+            stop.wait(0.02)
+
+
+class Programs:
+    """Which program the next process runs."""
+
+    def __init__(self, well: Path, faulty: Path | None, choices: random.Random) -> None:
+        self.well, self.faulty, self.choices = well, faulty, choices
+        self.failedStarts = 0
+
+    def start(self, agent: Agent, isFaulty: bool) -> bool:
+        """Returns whether the disk fails."""
+        for _ in range(4 if isFaulty else 0):
+            os.environ["VNAGENT"] = str(self.faulty)
+            os.environ["VNAGENT_DISK_SEED"] = str(self.choices.randrange(1 << 31))
+            written = agent.log.stat().st_size if agent.log.exists() else 0
+            try:
+                agent.start()
+                return True
+            except AssertionError as fault:
+                text = agent.log.read_text(errors="replace")[written:]
+                isOver = agent.process is not None and agent.process.poll() == 4
+                check(isOver and "disk: fault" in text and "journal repair" not in text,
+                      f"the agent does not start: {fault}")
+                self.failedStarts += 1
+        os.environ["VNAGENT"] = str(self.well)
+        agent.start()
+        return False
+
+
+def cycle(agent: Agent, drivers: list[Driver], follower: Follower, programs: Programs,
+          isFaulty: bool) -> None:
+    choices = programs.choices
+    isFaulty = programs.start(agent, isFaulty)
     for driver in drivers:
-        driver.compare(cloud)
+        driver.mayRefuse = isFaulty
+    answer = agent.client.get("/v1/cloud")
+    if not (isFaulty and answer.status == 503):
+        check(answer.status == 200, f"the first read: {answer.status} {answer.body!r}")
+        for driver in drivers:
+            driver.compare(answer.json)
     stop = threading.Event()
-    threads = [Thread(follower.run)] + [Thread(driver.run, stop) for driver in drivers]
-    time.sleep(choices.uniform(0.01, 0.3))
+    reader = Reader(agent.client, drivers, isFaulty)
+    clients: list[Follower | Reader | Driver] = [follower, reader, *drivers]
+    threads = [Thread(client.run, stop) for client in clients]
+    time.sleep(choices.uniform(0.01, 0.5 if isFaulty else 0.3))
+    if isFaulty and choices.random() < 0.2:
+        recover(agent, drivers)
     agent.kill()
     stop.set()
     for thread in threads:
         thread.end()
 
 
-def finish(agent: Agent, drivers: list[Driver], follower: Follower) -> None:
+def recover(agent: Agent, drivers: list[Driver]) -> None:
+    """When the disk works again, so do changes, without help."""
+    assert agent.process
+    agent.process.send_signal(signal.SIGUSR1)
+    before = [driver.acknowledged for driver in drivers]
+    poll(lambda: all(driver.acknowledged > last for driver, last in zip(drivers, before)),
+         "changes are taken again")
+
+
+def finish(agent: Agent, drivers: list[Driver], follower: Follower, programs: Programs) -> None:
     """The watch catches up, and no two changes have the same revision."""
-    agent.start()
+    programs.start(agent, False)
     info = agent.client.get("/v1").json
-    thread = Thread(follower.run)
+    stop = threading.Event()
+    thread = Thread(follower.run, stop)
     end = time.monotonic() + 20
     while follower.revision < info["revision"] and thread.is_alive() and time.monotonic() < end:
         time.sleep(0.01)
+    stop.set()
     agent.terminate()
     thread.end()
     check(follower.revision == info["revision"], f"the watch is at {follower.id}, not at {info}")
     agent.start()
     check(follower.document == agent.client.cloud(), "the watch has another document")
-    check(follower.id == f"{info['revision']}-{info['check']}", f"{follower.id} is not that of {info}")
+    check(follower.id == f"{info['revision']}-{info['check']}",
+          f"{follower.id} is not that of {info}")
     revisions = [revision for driver in drivers for revision in driver.revisions]
     check(len(set(revisions)) == len(revisions), "two changes have the same revision")
     agent.terminate()
 
 
 def main() -> int:
-    parser = argparse.ArgumentParser(description=__doc__)
-    parser.add_argument("--binary", required=True, help="the program to test")
+    parser = argparse.ArgumentParser(description=__doc__,
+                                     formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--binary", required=True, type=Path, help="the program to test")
+    parser.add_argument("--faulty", type=Path, metavar="PROGRAM",
+                        help="the same on a disk that fails; default: faulty_agent beside it")
+    parser.add_argument("--disk", choices=("both", "well", "faulty"), default="both",
+                        help="which of the two to run (default: by turns)")
     parser.add_argument("--cycles", type=int, default=20)
     parser.add_argument("--seed", type=int, default=1)
     arguments = parser.parse_args()
-    os.environ["VNAGENT"] = os.path.abspath(arguments.binary)
+    well = arguments.binary.resolve()
+    faulty = (arguments.faulty or well.parent / "faulty_agent").resolve()
+    for program in (well, faulty):
+        if not program.exists():
+            parser.error(f"there is no program {program}")
     choices = random.Random(arguments.seed)
+    programs = Programs(well, faulty, choices)
     agent = Agent()
     agent.options += ["--state-dir", str(agent.folder / "state")]
     drivers = [Driver(agent.client, f"region-{number}") for number in range(DRIVERS)]
@@ -186,18 +293,21 @@ def main() -> int:
     number = 0
     try:
         for number in range(arguments.cycles):
-            cycle(agent, drivers, follower, choices)
+            isFaulty = arguments.disk == "faulty" or (arguments.disk == "both" and number % 2 == 1)
+            cycle(agent, drivers, follower, programs, isFaulty)
             if sys.stderr.isatty():
                 print(f"\r{number + 1} of {arguments.cycles}", end="", file=sys.stderr)
-        finish(agent, drivers, follower)
-    except Failure as failure:
+        finish(agent, drivers, follower, programs)
+    except (Failure, AssertionError) as failure:
         print(f"cycle {number + 1} of seed {arguments.seed}: {failure}", file=sys.stderr)
         print(agent.log.read_text(errors="replace")[-4000:], file=sys.stderr)
         return 1
     finally:
         agent.close()
     changes = sum(len(driver.revisions) for driver in drivers)
-    print(f"{arguments.cycles} crashes, {changes} changes acknowledged, none lost")
+    refused = sum(driver.refused for driver in drivers)
+    print(f"{arguments.cycles} crashes, {changes} changes acknowledged, none lost; {refused} "
+          f"refused while the disk failed, none applied; {programs.failedStarts} starts failed")
     return 0
 
 

@@ -137,6 +137,7 @@ class Service::Impl {
   std::string blockedFor_;                                    // why, for clients
   bool isStopping_ = false;
   bool isTakingSnapshot_ = false;
+  uint64_t timesGoneBack_ = 0;        // a snapshot from before that is of a state that never was
   uint64_t snapshotBytes_ = 0;        // of the last snapshot
   std::optional<Snapshot> snapshot_;  // waits until its record is durable
   // Runs out with the service: what comes later from another thread is dropped.
