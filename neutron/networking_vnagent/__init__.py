@@ -1,0 +1,1 @@
+"""Neutron keeps the switches of live agents up to date."""

@@ -1,0 +1,127 @@
+"""Binds ports to the VLANs of racks: which rack a port is in, and which segments it gets."""
+import collections.abc
+import typing
+
+from neutron_lib import constants
+from neutron_lib import exceptions
+from neutron_lib.api.definitions import portbindings
+from neutron_lib.plugins.ml2 import api
+from oslo_log import log
+
+from networking_vnagent import config
+from networking_vnagent import mapping
+from networking_vnagent import segments as dynamic_segments
+
+LOG = log.getLogger(__name__)
+
+Segment = dict[str, typing.Any]
+
+
+class Binder:
+    """Binds the ports of the racks of some agents."""
+
+    def __init__(self, agents: collections.abc.Sequence[config.AgentConfig],
+                 segments: dynamic_segments.Segments, is_active_at_once: bool) -> None:
+        self._agents = agents
+        self._segments = segments
+        # Whether a baremetal port becomes ACTIVE without waiting for anybody.
+        self._is_active_at_once = is_active_at_once
+
+    def bind(self, context: api.PortContext) -> None:
+        """One level of one attempt to bind a port. Makes no binding where it is not ours."""
+        port = context.current
+        is_baremetal = port.get(portbindings.VNIC_TYPE) == portbindings.VNIC_BAREMETAL
+        if is_baremetal:
+            rack = self._rack_of_links(context)
+            racks = [rack] if rack else []
+        else:
+            racks = self.racks_of_host(context)
+        if not racks:
+            LOG.debug("Port %s is not bound here: no agent serves a physical network of host %s",
+                      port["id"], context.host)
+            return
+        self._bind_in(context, racks, is_baremetal)
+
+    def _bind_in(self, context: api.PortContext, racks: list[str], is_baremetal: bool) -> None:
+        candidates: list[Segment] = context.segments_to_bind or []
+        tops = [s for s in candidates if s[api.NETWORK_TYPE] == constants.TYPE_VXLAN]
+        vlans = [s for s in candidates if s[api.NETWORK_TYPE] == constants.TYPE_VLAN
+                 and s[api.PHYSICAL_NETWORK] in racks]
+        if tops:
+            # A segment that an operator gave the network in this rack is the rack's VLAN.
+            bottom = vlans[0] if vlans else self._allocate(context, racks)
+            if bottom is not None:
+                context.continue_binding(tops[0][api.ID], [bottom])
+        elif vlans and is_baremetal:
+            status = constants.PORT_STATUS_ACTIVE if self._is_active_at_once else None
+            context.set_binding(
+                vlans[0][api.ID], portbindings.VIF_TYPE_OTHER,
+                {portbindings.VIF_DETAILS_CONNECTIVITY: portbindings.CONNECTIVITY_L2,
+                 portbindings.CAP_PORT_FILTER: False}, status)
+        # The VLAN of a virtual machine is bound by the driver of its host, below this one.
+
+    def _allocate(self, context: api.PortContext, racks: list[str]) -> Segment | None:
+        for rack in racks:
+            try:
+                segment = self._segments.allocate(context, rack)
+            except exceptions.NoNetworkAvailable:
+                LOG.error("Port %s cannot be bound on host %s: no VLAN is free in %s. Give it more "
+                          "VLANs, or free some.", context.current["id"], context.host, rack)
+                continue
+            if segment is not None:
+                return segment
+        return None
+
+    # Racks.
+
+    def racks_of_host(self, context: api.PortContext) -> list[str]:
+        """The physical networks of a host that agents serve, the one to use first."""
+        host = context.host
+        if not host:
+            return []
+        for agent in self._agents:
+            if network := config.matching(agent.hosts, host):
+                return [network]
+        racks: list[str] = []
+        for listed in context._plugin.get_agents(context._plugin_context,
+                                                 filters={"host": [host]}):
+            configurations = listed.get("configurations") or {}
+            for option in ("bridge_mappings", "device_mappings", "interface_mappings"):
+                mappings = configurations.get(option)
+                for network in mappings if isinstance(mappings, dict) else ():
+                    if network not in racks and any(a.serves(network) for a in self._agents):
+                        racks.append(network)
+        return racks
+
+    def _rack_of_links(self, context: api.PortContext) -> str | None:
+        """The physical network of the switches that a baremetal port is plugged into."""
+        port = context.current
+        links, faults = mapping.links_of(port.get(portbindings.PROFILE) or {})
+        for fault in faults:
+            LOG.warning("Port %s: %s", port["id"], fault)
+        racks: set[str] = set()
+        for link in links:
+            rack = self._rack_of_switch(link.switch)
+            if rack is None:
+                LOG.warning("Port %s cannot be bound: no agent of the file has switch %s among its "
+                            "switches", port["id"], link.switch)
+                return None
+            racks.add(rack)
+        if len(racks) > 1:
+            LOG.warning("Port %s cannot be bound: its links are in several racks: %s", port["id"],
+                        ", ".join(sorted(racks)))
+            return None
+        if not links:
+            LOG.debug("Port %s has no local_link_information that can be used", port["id"])
+        return racks.pop() if racks else None
+
+    def _rack_of_switch(self, switch: str) -> str | None:
+        for agent in self._agents:
+            if network := config.matching(agent.switches, switch):
+                return network
+        for agent in self._agents:
+            # An agent of one rack, without a list of its switches.
+            if not agent.switches and len(agent.physical_networks) == 1:
+                if len(self._agents) == 1:
+                    return agent.physical_networks[0]
+        return None

@@ -1,0 +1,73 @@
+"""Notices the changes of the database that Neutron does not announce to mechanism drivers.
+
+The second binding of a live migration comes and goes, and dynamic segments are given back, without a
+call to the driver. So the rows themselves are watched: what a session flushes is remembered, and
+handed on when the session has committed. A change that is handed on without need costs a look.
+"""
+import collections.abc
+import typing
+
+from neutron.db.models import segment as segment_models
+from neutron.plugins.ml2 import models as ml2_models
+from sqlalchemy import event
+from sqlalchemy import orm
+
+from networking_vnagent import backlog
+
+_KEY = "networking_vnagent"
+
+Handler = collections.abc.Callable[[backlog.Work], None]
+
+_handlers: list[Handler] = []
+_is_listening = False
+
+
+def subscribe(handler: Handler) -> None:
+    """Calls the handler after each commit that changed something; it must not block."""
+    global _is_listening
+    _handlers.append(handler)
+    if _is_listening:
+        return
+    _is_listening = True
+    for model in (ml2_models.PortBinding, ml2_models.PortBindingLevel,
+                  ml2_models.DistributedPortBinding):
+        for what in ("after_insert", "after_update", "after_delete"):
+            event.listen(model, what, _binding_flushed)
+    for what in ("after_insert", "after_update", "after_delete"):
+        event.listen(segment_models.NetworkSegment, what, _segment_flushed)
+    event.listen(orm.Session, "after_commit", _committed)
+    event.listen(orm.Session, "after_rollback", _rolled_back)
+
+
+def unsubscribe(handler: Handler) -> None:
+    _handlers.remove(handler)
+
+
+def _work_of(row: typing.Any) -> backlog.Work:
+    session = orm.object_session(row)
+    if session is None:
+        return backlog.Work()
+    work: backlog.Work = session.info.setdefault(_KEY, backlog.Work())
+    return work
+
+
+def _binding_flushed(mapper: typing.Any, connection: typing.Any, row: typing.Any) -> None:
+    _work_of(row).ports.add(row.port_id)
+
+
+def _segment_flushed(mapper: typing.Any, connection: typing.Any, row: typing.Any) -> None:
+    work = _work_of(row)
+    work.segments.add(row.id)
+    if row.network_id:
+        work.networks.add(row.network_id)
+
+
+def _committed(session: typing.Any) -> None:
+    work = session.info.pop(_KEY, None)
+    if work is not None and len(work):
+        for handler in _handlers:
+            handler(work)
+
+
+def _rolled_back(session: typing.Any) -> None:
+    session.info.pop(_KEY, None)

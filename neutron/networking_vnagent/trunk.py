@@ -1,0 +1,5 @@
+"""Trunks of baremetal ports."""
+
+
+def register() -> None:
+    """Registers the driver of trunks."""

@@ -1,0 +1,4 @@
+"""The metadata is in setup.cfg."""
+import setuptools
+
+setuptools.setup()
