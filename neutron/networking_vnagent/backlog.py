@@ -19,7 +19,6 @@ class Work:
         for name in FIELDS:
             getattr(self, name).update(getattr(other, name))
 
-
     def items(self) -> list[tuple[str, str]]:
         return [(name, item) for name in FIELDS for item in sorted(getattr(self, name))]
 

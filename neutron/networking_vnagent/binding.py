@@ -80,8 +80,8 @@ class Binder:
         if not host:
             return []
         for agent in self._agents:
-            if network := config.matching(agent.hosts, host):
-                return [network]
+            if named := config.matching(agent.hosts, host):
+                return [named]
         racks: list[str] = []
         for listed in context._plugin.get_agents(context._plugin_context,
                                                  filters={"host": [host]}):

@@ -1,8 +1,9 @@
 """Notices the changes of the database that Neutron does not announce to mechanism drivers.
 
-The second binding of a live migration comes and goes, and dynamic segments are given back, without a
-call to the driver. So the rows themselves are watched: what a session flushes is remembered, and
-handed on when the session has committed. A change that is handed on without need costs a look.
+The second binding of a live migration is added and removed, and dynamic segments are given back,
+without a call to the driver. So the rows themselves are watched: what a session flushes is
+remembered, and handed on when the session has committed. A change that is handed on without need
+costs a look.
 """
 import collections.abc
 import typing

@@ -239,8 +239,8 @@ class Client:
                 timeout: float | None = None) -> Answer:
         """One request. Raises Refused for a refusal, NoAnswer where there is none.
 
-        Only safe requests and those with a key are sent again by themselves, when an idle connection
-        turns out to be closed.
+        Only safe requests and those with a key are sent again by themselves, when an idle
+        connection turns out to be closed.
         """
         sent = dict(headers or {})
         data = None
@@ -284,8 +284,8 @@ class Client:
             body = None
         if not isinstance(body, dict):
             self.close()
-            raise Nonsense(f"{self.url}: {method} {path} was answered {status} with what is no JSON "
-                           "object: is that address a live agent's?")
+            raise Nonsense(f"{self.url}: {method} {path} was answered {status} with what is no "
+                           "JSON object: is that address a live agent's?")
         if 200 <= status < 300:
             return Answer(status, body, etag)
         name = str(body.get("type", "")).rpartition("/")[2] or str(status)
@@ -311,7 +311,7 @@ class Client:
         """Who is there. Raises AnotherInstance when it is not who was there before."""
         body = self.request("GET", "/v1").body
         if body.get("api") != 1 or not isinstance(body.get("revision"), int):
-            raise Nonsense(f"{self.url}: this is no live agent that speaks version 1: {body!r:.200}")
+            raise Nonsense(f"{self.url}: no live agent that speaks version 1: {body!r:.200}")
         instance = str(body.get("instance"))
         before, self.instance = self.instance, instance
         if before is not None and before != instance:

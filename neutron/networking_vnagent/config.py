@@ -35,8 +35,8 @@ OPTIONS = [
                  help="Seconds that a port waits at most, before it becomes ACTIVE, for the agents "
                       "concerned to acknowledge it. 0: ports do not wait."),
     cfg.FloatOpt("segment_linger", default=60, min=1,
-                 help="Seconds for which a dynamic VLAN segment must have been without a user until "
-                      "it is given back. Must be longer than any binding of a port takes."),
+                 help="Seconds without a user after which a dynamic VLAN segment is given back. "
+                      "Must be longer than any binding of a port takes."),
     cfg.BoolOpt("release_segments", default=True,
                 help="Give back dynamic VLAN segments that nobody uses."),
 ]
@@ -46,14 +46,14 @@ AGENT_OPTIONS = [
                help="unix:///PATH, https://HOST:PORT, or http://HOST:PORT on loopback."),
     cfg.StrOpt("region", default="RegionOne", help="The region of the agent that is kept."),
     cfg.ListOpt("physical_networks", default=[],
-                help="The physical networks (racks) that the agent serves. It is sent what is bound "
-                     "in them. Empty: everything."),
+                help="The physical networks (racks) that the agent serves. It is sent what is "
+                     "bound in them. Empty: everything."),
     cfg.DictOpt("hosts", default={},
                 help="HOST:PHYSICAL_NETWORK,... The rack of hosts; HOST may be a shell pattern. "
-                     "Hosts that are not named are looked up in the bridge_mappings of their agents."),
+                     "Other hosts are looked up in the bridge_mappings of their agents."),
     cfg.DictOpt("switches", default={},
                 help="SWITCH:PHYSICAL_NETWORK,... The rack of switches, by the switch_info or "
-                     "switch_id of a port's local_link_information; SWITCH may be a shell pattern."),
+                     "switch_id of a port's local_link_information; SWITCH may be a pattern."),
     cfg.StrOpt("token_file", help="A file with the token to send; not readable by others."),
     cfg.StrOpt("ca_file", help="The authority that signed the agent's certificate."),
     cfg.StrOpt("cert_file", help="The certificate to show to the agent."),
@@ -121,8 +121,8 @@ def read_agents(path: str, request_timeout: float = 10) -> list[AgentConfig]:
     for agent in agents:
         other = seen.setdefault((agent.url, agent.region), agent.name)
         if other != agent.name:
-            raise BadAgentsFile(f"{path}: agents {other} and {agent.name} are the same region of the "
-                                "same agent")
+            raise BadAgentsFile(f"{path}: agents {other} and {agent.name} are the same region of "
+                                "the same agent")
     return agents
 
 
@@ -141,8 +141,8 @@ def _read_agent(path: str, section: str, name: str, group: cfg.ConfigOpts.GroupA
     for option in ("hosts", "switches"):
         for who, network in getattr(agent, option).items():
             if not agent.serves(network):
-                raise BadAgentsFile(f"{path}: [{section}]: {option}: {who} is in {network}, which is "
-                                    "not among the physical_networks")
+                raise BadAgentsFile(f"{path}: [{section}]: {option}: {who} is in {network}, which "
+                                    "is not among the physical_networks")
     return agent
 
 

@@ -1,7 +1,7 @@
 """From rows of Neutron's database to the document of a region. No database, no agent: values only.
 
-The same state gives the same document as `vnagent import-neutron` makes of what the API prints. What
-cannot be mapped is left out with a line that says so; nothing is guessed.
+The same state gives the same document as `vnagent import-neutron` makes of what the API prints.
+What cannot be mapped is left out with a line that says so; nothing is guessed.
 """
 import collections
 import dataclasses

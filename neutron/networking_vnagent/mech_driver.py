@@ -1,7 +1,7 @@
 """The ML2 mechanism driver `vnagent`.
 
-Binds ports hierarchically: the network's VXLAN segment, and below it a VLAN of the host's rack. What
-changes is only noted here; the publishers send it. No call of Neutron waits for an agent.
+Binds ports hierarchically: the network's VXLAN segment, and below it a VLAN of the host's rack.
+What changes is only noted here; the publishers send it. No call of Neutron waits for an agent.
 """
 import typing
 
@@ -57,7 +57,9 @@ class VnagentMechanismDriver(api.MechanismDriver):
 
     def _started(self, *_: object, **__: object) -> None:
         """In each process of the server, after it was forked."""
-        self._process.start()
+        # SQLite has one writer: there, only the process that answers the API takes part.
+        if not str(cfg.CONF.database.connection or "").startswith("sqlite"):
+            self._process.start()
 
     # What the driver can do.
 

@@ -99,7 +99,7 @@ class ServerProcess:
         for port in adopted:
             self.acknowledgements.expect(port, {agent.name for agent in self._agents})
         if adopted:
-            LOG.info("%d port(s) wait for agents since a process that may have ended: looking after "
-                     "them", len(adopted))
+            LOG.info("%d port(s) wait for agents since a process that may have ended: looking "
+                     "after them", len(adopted))
             self.changed(backlog.Work(ports=adopted))
         return blocked

@@ -1,7 +1,7 @@
 """Keeps a port from ACTIVE until the agents concerned have acknowledged it, for a limited time.
 
-The block is in Neutron's database, so that it counts for all servers. The process that bound the port
-removes it; where that process is gone, another one does.
+The block is in Neutron's database, so that it counts for all servers. The process that bound the
+port removes it; where that process is gone, another one does.
 """
 import collections.abc
 import dataclasses
@@ -116,8 +116,9 @@ def finish(taken: dict[str, set[str]], timeout: float) -> dict[str, set[str]]:
     for port, late in taken.items():
         if late:
             LOG.warning("Port %s goes on without agent(s) %s, which did not acknowledge it within "
-                        "%g seconds: see whether they are alive in the list of agents. They are sent "
-                        "the port as soon as they answer.", port, ", ".join(sorted(late)), timeout)
+                        "%g seconds: see whether they are alive in the list of agents. They are "
+                        "sent the port as soon as they answer.", port, ", ".join(sorted(late)),
+                        timeout)
         try:
             remove_block(port)
         except Exception as error:

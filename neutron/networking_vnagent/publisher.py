@@ -21,6 +21,7 @@ from networking_vnagent import database
 from networking_vnagent import patcher
 from networking_vnagent import provisioning
 from networking_vnagent import sync
+from networking_vnagent import type_driver
 
 LOG = log.getLogger(__name__)
 
@@ -49,13 +50,14 @@ class Publisher:
 
     def __init__(self, agent: config.AgentConfig, settings: Settings,
                  acknowledgements: provisioning.Acknowledgements,
-                 on_status: typing.Callable[[config.AgentConfig, dict[str, typing.Any]],
-                                            None] | None = None) -> None:
+                 on_status: typing.Callable[[config.AgentConfig, agent_client.Document],
+                                            None]) -> None:
         self.agent = agent
         self.backlog = backlog.Backlog(settings.max_backlog)
         self._settings = settings
         self._acknowledgements = acknowledgements
         self._on_status = on_status
+        self._status: agent_client.Document = {}
         self._client = agent.client()
         self._patcher = patcher.Patcher(agent, self._client)
         self._stopped = threading.Event()
@@ -158,7 +160,7 @@ class Publisher:
             except agent_client.Refused as refused:
                 if refused.status != 428:
                     raise
-                LOG.info("Agent %s takes changes under the region's lock only", self.agent.name)
+                LOG.info("Agent %s takes changes only under the lock", self.agent.name)
                 self._needs_lock = True
         request_id = str(uuid.uuid4())
         body = {"requester": sync.requester(), "requestId": request_id, "wait": 10}
@@ -166,7 +168,7 @@ class Publisher:
             self._client.sync_call("lock", request_id, body, self._client.timeout + 10)
         except agent_client.Refused as refused:
             if refused.status == 409:
-                raise patcher.LostRaces(f"agent {self.agent.name}: the region is locked") from refused
+                raise patcher.LostRaces(f"agent {self.agent.name}: locked") from refused
             raise
         try:
             return self._patcher.apply_parts(work, {"Sync-Request-Id": request_id})
@@ -193,10 +195,8 @@ class Publisher:
 
     def _look_at_list(self, hello: agent_client.Document) -> None:
         listed = agents.read(self.agent.name)
-        status: dict[str, typing.Any] = {}
-        if self._on_status is not None:
-            status = self._status()
-            self._on_status(self.agent, status)
+        self._status = self._region_status()
+        self._on_status(self.agent, self._status)
         if listed is None or listed.seconds_since_heartbeat >= self._settings.report_interval:
             agents.report(self.agent.name, self._configurations(hello))
         last = str((listed.configurations if listed else {}).get("full_sync_read_at") or "")
@@ -207,7 +207,7 @@ class Publisher:
                 self._sync_wanted = last
                 self._sync_reason = "it is time for one"
 
-    def _status(self) -> dict[str, typing.Any]:
+    def _region_status(self) -> dict[str, typing.Any]:
         try:
             return self._client.status()
         except agent_client.Refused as refused:
@@ -216,7 +216,11 @@ class Publisher:
             raise
 
     def _configurations(self, hello: agent_client.Document) -> agents.Configurations:
-        return {
+        assigned = type_driver.assigned_in(self._status)
+        known = {} if assigned is None else {
+            "assigned_vlans": type_driver.text_of(assigned),
+            "vlan_assignment_uuid": self._status.get("vlanAssignmentUuid")}
+        return known | {
             "url": self.agent.url, "region": self.agent.region,
             "physical_networks": list(self.agent.physical_networks),
             "version": hello.get("version"), "instance": hello.get("instance"),
@@ -310,8 +314,8 @@ class Publisher:
         LOG.debug("Agent %s: %s", self.agent.name, error)
         if now - self._down_since > SHORT_ABSENCE and not self.backlog.is_region:
             self.backlog.become_region()
-            LOG.warning("Agent %s has been away for %d seconds: it gets a full sync when it is back. "
-                        "%s", self.agent.name, SHORT_ABSENCE, error)
+            LOG.warning("Agent %s has been away for %d seconds: it gets a full sync when it is "
+                        "back. %s", self.agent.name, SHORT_ABSENCE, error)
             agents.amend(self.agent.name, {"backlog": "region"})
 
     def _came_up(self) -> None:
@@ -348,7 +352,7 @@ class Publisher:
 
 
 def _error_of(call: typing.Callable[..., None], *arguments: typing.Any) -> Exception | None:
-    """What a call raised, outside of its handling: log lines are about it only where they say so."""
+    """What a call raised, outside of its handling: a log line names it only where it says so."""
     try:
         call(*arguments)
     except Exception as error:

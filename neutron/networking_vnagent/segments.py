@@ -28,7 +28,7 @@ LOG = log.getLogger(__name__)
 ATTEMPTS = 10
 
 Segment = dict[str, typing.Any]
-Context = neutron_context.Context
+Context = typing.Any  # a neutron_lib.context.Context
 
 _segment = segment_models.NetworkSegment
 _level = ml2_models.PortBindingLevel
@@ -87,7 +87,7 @@ class Segments:
     def _give_back(self, segment: str, revision: int) -> bool:
         with self._lock:
             self._held.pop(segment, None)
-        return _release(segment, revision)
+        return bool(_release(segment, revision))
 
 
 @db_api.retry_db_errors
@@ -98,7 +98,7 @@ def _raise_revision(context: Context, segment: str) -> bool:
             standard_attr.StandardAttribute.id == ids).update(
                 {"revision_number": standard_attr.StandardAttribute.revision_number + 1},
                 synchronize_session=False)
-        return changed == 1
+        return bool(changed == 1)
 
 
 @db_api.retry_db_errors

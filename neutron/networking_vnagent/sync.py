@@ -1,8 +1,8 @@
 """The full sync of one agent's region: the whole of it becomes what the database says.
 
 The region's lock is held meanwhile, with heartbeats. Nothing that is right is touched: the agent
-applies only what differs. A write of before, that an agent or the network still has somewhere, can do
-no harm after a sync: the sync's first step changes the region's ETag, on which all writes depend.
+applies only what differs. A write of before, that an agent or the network still has somewhere, can
+do no harm after a sync: the sync's first step changes the region's ETag, on which writes depend.
 """
 import dataclasses
 import os
