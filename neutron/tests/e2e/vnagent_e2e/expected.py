@@ -1,0 +1,185 @@
+"""What each agent must be asked to provide, worked out from the rows of Neutron's database alone.
+
+This is the test's own reading of what the rows mean. It uses nothing of the driver and nothing of
+Neutron but its tables:
+
+- A port is bound on a host when `ml2_port_binding_levels` has rows for the two. A virtual machine
+  that is being migrated has rows for two hosts, and a distributed router's port for many; all of
+  these hosts need the VLAN.
+- The segments of a binding are its levels, level 0 first. A VLAN is trunked to the host, and mapped
+  to the VNI of the VXLAN segment right above it, if there is one.
+- A baremetal port is bound on the switch ports that its binding profile names, through its active
+  binding only. Its VLANs are native there, unless it is a trunk's subport: those are tagged.
+- The physical network of a binding's VLAN segments is a rack, and a rack belongs to one agent.
+"""
+
+from __future__ import annotations
+
+import json
+from collections import defaultdict
+from collections.abc import Iterable, Mapping
+from dataclasses import dataclass, field
+from typing import Any
+
+Row = dict[str, Any]
+Json = dict[str, Any]
+
+QUERIES = {
+    "levels": "SELECT port_id, host, level, segment_id FROM ml2_port_binding_levels",
+    "segments": "SELECT id, network_id, network_type, physical_network, segmentation_id, is_dynamic"
+                " FROM networksegments",
+    "bindings": "SELECT port_id, host, vnic_type, profile, vif_type, status"
+                " FROM ml2_port_bindings",
+    "distributed": "SELECT port_id, host, vif_type FROM ml2_distributed_port_bindings",
+    "ports": "SELECT id, network_id, device_owner, device_id, status FROM ports",
+    "subports": "SELECT port_id, trunk_id, segmentation_id FROM subports",
+}
+
+
+@dataclass
+class Vlan:
+    """Who refers to a VLAN, and through which VNIs."""
+
+    referrer: set[str] = field(default_factory=set)
+    vnis: dict[int, set[str]] = field(default_factory=lambda: defaultdict(set))
+
+    def printed(self) -> Json:
+        return {"referrer": sorted(self.referrer),
+                "mappedVni": {str(vni): sorted(ports) for vni, ports in self.vnis.items()}}
+
+
+@dataclass
+class Host:
+    """A compute host: the ports on it and its VLANs."""
+
+    ports: set[str] = field(default_factory=set)
+    vlans: dict[int, Vlan] = field(default_factory=lambda: defaultdict(Vlan))
+
+    def printed(self, region: str) -> Json:
+        return {"domain": {region: sorted(self.ports)},
+                "vlan": {str(vlan): entry.printed() for vlan, entry in self.vlans.items()}}
+
+
+@dataclass
+class SwitchPort:
+    """A port of a switch with a baremetal node on it."""
+
+    ports: set[str] = field(default_factory=set)
+    hosts: set[str] = field(default_factory=set)
+    native: set[int] = field(default_factory=set)
+    vlans: dict[int, Vlan] = field(default_factory=lambda: defaultdict(Vlan))
+
+    def printed(self) -> Json:
+        return {"referrer": sorted("bm-" + port for port in self.ports),
+                "remoteHost": sorted(self.hosts),
+                "nativeVlan": min(self.native, default=0),
+                "vlan": {str(vlan): entry.printed() for vlan, entry in self.vlans.items()}}
+
+
+@dataclass
+class Expected:
+    """One agent's part."""
+
+    hosts: dict[str, Host] = field(default_factory=lambda: defaultdict(Host))
+    switch_ports: dict[tuple[str, str], SwitchPort] = field(
+        default_factory=lambda: defaultdict(SwitchPort))
+
+    def printed(self, region: str) -> Json:
+        """In the form of the member `requestedResources` of the agent's output document."""
+        switches: Json = {}
+        for (switch, interface), entry in self.switch_ports.items():
+            switches.setdefault(switch, {})[interface] = entry.printed()
+        return {"resourcesForHostname": {name: host.printed(region)
+                                         for name, host in self.hosts.items()},
+                "resourcesForSwitchport": switches}
+
+
+def links_of(profile: str) -> list[tuple[str, str]]:
+    """(switch, interface) of each link that a binding profile names."""
+    links = json.loads(profile or "{}").get("local_link_information") or []
+    return [(link.get("switch_info") or link["switch_id"], link["port_id"]) for link in links]
+
+
+def chain(levels: Iterable[Row], segments: Mapping[str, Row]) -> list[Row]:
+    """The segments of a binding, level 0 first."""
+    return [segments[row["segment_id"]] for row in sorted(levels, key=lambda row: row["level"])]
+
+
+def vlans_of(segments: list[Row]) -> list[tuple[int, int | None]]:
+    """The VLANs of a binding, each with the VNI right above it."""
+    found = []
+    for above, segment in zip([None, *segments], segments):
+        if segment["network_type"] == "vlan":
+            vni = above["segmentation_id"] if above and above["network_type"] == "vxlan" else None
+            found.append((segment["segmentation_id"], vni))
+    return found
+
+
+def expected(rows: Mapping[str, list[Row]],
+             agent_of_rack: Mapping[str, str]) -> dict[str, Expected]:
+    """What each agent must be asked for."""
+    result = {agent: Expected() for agent in set(agent_of_rack.values())}
+    segments = {row["id"]: row for row in rows["segments"]}
+    owner = {row["id"]: row["device_owner"] for row in rows["ports"]}
+    binding = {(row["port_id"], row["host"]): row for row in rows["bindings"]}
+    levels: dict[tuple[str, str], list[Row]] = defaultdict(list)
+    for row in rows["levels"]:
+        levels[row["port_id"], row["host"]].append(row)
+    for (port, host), of_binding in levels.items():
+        bound = chain(of_binding, segments)
+        racks = {segment["physical_network"] for segment in bound
+                 if segment["network_type"] == "vlan"}
+        for agent in {agent_of_rack[rack] for rack in racks if rack in agent_of_rack}:
+            row = binding.get((port, host))
+            places: list[Host | SwitchPort]
+            if row is not None and row["vnic_type"] == "baremetal":
+                if row["status"] != "ACTIVE":
+                    continue
+                places = [result[agent].switch_ports[link] for link in links_of(row["profile"])]
+            else:
+                places = [result[agent].hosts[host]]
+            for place in places:
+                place.ports.add(port)
+                for vlan, vni in vlans_of(bound):
+                    place.vlans[vlan].referrer.add(port)
+                    if vni is not None:
+                        place.vlans[vlan].vnis[vni].add(port)
+                    if isinstance(place, SwitchPort) and owner[port] != "trunk:subport":
+                        place.native.add(vlan)
+                if isinstance(place, SwitchPort):
+                    place.hosts.add(host)
+    return result
+
+
+def unused_dynamic_segments(rows: Mapping[str, list[Row]]) -> list[Row]:
+    """The dynamic segments that no binding has."""
+    used = {row["segment_id"] for row in rows["levels"]}
+    return [row for row in rows["segments"] if row["is_dynamic"] and row["id"] not in used]
+
+
+def vlans_not_assigned(rows: Mapping[str, list[Row]],
+                       assigned: Mapping[str, set[int]]) -> list[Row]:
+    """The dynamic VLANs that are not among those assigned to their rack."""
+    return [row for row in rows["segments"]
+            if row["is_dynamic"] and row["network_type"] == "vlan"
+            and row["segmentation_id"] not in assigned.get(row["physical_network"], set())]
+
+
+def differences(wanted: Any, found: Any, place: str = "", limit: int = 20) -> list[str]:
+    """One line for each place where the two documents differ, at most `limit`."""
+    if isinstance(wanted, dict) and isinstance(found, dict):
+        lines: list[str] = []
+        for key in sorted(wanted.keys() | found.keys()):
+            below = f"{place}/{key}"
+            if key not in found:
+                lines.append(f"{below}: missing, should be {json.dumps(wanted[key])[:200]}")
+            elif key not in wanted:
+                lines.append(f"{below}: should not be there: {json.dumps(found[key])[:200]}")
+            else:
+                lines += differences(wanted[key], found[key], below, limit)
+            if len(lines) >= limit:
+                return lines[:limit]
+        return lines
+    if wanted != found:
+        return [f"{place}: {json.dumps(found)[:200]}, should be {json.dumps(wanted)[:200]}"]
+    return []
