@@ -62,7 +62,7 @@ class Rows:
         return self.of(agent)["resourcesForHostname"][host]
 
 
-EMPTY = {"resourcesForHostname": {}, "resourcesForSwitchport": {}}
+EMPTY: Row = {"resourcesForHostname": {}, "resourcesForSwitchport": {}}
 
 
 class ComputePorts(unittest.TestCase):
@@ -100,6 +100,11 @@ class ComputePorts(unittest.TestCase):
         rows.bound("p", "compute-3", TOP, RACK3, status="INACTIVE")
         self.assertEqual(list(rows.of("a")["resourcesForHostname"]), ["compute-1"])
         self.assertEqual(list(rows.of("b")["resourcesForHostname"]), ["compute-3"])
+
+    def test_a_migration_away_from_where_the_port_is_not_bound_asks_for_nothing_yet(self) -> None:
+        rows = Rows().port("p").bound("p", "compute-1")
+        rows.bound("p", "compute-3", TOP, RACK3, status="INACTIVE")
+        self.assertEqual(rows.of("b"), EMPTY)
 
     def test_a_distributed_routers_port_is_on_every_host_with_levels(self) -> None:
         rows = Rows().port("r", "network:router_interface_distributed").bound("r", "")

@@ -61,7 +61,7 @@ class Api:
     def post(self, path: str, body: Json) -> Json:
         return self.request("POST", path, body)
 
-    def put(self, path: str, body: Json) -> Json:
+    def put(self, path: str, body: Json | None = None) -> Json:
         return self.request("PUT", path, body)
 
     def delete(self, path: str) -> None:

@@ -10,8 +10,8 @@ import time
 from pathlib import Path
 from typing import Any
 
-import pymysql
-import pymysql.cursors
+import pymysql  # type: ignore[import]
+import pymysql.cursors  # type: ignore[import]
 
 from .processes import Failed, Program, eventually, free_port
 
@@ -79,7 +79,7 @@ class Database:
             return False
         return True
 
-    def _connect(self, name: str) -> pymysql.connections.Connection[pymysql.cursors.DictCursor]:
+    def _connect(self, name: str) -> Any:
         return pymysql.connect(host="127.0.0.1", port=self.port, user="root",
                                database=name or None, connect_timeout=5, read_timeout=30,
                                cursorclass=pymysql.cursors.DictCursor)
@@ -87,8 +87,9 @@ class Database:
     def migrate(self, config: Path) -> float:
         """Brings the schema to Neutron's head as an installation does; the seconds that it took."""
         begin = time.monotonic()
-        done = subprocess.run(["neutron-db-manage", "--config-file", str(config), "upgrade", "head"],
-                              capture_output=True, text=True, check=False)
+        done = subprocess.run(
+            ["neutron-db-manage", "--config-file", str(config), "upgrade", "head"],
+            capture_output=True, text=True, check=False)
         (self.logs / "migration.log").write_text(done.stdout + done.stderr)
         if done.returncode != 0:
             raise Failed(f"neutron-db-manage:\n{done.stderr[-2000:]}")

@@ -6,6 +6,7 @@ Neutron but its tables:
 - A port is bound on a host when `ml2_port_binding_levels` has rows for the two. A virtual machine
   that is being migrated has rows for two hosts, and a distributed router's port for many; all of
   these hosts need the VLAN.
+- A port whose active binding is not bound, or failed, is bound nowhere.
 - The segments of a binding are its levels, level 0 first. A VLAN is trunked to the host, and mapped
   to the VNI of the VXLAN segment right above it, if there is one.
 - A baremetal port is bound on the switch ports that its binding profile names, through its active
@@ -23,6 +24,8 @@ from typing import Any
 
 Row = dict[str, Any]
 Json = dict[str, Any]
+
+DISTRIBUTED = "network:router_interface_distributed"
 
 QUERIES = {
     "levels": "SELECT port_id, host, level, segment_id FROM ml2_port_binding_levels",
@@ -49,11 +52,23 @@ class Vlan:
 
 
 @dataclass
-class Host:
-    """A compute host: the ports on it and its VLANs."""
+class Place:
+    """Where ports are bound, with their VLANs."""
 
     ports: set[str] = field(default_factory=set)
     vlans: dict[int, Vlan] = field(default_factory=lambda: defaultdict(Vlan))
+
+    def bind(self, port: str, vlans: list[tuple[int, int | None]]) -> None:
+        self.ports.add(port)
+        for vlan, vni in vlans:
+            self.vlans[vlan].referrer.add(port)
+            if vni is not None:
+                self.vlans[vlan].vnis[vni].add(port)
+
+
+@dataclass
+class Host(Place):
+    """A compute host."""
 
     def printed(self, region: str) -> Json:
         return {"domain": {region: sorted(self.ports)},
@@ -61,13 +76,18 @@ class Host:
 
 
 @dataclass
-class SwitchPort:
+class SwitchPort(Place):
     """A port of a switch with a baremetal node on it."""
 
-    ports: set[str] = field(default_factory=set)
     hosts: set[str] = field(default_factory=set)
     native: set[int] = field(default_factory=set)
-    vlans: dict[int, Vlan] = field(default_factory=lambda: defaultdict(Vlan))
+
+    def bind_node(self, port: str, vlans: list[tuple[int, int | None]], host: str,
+                  is_native: bool) -> None:
+        self.bind(port, vlans)
+        self.hosts.add(host)
+        if is_native:
+            self.native.update(vlan for vlan, _ in vlans)
 
     def printed(self) -> Json:
         return {"referrer": sorted("bm-" + port for port in self.ports),
@@ -107,11 +127,13 @@ def chain(levels: Iterable[Row], segments: Mapping[str, Row]) -> list[Row]:
 
 def vlans_of(segments: list[Row]) -> list[tuple[int, int | None]]:
     """The VLANs of a binding, each with the VNI right above it."""
-    found = []
-    for above, segment in zip([None, *segments], segments):
+    found: list[tuple[int, int | None]] = []
+    above: Row | None = None
+    for segment in segments:
         if segment["network_type"] == "vlan":
             vni = above["segmentation_id"] if above and above["network_type"] == "vxlan" else None
             found.append((segment["segmentation_id"], vni))
+        above = segment
     return found
 
 
@@ -122,32 +144,25 @@ def expected(rows: Mapping[str, list[Row]],
     segments = {row["id"]: row for row in rows["segments"]}
     owner = {row["id"]: row["device_owner"] for row in rows["ports"]}
     binding = {(row["port_id"], row["host"]): row for row in rows["bindings"]}
+    not_bound = {row["port_id"] for row in rows["bindings"] if row["status"] == "ACTIVE"
+                 and row["vif_type"] in ("unbound", "binding_failed")}
     levels: dict[tuple[str, str], list[Row]] = defaultdict(list)
     for row in rows["levels"]:
+        if row["port_id"] in not_bound and owner[row["port_id"]] != DISTRIBUTED:
+            continue
         levels[row["port_id"], row["host"]].append(row)
     for (port, host), of_binding in levels.items():
         bound = chain(of_binding, segments)
         racks = {segment["physical_network"] for segment in bound
                  if segment["network_type"] == "vlan"}
         for agent in {agent_of_rack[rack] for rack in racks if rack in agent_of_rack}:
-            row = binding.get((port, host))
-            places: list[Host | SwitchPort]
-            if row is not None and row["vnic_type"] == "baremetal":
-                if row["status"] != "ACTIVE":
-                    continue
-                places = [result[agent].switch_ports[link] for link in links_of(row["profile"])]
-            else:
-                places = [result[agent].hosts[host]]
-            for place in places:
-                place.ports.add(port)
-                for vlan, vni in vlans_of(bound):
-                    place.vlans[vlan].referrer.add(port)
-                    if vni is not None:
-                        place.vlans[vlan].vnis[vni].add(port)
-                    if isinstance(place, SwitchPort) and owner[port] != "trunk:subport":
-                        place.native.add(vlan)
-                if isinstance(place, SwitchPort):
-                    place.hosts.add(host)
+            own = binding.get((port, host))
+            if own is None or own["vnic_type"] != "baremetal":
+                result[agent].hosts[host].bind(port, vlans_of(bound))
+            elif own["status"] == "ACTIVE":
+                for link in links_of(own["profile"]):
+                    result[agent].switch_ports[link].bind_node(
+                        port, vlans_of(bound), host, owner[port] != "trunk:subport")
     return result
 
 

@@ -73,8 +73,11 @@ def bind_distributed(context: Any, port: str, host: str, router: str) -> None:
 
 
 CALLS: dict[str, Callable[..., Any]] = {
-    call.__name__: call
-    for call in (report_state, wire, unwire, bind_subports, bind_distributed)
+    "report_state": report_state,
+    "wire": wire,
+    "unwire": unwire,
+    "bind_subports": bind_subports,
+    "bind_distributed": bind_distributed,
 }
 
 
@@ -92,8 +95,9 @@ class Filter:
         try:
             result = call(neutron_context.get_admin_context(), **request.json_body["arguments"])
         except Exception as error:  # pylint: disable=broad-except
-            LOG.exception("played call %s failed", call.__name__)
-            return webob.Response(status=500, json_body={"error": f"{type(error).__name__}: {error}"})
+            LOG.exception("played call %s failed", request.json_body["call"])
+            text = f"{type(error).__name__}: {error}"
+            return webob.Response(status=500, json_body={"error": text})
         return webob.Response(json_body=result)
 
 

@@ -2,11 +2,13 @@
 
 from __future__ import annotations
 
+import random
 import shutil
 from collections.abc import Sequence
 from pathlib import Path
 
 from .agents import Agent
+from .api import Api, Refused, Unreachable
 from .processes import Failed, Program, children, eventually, free_port
 from .topology import Topology
 
@@ -71,8 +73,29 @@ network_vlan_ranges = {vlan_ranges}
 
 
 def options_of_driver(topology: Topology, agents: Sequence[Agent], directory: Path) -> str:
-    """The part of the configuration that is the driver's own."""
-    raise NotImplementedError
+    """The part of the configuration that is the driver's own, with pauses and intervals as short as
+    a test needs them; writes the file that names the agents."""
+    lines = []
+    for agent in agents:
+        racks = [rack for rack in topology.racks if rack.agent == agent.name]
+        switches = [f"{switch}:{rack.name}" for rack in racks for switch in rack.switches]
+        lines += [f"[agent:{agent.name}]", f"url = unix://{agent.socket}",
+                  f"region = {agent.name}",
+                  "physical_networks = " + ",".join(rack.name for rack in racks),
+                  "switches = " + ",".join(switches), ""]
+    agents_file = directory / "agents.ini"
+    agents_file.write_text("\n".join(lines))
+    return f"""
+[vnagent]
+agents_file = {agents_file}
+request_timeout = 5
+max_pause = 2
+check_interval = 2
+report_interval = 5
+full_sync_interval = 20
+provisioning_timeout = 20
+segment_linger = 8
+"""
 
 
 class Server:
@@ -95,7 +118,7 @@ class Server:
         if with_driver:
             text += options_of_driver(topology, agents, self.directory)
         self.config.write_text(text)
-        paste = Path("/etc/neutron/api-paste.ini").read_text()
+        paste = Path("/usr/share/neutron-common/api-paste.ini").read_text()
         played = paste.replace("catch_errors osprofiler extensions",
                                "catch_errors osprofiler played extensions")
         if played == paste:
@@ -112,8 +135,6 @@ class Server:
         self.program.start()
 
     def wait(self, seconds: float = 90) -> None:
-        from .api import Api, Refused, Unreachable
-        import random
         api = Api([self.port], random.Random(0), timeout=10)
 
         def answers() -> bool:

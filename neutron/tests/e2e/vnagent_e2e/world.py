@@ -2,13 +2,14 @@
 
 from __future__ import annotations
 
+import random
 import shutil
 import tempfile
 import threading
 import time
 import types
 from pathlib import Path
-import random
+from typing import Any
 
 from .agents import Agent
 from .api import Api, Refused, Unreachable
@@ -99,7 +100,7 @@ class World:
 
     def report_states(self, api: Api, start: bool = False) -> None:
         """Lets every played agent report that it is alive."""
-        states = []
+        states: list[dict[str, Any]] = []
         for rack in self.topology.racks:
             for host in rack.hosts:
                 states.append({
@@ -107,10 +108,6 @@ class World:
                     "host": host, "topic": "N/A", "configurations": {
                         "bridge_mappings": {rack.name: f"br-{rack.name}"}, "tunnel_types": [],
                         "datapath_type": "system", "integration_bridge": "br-int"}})
-                states.append({
-                    "agent_type": "L3 agent", "binary": "neutron-l3-agent", "host": host,
-                    "topic": "l3_agent",
-                    "configurations": {"agent_mode": "dvr", "routers": 0}})
         if start:
             for state in states:
                 state["start_flag"] = True
