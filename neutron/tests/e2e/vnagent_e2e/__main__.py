@@ -46,6 +46,8 @@ def arguments() -> argparse.Namespace:
     parser.add_argument("--servers", type=int, default=2, help="(default: %(default)s)")
     parser.add_argument("--without-driver", action="store_true",
                         help="the operations alone, with the upstream driver; compares nothing")
+    parser.add_argument("--vlan-type", choices=["vnagent_vlan", "vlan"], default="vnagent_vlan",
+                        help="the type driver of VLANs (default: %(default)s)")
     parser.add_argument("--debug", action="store_true", help="the servers log at level debug")
     parser.add_argument("--keep", action="store_true", help="keep the logs when all went well")
     return parser.parse_args()
@@ -90,7 +92,7 @@ class Test:
         done = self.shared.done.total() - before
         print(f"round {number}: {done} operations in {played:.0f} s,"
               f" faults: {dict(faults.made) or 'none'}", flush=True)
-        if done < self.options.round:
+        if done < self.options.round / 4:
             raise Failed(f"only {done} operations succeeded: the round says nothing")
         if not self.options.without_driver:
             print(f"round {number}: {self.compare()}", flush=True)
@@ -154,7 +156,8 @@ def main() -> int:
     begin = time.monotonic()
     try:
         with World(standard(), options.binary.resolve(), options.servers,
-                   not options.without_driver, options.debug, options.keep) as world:
+                   not options.without_driver, options.debug, options.keep,
+                   options.vlan_type) as world:
             print("started: " + ", ".join(f"{what} {seconds:.1f} s"
                                           for what, seconds in world.times.items()), flush=True)
             test = Test(options, world, seed)

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import os
 import random
 import shutil
 from collections.abc import Sequence
@@ -90,7 +91,7 @@ def options_of_driver(topology: Topology, agents: Sequence[Agent], directory: Pa
 agents_file = {agents_file}
 request_timeout = 5
 max_pause = 2
-check_interval = 2
+check_interval = 3
 report_interval = 5
 full_sync_interval = 20
 provisioning_timeout = 20
@@ -102,7 +103,8 @@ class Server:
     """One neutron-server with two API workers, and the file that configures it."""
 
     def __init__(self, name: str, directory: Path, logs: Path, database: str, topology: Topology,
-                 agents: Sequence[Agent], with_driver: bool = True, debug: bool = False) -> None:
+                 agents: Sequence[Agent], with_driver: bool = True, debug: bool = False,
+                 vlan_type: str = "vnagent_vlan") -> None:
         self.name = name
         self.port = free_port()
         self.directory = directory / name
@@ -112,7 +114,7 @@ class Server:
                           for rack in topology.racks)
         text = OPTIONS.format(
             port=self.port, directory=self.directory, name=name, database=database, debug=debug,
-            types="vxlan,vnagent_vlan" if with_driver else "vxlan,vlan",
+            types=f"vxlan,{vlan_type}" if with_driver else "vxlan,vlan",
             default_type="vxlan" if with_driver else "vlan",
             drivers="vnagent,openvswitch" if with_driver else "openvswitch", vlan_ranges=ranges)
         if with_driver:
@@ -126,9 +128,10 @@ class Server:
         (self.directory / "api-paste.ini").write_text(
             played + "\n[filter:played]\n"
             "paste.filter_factory = vnagent_e2e.played:filter_factory\n")
+        path = ":".join([*filter(None, [os.environ.get("PYTHONPATH")]), str(TESTS), str(DRIVER)])
         self.program = Program(name, ["neutron-server", "--config-file", self.config],
                                logs / f"{name}.log",
-                               {"PYTHONPATH": f"{TESTS}:{DRIVER}", "PYTHONDONTWRITEBYTECODE": "1"})
+                               {"PYTHONPATH": path, "PYTHONDONTWRITEBYTECODE": "1"})
 
     def start(self) -> None:
         """Starts it; `wait` says when it answers."""

@@ -1,0 +1,282 @@
+#!/usr/bin/python3
+"""Measures what the driver costs and how soon it takes effect.
+
+- latency: the API's answers to port create, bind and delete, with the driver and without. Two
+  sites run at the same time and take turns, request by request, so that the machine's load is the
+  same for both. "vlan" is a network that both bind in the same way; "vxlan" one that only the
+  driver binds, with a VLAN of the rack below.
+- effect: from the API's answer to the agent's durable output, at a fixed rate of changes.
+- sync: a full sync of many ports into an agent that has lost its state.
+"""
+
+from __future__ import annotations
+
+import argparse
+import http.client
+import json
+import os
+import queue
+import random
+import statistics
+import sys
+import threading
+import time
+import uuid
+from collections.abc import Iterator
+from pathlib import Path
+from typing import Any
+
+import pymysql  # type: ignore[import]
+
+from vnagent_e2e.agents import Agent, SocketConnection
+from vnagent_e2e.api import Api, Refused
+from vnagent_e2e.processes import Failed, eventually
+from vnagent_e2e.topology import standard
+from vnagent_e2e.world import World
+
+Json = dict[str, Any]
+
+
+def percentile(values: list[float], share: float) -> float:
+    ordered = sorted(values)
+    return ordered[min(len(ordered) - 1, int(share * len(ordered)))]
+
+
+def in_milliseconds(values: list[float]) -> str:
+    return (f"median {1e3 * statistics.median(values):.1f} ms,"
+            f" p99 {1e3 * percentile(values, 0.99):.1f} ms")
+
+
+def load() -> str:
+    return f"load {os.getloadavg()[0]:.1f} on {os.cpu_count()} cores"
+
+
+def timed(call: Any, *arguments: Any) -> tuple[float, Any]:
+    begin = time.perf_counter()
+    result = call(*arguments)
+    return time.perf_counter() - begin, result
+
+
+def make_network(api: Api, kind: str, rack: str) -> str:
+    body: Json = {"name": "bench", "provider:network_type": kind}
+    if kind == "vlan":
+        body["provider:physical_network"] = rack
+    return str(api.post("/networks", {"network": body})["network"]["id"])
+
+
+def life_of_a_port(api: Api, network: str, host: str, times: dict[str, list[float]]) -> None:
+    """Create, bind, delete."""
+    seconds, made = timed(api.post, "/ports", {"port": {
+        "network_id": network, "device_owner": "compute:nova", "device_id": str(uuid.uuid4())}})
+    times["create"].append(seconds)
+    port = made["port"]["id"]
+    seconds, made = timed(api.put, f"/ports/{port}", {"port": {"binding:host_id": host}})
+    times["bind"].append(seconds)
+    if made["port"]["binding:vif_type"] != "ovs":
+        raise Failed(f"the port was not bound: {made}")
+    seconds, _ = timed(api.delete, f"/ports/{port}")
+    times["delete"].append(seconds)
+
+
+def measure_latency(binary: Path, ports: int) -> None:
+    topology = standard()
+    rack = topology.racks[0]
+    with World(topology, binary, 1, True) as site, World(topology, binary, 1, False) as plain:
+        with_driver, without = (world.api(random.Random(1)) for world in (site, plain))
+        cases = {
+            "without, vlan": (without, make_network(without, "vlan", rack.name)),
+            "with, vlan": (with_driver, make_network(with_driver, "vlan", rack.name)),
+            "with, vxlan": (with_driver, make_network(with_driver, "vxlan", rack.name)),
+        }
+        times: dict[str, dict[str, list[float]]] = {
+            case: {"create": [], "bind": [], "delete": []} for case in cases}
+        warm: dict[str, list[float]] = {"create": [], "bind": [], "delete": []}
+        for api, network in cases.values():
+            # A port that stays keeps the rack's VLAN from going with the last port.
+            api.post("/ports", {"port": {"network_id": network, "device_owner": "compute:nova",
+                                         "device_id": "stays", "binding:host_id": rack.hosts[0]}})
+            for _ in range(10):
+                life_of_a_port(api, network, rack.hosts[0], warm)
+        for number in range(ports):
+            for case in random.sample(sorted(cases), len(cases)):
+                api, network = cases[case]
+                life_of_a_port(api, network, rack.hosts[number % len(rack.hosts)], times[case])
+        print(f"latency of the API, {ports} ports each, {load()}:")
+        for step in ("create", "bind", "delete"):
+            plain_times = times["without, vlan"][step]
+            print(f"  {step:7} without:       {in_milliseconds(plain_times)}")
+            for case in ("with, vlan", "with, vxlan"):
+                ours = times[case][step]
+                ratio = statistics.median(ours) / statistics.median(plain_times)
+                tail = percentile(ours, 0.99) / percentile(plain_times, 0.99)
+                print(f"  {step:7} {case:14} {in_milliseconds(ours)};"
+                      f" {ratio:.2f} and {tail:.2f} times")
+
+
+def events(agent: Agent) -> Iterator[tuple[float, str]]:
+    """What `GET /v1/watch` sends, each line of data with the time at which it came."""
+    connection = SocketConnection(agent.socket, 60)
+    connection.request("GET", "/v1/watch?of=output&at=/requestedResources")
+    answer: http.client.HTTPResponse = connection.getresponse()
+    while line := answer.readline():
+        if line.startswith(b"data: "):
+            yield time.perf_counter(), line[6:].decode()
+
+
+def measure_effect(binary: Path, changes: int, rate: float, clients: int) -> None:
+    topology = standard()
+    with World(topology, binary, 2) as world:
+        api = world.api(random.Random(2))
+        networks = [make_network(api, "vxlan", "") for _ in range(10)]
+        seen: dict[str, float] = {}
+        answered: dict[str, float] = {}
+        waiting: queue.Queue[float | None] = queue.Queue()
+
+        def watch(agent: Agent) -> None:
+            try:
+                for at, text in events(agent):
+                    for port in list(answered_or_sent):
+                        if port not in seen and port in text:
+                            seen[port] = at
+            except (OSError, http.client.HTTPException):
+                return  # The agent was stopped.
+
+        def client(own: Api, rng: random.Random) -> None:
+            while (due := waiting.get()) is not None:
+                time.sleep(max(0.0, due - time.perf_counter()))
+                rack = rng.choice(topology.racks)
+                port = unbound.get()
+                answered_or_sent.add(port)
+                try:
+                    own.put(f"/ports/{port}", {"port": {"binding:host_id": rng.choice(rack.hosts)}})
+                    answered[port] = time.perf_counter()
+                except Refused as error:
+                    print(f"  refused: {error}")
+
+        answered_or_sent: set[str] = set()
+        unbound: queue.Queue[str] = queue.Queue()
+        for _ in range(changes // 20 + 1):
+            made = api.post("/ports", {"ports": [
+                {"network_id": random.choice(networks), "device_owner": "compute:nova",
+                 "device_id": str(uuid.uuid4())} for _ in range(20)]})
+            for port in made["ports"]:
+                unbound.put(port["id"])
+        for agent in world.agents.values():
+            threading.Thread(target=watch, args=(agent,), daemon=True).start()
+        rngs = [random.Random(number) for number in range(clients)]
+        threads = [threading.Thread(target=client, args=(world.api(rng), rng)) for rng in rngs]
+        begin = time.perf_counter()
+        for number in range(changes):
+            waiting.put(begin + number / rate)
+        for thread in threads:
+            waiting.put(None)
+            thread.start()
+        for thread in threads:
+            thread.join()
+        took = time.perf_counter() - begin
+        eventually("all changes are seen", lambda: answered.keys() <= seen.keys(), 120)
+        waits = [max(0.0, seen[port] - answered[port]) for port in answered]
+        print(f"effect: {len(waits)} binds at {len(waits) / took:.1f}/s ({rate:g}/s wanted),"
+              f" {load()}: from the API's answer to the agent's output {in_milliseconds(waits)},"
+              f" longest {1e3 * max(waits):.0f} ms")
+
+
+def clone_ports(world: World, templates: list[str], count: int) -> None:
+    """Copies of the rows of bound ports: the API would take an hour for as many."""
+    connection = pymysql.connect(host="127.0.0.1", port=world.database.port, user="root",
+                                 database="neutron", cursorclass=pymysql.cursors.DictCursor)
+
+    def copy(cursor: Any, table: str, row: Json) -> None:
+        columns = ", ".join(f"`{name}`" for name in row)
+        cursor.execute(f"INSERT INTO {table} ({columns})"
+                       f" VALUES ({', '.join(['%s'] * len(row))})", list(row.values()))
+
+    with connection, connection.cursor() as cursor:
+        rows: dict[str, tuple[Json, Json, Json, list[Json]]] = {}
+        for port in templates:
+            def select(query: str, value: Any) -> list[Json]:
+                cursor.execute(query, value)
+                return list(cursor.fetchall())
+            own = select("SELECT * FROM ports WHERE id = %s", port)[0]
+            rows[port] = (
+                select("SELECT * FROM standardattributes WHERE id = %s",
+                       own["standard_attr_id"])[0], own,
+                select("SELECT * FROM ml2_port_bindings WHERE port_id = %s", port)[0],
+                select("SELECT * FROM ml2_port_binding_levels WHERE port_id = %s", port))
+        for number in range(count):
+            attributes, own, binding, levels = rows[templates[number % len(templates)]]
+            copy(cursor, "standardattributes", {**attributes, "id": None})
+            new = str(uuid.uuid4())
+            copy(cursor, "ports", {
+                **own, "id": new, "standard_attr_id": cursor.lastrowid,
+                "mac_address": "02:" + ":".join(f"{byte:02x}" for byte in number.to_bytes(5, "big"))
+            })
+            copy(cursor, "ml2_port_bindings", {**binding, "port_id": new})
+            for level in levels:
+                copy(cursor, "ml2_port_binding_levels", {**level, "port_id": new})
+        connection.commit()
+
+
+def measure_sync(binary: Path, ports: int) -> None:
+    topology = standard(racks=2)
+    with World(topology, binary, 2) as world:
+        api = world.api(random.Random(3))
+        rack = topology.racks[0]
+        templates = []
+        for _ in range(20):
+            network = make_network(api, "vxlan", "")
+            for host in rack.hosts:
+                made = api.post("/ports", {"port": {
+                    "network_id": network, "device_owner": "compute:nova",
+                    "device_id": str(uuid.uuid4()), "binding:host_id": host}})["port"]
+                if made["binding:vif_type"] != "ovs":
+                    raise Failed(f"the port was not bound: {made}")
+                templates.append(made["id"])
+        clone_ports(world, templates, ports - len(templates))
+        agent = world.agents[rack.agent]
+        agent.lose_state()
+        begin = time.perf_counter()
+
+        def has_all() -> bool:
+            hosts = agent.get("/v1/output")["requestedResources"]["resourcesForHostname"]
+            return sum(len(ports) for host in hosts.values()
+                       for ports in host["domain"].values()) == ports
+
+        eventually("the agent has all ports", has_all, 600, 0.5)
+        print(f"sync: {ports} ports in {time.perf_counter() - begin:.1f} s after the agent was back"
+              f" without its state, {load()}")
+        listed = [entry for entry in api.get("/agents")["agents"]
+                  if entry["agent_type"] == "vnagent" and entry["host"] == agent.name]
+        print(f"sync: in the list of agents: {json.dumps(listed[0]['configurations'])}")
+
+
+def main() -> int:
+    parser = argparse.ArgumentParser(
+        description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--binary", type=Path, required=True, help="the program vnagent")
+    parser.add_argument("--only", choices=["latency", "effect", "sync"])
+    parser.add_argument("--ports", type=int, default=300,
+                        help="of each kind, for the latency (default: %(default)s)")
+    parser.add_argument("--changes", type=int, default=600,
+                        help="for the effect (default: %(default)s)")
+    parser.add_argument("--rate", type=float, default=20,
+                        help="changes in a second (default: %(default)s)")
+    parser.add_argument("--clients", type=int, default=12, help="(default: %(default)s)")
+    parser.add_argument("--sync-ports", type=int, default=10000, help="(default: %(default)s)")
+    options = parser.parse_args()
+    binary = options.binary.resolve()
+    try:
+        if options.only in (None, "latency"):
+            measure_latency(binary, options.ports)
+        if options.only in (None, "effect"):
+            measure_effect(binary, options.changes, options.rate, options.clients)
+        if options.only in (None, "sync"):
+            measure_sync(binary, options.sync_ports)
+    except Failed as error:
+        print(f"FAILED: {error}", file=sys.stderr)
+        return 1
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
