@@ -7,7 +7,7 @@ import json
 import unittest
 from typing import Any
 
-from vnagent_e2e.expected import (differences, expected, unused_dynamic_segments,
+from vnagent_e2e.expected import (differences, expected, in_use, unused_dynamic_segments,
                                   vlans_not_assigned)
 
 Row = dict[str, Any]
@@ -158,6 +158,15 @@ class Segments(unittest.TestCase):
         assigned = {"rack1": {100}, "rack2": {100}, "rack3": {100}}
         wrong = vlans_not_assigned(Rows().tables, assigned)
         self.assertEqual([row["id"] for row in wrong], ["in-rack2"])
+
+
+class InUse(unittest.TestCase):
+    def test_a_host_without_ports_and_vlans_is_left_out(self) -> None:
+        used = {"domain": {"a": ["p"]}, "vlan": {}}
+        found = {"resourcesForHostname": {"h": {"domain": {}, "vlan": {}}, "i": used},
+                 "resourcesForSwitchport": {}}
+        self.assertEqual(in_use(found), {"resourcesForHostname": {"i": used},
+                                         "resourcesForSwitchport": {}})
 
 
 class Differences(unittest.TestCase):

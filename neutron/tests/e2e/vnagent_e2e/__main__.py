@@ -11,7 +11,7 @@ import time
 from pathlib import Path
 
 from .api import Refused, Unreachable
-from .expected import (QUERIES, differences, expected, unused_dynamic_segments,
+from .expected import (QUERIES, differences, expected, in_use, unused_dynamic_segments,
                        vlans_not_assigned)
 from .faults import Faults, check_everything_runs
 from .operations import Player, Shared
@@ -129,7 +129,7 @@ class Test:
         counts = [f"{len(rows['ports'])} ports", f"{len(rows['levels'])} levels",
                   f"{len(rows['segments'])} segments"]
         for name, agent in self.world.agents.items():
-            found = agent.get("/v1/output")["requestedResources"]
+            found = in_use(agent.get("/v1/output")["requestedResources"])
             faults += differences(wanted[name].printed(name), found, f"agent {name}: ")
             counts.append(f"agent {name}: {len(wanted[name].hosts)} hosts,"
                           f" {len(wanted[name].switch_ports)} switch ports")

@@ -166,6 +166,14 @@ def expected(rows: Mapping[str, list[Row]],
     return result
 
 
+def in_use(resources: Json) -> Json:
+    """An agent's `requestedResources` without the hosts that nothing refers to any more: an agent
+    goes on naming a host that it has seen."""
+    hosts = {name: host for name, host in resources["resourcesForHostname"].items()
+             if host["domain"] or host["vlan"]}
+    return {**resources, "resourcesForHostname": hosts}
+
+
 def unused_dynamic_segments(rows: Mapping[str, list[Row]]) -> list[Row]:
     """The dynamic segments that no binding has."""
     used = {row["segment_id"] for row in rows["levels"]}
