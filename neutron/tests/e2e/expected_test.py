@@ -33,11 +33,10 @@ class Rows:
     def __init__(self) -> None:
         self.tables: dict[str, list[Row]] = {
             "levels": [], "segments": [TOP, RACK1, RACK2, RACK3, VLAN_ONLY], "bindings": [],
-            "distributed": [], "ports": [], "subports": []}
+            "ports": []}
 
     def port(self, name: str, device_owner: str = "compute:nova") -> Rows:
-        self.tables["ports"].append({"id": name, "network_id": "net", "device_owner": device_owner,
-                                     "device_id": "", "status": "ACTIVE"})
+        self.tables["ports"].append({"id": name, "device_owner": device_owner})
         return self
 
     def bound(self, port: str, host: str, *levels: Row, vnic_type: str = "normal",

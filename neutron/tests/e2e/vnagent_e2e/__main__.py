@@ -60,7 +60,10 @@ class Test:
         self.options = options
         self.world = world
         rng = random.Random(seed)
-        self.shared = Shared(world.topology, rng)
+        self.shared = Shared(
+            world.topology, rng, lambda agent, host, port: world.agents[agent].has_port(host, port),
+            lambda: sum(agent.losses for agent in world.agents.values()))
+        self.api = world.api(random.Random(rng.randrange(1 << 62)))
         self.players = []
         for _ in range(options.players):
             own = random.Random(rng.randrange(1 << 62))
@@ -87,7 +90,7 @@ class Test:
         if faults.error is not None:
             raise faults.error
         check_everything_runs(self.world)
-        self.world.api(self.fault_rng).get("/networks?fields=id&limit=1")
+        self.api.get("/networks?fields=id&limit=1")
         played = time.monotonic() - begin
         done = self.shared.done.total() - before
         print(f"round {number}: {done} operations in {played:.0f} s,"
@@ -96,6 +99,10 @@ class Test:
             raise Failed(f"only {done} operations succeeded: the round says nothing")
         if not self.options.without_driver:
             print(f"round {number}: {self.compare()}", flush=True)
+        memory = max(server.memory() for server in self.world.servers)
+        print(f"round {number}: the largest process of a server has {memory} MiB", flush=True)
+        if self.shared.too_early:
+            raise Failed("\n".join(self.shared.too_early))
 
     @staticmethod
     def play(player: Player, ending: threading.Event) -> None:
@@ -135,12 +142,35 @@ class Test:
                           f" {len(wanted[name].switch_ports)} switch ports")
         for row in unused_dynamic_segments(rows):
             faults.append(f"dynamic segment that nobody uses: {json.dumps(row)}")
+        for row in rows["blocks"]:
+            if row["entity"] == "VNAGENT":
+                faults.append(f"port {row['id']} still waits for an agent")
+        faults += self.faults_of_list()
         agents = self.world.agents
         assigned = {rack: set(agents[agent].vlans)
                     for rack, agent in topology.agent_of_rack().items()}
         for row in vlans_not_assigned(rows, assigned):
             faults.append(f"dynamic segment with a VLAN that is not assigned: {json.dumps(row)}")
         return faults, ", ".join(counts)
+
+    def faults_of_list(self) -> list[str]:
+        """What is wrong in Neutron's list of agents."""
+        try:
+            listed = {entry["host"]: entry for entry in
+                      self.api.get("/agents?agent_type=vnagent")["agents"]}
+        except (Refused, Unreachable) as error:
+            return [str(error)]
+        faults = []
+        for name in self.world.agents:
+            entry = listed.get(name)
+            if entry is None:
+                faults.append(f"agent {name} is not in the list of agents")
+                continue
+            backlog = entry["configurations"].get("backlog")
+            if not entry["alive"] or backlog != 0:
+                faults.append(f"agent {name} in the list of agents: alive {entry['alive']},"
+                              f" backlog {backlog}")
+        return faults
 
     def summary(self) -> str:
         shared = self.shared

@@ -38,6 +38,7 @@ class Agent:
             binary, "serve", "--socket", self.socket, "--state-dir", self.state,
         ], logs / f"agent-{name}.log")
         self.vlans: list[int] = []
+        self.losses = 0
 
     def start(self) -> None:
         self.state.mkdir(exist_ok=True)
@@ -74,6 +75,17 @@ class Agent:
             raise Failed(f"agent {self.name}: GET {path}: {status} {body}")
         return body
 
+    def has_port(self, host: str, port: str) -> bool | None:
+        """Whether its output has the port on a compute host; None where it does not answer."""
+        try:
+            status, domain = self.request(
+                "GET", f"/v1/output/requestedResources/resourcesForHostname/{host}/domain", timeout=5)
+        except (OSError, http.client.HTTPException):
+            return None
+        if status not in (200, 404):
+            return None
+        return status == 200 and port in domain.get(self.name, [])
+
     def assign(self, vlans: list[int]) -> None:
         """Assigns these VLANs to its region, as the administrator of the switches does."""
         self.vlans = vlans
@@ -86,6 +98,7 @@ class Agent:
 
     def lose_state(self) -> None:
         """Kills it and starts it without anything that it knew."""
+        self.losses += 1
         self.program.kill()
         shutil.rmtree(self.state, ignore_errors=True)
         self.start()

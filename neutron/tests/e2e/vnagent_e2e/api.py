@@ -53,7 +53,8 @@ class Api:
         self.connections[port] = connection
         if answer.status >= 300:
             raise Refused(answer.status, what, text)
-        return json.loads(text) if text and text != "null" else {}
+        parsed: Json | None = json.loads(text) if text else None
+        return parsed or {}
 
     def get(self, path: str) -> Json:
         return self.request("GET", path)

@@ -33,9 +33,9 @@ QUERIES = {
                 " FROM networksegments",
     "bindings": "SELECT port_id, host, vnic_type, profile, vif_type, status"
                 " FROM ml2_port_bindings",
-    "distributed": "SELECT port_id, host, vif_type FROM ml2_distributed_port_bindings",
-    "ports": "SELECT id, network_id, device_owner, device_id, status FROM ports",
-    "subports": "SELECT port_id, trunk_id, segmentation_id FROM subports",
+    "ports": "SELECT id, device_owner FROM ports",
+    "blocks": "SELECT ports.id, entity FROM provisioningblocks JOIN ports"
+              " ON ports.standard_attr_id = provisioningblocks.standard_attr_id",
 }
 
 
@@ -122,7 +122,7 @@ def links_of(profile: str) -> list[tuple[str, str]]:
 
 def chain(levels: Iterable[Row], segments: Mapping[str, Row]) -> list[Row]:
     """The segments of a binding, level 0 first."""
-    return [segments[row["segment_id"]] for row in sorted(levels, key=lambda row: row["level"])]
+    return [segments[row["segment_id"]] for row in sorted(levels, key=lambda row: int(row["level"]))]
 
 
 def vlans_of(segments: list[Row]) -> list[tuple[int, int | None]]:

@@ -12,6 +12,7 @@ from __future__ import annotations
 import collections
 import random
 import threading
+import time
 import uuid
 from collections.abc import Callable
 from dataclasses import dataclass, field
@@ -22,6 +23,8 @@ from .topology import Node, Topology
 
 # A host that has no agent: binding there fails.
 NOWHERE = "compute-without-agent"
+# In seconds; less than the driver's time limit for the acknowledgement of a port.
+SOON = 15.0
 
 
 @dataclass
@@ -63,8 +66,14 @@ class Network:
 class Shared:
     """What the players have in common; any thread."""
 
-    def __init__(self, topology: Topology, rng: random.Random) -> None:
+    def __init__(self, topology: Topology, rng: random.Random,
+                 has_port: Callable[[str, str, str], bool | None],
+                 state_losses: Callable[[], int]) -> None:
+        """`has_port` says whether an agent's output has a port on a host, None where the agent does
+        not answer; `state_losses` counts the agents that lost what they had."""
         self.topology = topology
+        self.has_port = has_port
+        self.state_losses = state_losses
         self.rng = rng
         self.lock = threading.Lock()
         self.networks: dict[str, Network] = {}
@@ -74,6 +83,8 @@ class Shared:
         self.refused: collections.Counter[str] = collections.Counter()
         self.lost: collections.Counter[str] = collections.Counter()
         self.odd: list[str] = []
+        # Ports that became ACTIVE before the agent concerned had them.
+        self.too_early: list[str] = []
 
     def network(self, rng: random.Random, rack: str | None = None) -> Network | None:
         """A random network that ports of the rack can be bound on."""
@@ -123,7 +134,7 @@ class Player:
         self.hosts = shared.topology.hosts()
         self.rack_of_host = dict(self.hosts)
         self.operations = [Choice(*entry) for entry in (
-            (self.make_vm, 14, 5), (self.make_several, 4, 1), (self.make_unbound, 3, 1),
+            (self.make_vm, 12, 4), (self.make_and_watch, 3, 3), (self.make_several, 4, 1), (self.make_unbound, 3, 1),
             (self.make_dhcp, 2, 1), (self.make_baremetal, 5, 3), (self.bind, 6, 6),
             (self.rebind, 2, 2), (self.wire, 6, 6), (self.unbind, 1, 2),
             (self.fail_to_bind, 1, 1), (self.begin_old_migration, 4, 4),
@@ -262,6 +273,31 @@ class Player:
         port = self.add(made, "vm")
         if self.rng.random() < 0.6:
             self.api.played("wire", host=port.host, device=port.id)
+        return True
+
+    def make_and_watch(self) -> bool:
+        """A port that becomes ACTIVE soon is on the switch by then. (One that becomes ACTIVE late
+        may have been let go because of the time limit.)"""
+        host, rack = self.rng.choice(self.hosts)
+        network = self.shared.network(self.rng, rack)
+        if network is None:
+            return False
+        losses = self.shared.state_losses()
+        begin = time.monotonic()
+        port = self.add(self.api.post("/ports", {"port": self.vm_body(network, host)})["port"], "vm")
+        self.api.played("wire", host=host, device=port.id)
+        while time.monotonic() - begin < SOON:
+            found = self.api.get(f"/ports/{port.id}?fields=status")["port"]["status"]
+            if found == "ACTIVE" and time.monotonic() - begin < SOON:
+                agent = self.shared.topology.agent_of_rack()[rack]
+                has = self.shared.has_port(agent, host, port.id)
+                if has is False and losses == self.shared.state_losses():
+                    self.shared.too_early.append(
+                        f"port {port.id} on {host} is ACTIVE, and agent {agent} does not have it")
+                if has is not None:
+                    self.shared.done["seen in effect when ACTIVE"] += 1
+                return True
+            time.sleep(0.2)
         return True
 
     def make_several(self) -> bool:

@@ -155,6 +155,17 @@ class Server:
         """The process ids of its workers; the parent starts a new one where one dies."""
         return children(self.program.pid)
 
+    def memory(self) -> int:
+        """The largest resident set among its processes, in MiB."""
+        largest = 0
+        for pid in [self.program.pid, *self.workers()]:
+            try:
+                pages = int(Path(f"/proc/{pid}/statm").read_text().split()[1])
+            except OSError:
+                continue
+            largest = max(largest, pages * os.sysconf("SC_PAGE_SIZE") >> 20)
+        return largest
+
     def stop(self) -> None:
         self.program.stop(15)
         shutil.rmtree(self.directory / "lock", ignore_errors=True)
