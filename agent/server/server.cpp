@@ -132,6 +132,8 @@ class Server {
 
   void run() {
     std::signal(SIGPIPE, SIG_IGN);
+    // A file that may not grow is an error like a full disk.
+    std::signal(SIGXFSZ, SIG_IGN);
     raiseDescriptorLimit();
     listen();
     activity_.onBeatIs([] { sd_notify(0, "WATCHDOG=1"); });

@@ -1,21 +1,29 @@
 #!/usr/bin/env python3
 """Runs the tests of the live agent against the real process, several classes at a time.
 
-One line is printed for each class of tests, and the output of those that failed. The exit status is
-1 when one failed.
+One line is printed for each class of tests, and the output of those that failed. When all have
+run, what the agent answered in them is held to the description that it gives of its interface: each
+answer is described, and each answer that is described has been seen. The exit status is 1 when a
+test failed, or the two differ.
 """
 
 import argparse
 import os
+import re
 import subprocess
 import sys
+import tempfile
 import time
 import unittest
 from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
+from typing import Any
+
+from api.agent import Agent
+from described import differences
 
 HERE = Path(__file__).resolve().parent
-FOLDERS = [HERE / "api", HERE / "server", HERE]
+FOLDERS = [HERE / "api", HERE / "server", HERE / "histories", HERE]
 
 
 def classes(folder: Path) -> dict[tuple[Path, str], float]:
@@ -58,6 +66,8 @@ def main() -> int:
     found = {key: cost for folder in FOLDERS for key, cost in classes(folder).items()
              if arguments.only in key[1]}
     wanted = sorted(found, key=lambda key: -found[key])
+    answers = tempfile.TemporaryDirectory(prefix="answers-")
+    os.environ["LIVE_ANSWERS"] = answers.name
     if not wanted:
         print("no such tests")
         return 1
@@ -66,12 +76,26 @@ def main() -> int:
         failed = 0
         for done in runs:
             name, passed, text, seconds = done.result()
-            print(f"{'ok    ' if passed else 'FAILED'} {seconds:6.1f} s  {name}", flush=True)
+            skipped = re.search(r"skipped=(\d+)", text)
+            left = f" ({skipped[1]} skipped)" if skipped else ""
+            print(f"{'ok    ' if passed else 'FAILED'} {seconds:6.1f} s  {name}{left}", flush=True)
             if not passed:
                 failed += 1
                 print(text, flush=True)
     print(f"{len(wanted)} classes of tests, {failed} failed")
-    return 1 if failed else 0
+    wrong = [] if arguments.only else differences(description(), Path(answers.name))
+    for line in wrong:
+        print(line)
+    return 1 if failed or wrong else 0
+
+
+def description() -> dict[str, Any]:
+    del os.environ["LIVE_ANSWERS"]
+    agent = Agent()
+    try:
+        return agent.start().client.get("/openapi.json").json
+    finally:
+        agent.close()
 
 
 if __name__ == "__main__":

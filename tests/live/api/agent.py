@@ -4,6 +4,7 @@ The program is named by the environment variable VNAGENT. Nothing here sleeps to
 waited for is polled, with a deadline.
 """
 
+import atexit
 import contextlib
 import hashlib
 import http.client
@@ -36,6 +37,23 @@ EMPTY_OUTPUT = {
 
 def program() -> str:
     return os.environ["VNAGENT"]
+
+
+ANSWERS: set[tuple[str, str, int, str]] = set()  # method, path, status, media type
+
+
+def noted(method: str, path: str, response: http.client.HTTPResponse) -> None:
+    """Keeps what was answered, for the comparison with the description of the interface."""
+    media = (response.headers["Content-Type"] or "").split(";")[0].strip()
+    ANSWERS.add((method, path.partition("?")[0], response.status, media))
+
+
+def _write_answers(folder: str) -> None:
+    Path(folder, f"{os.getpid()}.json").write_text(json.dumps(sorted(ANSWERS)))
+
+
+if "LIVE_ANSWERS" in os.environ:
+    atexit.register(_write_answers, os.environ["LIVE_ANSWERS"])
 
 
 class Answer(NamedTuple):
@@ -123,6 +141,7 @@ class Client:
         try:
             self.send(connection, method, path, body, headers)
             response = connection.getresponse()
+            noted(method, path, response)
             return Answer(response.status, response.headers, response.read())
         finally:
             connection.close()
@@ -160,6 +179,7 @@ class Client:
         connection = self.connect()
         connection.request("GET", path, headers={**self.headers, **(headers or {})})
         response = connection.getresponse()
+        noted("GET", path, response)
         if response.status != 200:
             answer = Answer(response.status, response.headers, response.read())
             connection.close()
@@ -205,6 +225,7 @@ class Agent:
         self.folder = Path(tempfile.mkdtemp(prefix="vnagent-"))
         self.socket = str(self.folder / "agent.sock")
         self.options = [str(option) for option in options]
+        self.arguments: list[str] | None = None  # in the place of the socket and the options
         self.log = self.folder / "log"
         self.process: subprocess.Popen[bytes] | None = None
         self.client = Client(lambda: UnixConnection(self.socket))
@@ -212,7 +233,7 @@ class Agent:
     def launch(self) -> None:
         with open(self.log, "ab") as log:
             self.process = subprocess.Popen(
-                [program(), "serve", "--socket", self.socket, *self.options],
+                [program(), "serve", *(self.arguments or ["--socket", self.socket, *self.options])],
                 stdin=subprocess.DEVNULL, stdout=log, stderr=log)
 
     def start(self) -> "Agent":
