@@ -42,24 +42,25 @@ std::optional<Reply> Service::Impl::recall(const Exchange& exchange) const {
   return jsonReply(entry->body, entry->status);
 }
 
-void Service::Impl::remember(const Exchange& exchange, Record& record, unsigned status,
-                             const std::string& body) const {
+Changes::Remember Service::Impl::rememberer(const Exchange& exchange) {
   const std::string* key = exchange.request.header("idempotency-key");
-  if (key == nullptr) return;
-  record.principal = exchange.principal().name;
-  record.key = *key;
-  record.fingerprint = fingerprintOf(exchange.request);
-  record.status = status;
-  record.reply = body;
+  if (key == nullptr) return {};
+  return [this, key = *key, principal = exchange.principal().name,
+          fingerprint = fingerprintOf(exchange.request)](Record& record, unsigned status,
+                                                         const std::string& body) {
+    record.principal = principal;
+    record.key = key;
+    record.fingerprint = fingerprint;
+    record.status = status;
+    record.reply = body;
+    remembered_.add(record);
+  };
 }
 
 void Service::Impl::rememberAlone(const Exchange& exchange, unsigned status,
                                   const std::string& body) {
-  if (exchange.request.header("idempotency-key") == nullptr) return;
-  cloud_.remember([&](Record& record) {
-    remember(exchange, record, status, body);
-    remembered_.add(record);
-  });
+  const auto remember = rememberer(exchange);
+  if (remember) cloud_.remember([&](Record& record) { remember(record, status, body); });
 }
 
 void Service::Impl::change(Exchange exchange) {
@@ -79,11 +80,7 @@ Reply Service::Impl::makeChange(const Exchange& exchange) {
   // The elements of a batch, and its key: a crash between them would have the batch repeated.
   const LiveCloud::Together together(cloud_);
   ChangeRequest change{exchange.request, exchange.route, exchange.conditions, exchange.body};
-  ChangeReply made =
-      changes_.make(change, [&](Record& record, unsigned status, const std::string& body) {
-        remember(exchange, record, status, body);
-        remembered_.add(record);
-      });
+  ChangeReply made = changes_.make(change, rememberer(exchange));
   settle(made.regions);
   if (made.refusal) {
     if (settings_.observer != nullptr) {
@@ -168,10 +165,7 @@ void Service::Impl::callSync(const Exchange& exchange) {
   }
   if (isBlocked_) return refuse(exchange, {"no-space", blockedFor_});
   const std::string* id = exchange.request.header("sync-request-id");
-  const auto keep = [&](Record& record, unsigned status, const std::string& body) {
-    remember(exchange, record, status, body);
-    remembered_.add(record);
-  };
+  const auto keep = rememberer(exchange);
   SyncCalls::Outcome outcome =
       takes ? sync_.lock(region, lock, exchange.principal(), exchange.ticket, keep)
             : sync_.call(exchange.route.subject, region, id, exchange.parameters.force,

@@ -148,7 +148,7 @@ SyncCalls::Outcome SyncCalls::lock(const std::string& region, const LockRequest&
           if (!holds(region, request)) return;
           outcome.body = status(region);
           outcome.isRecorded = true;
-          remember(record, 200, outcome.body);
+          if (remember) remember(record, 200, outcome.body);
         });
     if (!step.faults.empty()) return {.refusal = refusalOf(std::move(step.faults), principal)};
     outcome.regions = std::move(step.regions);
@@ -164,7 +164,8 @@ SyncCalls::Outcome SyncCalls::lock(const std::string& region, const LockRequest&
     return {.refusal = heldBy(region)};
   }
   tell(region, principal.name, request.requester, request.requestId, "waiting");
-  lines_[region].push_back({ticket, request, cloud_.time() + request.wait, principal.name});
+  lines_[region].push_back(
+      {ticket, request, cloud_.time() + request.wait, principal.name, remember});
   return {};
 }
 
@@ -204,7 +205,7 @@ SyncCalls::Outcome SyncCalls::call(Subject subject, const std::string& region,
     noteHolder(region);
     outcome.body = status(region);
     outcome.isRecorded = true;
-    remember(record, 200, outcome.body);
+    if (remember) remember(record, 200, outcome.body);
   });
   if (!step.faults.empty()) return {.refusal = refusalOf(std::move(step.faults), principal)};
   if (subject == Subject::kSyncLock) {
@@ -251,22 +252,30 @@ void SyncCalls::settle(const std::vector<std::string>& changed, std::vector<Wait
     std::erase_if(waiters, [&](const Waiter& waiter) {
       if (!holds(region, waiter.request)) return false;
       answers.push_back({waiter.ticket, std::nullopt, status(region)});
+      if (waiter.remember) {
+        cloud_.remember([&](Record& record) { waiter.remember(record, 200, answers.back().body); });
+      }
       return true;
     });
     if (!waiters.empty() && !changes_.holderOf(region)) {
       const Waiter first = std::move(waiters.front());
       waiters.pop_front();
-      LiveStep step =
-          write(region, lockMembers(first.request.requester, first.request.requestId), {});
+      std::string granted;
+      LiveStep step = write(region, lockMembers(first.request.requester, first.request.requestId),
+                            [&](Record& record) {
+                              noteHolder(region);
+                              if (!holds(region, first.request)) return;
+                              granted = status(region);
+                              if (first.remember) first.remember(record, 200, granted);
+                            });
       if (!step.faults.empty()) {
         Principal principal;
         answers.push_back({first.ticket, refusalOf(std::move(step.faults), principal), {}});
       } else {
-        noteHolder(region);
-        if (holds(region, first.request)) {
+        if (!granted.empty()) {
           tell(region, first.principal, first.request.requester, first.request.requestId,
                "granted");
-          answers.push_back({first.ticket, std::nullopt, status(region)});
+          answers.push_back({first.ticket, std::nullopt, std::move(granted)});
         } else {
           answers.push_back({first.ticket, heldBy(region), {}});
         }

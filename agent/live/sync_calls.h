@@ -54,6 +54,7 @@ class SyncCalls {
     bool isRecorded = false;                // `remember` was called
   };
 
+  // `remember` is kept while the request waits; a later grant calls it with its record.
   Outcome lock(const std::string& region, const LockRequest& request, const Principal& principal,
                Ticket ticket, const Changes::Remember& remember);
   // start, heartbeat, complete, and DELETE .../lock. `id` is the header; null where there is none.
@@ -79,6 +80,7 @@ class SyncCalls {
     LockRequest request;
     double deadline;
     std::string principal;
+    Changes::Remember remember;
   };
   struct Held {
     LockHolder holder;

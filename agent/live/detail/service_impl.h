@@ -99,8 +99,8 @@ class Service::Impl {
 
   // The reply that is remembered for the request's key, or why the key is refused.
   std::optional<Reply> recall(const Exchange& exchange) const;
-  void remember(const Exchange& exchange, Record& record, unsigned status,
-                const std::string& body) const;
+  // Remembers the reply for the request's key; null where it has none. May outlive the request.
+  Changes::Remember rememberer(const Exchange& exchange);
   void rememberAlone(const Exchange& exchange, unsigned status, const std::string& body);
 
   void refuse(const Exchange& exchange, const Refusal& refusal);

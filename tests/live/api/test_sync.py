@@ -234,6 +234,30 @@ class Waiting(SyncTest):
         self.ok(self.client.unlock("R", "r1"))
         self.granted(waiters[2].result(), "c", "r2")
 
+    def test_a_retry_with_its_key_is_answered_as_the_first(self) -> None:
+        self.ok(self.client.lock("R", "a", "r0"))
+        answers: list[Answer] = []
+
+        def ask() -> None:
+            answers.append(self.client.request(
+                "POST", "/v1/region/R/sync/lock", {"requester": "b", "requestId": "r1", "wait": 30},
+                {"Idempotency-Key": "k"}))
+        waiters = [threading.Thread(target=ask) for _ in range(2)]
+        for number, waiter in enumerate(waiters, 1):
+            waiter.start()
+            poll(lambda number=number: self.client.sync("R")["waiting"] == number, "it waits")
+        self.ok(self.client.unlock("R", "r0"))
+        for waiter in waiters:
+            waiter.join(20)
+        for answer in answers:
+            self.granted(answer, "b", "r1")
+        self.ok(self.client.unlock("R", "r1"))
+        with self.unchanged():
+            ask()
+        self.assertEqual(answers[-1].status, 200)
+        self.assertIn(answers[-1].body, [answer.body for answer in answers[:2]])
+        self.assertEqual(self.client.sync("R")["owner"], "")
+
     def test_the_region_is_deleted(self) -> None:
         self.ok(self.client.lock("R", "a", "r0"))
         waiter = self.wait("b", "r1")
