@@ -1,13 +1,17 @@
 """The life of the process: start, refusal to start, configuration, stop, restart."""
 
+import json
 import os
+import re
+import shutil
 import signal
 import socket
 import subprocess
 import threading
+import unittest
 
-from process import descriptors, refusal, threads  # noqa: I001  (it sets the path)
-from api.agent import (DEADLINE, Client, LiveTest, UnixConnection, poll, program, region,
+from process import Authority, descriptors, refusal, threads  # noqa: I001  (it sets the path)
+from api.agent import (DEADLINE, Agent, Client, LiveTest, UnixConnection, poll, program, region,
                        token_file)
 
 
@@ -131,6 +135,57 @@ class Options(ProcessTest):
         hello = self.ok(agent.client.get("/v1"))
         self.assertTrue(hello["requireLock"])
         self.assertEqual(hello["role"], "read", "the command line counts")
+
+    def test_every_option_may_stand_in_the_configuration_file(self) -> None:
+        agent = Agent()
+        self.addCleanup(agent.close)
+        authority = Authority(agent.folder)
+        certificate, key = authority.sign("server")
+        cloud = agent.folder / "cloud.json"
+        cloud.write_text('{"region": {"FromFile": {}}}')
+        values: dict[str, str | int | float | bool] = {
+            "socket": agent.socket, "socket-role": "write", "listen": "127.0.0.1:0",
+            "tls-cert": certificate, "tls-key": key, "client-ca": str(authority.certificate),
+            "tokens": token_file(agent.folder, {"a": "read"}),
+            "state-dir": str(agent.folder / "state"), "keep-seconds": 1.5,
+            "keep-revisions": 20_000, "require-lock": True, "max-body": 1000,
+            "max-connections": 7, "region-sync-timeout": 12.5, "toggle": "off",
+            "cloud": str(cloud)}
+        text = subprocess.run([program(), "serve", "--help"], capture_output=True, text=True,
+                              check=True).stdout
+        options = set(re.findall(r"(?m)^  (?:-h,)?--([a-z-]+)", text))
+        self.assertEqual(options, set(values) | {"help", "config"})
+        config = agent.folder / "vnagent.toml"
+        config.write_text("".join(f"{name} = {json.dumps(value)}\n"
+                                  for name, value in values.items()))
+        agent.arguments = ["--config", str(config)]
+        agent.start()
+        hello = self.ok(agent.client.get("/v1"))
+        self.assertEqual((hello["role"], hello["durable"], hello["requireLock"], hello["toggle"]),
+                         ("write", True, True, False))
+        self.assertEqual(agent.client.cloud(), {"region": {"FromFile": {}}})
+        self.assertEqual(agent.client.sync("FromFile")["timeout"], 12.5)
+        self.assertIn("listening on https://127.0.0.1:", agent.log.read_text())
+        self.refused(agent.client.patch({"region": {"x" * 1000: {}}}), 413, "too-large")
+        held = [UnixConnection(agent.socket) for _ in range(7)]
+        for connection in held:
+            self.addCleanup(connection.close)
+            connection.request("GET", "/healthz")
+            connection.getresponse().read()
+        self.refused(agent.client.get("/v1"), 429, "too-many")
+
+    def test_values_of_the_configuration_are_checked_with_their_line(self) -> None:
+        agent = self.start()
+        config = agent.folder / "vnagent.toml"
+        for line in ('socket-role = "boss"', "max-connections = 0", 'toggle = "maybe"',
+                     "keep-revisions = 5", "require-lock = 7", 'listen = "nowhere"',
+                     "region-sync-timeout = -1", "socket = []", "max-body = 1979-05-27",
+                     "max-body = 1\nmax-body = 2", "max-body ="):
+            with self.subTest(line):
+                config.write_text(f"# comment\n{line}\n")
+                status, text = refusal("--config", config, "--socket", agent.folder / "s")
+                self.assertEqual(status, 2, text)
+                self.assertRegex(text, r"vnagent\.toml:[23]: ")
 
     def test_an_unknown_key_of_the_configuration_is_refused_with_its_line(self) -> None:
         agent = self.start()
@@ -272,6 +327,24 @@ class Saying(ProcessTest):
         self.assertGreater(float(figures["vnagent_commit_seconds_count"]), 0)
         self.assertGreater(float(figures["vnagent_resident_memory_bytes"]), 1e6)
         stream.close()
+
+    @unittest.skipUnless(shutil.which("promtool"), "promtool is missing: package prometheus")
+    def test_metrics_keep_to_the_conventions(self) -> None:
+        agent = self.stateful()
+        self.load(agent.client, R=region(), S={})
+        self.ok(agent.client.lock("R", "a", "r1"))
+        self.ok(agent.client.step("R", "start", "r1"))
+        self.refused(agent.client.lock("R", "b", "r2"), 409)
+        self.refused(agent.client.patch({"x": 1}), 422)
+        stream = agent.client.stream("/v1/watch")
+        stream.next()
+        self.ok(agent.client.patch({"region": {"R": None}}))
+        stream.next()
+        page = agent.client.get("/metrics").body
+        stream.close()
+        checked = subprocess.run(["promtool", "check", "metrics"], input=page, check=False,
+                                 stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+        self.assertEqual((checked.returncode, checked.stdout.decode()), (0, ""))
 
     def test_tells_the_service_manager_that_it_is_ready(self) -> None:
         agent = self.start()
