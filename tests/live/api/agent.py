@@ -226,6 +226,7 @@ class Agent:
         self.socket = str(self.folder / "agent.sock")
         self.options = [str(option) for option in options]
         self.arguments: list[str] | None = None  # in the place of the socket and the options
+        self.prefix: list[str] = []  # a command that runs the program
         self.log = self.folder / "log"
         self.process: subprocess.Popen[bytes] | None = None
         self.client = Client(lambda: UnixConnection(self.socket))
@@ -233,7 +234,8 @@ class Agent:
     def launch(self) -> None:
         with open(self.log, "ab") as log:
             self.process = subprocess.Popen(
-                [program(), "serve", *(self.arguments or ["--socket", self.socket, *self.options])],
+                [*self.prefix, program(), "serve",
+                 *(self.arguments or ["--socket", self.socket, *self.options])],
                 stdin=subprocess.DEVNULL, stdout=log, stderr=log)
 
     def start(self) -> "Agent":

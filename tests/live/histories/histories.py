@@ -16,7 +16,7 @@ import signal
 import sys
 import time
 from pathlib import Path
-from typing import NamedTuple
+from typing import Any, NamedTuple
 
 sys.path.insert(0, str(Path(__file__).resolve().parent))
 sys.path.insert(0, str(Path(__file__).resolve().parent.parent))
@@ -126,6 +126,14 @@ def check(history: History, initial: State, kind: str) -> Verdict[State]:
     return Checker(model, initial).check(history)
 
 
+def shown(what: Any) -> str:
+    """A call without what has its default."""
+    fields = [f"{name}={shown(value) if hasattr(value, '_fields') else repr(value)}"
+              for name, value in what._asdict().items()
+              if value != what._field_defaults.get(name)]
+    return f"{type(what).__name__}({', '.join(fields)})"
+
+
 def described(history: History, initial: State, verdict: Verdict[State]) -> str:
     """The history in full, in order of time, in milliseconds since its start."""
     start = min(call.invoked for call in history.calls)
@@ -138,13 +146,13 @@ def described(history: History, initial: State, verdict: Verdict[State]) -> str:
         until = milliseconds(call.returned)
         answer = call.answer if call.is_known else \
             "hung up" if call.closed < float("inf") else "outcome not known"
-        return f"{mark} {milliseconds(call.invoked)} {until}  {call.client:5} {call.what}\n" \
-               f"{'':24}{answer}"
+        when = f"{mark} {milliseconds(call.invoked)} {until}"
+        return f"{when}  {call.client:5} {shown(call.what)}\n{'':24}{answer}"
 
     lines = [(call.invoked, line(call)) for call in history.calls]
     lines += [(crash, f"  {milliseconds(crash)} {'':9}  killed") for crash in history.crashes]
     text = [f"from {initial}", *(text for _, text in sorted(lines))]
-    text.append(f"no order of the requests explains the one with > and what follows; "
+    text.append("no order of the requests explains the one with > and what follows; "
                 f"{len(verdict.before)} states were possible before its answer:")
     text += [f"  {state}" for state in verdict.before[:10]]
     return "\n".join(text)
