@@ -1,7 +1,7 @@
 #include "agent/json/json_writer.h"
 
-#include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <iterator>
 
 #include <fmt/compile.h>
@@ -17,15 +17,37 @@ void appendEscape(std::string& out, unsigned char byte) {
   fmt::format_to(std::back_inserter(out), FMT_COMPILE("\\u{:04x}"), static_cast<unsigned>(byte));
 }
 
+bool needsEscape(char c) {
+  return c == '"' || c == '\\' || static_cast<unsigned char>(c) < 0x20 || c == 0x7f;
+}
+
+// Whether one of eight bytes may need an escape; it says so of few others.
+bool mayNeedEscape(uint64_t bytes) {
+  constexpr uint64_t kOnes = 0x0101010101010101;
+  constexpr uint64_t kHighs = 0x8080808080808080;
+  const auto hasZero = [](uint64_t word) { return (word - kOnes) & ~word & kHighs; };
+  const uint64_t controls = (bytes - kOnes * 0x20) & ~bytes & kHighs;
+  return (controls | hasZero(bytes ^ kOnes * '"') | hasZero(bytes ^ kOnes * '\\') |
+          hasZero(bytes ^ kOnes * 0x7f)) != 0;
+}
+
+// How many bytes at the beginning need no escape.
+size_t plainLength(std::string_view text) {
+  size_t length = 0;
+  for (uint64_t bytes = 0; length + sizeof bytes <= text.size(); length += sizeof bytes) {
+    std::memcpy(&bytes, text.data() + length, sizeof bytes);
+    if (mayNeedEscape(bytes)) break;
+  }
+  while (length < text.size() && !needsEscape(text[length])) ++length;
+  return length;
+}
+
 }  // namespace
 
 void appendJsonString(std::string& out, std::string_view text) {
-  const auto needsEscape = [](char c) {
-    return c == '"' || c == '\\' || static_cast<unsigned char>(c) < 0x20 || c == 0x7f;
-  };
   out += '"';
   while (!text.empty()) {
-    const auto plain = static_cast<size_t>(std::ranges::find_if(text, needsEscape) - text.begin());
+    const size_t plain = plainLength(text);
     out += text.substr(0, plain);
     text.remove_prefix(plain);
     if (text.empty()) break;
