@@ -26,6 +26,18 @@ constexpr const char* kLockFooter =
     "  vnagent lock RegionOne --sync -- sh -c \\\n"
     "    'vnagent replace RegionOne region.json --request-id $VNAGENT_REQUEST_ID'";
 
+constexpr const char* kLoadFooter =
+    "It puts regions of its own into the agent, syncs them, moves their ports from host to host, "
+    "and\n"
+    "removes them at the end. Times are from when a request was due, and of an event from when "
+    "its\n"
+    "change was due. Meanwhile the watchers' documents are compared with what the agent says; "
+    "exit\n"
+    "status 5 where one differs.\n"
+    "\n"
+    "Example:\n"
+    "  vnagent load --ports 10000 --connections 16 --rate 0 --watchers 100 --seconds 30";
+
 std::string faultOfSeconds(const std::string& text) {
   double number = 0;
   const auto result = std::from_chars(text.data(), text.data() + text.size(), number);
@@ -222,6 +234,73 @@ void addTrace(CLI::App& app, TraceOptions& options) {
   addConnection(*command, options);
 }
 
+template <class Number>
+void addCount(CLI::App& command, const char* name, Number& target, Number least, Number most,
+              const char* about) {
+  command.add_option(name, target, about)
+      ->type_name("N")
+      ->check(faultOfCount)
+      ->check([least, most](const std::string& text) {
+        uint64_t number = 0;
+        std::from_chars(text.data(), text.data() + text.size(), number);
+        return number >= least && number <= most
+                   ? std::string()
+                   : fmt::format("'{}' is not a number from {} to {}", text, least, most);
+      })
+      ->default_str(fmt::format("{}", target));
+}
+
+void addRate(CLI::App& command, const char* name, double& target, const char* about) {
+  command.add_option(name, target, about)
+      ->type_name("N")
+      ->check([](const std::string& text) {
+        return faultOfSeconds(text).empty() ? std::string()
+                                            : fmt::format("'{}' is not a rate", text);
+      })
+      ->default_str(fmt::format("{}", target));
+}
+
+void addLoad(CLI::App& app, LoadOptions& options) {
+  CLI::App* command = app.add_subcommand(
+      "load", "Drive a live agent with a cloud of the asked size, and measure it.");
+  command->footer(kLoadFooter);
+  addCount(*command, "--ports", options.ports, 1U, 10'000'000U, "ports of the cloud");
+  addCount(*command, "--regions", options.regions, 1U, 4000U, "regions of the cloud");
+  command
+      ->add_option("--hosts", options.hosts,
+                   "hosts of the cloud [one for each 40 ports, two for each region]")
+      ->type_name("N")
+      ->check(faultOfCount);
+  command->add_option("--prefix", options.prefix, "what the names of its regions begin with")
+      ->type_name("TEXT")
+      ->default_str(options.prefix);
+  addCount(*command, "--seed", options.seed, uint64_t{0}, UINT64_MAX, "seed of all that is random");
+  addCount(*command, "--drivers", options.drivers, 1U, 4000U,
+           "drivers, which share the regions among them");
+  addCount(*command, "--connections", options.connections, 1U, 100'000U,
+           "connections of all drivers");
+  addRate(*command, "--rate", options.rate,
+          "changes a second of all drivers; 0 is as fast as they are answered");
+  addSeconds(*command, "--sync-interval", options.syncInterval,
+             "a driver syncs again after so long; 0 is only at the beginning");
+  addCount(*command, "--watchers", options.watchers, 0U, 100'000U, "watchers");
+  command
+      ->add_option("--watch", options.watch,
+                   "what they follow: hosts is a host each, but for two, which follow the whole "
+                   "documents; output or cloud is the whole document each")
+      ->type_name("hosts|output|cloud")
+      ->check(CLI::IsMember({"hosts", "output", "cloud"}))
+      ->default_str(options.watch);
+  addCount(*command, "--readers", options.readers, 0U, 100'000U, "readers");
+  addRate(*command, "--read-rate", options.readRate,
+          "reads a second of all readers; 0 is as fast as they are answered");
+  addSeconds(*command, "--seconds", options.seconds, "how long to measure");
+  addFlag(*command, "--overwrite", options.overwrite,
+          "remove regions that have the names already; else they are an error");
+  addFlag(*command, "--keep", options.keep, "leave the regions as they are at the end");
+  addConnection(*command, options);
+}
+
 // For the shells' completions; not in the help.
 void addComplete(CLI::App& app, CompleteOptions& options) {
   CLI::App* command = app.add_subcommand("complete", "Print words for a shell's completion.");
@@ -278,6 +357,7 @@ struct ClientCommands::Options {
   WaitOptions wait;
   LockOptions lock;
   TraceOptions trace;
+  LoadOptions load;
   CompleteOptions complete;
 };
 
@@ -292,6 +372,7 @@ ClientCommands::ClientCommands(CLI::App& app) : app_(app), options_(std::make_un
   addWait(app, options_->wait);
   addLock(app, options_->lock);
   addTrace(app, options_->trace);
+  addLoad(app, options_->load);
   addComplete(app, options_->complete);
 }
 
@@ -310,6 +391,7 @@ std::optional<ExitStatus> ClientCommands::run() const {
       {"wait", [&] { return wait(of.wait); }},
       {"lock", [&] { return lock(of.lock); }},
       {"trace", [&] { return trace(of.trace); }},
+      {"load", [&] { return load(of.load); }},
       {"complete", [&] { return complete(of.complete); }},
   };
   for (const auto& [name, command] : commands) {

@@ -83,6 +83,25 @@ struct TraceOptions : ClientOptions {
   bool tail = false;
 };
 
+struct LoadOptions : ClientOptions {
+  uint32_t ports = 1000;
+  uint32_t regions = 1;
+  std::optional<uint32_t> hosts;  // unset: one for each 40 ports, and two for each region
+  std::string prefix = "load-";
+  uint64_t seed = 1;
+  uint32_t drivers = 1;
+  uint32_t connections = 4;
+  double rate = 100;        // changes a second; 0: as fast as they are answered
+  double syncInterval = 0;  // seconds; 0: only at the beginning
+  uint32_t watchers = 10;
+  std::string watch = "hosts";
+  uint32_t readers = 1;
+  double readRate = 100;
+  double seconds = 10;
+  bool overwrite = false;
+  bool keep = false;
+};
+
 // Words that may stand on the command line: names of regions, or places.
 struct CompleteOptions : ClientOptions {
   std::string what;
@@ -100,6 +119,7 @@ ExitStatus watch(const WatchOptions& options);
 ExitStatus wait(const WaitOptions& options);
 ExitStatus lock(const LockOptions& options);
 ExitStatus trace(const TraceOptions& options);
+ExitStatus load(const LoadOptions& options);
 ExitStatus complete(const CompleteOptions& options);
 
 // The commands' part of the command line. Lives as long as the parsing and the run.

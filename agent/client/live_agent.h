@@ -65,6 +65,8 @@ class LiveAgent {
   explicit LiveAgent(Endpoint endpoint, double deadline = 30)
       : client_(std::move(endpoint)), deadline_(deadline) {}
 
+  const Endpoint& endpoint() const { return client_.endpoint(); }
+
   // Each throws Unreachable without an answer, RequestRefused with one that refuses.
   HttpResponse request(std::string method, std::string target, std::string body = {},
                        HttpHeaders headers = {}, double more = 0) const;

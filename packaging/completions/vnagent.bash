@@ -5,7 +5,7 @@ _vnagent() {
   COMPREPLY=()
   for ((i = 1; i < COMP_CWORD; ++i)); do
     case ${COMP_WORDS[i]} in
-      run | check | import-neutron | schema | show | get | patch | replace | diff | apply | watch | wait | lock | trace | serve | journal) command=${COMP_WORDS[i]} && break ;;
+      run | check | import-neutron | schema | show | get | patch | replace | diff | apply | watch | wait | lock | trace | load | serve | journal) command=${COMP_WORDS[i]} && break ;;
     esac
   done
 
@@ -19,6 +19,8 @@ _vnagent() {
     --region | --region-sync-timeout | --inspect | --max-input) return ;;
     --listen | --keep-seconds | --keep-revisions | --max-body | --max-connections) return ;;
     --until | --url | --deadline | --at | --if-match | --request-id | --key | --since | --count | --timeout | --requester | --wait) return ;;
+    --ports | --regions | --hosts | --prefix | --seed | --drivers | --connections | --rate | --sync-interval | --watchers | --readers | --read-rate | --seconds) return ;;
+    --watch) mapfile -t COMPREPLY < <(compgen -W 'hosts output cloud' -- "$word") && return ;;
   esac
 
   local words
@@ -37,9 +39,10 @@ _vnagent() {
     wait) words='--help --timeout --socket --url --token-file --ca --deadline --json' ;;
     lock) words='--help --requester --request-id --wait --sync --force --socket --url --token-file --ca --deadline --json' ;;
     trace) words='--help --level --tail --socket --url --token-file --ca --deadline --json' ;;
+    load) words='--help --ports --regions --hosts --prefix --seed --drivers --connections --rate --sync-interval --watchers --watch --readers --read-rate --seconds --overwrite --keep --socket --url --token-file --ca --deadline --json' ;;
     serve) words='--help --config --socket --socket-role --listen --tls-cert --tls-key --client-ca --tokens --state-dir --keep-seconds --keep-revisions --require-lock --max-body --max-connections --region-sync-timeout --toggle --cloud' ;;
     journal) words='--help' ;;
-    *) words='run check import-neutron schema serve show get patch replace diff apply watch wait lock trace journal --help --version' ;;
+    *) words='run check import-neutron schema serve show get patch replace diff apply watch wait lock trace load journal --help --version' ;;
   esac
   if [[ -z $command || $command == serve || $word == -* ]]; then
     mapfile -t COMPREPLY < <(compgen -W "$words" -- "$word")

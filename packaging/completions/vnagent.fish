@@ -1,6 +1,6 @@
 # Completion of vnagent's command line for fish.
 
-set -l commands run check import-neutron schema serve show get patch replace diff apply watch wait lock trace journal
+set -l commands run check import-neutron schema serve show get patch replace diff apply watch wait lock trace load journal
 
 complete -c vnagent -n "not __fish_seen_subcommand_from $commands" -f
 complete -c vnagent -n "not __fish_seen_subcommand_from $commands" -a run -d "Load a cloud, apply events, print what the switch must provide"
@@ -17,6 +17,7 @@ complete -c vnagent -n "not __fish_seen_subcommand_from $commands" -a watch -d "
 complete -c vnagent -n "not __fish_seen_subcommand_from $commands" -a wait -d "Wait for a revision"
 complete -c vnagent -n "not __fish_seen_subcommand_from $commands" -a lock -d "Hold a region's lock while a command runs"
 complete -c vnagent -n "not __fish_seen_subcommand_from $commands" -a trace -d "Show or set the trace level"
+complete -c vnagent -n "not __fish_seen_subcommand_from $commands" -a load -d "Drive a live agent, and measure it"
 complete -c vnagent -n "not __fish_seen_subcommand_from $commands" -a serve -d "Keep a cloud up to date for as long as it runs"
 complete -c vnagent -n "not __fish_seen_subcommand_from $commands" -a journal -d "Look into the journal of a live agent, check it, repair it"
 complete -c vnagent -n "not __fish_seen_subcommand_from $commands" -l version -d "Print the version"
@@ -142,6 +143,29 @@ complete -c vnagent -n "__fish_seen_subcommand_from trace" -l ca -r -d "Certific
 complete -c vnagent -n "__fish_seen_subcommand_from trace" -l deadline -x -d "Longest time for an answer"
 complete -c vnagent -n "__fish_seen_subcommand_from trace" -l json -d "Print one line of JSON"
 complete -c vnagent -n "__fish_seen_subcommand_from trace" -f
+complete -c vnagent -n "__fish_seen_subcommand_from load" -l ports -x -d "Ports of its cloud"
+complete -c vnagent -n "__fish_seen_subcommand_from load" -l regions -x -d "Regions of its cloud"
+complete -c vnagent -n "__fish_seen_subcommand_from load" -l hosts -x -d "Hosts of its cloud"
+complete -c vnagent -n "__fish_seen_subcommand_from load" -l prefix -x -d "What the names of its regions begin with"
+complete -c vnagent -n "__fish_seen_subcommand_from load" -l seed -x -d "Seed of all that is random"
+complete -c vnagent -n "__fish_seen_subcommand_from load" -l drivers -x -d "Drivers, which share the regions among them"
+complete -c vnagent -n "__fish_seen_subcommand_from load" -l connections -x -d "Connections of all drivers"
+complete -c vnagent -n "__fish_seen_subcommand_from load" -l rate -x -d "Changes a second of all drivers"
+complete -c vnagent -n "__fish_seen_subcommand_from load" -l sync-interval -x -d "A driver syncs again after so long"
+complete -c vnagent -n "__fish_seen_subcommand_from load" -l watchers -x -d "Watchers"
+complete -c vnagent -n "__fish_seen_subcommand_from load" -l watch -x -a "hosts output cloud" -d "What the watchers follow"
+complete -c vnagent -n "__fish_seen_subcommand_from load" -l readers -x -d "Readers"
+complete -c vnagent -n "__fish_seen_subcommand_from load" -l read-rate -x -d "Reads a second of all readers"
+complete -c vnagent -n "__fish_seen_subcommand_from load" -l seconds -x -d "How long to measure"
+complete -c vnagent -n "__fish_seen_subcommand_from load" -l overwrite -d "Remove regions that have the names already"
+complete -c vnagent -n "__fish_seen_subcommand_from load" -l keep -d "Leave the regions as they are at the end"
+complete -c vnagent -n "__fish_seen_subcommand_from load" -l socket -r -d "The agent's Unix socket"
+complete -c vnagent -n "__fish_seen_subcommand_from load" -l url -x -d "The agent on TCP"
+complete -c vnagent -n "__fish_seen_subcommand_from load" -l token-file -r -d "File with the token to show"
+complete -c vnagent -n "__fish_seen_subcommand_from load" -l ca -r -d "Certificates to trust"
+complete -c vnagent -n "__fish_seen_subcommand_from load" -l deadline -x -d "Longest time for an answer"
+complete -c vnagent -n "__fish_seen_subcommand_from load" -l json -d "Print one line of JSON"
+complete -c vnagent -n "__fish_seen_subcommand_from load" -f
 complete -c vnagent -n "__fish_seen_subcommand_from serve" -l config -r -d "A file with options"
 complete -c vnagent -n "__fish_seen_subcommand_from serve" -l socket -r -d "The Unix socket to listen on"
 complete -c vnagent -n "__fish_seen_subcommand_from serve" -l socket-role -x -a "read write admin" -d "What the users of the Unix socket may do"

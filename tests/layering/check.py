@@ -32,9 +32,11 @@ LAYERS = {
     "agent/journal": ["agent/live"],
     "agent/server": FRAMEWORK + ["agent/json", "agent/live", "agent/journal"],
     "agent/client": ["agent/json", "agent/output"],
-    "agent/cli": ["agent/client", "agent/server", "agent/journal", "agent/live", "agent/json", "agent/document", "agent/session", "agent/output", "agent/import"],
+    "agent/load": ["agent/json", "agent/client"],
+    "agent/cli": ["agent/client", "agent/load", "agent/server", "agent/journal", "agent/live", "agent/json", "agent/document", "agent/session", "agent/output", "agent/import"],
     "agent": ["agent/cli"],
     "bench": LIBRARY,
+    "bench/live": ["agent/client", "agent/load"],
 }
 SOURCES = ("*.h", "*.cpp")
 INCLUDE = re.compile(r'^\s*#\s*include\s+"([^"]+)"', re.M)
