@@ -3,8 +3,8 @@
 
 # `make serve` starts a live agent.
 
-.PHONY: all build configure dependencies run serve test sim fuzz bench bench-quick coverage mutation docs \
-  packages clean
+.PHONY: all build configure dependencies run serve test sim fuzz bench bench-quick bench-live \
+  bench-live-quick coverage mutation docs packages clean
 
 all: build
 
@@ -63,6 +63,16 @@ bench bench-quick:
 	  --results=build/bench/results.json --vnagent=build/bench/bin/vnagent --filter='$(value FILTER)'
 	bench/table.py $(if $(filter bench-quick,$@),--quick) $(if $(FILTER),--partial) \
 	  build/bench/results.json
+
+# The live agent beside etcd, ovsdb-server and a server that does nothing, as a table; up to 15 minutes,
+# bench-live-quick up to 5. FILTER=REGEX runs a part: see bench/README.md.
+bench-live bench-live-quick:
+	packaging/install-build-dependencies libbenchmark-dev libabsl-dev libsigc++-2.0-dev \
+	  etcd-server openvswitch-common
+	cmake --preset bench
+	cmake --build --preset bench --target vnagent live_client bare_server
+	bench/live/run.py build/bench/bin $(if $(filter bench-live-quick,$@),--quick) \
+	  --filter='$(value FILTER)' --results build/bench/live-results.json
 
 # The branches of framework, model and machines that their tests take: a table, and
 # build/coverage/html. Fails when a file is below 95 %.
