@@ -86,7 +86,8 @@ class ServerProcess:
                 if self.acknowledgements.timeout > 0:
                     since = self._adopt_blocks(since)
             except (db_exc.DBError, sql_exc.SQLAlchemyError) as error:
-                LOG.warning("The database does not answer; it is asked again: %s", error)
+                LOG.warning("The database does not answer; it is asked again: %s",
+                            str(error).partition("\n")[0])
             except Exception:
                 LOG.exception("Unexpected; it is tried again")
 

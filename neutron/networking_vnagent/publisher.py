@@ -121,7 +121,7 @@ class Publisher:
             self._was_refused(error)
         elif isinstance(error, (db_exc.DBError, sql_exc.SQLAlchemyError)):
             self._say("Agent %s is not sent anything while the database does not answer: %s",
-                      self.agent.name, error)
+                      self.agent.name, str(error).partition("\n")[0])
         else:
             LOG.error("Agent %s: unexpected; it is tried again", self.agent.name, exc_info=error)
 
