@@ -126,6 +126,9 @@ def hint(error: Exception) -> str:
         return f"{text}: ca_file must hold the authority that signed the agent's certificate"
     if isinstance(error, ssl.SSLError):
         return f"{text}: does the agent speak TLS there, and accept this client's certificate?"
+    if isinstance(error, TimeoutError):
+        return ("no whole answer in time: the agent is stopped or overloaded, or the network is "
+                "slow; request_timeout says how long to wait")
     if isinstance(error, (ConnectionRefusedError, FileNotFoundError)):
         return f"{text}: is `vnagent serve` running, and is the url the right one?"
     if isinstance(error, PermissionError):

@@ -1,0 +1,368 @@
+"""Publishers against a real agent that is killed, paused and changed by others."""
+import unittest
+from unittest import mock
+
+from networking_vnagent import agents
+from networking_vnagent import backlog
+from networking_vnagent import client as agent_client
+from networking_vnagent import config
+from networking_vnagent import database
+from networking_vnagent import mapping
+from networking_vnagent import patcher
+from networking_vnagent import provisioning
+from networking_vnagent import publisher
+from networking_vnagent import sync
+
+from . import base
+
+TOP = mapping.SegmentRow("top", "net", "vxlan", None, 10001, False)
+RACK = mapping.SegmentRow("rack", "net", "vlan", "physnet1", 100, True)
+
+
+class World:
+    """The database: ports, each bound on a host or not at all."""
+
+    def __init__(self):
+        self.hosts = {}
+        self.reads = 0
+        self.at_read = None
+        self.time = 0
+        self.listed = {}
+
+    def rows(self, ports=None):
+        self.reads += 1
+        hosts = dict(self.hosts)
+        if self.at_read is not None:
+            self.at_read()
+        return mapping.Rows(
+            ports=[mapping.PortRow(p, "net", "", "") for p in hosts
+                   if ports is None or p in ports],
+            bindings=[mapping.BindingRow(p, h, "ovs", "normal", "", "ACTIVE")
+                      for p, h in hosts.items() if h],
+            levels=[mapping.LevelRow(p, h, level, s) for p, h in hosts.items() if h
+                    for level, s in enumerate(("top", "rack"))],
+            segments=[TOP, RACK], networks=["net"])
+
+    def now(self):
+        self.time += 1
+        return f"2026-01-01 00:{self.time // 60:02}:{self.time % 60:02}"
+
+    def patches(self):
+        def report(name, changed):
+            self.listed[name] = self.listed.get(name, {}) | changed
+
+        def read(name):
+            return agents.Known(self.listed[name], 0) if name in self.listed else None
+        return [mock.patch.object(database, "read_everything", self.rows),
+                mock.patch.object(database, "read_about", lambda ports=(), *_: self.rows(ports)),
+                mock.patch.object(database, "now", self.now),
+                mock.patch.object(agents, "report", report),
+                mock.patch.object(agents, "amend", report),
+                mock.patch.object(agents, "read", read)]
+
+
+class PublishingTestCase(base.AgentTestCase):
+    def setUp(self):
+        super().setUp()
+        self.world = World()
+        for patch in self.world.patches():
+            patch.start()
+            self.addCleanup(patch.stop)
+        self.config = config.AgentConfig("one", self.agent.url, base.REGION, request_timeout=5)
+        self.acknowledgements = provisioning.Acknowledgements(60)
+
+    def publisher(self, **changed):
+        one = publisher.Publisher(self.config, base.settings(**changed), self.acknowledgements,
+                                  lambda *_: None)
+        self.addCleanup(one.stop)
+        return one
+
+    def bind(self, port, host):
+        self.world.hosts[port] = host
+
+    def wait(self, holds, what="it"):
+        end = base.time.monotonic() + 60
+        while not holds():
+            self.assertLess(base.time.monotonic(), end, what + " did not happen")
+            base.time.sleep(0.02)
+
+    def bound(self):
+        return {port: set(made["portToHostBinding"])
+                for port, made in self.agent.region().get("portBinding", {}).items()}
+
+
+class PatcherTest(PublishingTestCase):
+    def setUp(self):
+        super().setUp()
+        self.client = self.agent.client()
+        self.addCleanup(self.client.close)
+        self.client.create_region()
+        self.client.hello()
+        self.patcher = patcher.Patcher(self.config, self.client)
+
+    def test_what_the_database_says_when_it_is_sent_counts(self):
+        self.bind("p", "h1")
+        work = backlog.Work(ports={"p"})
+        self.bind("p", "h2")
+        self.patcher.apply(work)
+        self.assertEqual({"p": {"h2"}}, self.bound())
+
+    def test_who_lost_the_race_reads_again(self):
+        other = patcher.Patcher(self.config, self.agent.client())
+        self.bind("p", "h1")
+
+        def somebody_is_faster():
+            self.world.at_read = None
+            self.bind("p", "h2")
+            other.apply(backlog.Work(ports={"p"}))
+        self.world.at_read = somebody_is_faster
+        self.patcher.apply(backlog.Work(ports={"p"}))
+        self.assertEqual({"p": {"h2"}}, self.bound())
+        # The slower one, the faster one, and the slower one again.
+        self.assertEqual(3, self.world.reads)
+
+    def test_nothing_is_sent_where_nothing_differs(self):
+        self.bind("p", "h1")
+        self.patcher.apply(backlog.Work(ports={"p"}))
+        before = self.agent.revision()
+        self.patcher.apply(backlog.Work(ports={"p"}))
+        self.assertEqual(before, self.agent.revision())
+
+    def test_a_lost_answer_is_asked_for_again_and_applied_once(self):
+        self.bind("p", "h1")
+        real = self.client.request
+
+        def loses(method, *arguments, **named):
+            answer = real(method, *arguments, **named)
+            if method == "PATCH" and "dry-run" not in arguments[0]:
+                raise agent_client.NoAnswer("lost")
+            return answer
+        with mock.patch.object(self.client, "request", loses):
+            with self.assertRaises(agent_client.NoAnswer):
+                self.patcher.apply(backlog.Work(ports={"p"}))
+        revision = self.agent.revision()
+        self.patcher.settle()
+        self.assertEqual(revision, self.agent.revision())
+        self.assertEqual(f'"{revision}"', self.patcher.etag)
+
+    def test_nothing_else_is_done_before_the_outcome_is_known(self):
+        self.bind("p", "h1")
+        with mock.patch.object(self.client, "change", side_effect=agent_client.NoAnswer("lost")):
+            with self.assertRaises(agent_client.NoAnswer):
+                self.patcher.apply(backlog.Work(ports={"p"}))
+            with self.assertRaises(agent_client.NoAnswer):
+                self.patcher.settle()
+        self.bind("p", None)
+        self.patcher.settle()
+        self.assertEqual({"p": {"h1"}}, self.bound())
+        self.patcher.apply(backlog.Work(ports={"p"}))
+        self.assertEqual({}, self.bound())
+
+    def test_an_object_at_fault_does_not_hold_up_the_others(self):
+        client = self.agent.client()
+        client.change(agent_client.Change("PUT", "/v1/cloud/region/Other", {
+            "port": {"q": {}}, "portBinding": {"q": {"portToHostBinding": {"theirs": {}}}}}, {}))
+        client.close()
+        self.bind("a", "h1")
+        self.bind("b", "theirs")
+        self.bind("c", "h1")
+        with self.assertLogs("networking_vnagent.patcher", "WARNING") as logged:
+            applied = self.patcher.apply_parts(backlog.Work(ports={"a", "b", "c"}))
+        self.assertEqual({"a", "c"}, set(self.bound()))
+        self.assertEqual({"b"}, applied.refused.ports)
+        self.assertIn("port b", logged.output[0])
+
+    def test_members_of_others_stay_when_a_collection_loses_some(self):
+        self.bind("a", "h1")
+        self.bind("b", "h1")
+        self.patcher.apply(backlog.Work(ports={"a", "b"}))
+        del self.world.hosts["a"]
+        self.patcher.apply(backlog.Work(ports={"a"}))
+        self.assertEqual({"b"}, set(self.bound()))
+
+
+class FullSyncTest(PublishingTestCase):
+    def sync(self):
+        client = self.agent.client()
+        self.addCleanup(client.close)
+        return sync.FullSync(self.config, client)
+
+    def run_one(self):
+        one = self.sync()
+        return one.repair(one.lock(0))
+
+    def test_an_empty_agent_gets_the_region(self):
+        self.bind("p", "h1")
+        report = self.run_one()
+        self.assertEqual(5, len(report.differing))
+        self.assertEqual({"p": {"h1"}}, self.bound())
+        self.assertNotIn("serviceEndPoint", self.agent.region())
+
+    def test_what_differs_is_counted_and_repaired(self):
+        self.bind("p", "h1")
+        self.run_one()
+        self.agent.patch({"network": {"stranger": {}}, "port": {"p": {"vlanType": 1}}})
+        report = self.run_one()
+        self.assertEqual([("network", "stranger"), ("port", "p")], report.differing)
+        self.assertIn("network stranger", report.text())
+        self.assertEqual([], self.run_one().differing)
+
+    def test_a_report_changes_nothing(self):
+        self.bind("p", "h1")
+        self.run_one()
+        self.agent.patch({"network": {"stranger": {}}})
+        before = self.agent.revision()
+        self.assertEqual([("network", "stranger")], self.sync().report().differing)
+        self.assertEqual(before, self.agent.revision())
+
+    def test_one_at_a_time(self):
+        self.bind("p", "h1")
+        first = self.sync()
+        first.lock(0)
+        with self.assertRaises(sync.LockHeld):
+            self.sync().lock(0)
+        first.unlock()
+        self.run_one()
+
+    def test_a_write_of_before_can_do_no_harm_afterwards(self):
+        self.bind("p", "h1")
+        self.run_one()
+        client = self.agent.client()
+        self.addCleanup(client.close)
+        stale = client.region_etag()
+        self.run_one()
+        with self.assertRaises(agent_client.Refused) as raised:
+            client.change(agent_client.Change("PATCH", client.place, {"port": {"q": {}}},
+                                              {"If-Match": stale}))
+        self.assertEqual(412, raised.exception.status)
+
+    def test_a_region_that_others_change_all_the_time_is_repaired_too(self):
+        self.bind("p", "h1")
+        busy = self.agent.client()
+        self.addCleanup(busy.close)
+        count = 0
+
+        def change():
+            nonlocal count
+            count += 1
+            if count <= sync.PUT_ATTEMPTS + 1:
+                busy.change(agent_client.Change("PATCH", busy.place, {
+                    "tenant": {f"t{count}": {}}}, {}))
+        self.world.at_read = change
+        self.run_one()
+        self.assertEqual({"p": {"h1"}}, self.bound())
+
+
+class PublisherTest(PublishingTestCase):
+    def changed(self, one, *ports):
+        one.changed(backlog.Work(ports=set(ports)))
+
+    def test_it_begins_with_a_full_sync_and_goes_on_with_changes(self):
+        self.bind("p", "h1")
+        one = self.publisher()
+        one.start()
+        self.wait(lambda: "full_sync_read_at" in self.world.listed.get("one", {}))
+        self.assertEqual({"p": {"h1"}}, self.bound())
+        self.bind("q", "h2")
+        self.acknowledgements.expect("q", {"one"})
+        self.changed(one, "q")
+        self.assertEqual({"q": set()}, self.acknowledgements.take(60))
+        self.assertEqual({"p": {"h1"}, "q": {"h2"}}, self.bound())
+
+    def test_an_agent_that_was_killed_is_up_to_date_again(self):
+        one = self.publisher()
+        one.start()
+        self.wait(lambda: "full_sync_read_at" in self.world.listed.get("one", {}))
+        self.agent.kill()
+        self.bind("p", "h1")
+        self.changed(one, "p")
+        self.agent.start()
+        self.wait(lambda: self.bound() == {"p": {"h1"}})
+
+    def test_an_agent_that_lost_its_state_gets_the_region(self):
+        self.bind("p", "h1")
+        one = self.publisher()
+        one.start()
+        self.wait(lambda: "full_sync_read_at" in self.world.listed.get("one", {}))
+        self.agent.kill()
+        self.agent.start("another-state")
+        self.wait(lambda: one._sync_wanted is None and self.bound() == {"p": {"h1"}}
+                  if self.region_exists() else False)
+
+    def region_exists(self):
+        client = self.agent.client()
+        try:
+            return client.region_etag() is not None
+        finally:
+            client.close()
+
+    def test_an_agent_that_stood_still_is_up_to_date_again(self):
+        self.config = config.AgentConfig("one", self.agent.url, base.REGION, request_timeout=0.3)
+        one = self.publisher()
+        one.start()
+        self.wait(lambda: "full_sync_read_at" in self.world.listed.get("one", {}))
+        self.agent.pause()
+        self.bind("p", "h1")
+        self.changed(one, "p")
+        self.wait(lambda: one._is_down)
+        self.bind("p", "h2")
+        self.changed(one, "p")
+        self.agent.resume()
+        self.wait(lambda: self.bound() == {"p": {"h2"}})
+
+    def test_two_processes_agree_whoever_is_faster(self):
+        publishers = [self.publisher(), self.publisher()]
+        for one in publishers:
+            one.start()
+        for number in range(60):
+            port = f"p{number % 7}"
+            self.bind(port, f"h{number % 5}" if number % 3 else None)
+            self.changed(publishers[number % 2], port)
+        wanted = {port: {host} for port, host in self.world.hosts.items() if host}
+        self.wait(lambda: not any(len(one.backlog) for one in publishers)
+                  and self.region_exists() and self.bound() == wanted)
+
+    def test_a_database_that_is_away_ends_nothing(self):
+        from oslo_db import exception as db_exc
+        one = self.publisher()
+        one.start()
+        self.wait(lambda: "full_sync_read_at" in self.world.listed.get("one", {}))
+
+        def away(*_, **__):
+            raise db_exc.DBConnectionError()
+        with mock.patch.object(database, "read_about", away):
+            self.bind("p", "h1")
+            self.changed(one, "p")
+            self.wait(lambda: bool(one._said))
+        self.wait(lambda: self.bound() == {"p": {"h1"}})
+
+    def test_an_agent_that_takes_changes_under_the_lock_only_gets_them(self):
+        self.agent.kill()
+        self.agent._options = ("--require-lock", "--socket-role", "write")
+        self.agent.start()
+        one = self.publisher()
+        one.start()
+        self.wait(lambda: "full_sync_read_at" in self.world.listed.get("one", {}))
+        self.bind("p", "h1")
+        self.changed(one, "p")
+        self.wait(lambda: self.bound() == {"p": {"h1"}})
+
+
+class BacklogTest(unittest.TestCase):
+    def test_changes_of_one_object_are_one(self):
+        waiting = backlog.Backlog(10)
+        waiting.add(backlog.Work(ports={"p"}))
+        waiting.add(backlog.Work(ports={"p"}))
+        self.assertEqual(1, len(waiting))
+
+    def test_too_much_is_the_region_and_takes_no_more_memory(self):
+        waiting = backlog.Backlog(10)
+        for number in range(100):
+            waiting.add(backlog.Work(ports={str(number)}))
+        self.assertTrue(waiting.is_region)
+        self.assertEqual(0, len(waiting))
+
+    def test_halves_are_the_whole(self):
+        work = backlog.Work(ports={"a", "b"}, segments={"c"})
+        first, second = work.halves()
+        self.assertEqual(({"a"}, {"b"}, {"c"}), (first.ports, second.ports, second.segments))
