@@ -3,8 +3,11 @@
 
 # `make serve` starts a live agent.
 
-.PHONY: all build configure dependencies run serve test sim fuzz bench bench-quick bench-live \
-  bench-live-quick coverage mutation docs packages clean
+# Packages that running Neutron needs.
+NEUTRON = python3-neutron neutron-common python3-setuptools
+
+.PHONY: all build configure dependencies run serve run-neutron neutron-check neutron-package test sim \
+  fuzz bench bench-quick bench-live bench-live-quick coverage mutation docs packages clean
 
 all: build
 
@@ -24,6 +27,24 @@ run: build
 # A live agent in the foreground, with the example cloud.
 serve: build
 	examples/serve build/release/bin/vnagent build/vnagent.sock
+
+# A live agent and a neutron-server that keeps it up to date, with two ports; see docs/neutron.md.
+run-neutron: build
+	packaging/install-build-dependencies $(NEUTRON)
+	neutron/develop
+	neutron/quickstart build/release/bin/vnagent build/neutron-quickstart
+
+# Style, types and unit tests of the Neutron driver.
+neutron-check: build
+	packaging/install-build-dependencies $(NEUTRON) flake8 mypy python3-pytest python3-oslotest \
+	  python3-ddt python3-fixtures python3-testtools python3-testscenarios python3-testresources \
+	  python3-webtest
+	neutron/check build/release/bin/vnagent
+
+# The Debian package of the Neutron driver, in build/package/packages.
+neutron-package:
+	packaging/install-build-dependencies python3-setuptools dpkg-dev
+	packaging/neutron/build build/package/packages
 
 test: configure
 	cmake --build --preset release

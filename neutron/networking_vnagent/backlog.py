@@ -86,11 +86,12 @@ class Backlog:
                     target.add(source.pop())
             return taken if len(taken) else None
 
-    def take_region(self) -> None:
-        """Takes out everything: the caller sends the region."""
+    def take_region(self) -> Work:
+        """Takes out everything: the caller sends the region. What was known of it."""
         with self._changed:
-            self._work = Work()
+            taken, self._work = self._work, Work()
             self._is_region = False
+            return taken
 
     def wake(self) -> None:
         with self._changed:

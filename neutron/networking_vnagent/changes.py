@@ -18,6 +18,7 @@ from networking_vnagent import backlog
 _KEY = "networking_vnagent"
 
 Handler = collections.abc.Callable[[backlog.Work], None]
+Flushed = collections.abc.Callable[[typing.Any, typing.Any, typing.Any], None]
 
 _handlers: list[Handler] = []
 _is_listening = False
@@ -30,12 +31,13 @@ def subscribe(handler: Handler) -> None:
     if _is_listening:
         return
     _is_listening = True
-    for model in (ml2_models.PortBinding, ml2_models.PortBindingLevel,
-                  ml2_models.DistributedPortBinding):
-        for what in ("after_insert", "after_update", "after_delete"):
-            event.listen(model, what, _binding_flushed)
-    for what in ("after_insert", "after_update", "after_delete"):
-        event.listen(segment_models.NetworkSegment, what, _segment_flushed)
+    for model, flushed in ((ml2_models.PortBinding, _binding_flushed),
+                           (ml2_models.PortBindingLevel, _binding_flushed),
+                           (ml2_models.DistributedPortBinding, _binding_flushed),
+                           (segment_models.NetworkSegment, _segment_flushed)):
+        event.listen(model, "after_insert", flushed)
+        event.listen(model, "after_delete", flushed)
+        event.listen(model, "after_update", _if_modified(flushed))
     event.listen(orm.Session, "after_commit", _committed)
     event.listen(orm.Session, "after_rollback", _rolled_back)
 
@@ -50,6 +52,15 @@ def _work_of(row: typing.Any) -> backlog.Work:
         return backlog.Work()
     work: backlog.Work = session.info.setdefault(_KEY, backlog.Work())
     return work
+
+
+def _if_modified(flushed: Flushed) -> Flushed:
+    """Neutron writes rows back that have not changed."""
+    def if_modified(mapper: typing.Any, connection: typing.Any, row: typing.Any) -> None:
+        session = orm.object_session(row)
+        if session is None or session.is_modified(row, include_collections=False):
+            flushed(mapper, connection, row)
+    return if_modified
 
 
 def _binding_flushed(mapper: typing.Any, connection: typing.Any, row: typing.Any) -> None:

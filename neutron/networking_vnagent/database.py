@@ -86,13 +86,17 @@ def read_about(ports: collections.abc.Collection[str] = (),
                networks: collections.abc.Collection[str] = (),
                segments: collections.abc.Collection[str] = (),
                devices: collections.abc.Collection[str] = ()) -> mapping.Rows:
-    """The rows that say how these objects are to be described; what is gone has none."""
+    """The rows that say how these objects are to be described; what is gone has none.
+
+    A device is described by all of its ports, so they come with each port.
+    """
     context = neutron_context.get_admin_context()
     with db_api.CONTEXT_READER.using(context):
         session = context.session
         found = {row.id: mapping.PortRow(*row)
                  for row in _where_in(session, PORT, models_v2.Port.id, ports)}
-        for row in _where_in(session, PORT, models_v2.Port.device_id, devices):
+        wanted_devices = {row.device_id for row in found.values() if row.device_id} | set(devices)
+        for row in _where_in(session, PORT, models_v2.Port.device_id, wanted_devices):
             found[row.id] = mapping.PortRow(*row)
         bindings = _where_in(session, BINDING, ml2_models.PortBinding.port_id, found)
         levels = _where_in(session, LEVEL, ml2_models.PortBindingLevel.port_id, found)

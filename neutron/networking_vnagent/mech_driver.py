@@ -51,7 +51,7 @@ class VnagentMechanismDriver(api.MechanismDriver):
         self._concerned: dict[str, set[str]] = {}
         changes.subscribe(self._process.changed)
         registry.subscribe(self._started, resources.PROCESS, events.AFTER_INIT)
-        trunk.register()
+        self._trunks = trunk.register()
         LOG.info("%d agent(s) of %s: %s", len(self._agents), options.agents_file,
                  ", ".join(agent.name for agent in self._agents))
 

@@ -110,7 +110,7 @@ class Patcher:
             rows = database.read_about(work.ports, work.networks, work.segments, work.devices)
             made = mapping.Mapping(rows, self._agent.physical_networks)
             desired = made.document()
-            patch = self._patch(work, desired)
+            patch = self._patch(work, desired, rows)
             if not patch:
                 return Applied(made.left_out)
             try:
@@ -154,7 +154,8 @@ class Patcher:
         if number_of(etag) > self.revision:
             self.revision = number_of(etag)
 
-    def _patch(self, work: backlog.Work, desired: mapping.Document) -> mapping.Document:
+    def _patch(self, work: backlog.Work, desired: mapping.Document,
+               rows: mapping.Rows) -> mapping.Document:
         places = places_of(work, desired)
         if len(places) > SINGLE_MEMBERS:
             region, _ = self._client.region_document()
@@ -174,7 +175,20 @@ class Patcher:
                 patch[collection] = {name: None for name in members}
         if patch:
             self._add_segments(patch, desired)
+            self._add_devices(patch, desired, {
+                row.device_id for row in rows.ports if row.id in work.ports} - work.devices)
         return patch
+
+    @staticmethod
+    def _add_devices(patch: mapping.Document, desired: mapping.Document,
+                     devices: set[str]) -> None:
+        """Names the devices of the ports: a port that left may have been the last of its device."""
+        for name in devices:
+            if mapping.fault_of_name(name):
+                continue
+            for collection in mapping.DEVICE_COLLECTIONS:
+                is_there = name in desired.get(collection, {})
+                patch.setdefault(collection, {})[name] = {} if is_there else None
 
     @staticmethod
     def _add_segments(patch: mapping.Document, desired: mapping.Document) -> None:

@@ -266,9 +266,9 @@ class Publisher:
             self._sync_wanted = None
             return
         LOG.info("Agent %s: full sync, because %s", self.agent.name, self._sync_reason)
-        self.backlog.take_region()
+        known = self.backlog.take_region()
         try:
-            report = full_sync.repair(timeout)
+            report = full_sync.repair(timeout, known)
         except BaseException:
             self.backlog.become_region()
             raise

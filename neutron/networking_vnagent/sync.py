@@ -8,10 +8,12 @@ import dataclasses
 import os
 import socket
 import threading
+import time
 import uuid
 
 from oslo_log import log
 
+from networking_vnagent import backlog
 from networking_vnagent import client as agent_client
 from networking_vnagent import config
 from networking_vnagent import database
@@ -21,7 +23,9 @@ from networking_vnagent import patcher
 LOG = log.getLogger(__name__)
 
 # How often the whole region is sent when others change it at the same time; then only what differs.
-PUT_ATTEMPTS = 3
+PUT_ATTEMPTS = 4
+# Seconds after which what differs was not just on its way.
+SETTLE = 1
 # Members in one patch of these.
 PART = 100
 # So many differing members are named in the log.
@@ -134,13 +138,16 @@ class FullSync:
         except agent_client.AgentError as error:
             LOG.debug("agent %s: the lock was not freed: %s", self._agent.name, error)
 
-    def repair(self, timeout: float) -> Report:
-        """Holding the lock: makes the region what the database says, and frees the lock."""
+    def repair(self, timeout: float, known: backlog.Work | None = None) -> Report:
+        """Holding the lock: makes the region what the database says, and frees the lock.
+
+        `known` is what was to be sent anyway; it does not count as drift.
+        """
         is_complete = False
         try:
             self._client.sync_call("start", self._request_id)
             with _Heart(self._agent, self._request_id, timeout):
-                report = self._put()
+                report = self._put(known or backlog.Work())
             self._client.sync_call("complete", self._request_id)
             is_complete = True
             return report
@@ -156,7 +163,7 @@ class FullSync:
         headers = {"Sync-Request-Id": self._request_id}
         return self._patcher.send(method, body, etag, headers, max(self._client.timeout, 120))
 
-    def _put(self) -> Report:
+    def _put(self, known: backlog.Work) -> Report:
         marker = "sync-" + self._request_id
         self._change("PATCH", {MARKER_COLLECTION: {marker: {}}}, None)
         first: list[tuple[str, str]] = []
@@ -165,9 +172,15 @@ class FullSync:
             read_at = database.now()
             desired, left_out = self._desired()
             differing = mapping.members_that_differ(mapping.collections_of(present), desired)
-            seen = [place for place in differing if place[0] != MARKER_COLLECTION]
             if attempt == 0:
-                first = seen
+                first = [place for place in differing if place[0] != MARKER_COLLECTION
+                         and place not in set(patcher.places_of(known, desired))]
+                if 0 < len(first) <= NAMED:
+                    # What other servers are sending just now is no drift.
+                    time.sleep(SETTLE)
+                    continue
+            elif attempt == 1:
+                first = [place for place in first if place in differing]
             try:
                 self._change("PUT", desired, etag)
                 return Report(read_at, first, _count(desired), True, left_out)

@@ -31,8 +31,6 @@ LINKS = "local_link_information"
 Port = dict[str, typing.Any]
 Payload = typing.Any
 
-_driver: "VnagentTrunkDriver | None" = None
-
 
 class VnagentTrunkDriver(base.DriverBase):
     """For parents that this mechanism driver has bound itself."""
@@ -168,10 +166,8 @@ def _compare_tag(port: Port, tag: int) -> None:
                     "must tag with the latter", port["id"], tag, segment[api.SEGMENTATION_ID])
 
 
-def register() -> None:
-    """Registers the driver; once in a process."""
-    global _driver
-    if _driver is None:
-        _driver = VnagentTrunkDriver(NAME, (portbindings.VIF_TYPE_OTHER,),
-                                     (trunk_constants.SEGMENTATION_TYPE_VLAN,),
-                                     can_trunk_bound_port=True)
+def register() -> VnagentTrunkDriver:
+    """Makes the driver, which registers itself; the caller keeps it."""
+    return VnagentTrunkDriver(NAME, (portbindings.VIF_TYPE_OTHER,),
+                              (trunk_constants.SEGMENTATION_TYPE_VLAN,),
+                              can_trunk_bound_port=True)

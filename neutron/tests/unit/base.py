@@ -1,4 +1,4 @@
-"""What the tests share: a real agent, and a Neutron plugin in this process with the driver in it."""
+"""What the tests share: a real agent, and a Neutron plugin in this process with the driver."""
 import os
 import signal
 import subprocess

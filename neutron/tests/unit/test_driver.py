@@ -2,18 +2,16 @@
 from unittest import mock
 
 from neutron.db import provisioning_blocks
-from neutron.objects import ports as port_objects
+from neutron.objects import network as network_objects
 from neutron.plugins.ml2 import db as ml2_db
-from neutron.plugins.ml2 import models as ml2_models
 from neutron.services.trunk import plugin as trunk_plugin
 from neutron.tests.common import helpers
 from neutron_lib import constants
 from neutron_lib.api.definitions import portbindings
 from neutron_lib.callbacks import resources
-from neutron_lib.db import api as db_api
 from neutron_lib.plugins import directory
-from oslo_config import cfg
 
+from networking_vnagent import backlog
 from networking_vnagent import provisioning
 from networking_vnagent import segments
 from networking_vnagent import sync
@@ -35,7 +33,7 @@ class DriverTestCase(base.PluginTestCase):
         self.net = self._make_network(self.fmt, "net", True)["network"]["id"]
 
     def l2_agent(self, host, rack):
-        helpers.register_ovs_agent(host=host, bridge_mappings={rack: "br"}, tunneling_ip=None)
+        helpers.register_ovs_agent(host=host, bridge_mappings={rack: "br"}, tunnel_types=[])
 
     def port(self, host="h1", net=None, **attributes):
         body = {"network_id": net or self.net, "tenant_id": "t", "name": "", "mac_address":
@@ -51,12 +49,11 @@ class DriverTestCase(base.PluginTestCase):
     def levels(self, port, host):
         found = []
         for level in ml2_db.get_binding_level_objs(self.context, port["id"], host):
-            segment = self.driver.get_network_contexts and self.segments()[level.segment_id]
+            segment = self.segments()[level.segment_id]
             found.append((level.driver, segment.network_type, segment.physical_network))
         return found
 
     def segments(self, net=None):
-        from neutron.objects import network as network_objects
         return {s.id: s for s in network_objects.NetworkSegment.get_objects(
             self.context, network_id=net or self.net)}
 
@@ -148,7 +145,7 @@ class PublishingTest(DriverTestCase):
         before = self.agent.revision()
         self.update(port, name="other")
         self.assertEqual(0, len(self.publisher.backlog))
-        self.server.changed(provisioning_work(port))
+        self.server.changed(backlog.Work(ports={port["id"]}))
         self.publish()
         self.assertEqual(before, self.agent.revision())
 
@@ -221,11 +218,6 @@ class PublishingTest(DriverTestCase):
         self.driver.delete_network(self.context, self.net)
         self.publish()
         self.assertEqual({}, self.agent.region())
-
-
-def provisioning_work(port):
-    from networking_vnagent import backlog
-    return backlog.Work(ports={port["id"]})
 
 
 class ProvisioningTest(DriverTestCase):

@@ -1,6 +1,9 @@
 """Publishers against a real agent that is killed, paused and changed by others."""
+import time
 import unittest
 from unittest import mock
+
+from oslo_db import exception as db_exc
 
 from networking_vnagent import agents
 from networking_vnagent import backlog
@@ -81,10 +84,10 @@ class PublishingTestCase(base.AgentTestCase):
         self.world.hosts[port] = host
 
     def wait(self, holds, what="it"):
-        end = base.time.monotonic() + 60
+        end = time.monotonic() + 60
         while not holds():
-            self.assertLess(base.time.monotonic(), end, what + " did not happen")
-            base.time.sleep(0.02)
+            self.assertLess(time.monotonic(), end, what + " did not happen")
+            time.sleep(0.02)
 
     def bound(self):
         return {port: set(made["portToHostBinding"])
@@ -323,7 +326,6 @@ class PublisherTest(PublishingTestCase):
                   and self.region_exists() and self.bound() == wanted)
 
     def test_a_database_that_is_away_ends_nothing(self):
-        from oslo_db import exception as db_exc
         one = self.publisher()
         one.start()
         self.wait(lambda: "full_sync_read_at" in self.world.listed.get("one", {}))
