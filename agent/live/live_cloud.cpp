@@ -134,6 +134,8 @@ void LiveCloud::start(const Recovered& recovered) {
   if (sequence_ == 0) return;
   durableRevision_ = revision_;
   durableCheck_ = check_;
+  // The record of the restart follows the last one that was played back at once.
+  lastTime_ = clock_.now();
   resume();
 }
 

@@ -426,6 +426,23 @@ TEST_F(ServiceTest, RestartKeepsDocumentsRevisionAndWhatCanBeResumed) {
   EXPECT_EQ(follower.events.size(), 1U);
 }
 
+TEST_F(ServiceTest, RestartsDoNotMoveTheRecordedTime) {
+  MemoryStorage storage;
+  start(&storage);
+  pass(100);
+  send("PATCH", "/v1/cloud", kBound);
+  Recovered recovered;
+  for (int restarts = 0; restarts < 5; ++restarts) {
+    recovered.records = storage.appended;
+    service_.reset();
+    start(&storage, recovered);
+  }
+  double time = 0;
+  for (const Record& record : storage.appended) time += record.advance;
+  EXPECT_EQ(storage.appended.size(), 6U);
+  EXPECT_DOUBLE_EQ(time, 100);
+}
+
 TEST_F(ServiceTest, PrincipalOfARegionSeesItsOwnOnly) {
   start();
   patch(kBound);
