@@ -164,10 +164,10 @@ class Agent:
                 continue
             without = state._replace(line=tuple(w for w in state.line if w != waiter))
             if call.invoked + call.what.wait <= now:
-                region = _region(state, waiter.region)
-                assert region is not None
-                yield Step(without, ((call.id, self._held(region)),))
-            if call.closed <= now:
+                held = self._held(dict(state.regions)[waiter.region])
+                yield Step(without, ((call.id, held),))
+            # It hung up, or was cut, as by a kill that is noted a little later.
+            if min(call.closed, call.returned) <= now:
                 yield Step(without, ((call.id, None),))
 
     def crash(self, state: State, now: float) -> State:
@@ -355,7 +355,7 @@ class Agent:
     def _settle(self, state: State) -> tuple[State, Finished]:
         """Whoever is first in the line of a free lock gets it, in the same turn."""
         finished: list[tuple[int, Answer]] = []
-        for name in {waiter.region for waiter in state.line}:
+        for name in sorted({waiter.region for waiter in state.line}):
             line = [waiter for waiter in state.line if waiter.region == name]
             region = _region(state, name)
             if region is None:

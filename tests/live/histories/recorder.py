@@ -16,7 +16,9 @@ from typing import Any
 
 sys.path.insert(0, str(Path(__file__).resolve().parent.parent))
 
-from api.agent import JSON, MERGE, UnixConnection  # noqa: E402
+from api.agent import Answer as HttpAnswer  # noqa: E402
+from api.agent import Client as HttpClient  # noqa: E402
+from api.agent import JSON, MERGE, Event, Stream, UnixConnection, merged  # noqa: E402
 from checker import Call  # noqa: E402
 from model import (Answer, Delete, Guard, Holder, Lock, Read, Replace, Sync,  # noqa: E402
                    WriteBoth, WritePort)
@@ -227,6 +229,8 @@ class Client:
             response = self.connection.getresponse()
             answer = answer_of(what, response.status, response.headers, response.read())
         self.close()
+        if answer == (503,):
+            return
         self.recorder.add(Call(number, self.name, what, invoked, time.monotonic(), answer, closed))
 
     def close(self) -> None:
@@ -242,3 +246,74 @@ class Client:
             headers["Content-Type"] = MERGE if method == "PATCH" else JSON
             data = json.dumps(body).encode()
         self.connection.request(method, path, data, headers)
+
+
+class Watcher(threading.Thread):
+    """Follows the cloud document while a history is recorded, over restarts too. Each document that
+    it had belongs to a revision."""
+
+    def __init__(self, path: str) -> None:
+        super().__init__(daemon=True)
+        self.path = path
+        self.documents: dict[int, Answer] = {}
+        self.last = ""  # the id of the last event
+        self.faults: list[str] = []
+        self.document: Any = None
+        self.is_over = threading.Event()
+        self.stream: Stream | None = None
+        self.has_snapshot = threading.Event()
+
+    def run(self) -> None:
+        while not self.is_over.is_set():
+            with contextlib.suppress(*LOST):
+                self.follow()
+            time.sleep(0.002)
+
+    def follow(self) -> None:
+        headers = {"Last-Event-ID": self.last} if self.last else {}
+        answer = HttpClient(lambda: UnixConnection(self.path, PATIENCE)).stream(
+            "/v1/watch?of=cloud", headers)
+        if isinstance(answer, HttpAnswer):
+            if answer.status != 503:
+                self.faults.append(f"{self.last} cannot be resumed from: {answer.status}")
+            return
+        self.stream = answer
+        with contextlib.closing(answer):
+            while not self.is_over.is_set() and (event := answer.next()) is not None:
+                self.take(event)
+
+    def take(self, event: Event) -> None:
+        before = max(self.documents, default=-1)
+        if (event.name == "snapshot") != (self.document is None):
+            self.faults.append(f"a {event.name} at {event.id}, after {self.last}")
+        if event.name == "patch" and event.revision <= before:
+            self.faults.append(f"{event.id} after {self.last}")
+        if event.name != "bookmark":
+            self.document = merged(self.document, event.data)
+            self.documents[event.revision] = tuple(
+                sorted((name, _document(region))
+                       for name, region in self.document.get("region", {}).items()))
+        self.last = event.id
+        self.has_snapshot.set()
+
+    def ended(self, revision: int) -> None:
+        """Waits until it has seen the revision, and ends it."""
+        limit = time.monotonic() + PATIENCE
+        while max(self.documents, default=-1) < revision and time.monotonic() < limit:
+            time.sleep(0.001)
+        self.is_over.set()
+        if self.stream is not None and self.stream.connection.sock is not None:
+            with contextlib.suppress(OSError):
+                self.stream.connection.sock.shutdown(socket.SHUT_RDWR)
+        self.join(PATIENCE)
+
+    def compare(self, calls: list[Call]) -> list[str]:
+        """What is wrong: reads of the whole document that had another one at the same revision."""
+        for call in calls:
+            if not isinstance(call.what, Read) or call.what.region or not call.is_known:
+                continue
+            revision, document = call.answer[1], call.answer[3]
+            if self.documents.get(revision, document) != document:
+                self.faults.append(f"revision {revision} was {document} for {call.client}, and "
+                                   f"{self.documents[revision]} for the watch")
+        return self.faults

@@ -211,6 +211,14 @@ class Locks(HistoryTest):
         self.call(11, 12, Lock("R", "c", "r3"), status("c", "r3"))
         self.good()
 
+    def test_who_was_cut_has_lost_its_place_too(self) -> None:
+        self.call(2, 3, Lock("R", "a", "r1"), status("a", "r1"))
+        self.call(4, 7, Lock("R", "b", "r2", wait=30))
+        self.call(5, 6, Sync("R"), (*status("a", "r1"), 1))
+        self.crashes.append(8)
+        self.call(9, 10, Sync("R"), (*status("a", "r1"), 0))
+        self.good()
+
     def test_it_may_have_been_granted_before(self) -> None:
         self.call(2, 6, Lock("R", "b", "r2", wait=30), closed=5)
         self.call(7, 8, Sync("R"), (*status("b", "r2"), 0))
