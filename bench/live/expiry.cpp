@@ -8,6 +8,7 @@
 #include <vector>
 
 #include <unistd.h>
+#include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/steady_timer.hpp>
 
@@ -237,6 +238,8 @@ class Expiries {
   const Endpoint endpoint_;
   const RequestHead head_;
   asio::io_context context_{1};
+  // It has nothing to do between two steps.
+  const asio::executor_work_guard<asio::io_context::executor_type> work_{context_.get_executor()};
   std::vector<std::shared_ptr<HttpChannel>> channels_;
   std::deque<std::shared_ptr<HttpChannel>> free_;
   std::deque<Waiting> waiting_;
