@@ -80,8 +80,8 @@ class Strangers(LiveTest):
             asked = f"{path} {body} {headers}"
             for word in HIDDEN:
                 if word not in asked:
-                    self.assertNotIn(word, answers[1].body.decode())
-                    self.assertNotIn(word, str(answers[1].headers))
+                    # Without the digits of times.
+                    self.assertNotIn(word, str(normal(answers[1])))
         return answers[0]
 
     def requests(self) -> list[tuple[str, str, Any]]:
