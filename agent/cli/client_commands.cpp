@@ -301,6 +301,63 @@ void addLoad(CLI::App& app, LoadOptions& options) {
   addConnection(*command, options);
 }
 
+constexpr const char* kExportFooter =
+    "The map is JSON:\n"
+    "  {\"switches\": {\"leaf-1\": {\"database\": \"unix:/run/leaf-1/db.sock\"}},\n"
+    "   \"hosts\": {\"compute-1\": [{\"switch\": \"leaf-1\", \"port\": \"swp1\"}]}}\n"
+    "\n"
+    "Examples:\n"
+    "  vnagent export hardware-vtep --map map.json\n"
+    "  vnagent run cloud.json --format json |\n"
+    "    vnagent export hardware-vtep --map map.json --outputs - --report";
+
+void addExport(CLI::App& app, ExportOptions& options) {
+  CLI::App* command = app.add_subcommand(
+      "export",
+      "Keep the databases of switches as the output document of a live agent asks. KIND is "
+      "hardware-vtep,\nthe open schema of these databases.");
+  command->add_option("KIND", options.kind, "hardware-vtep")
+      ->type_name("")
+      ->check(CLI::IsMember({"hardware-vtep"}))
+      ->required();
+  command->footer(kExportFooter);
+  command
+      ->add_option("--map", options.map, "which switch has which database, and where the hosts are")
+      ->type_name("FILE");
+  command
+      ->add_option("--outputs", options.outputs,
+                   "follow a file of output documents instead of a live agent; - is standard input")
+      ->type_name("FILE");
+  const auto addMode = [&](const char* name, ExportMode mode, const char* about) {
+    return command
+        ->add_flag_callback(
+            name, [&options, mode] { options.mode = mode; }, about)
+        ->disable_flag_override();
+  };
+  CLI::Option* repair =
+      addMode("--repair", ExportMode::kRepair, "add, change and remove what differs; the default");
+  CLI::Option* addOnly = addMode("--add-only", ExportMode::kAddOnly, "never remove anything");
+  CLI::Option* report =
+      addMode("--report", ExportMode::kReport,
+              "write nothing; print what differs, and end. Exit status 5 where something does");
+  addOnly->excludes(repair);
+  report->excludes(repair)->excludes(addOnly);
+  addFlag(*command, "--once", options.once,
+          "end as soon as every switch is as the output says. Exit status 5 where that is not "
+          "within the deadline");
+  command
+      ->add_option("--control", options.control,
+                   "Unix socket that serves /status and /metrics [/run/vnagent/export.sock]")
+      ->type_name("PATH");
+  command->add_option("--metrics", options.metrics, "serve both on TCP too")
+      ->type_name("ADDRESS:PORT");
+  addFlag(*command, "--status", options.status,
+          "print the state of the exporter that runs, and end. Exit status 5 where a switch is not "
+          "as the output says")
+      ->excludes(report);
+  addConnection(*command, options);
+}
+
 // For the shells' completions; not in the help.
 void addComplete(CLI::App& app, CompleteOptions& options) {
   CLI::App* command = app.add_subcommand("complete", "Print words for a shell's completion.");
@@ -358,6 +415,7 @@ struct ClientCommands::Options {
   LockOptions lock;
   TraceOptions trace;
   LoadOptions load;
+  ExportOptions exporting;
   CompleteOptions complete;
 };
 
@@ -373,6 +431,7 @@ ClientCommands::ClientCommands(CLI::App& app) : app_(app), options_(std::make_un
   addLock(app, options_->lock);
   addTrace(app, options_->trace);
   addLoad(app, options_->load);
+  addExport(app, options_->exporting);
   addComplete(app, options_->complete);
 }
 
@@ -392,6 +451,7 @@ std::optional<ExitStatus> ClientCommands::run() const {
       {"lock", [&] { return lock(of.lock); }},
       {"trace", [&] { return trace(of.trace); }},
       {"load", [&] { return load(of.load); }},
+      {"export", [&] { return exportHardwareVtep(of.exporting); }},
       {"complete", [&] { return complete(of.complete); }},
   };
   for (const auto& [name, command] : commands) {

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "agent/cli/report.h"
+#include "agent/export/export_mode.h"
 
 namespace CLI {
 class App;
@@ -102,6 +103,17 @@ struct LoadOptions : ClientOptions {
   bool keep = false;
 };
 
+struct ExportOptions : ClientOptions {
+  std::string kind;  // "hardware-vtep"
+  std::string map;
+  std::string outputs;  // empty: the live agent
+  ExportMode mode = ExportMode::kRepair;
+  bool once = false;
+  bool status = false;
+  std::string control;  // empty: the default
+  std::string metrics;  // empty: none
+};
+
 // Words that may stand on the command line: names of regions, or places.
 struct CompleteOptions : ClientOptions {
   std::string what;
@@ -121,6 +133,7 @@ ExitStatus lock(const LockOptions& options);
 ExitStatus trace(const TraceOptions& options);
 ExitStatus load(const LoadOptions& options);
 ExitStatus complete(const CompleteOptions& options);
+ExitStatus exportHardwareVtep(const ExportOptions& options);
 
 // The commands' part of the command line. Lives as long as the parsing and the run.
 class ClientCommands {

@@ -8,7 +8,7 @@
 //         "database": "unix:/run/leaf-1/db.sock",    or tcp:HOST:PORT, ssl:HOST:PORT
 //         "physicalSwitch": "leaf-1",                name in the database; else the identifier
 //         "tunnelIp": "192.0.2.1",                   else the first address in the database
-//         "ports": { "Ethernet7": "swp7" }           interface -> port in the database; else its name
+//         "ports": { "Ethernet7": "swp7" }           interface -> port in the database; else same
 //       }
 //     },
 //     "hosts": {                                     where the VLANs of a host belong

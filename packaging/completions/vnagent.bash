@@ -5,7 +5,7 @@ _vnagent() {
   COMPREPLY=()
   for ((i = 1; i < COMP_CWORD; ++i)); do
     case ${COMP_WORDS[i]} in
-      run | check | import-neutron | schema | show | get | patch | replace | diff | apply | watch | wait | lock | trace | load | serve | journal) command=${COMP_WORDS[i]} && break ;;
+      run | check | import-neutron | schema | show | get | patch | replace | diff | apply | watch | wait | export | lock | trace | load | serve | journal) command=${COMP_WORDS[i]} && break ;;
     esac
   done
 
@@ -37,12 +37,13 @@ _vnagent() {
     apply) words='--help --request-id --dry-run --socket --url --token-file --ca --deadline --json' ;;
     watch) words='--help --of --at --since --count --socket --url --token-file --ca --deadline --json' ;;
     wait) words='--help --timeout --socket --url --token-file --ca --deadline --json' ;;
+    export) words='--help --map --outputs --repair --add-only --report --once --control --metrics --status --socket --url --token-file --ca --deadline --json' ;;
     lock) words='--help --requester --request-id --wait --sync --force --socket --url --token-file --ca --deadline --json' ;;
     trace) words='--help --level --tail --socket --url --token-file --ca --deadline --json' ;;
     load) words='--help --ports --regions --hosts --prefix --seed --drivers --connections --rate --sync-interval --watchers --watch --readers --read-rate --seconds --overwrite --keep --socket --url --token-file --ca --deadline --json' ;;
     serve) words='--help --config --socket --socket-role --listen --tls-cert --tls-key --client-ca --tokens --state-dir --keep-seconds --keep-revisions --require-lock --max-body --max-connections --region-sync-timeout --toggle --cloud' ;;
     journal) words='--help' ;;
-    *) words='run check import-neutron schema serve show get patch replace diff apply watch wait lock trace load journal --help --version' ;;
+    *) words='run check import-neutron schema serve show get patch replace diff apply watch wait export lock trace load journal --help --version' ;;
   esac
   if [[ -z $command || $command == serve || $word == -* ]]; then
     mapfile -t COMPREPLY < <(compgen -W "$words" -- "$word")

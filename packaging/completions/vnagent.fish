@@ -1,6 +1,6 @@
 # Completion of vnagent's command line for fish.
 
-set -l commands run check import-neutron schema serve show get patch replace diff apply watch wait lock trace load journal
+set -l commands run check import-neutron schema serve show get patch replace diff apply watch wait export lock trace load journal
 
 complete -c vnagent -n "not __fish_seen_subcommand_from $commands" -f
 complete -c vnagent -n "not __fish_seen_subcommand_from $commands" -a run -d "Load a cloud, apply events, print what the switch must provide"
@@ -15,6 +15,7 @@ complete -c vnagent -n "not __fish_seen_subcommand_from $commands" -a diff -d "S
 complete -c vnagent -n "not __fish_seen_subcommand_from $commands" -a apply -d "Make the regions those of a cloud document"
 complete -c vnagent -n "not __fish_seen_subcommand_from $commands" -a watch -d "Follow a document of a live agent"
 complete -c vnagent -n "not __fish_seen_subcommand_from $commands" -a wait -d "Wait for a revision"
+complete -c vnagent -n "not __fish_seen_subcommand_from $commands" -a export -d "Program switches with the output of a live agent"
 complete -c vnagent -n "not __fish_seen_subcommand_from $commands" -a lock -d "Hold a region's lock while a command runs"
 complete -c vnagent -n "not __fish_seen_subcommand_from $commands" -a trace -d "Show or set the trace level"
 complete -c vnagent -n "not __fish_seen_subcommand_from $commands" -a load -d "Drive a live agent, and measure it"
@@ -121,6 +122,22 @@ complete -c vnagent -n "__fish_seen_subcommand_from wait" -l deadline -x -d "Lon
 complete -c vnagent -n "__fish_seen_subcommand_from wait" -l json -d "Print one line of JSON"
 complete -c vnagent -n "__fish_seen_subcommand_from wait" -f
 
+complete -c vnagent -n "__fish_seen_subcommand_from export" -l map -r -d "Which switch has which database"
+complete -c vnagent -n "__fish_seen_subcommand_from export" -l outputs -r -d "A file of output documents, instead of a live agent"
+complete -c vnagent -n "__fish_seen_subcommand_from export" -l repair -d "Add, change and remove what differs"
+complete -c vnagent -n "__fish_seen_subcommand_from export" -l add-only -d "Never remove anything"
+complete -c vnagent -n "__fish_seen_subcommand_from export" -l report -d "Print what differs, and end"
+complete -c vnagent -n "__fish_seen_subcommand_from export" -l once -d "End as soon as every switch is synced"
+complete -c vnagent -n "__fish_seen_subcommand_from export" -l control -r -d "Unix socket of the exporter"
+complete -c vnagent -n "__fish_seen_subcommand_from export" -l metrics -x -d "Serve state and metrics on TCP too"
+complete -c vnagent -n "__fish_seen_subcommand_from export" -l status -d "Print the state of the exporter that runs"
+complete -c vnagent -n "__fish_seen_subcommand_from export" -l socket -r -d "The agent's Unix socket"
+complete -c vnagent -n "__fish_seen_subcommand_from export" -l url -x -d "The agent on TCP"
+complete -c vnagent -n "__fish_seen_subcommand_from export" -l token-file -r -d "File with the token to show"
+complete -c vnagent -n "__fish_seen_subcommand_from export" -l ca -r -d "Certificates to trust"
+complete -c vnagent -n "__fish_seen_subcommand_from export" -l deadline -x -d "Longest time for an answer"
+complete -c vnagent -n "__fish_seen_subcommand_from export" -l json -d "Print one line of JSON"
+complete -c vnagent -n "__fish_seen_subcommand_from export" -f -a hardware-vtep
 complete -c vnagent -n "__fish_seen_subcommand_from lock" -l requester -x -d "Who asks"
 complete -c vnagent -n "__fish_seen_subcommand_from lock" -l request-id -x -d "Id of the request"
 complete -c vnagent -n "__fish_seen_subcommand_from lock" -l wait -x -d "How long to wait for the lock"
