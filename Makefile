@@ -6,8 +6,8 @@
 # Packages that running Neutron needs.
 NEUTRON = python3-neutron neutron-common python3-setuptools
 
-.PHONY: all build configure dependencies run serve run-neutron neutron-check neutron-package test sim \
-  fuzz bench bench-quick bench-live bench-live-quick coverage mutation docs packages clean
+.PHONY: all build configure dependencies run serve run-neutron neutron-check neutron-package test \
+  test-export sim fuzz bench bench-quick bench-live bench-live-quick coverage mutation docs packages clean
 
 all: build
 
@@ -49,6 +49,13 @@ neutron-package:
 test: configure
 	cmake --build --preset release
 	tests/run.py --preset release
+
+# The export to switches against the real ovsdb-server, which `make test` leaves out where it is not
+# installed. Its packages start no service here, and the tests need no rights.
+test-export: configure
+	cmake --build --preset release --target vnagent
+	tests/export/install
+	tests/export/run.py --binary build/release/bin/vnagent --required
 
 # The simulation of the library: EVENTS events from the seed SEED, with the feature toggle on, off or
 # both.
