@@ -101,7 +101,7 @@ def list_opts() -> list[tuple[str, list[cfg.Opt]]]:
 
 
 def read_agents(path: str, request_timeout: float = 10) -> list[AgentConfig]:
-    """The agents that a file names, in the file's order. Raises BadAgentsFile."""
+    """The agents that a file names, in the order of their names. Raises BadAgentsFile."""
     conf = cfg.ConfigOpts()
     try:
         conf([], project="networking-vnagent", default_config_files=[path])

@@ -5,6 +5,8 @@ What changes is only noted here; the publishers send it. No call of Neutron wait
 """
 import typing
 
+from neutron import wsgi
+from neutron.plugins.ml2.common import constants as ml2_constants
 from neutron_lib import constants
 from neutron_lib.api.definitions import portbindings
 from neutron_lib.api.definitions import provider_net
@@ -12,7 +14,6 @@ from neutron_lib.callbacks import events
 from neutron_lib.callbacks import registry
 from neutron_lib.callbacks import resources
 from neutron_lib.plugins.ml2 import api
-from neutron.plugins.ml2.common import constants as ml2_constants
 from oslo_config import cfg
 from oslo_log import log
 
@@ -55,8 +56,11 @@ class VnagentMechanismDriver(api.MechanismDriver):
         LOG.info("%d agent(s) of %s: %s", len(self._agents), options.agents_file,
                  ", ".join(agent.name for agent in self._agents))
 
-    def _started(self, *_: object, **__: object) -> None:
+    def _started(self, resource: str, event: str, trigger: typing.Any,
+                 payload: object = None) -> None:
         """In each process of the server, after it was forked."""
+        worker = getattr(trigger, "__self__", None)
+        self._process.answers_api = isinstance(worker, wsgi.WorkerService)
         # SQLite has one writer: there, only the process that answers the API takes part.
         if not str(cfg.CONF.database.connection or "").startswith("sqlite"):
             self._process.start()

@@ -19,6 +19,8 @@ from networking_vnagent import type_driver
 
 LOG = log.getLogger(__name__)
 
+# Seconds for which a process that answers the API leaves a full sync to the others.
+API_SYNC_DELAY = 5
 # A block of a port that was there at two looks so far apart, in seconds, is nobody else's.
 ORPHAN_AGE = 5
 
@@ -33,6 +35,8 @@ class ServerProcess:
         self._segments = segments
         self._lock = threading.Lock()
         self._pid = 0
+        # Whether this process answers the API: it leaves full syncs to others where it can.
+        self.answers_api = False
         self._publishers: list[publisher.Publisher] = []
         self.acknowledgements = provisioning.Acknowledgements(options.provisioning_timeout)
 
@@ -47,7 +51,9 @@ class ServerProcess:
                                             for name in publisher.Settings._fields))
             self._publishers = [
                 publisher.Publisher(agent, settings, self.acknowledgements,
-                                    type_driver.learn_assignment) for agent in self._agents]
+                                    type_driver.learn_assignment,
+                                    API_SYNC_DELAY if self.answers_api else 0)
+                for agent in self._agents]
             for one in self._publishers:
                 one.start()
             for name, target in (("blocks", self._remove_blocks), ("looks", self._look)):

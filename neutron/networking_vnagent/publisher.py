@@ -51,7 +51,7 @@ class Publisher:
     def __init__(self, agent: config.AgentConfig, settings: Settings,
                  acknowledgements: provisioning.Acknowledgements,
                  on_status: typing.Callable[[config.AgentConfig, agent_client.Document],
-                                            None]) -> None:
+                                            None], sync_delay: float = 0) -> None:
         self.agent = agent
         self.backlog = backlog.Backlog(settings.max_backlog)
         self._settings = settings
@@ -74,7 +74,9 @@ class Publisher:
         # there is no need of one. "" before the database's clock has been read.
         self._sync_wanted: str | None = ""
         self._sync_reason = "this server process starts"
-        self._next_sync = 0.0
+        # Seconds for which a full sync is left to other processes first.
+        self._sync_delay = sync_delay
+        self._next_sync = time.monotonic() + sync_delay
         self._said: set[str] = set()
 
     # From any thread.
@@ -206,6 +208,7 @@ class Publisher:
             if age > self._settings.full_sync_interval * random.uniform(1, 1.1):
                 self._sync_wanted = last
                 self._sync_reason = "it is time for one"
+                self._next_sync = time.monotonic() + self._sync_delay
 
     def _region_status(self) -> dict[str, typing.Any]:
         try:
@@ -233,7 +236,7 @@ class Publisher:
     def _want_sync(self, reason: str) -> None:
         self._sync_wanted = ""
         self._sync_reason = reason
-        self._next_sync = 0.0
+        self._next_sync = time.monotonic() + self._sync_delay
         self._next_check = 0.0
 
     def _wants_sync(self) -> bool:

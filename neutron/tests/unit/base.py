@@ -162,7 +162,7 @@ class PluginTestCase(test_plugin.Ml2PluginV2TestCase):
         """Sends what has changed, and lets ports go on that were acknowledged."""
         one = one or self.publisher
         if one._sync_wanted is not None or one.backlog.is_region:
-            one._next_sync = 0
+            one._next_sync = 0.0
             one._turn()
         while len(one.backlog):
             one._turn()
