@@ -5,6 +5,7 @@ from __future__ import annotations
 import argparse
 import json
 import random
+import signal
 import sys
 import threading
 import time
@@ -181,6 +182,9 @@ class Test:
 
 def main() -> int:
     options = arguments()
+    for number in (signal.SIGTERM, signal.SIGHUP):
+        # Unwinds the stack, so that everything that was started is stopped.
+        signal.signal(number, lambda caught, _: sys.exit(128 + caught))
     seed = options.seed if options.seed is not None else random.SystemRandom().randrange(1 << 32)
     print(f"seed {seed}", flush=True)
     begin = time.monotonic()
