@@ -26,10 +26,9 @@ from collections.abc import Iterator
 from pathlib import Path
 from typing import Any
 
-import pymysql  # type: ignore[import]
-
 from vnagent_e2e.agents import Agent, SocketConnection
 from vnagent_e2e.api import Api, Refused
+from vnagent_e2e.population import clone_ports
 from vnagent_e2e.processes import Failed, eventually
 from vnagent_e2e.topology import standard
 from vnagent_e2e.world import World
@@ -181,42 +180,6 @@ def measure_effect(binary: Path, changes: int, rate: float, clients: int) -> Non
               f" longest {1e3 * max(waits):.0f} ms")
 
 
-def clone_ports(world: World, templates: list[str], count: int) -> None:
-    """Copies of the rows of bound ports: the API would take an hour for as many."""
-    connection = pymysql.connect(host="127.0.0.1", port=world.database.port, user="root",
-                                 database="neutron", cursorclass=pymysql.cursors.DictCursor)
-
-    def copy(cursor: Any, table: str, row: Json) -> None:
-        columns = ", ".join(f"`{name}`" for name in row)
-        cursor.execute(f"INSERT INTO {table} ({columns})"
-                       f" VALUES ({', '.join(['%s'] * len(row))})", list(row.values()))
-
-    with connection, connection.cursor() as cursor:
-        rows: dict[str, tuple[Json, Json, Json, list[Json]]] = {}
-        for port in templates:
-            def select(query: str, value: Any) -> list[Json]:
-                cursor.execute(query, value)
-                return list(cursor.fetchall())
-            own = select("SELECT * FROM ports WHERE id = %s", port)[0]
-            rows[port] = (
-                select("SELECT * FROM standardattributes WHERE id = %s",
-                       own["standard_attr_id"])[0], own,
-                select("SELECT * FROM ml2_port_bindings WHERE port_id = %s", port)[0],
-                select("SELECT * FROM ml2_port_binding_levels WHERE port_id = %s", port))
-        for number in range(count):
-            attributes, own, binding, levels = rows[templates[number % len(templates)]]
-            copy(cursor, "standardattributes", {**attributes, "id": None})
-            new = str(uuid.uuid4())
-            copy(cursor, "ports", {
-                **own, "id": new, "standard_attr_id": cursor.lastrowid,
-                "mac_address": "02:" + ":".join(f"{byte:02x}" for byte in number.to_bytes(5, "big"))
-            })
-            copy(cursor, "ml2_port_bindings", {**binding, "port_id": new})
-            for level in levels:
-                copy(cursor, "ml2_port_binding_levels", {**level, "port_id": new})
-        connection.commit()
-
-
 def measure_sync(binary: Path, ports: int) -> None:
     topology = standard(racks=2)
     with World(topology, binary, 2) as world:
@@ -225,14 +188,14 @@ def measure_sync(binary: Path, ports: int) -> None:
         templates = []
         for _ in range(20):
             network = make_network(api, "vxlan", "")
-            for host in rack.hosts:
-                made = api.post("/ports", {"port": {
-                    "network_id": network, "device_owner": "compute:nova",
-                    "device_id": str(uuid.uuid4()), "binding:host_id": host}})["port"]
-                if made["binding:vif_type"] != "ovs":
-                    raise Failed(f"the port was not bound: {made}")
-                templates.append(made["id"])
-        clone_ports(world, templates, ports - len(templates))
+            made = api.post("/ports", {"port": {
+                "network_id": network, "device_owner": "compute:nova",
+                "device_id": str(uuid.uuid4()), "binding:host_id": rack.hosts[0]}})["port"]
+            if made["binding:vif_type"] != "ovs":
+                raise Failed(f"the port was not bound: {made}")
+            templates.append(made["id"])
+        clone_ports(world.database, {rack.name: rack.hosts for rack in topology.racks}, templates,
+                    ports - len(templates))
         agent = world.agents[rack.agent]
         agent.lose_state()
         begin = time.perf_counter()

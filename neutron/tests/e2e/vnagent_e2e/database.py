@@ -63,7 +63,7 @@ class Database:
         if made.returncode != 0:
             raise Failed(f"mariadb-install-db: {made.stdout}{made.stderr}")
         self.start()
-        with self._connect("") as connection, connection.cursor() as cursor:
+        with self.connect("") as connection, connection.cursor() as cursor:
             cursor.execute("CREATE DATABASE neutron CHARACTER SET utf8")
 
     def start(self) -> None:
@@ -74,12 +74,13 @@ class Database:
         if not self.program.running():
             raise Failed(f"mariadbd ended:\n{self.program.tail()}")
         try:
-            self._connect("").close()
+            self.connect("").close()
         except pymysql.err.OperationalError:
             return False
         return True
 
-    def _connect(self, name: str) -> Any:
+    def connect(self, name: str = "neutron") -> Any:
+        """A connection; the caller closes it."""
         return pymysql.connect(host="127.0.0.1", port=self.port, user="root",
                                database=name or None, connect_timeout=5, read_timeout=30,
                                cursorclass=pymysql.cursors.DictCursor)
@@ -97,7 +98,7 @@ class Database:
 
     def snapshot(self, queries: dict[str, str]) -> dict[str, list[Row]]:
         """The answers of several queries, all of one moment."""
-        with self._connect("neutron") as connection, connection.cursor() as cursor:
+        with self.connect() as connection, connection.cursor() as cursor:
             cursor.execute("SET TRANSACTION ISOLATION LEVEL REPEATABLE READ")
             cursor.execute("START TRANSACTION WITH CONSISTENT SNAPSHOT, READ ONLY")
             answers = {}

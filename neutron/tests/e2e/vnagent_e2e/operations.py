@@ -130,7 +130,7 @@ class Player:
         self.routers: dict[str, Router] = {}
         self.nodes: dict[str, Node] = {}  # Of baremetal ports, by port.
         self.name = f"player-{rng.randrange(1 << 32):08x}"
-        self.doubtful = False
+        self.doubtful = True  # Whether what there is must be read anew first.
         self.hosts = shared.topology.hosts()
         self.rack_of_host = dict(self.hosts)
         self.operations = [Choice(*entry) for entry in (
