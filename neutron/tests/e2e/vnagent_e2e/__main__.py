@@ -24,6 +24,8 @@ from .world import World
 # How long all must be the same before it counts as quiet, and how long that may take.
 STILL_SECONDS = 2.0
 QUIET_SECONDS = 90.0
+# A round with fewer says nothing: something stood still.
+FEWEST_OPERATIONS = 10
 
 
 def arguments() -> argparse.Namespace:
@@ -115,7 +117,7 @@ class Test:
         done = self.shared.done.total() - before
         print(f"round {number}: {done} operations in {played:.0f} s,"
               f" faults: {dict(faults.made) or 'none'}", flush=True)
-        if done < self.options.round / 4:
+        if done < FEWEST_OPERATIONS:
             raise Failed(f"only {done} operations succeeded: the round says nothing")
         if not self.options.without_driver:
             print(f"round {number}: {self.compare()}", flush=True)
