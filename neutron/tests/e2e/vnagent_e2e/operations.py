@@ -25,6 +25,8 @@ from .topology import Node, Topology
 NOWHERE = "compute-without-agent"
 # In seconds; less than the driver's time limit for the acknowledgement of a port.
 SOON = 15.0
+# After so many seconds a request without an answer has been done, or never will be.
+NEVER_MADE = 180.0
 
 
 @dataclass
@@ -129,13 +131,15 @@ class Player:
         self.trunks: dict[str, Trunk] = {}
         self.routers: dict[str, Router] = {}
         self.nodes: dict[str, Node] = {}  # Of baremetal ports, by port.
+        # Nodes taken for a port of which it is not known whether it was made, and since when.
+        self.lost_nodes: list[tuple[Node, float]] = []
         self.name = f"player-{rng.randrange(1 << 32):08x}"
         self.doubtful = True  # Whether what there is must be read anew first.
         self.hosts = shared.topology.hosts()
         self.rack_of_host = dict(self.hosts)
         self.operations = [Choice(*entry) for entry in (
             (self.make_vm, 12, 4), (self.make_and_watch, 3, 3), (self.make_several, 4, 1), (self.make_unbound, 3, 1),
-            (self.make_dhcp, 2, 1), (self.make_baremetal, 5, 3), (self.bind, 6, 6),
+            (self.make_dhcp, 2, 1), (self.make_baremetal, 5, 3), (self.replug, 3, 4), (self.bind, 6, 6),
             (self.rebind, 2, 2), (self.wire, 6, 6), (self.unbind, 1, 2),
             (self.fail_to_bind, 1, 1), (self.begin_old_migration, 4, 4),
             (self.begin_new_migration, 5, 5), (self.end_migration, 9, 9),
@@ -205,18 +209,28 @@ class Player:
             port.host = found["binding:host_id"]
             if port.kind == "subport" and key not in in_trunks:
                 port.kind = "loose"
-        held = {node.name for node in self.nodes.values()}
         for key, port in self.ports.items():
             if port.kind == "baremetal" and key not in self.nodes and port.host in nodes:
                 # Only the player that took the node can have bound a port to it.
                 self.nodes[key] = nodes[port.host]
-                held.add(port.host)
+        self.find_nodes()
         self.routers = {key: Router(key, router["distributed"]) for key, router in routers.items()}
         for found in interfaces:
             if found["device_id"] in self.routers:
                 self.routers[found["device_id"]].ports[found["id"]] = (
                     found["fixed_ips"][0]["subnet_id"] if found["fixed_ips"] else "")
         self.doubtful = False
+
+    def find_nodes(self) -> None:
+        """Gives back the nodes whose port was never made, once no request can be under way."""
+        bound = {node.name for node in self.nodes.values()}
+        waiting = []
+        for node, since in self.lost_nodes:
+            if node.name not in bound and time.monotonic() - since < NEVER_MADE:
+                waiting.append((node, since))
+            elif node.name not in bound:
+                self.shared.give_node(node)
+        self.lost_nodes = waiting
 
     def used(self, network: str, change: int) -> None:
         with self.shared.lock:
@@ -346,12 +360,38 @@ class Player:
         except Refused:
             self.shared.give_node(node)
             raise
-        # After an answer that was lost the node stays out of use: whether a port has it is unknown.
+        except Unreachable:
+            self.lost_nodes.append((node, time.monotonic()))
+            raise
         port = self.add(made, "baremetal")
         self.nodes[port.id] = node
         if not at_once:
             self.api.put(f"/ports/{port.id}", {"port": binding})
         port.host = node.name
+        return True
+
+    def replug(self) -> bool:
+        """Another network for a node, as when it is handed over: a port of the new network takes
+        the place of the one before on the same links, at once."""
+        in_trunks = {trunk.parent for trunk in self.trunks.values()}
+        fitting = [port for port in self.nodes if port not in in_trunks]
+        if not fitting:
+            return False
+        before = self.ports[self.rng.choice(fitting)]
+        node = self.nodes[before.id]
+        network = self.shared.network(self.rng, node.rack)
+        if network is None:
+            return False
+        made = self.api.post("/ports", {"port": self.body(
+            network, device_owner="baremetal:none", device_id=str(uuid.uuid4()))})["port"]
+        after = self.add(made, "baremetal")
+        self.api.delete(f"/ports/{before.id}")
+        self.nodes[after.id] = self.nodes.pop(before.id)
+        self.forget(before.id)
+        self.api.put(f"/ports/{after.id}", {"port": {
+            "binding:vnic_type": "baremetal", "binding:host_id": node.name,
+            "binding:profile": node.profile()}})
+        after.host = node.name
         return True
 
     def bind(self) -> bool:
