@@ -18,6 +18,7 @@ from .faults import Faults, check_everything_runs
 from .operations import Network, Player, Shared
 from .population import clone_ports
 from .processes import Failed
+from .scenarios import SCENARIOS
 from .topology import standard
 from .world import World
 
@@ -93,6 +94,21 @@ class Test:
                 templates.append(port["id"])
         clone_ports(self.world.database, {rack.name: rack.hosts for rack in topology.racks},
                     templates, 2 * self.options.ports // 3, [p.name for p in self.players])
+        for agent in self.world.agents.values():
+            # The driver has heard nothing of the copies: a full sync brings them.
+            agent.lose_state()
+
+    def play_scenarios(self) -> None:
+        """Each scenario, followed by the comparison."""
+        for scenario in SCENARIOS:
+            name = scenario.__name__.replace("_", " ")
+            node = self.shared.take_node(self.fault_rng)
+            assert node is not None, "no player has begun"
+            scenario(self.world, node)
+            try:
+                print(f"{name}: {self.compare()}", flush=True)
+            except Failed as error:
+                raise Failed(f"{name}: {error}") from error
 
     def round(self, number: int) -> None:
         """Operations and faults for a while, then the comparison."""
@@ -220,6 +236,8 @@ def main() -> int:
             if not options.without_driver:
                 test.populate()
                 print(f"populated: {test.compare()}", flush=True)
+                if options.servers > 1:
+                    test.play_scenarios()
             try:
                 while (number < options.rounds if options.minutes is None
                        else time.monotonic() - begin < 60 * options.minutes):

@@ -93,7 +93,7 @@ request_timeout = 5
 max_pause = 2
 check_interval = 3
 report_interval = 5
-full_sync_interval = 20
+full_sync_interval = 600
 provisioning_timeout = 20
 segment_linger = 8
 """
