@@ -142,6 +142,11 @@ def quote(part: str) -> str:
     return urllib.parse.quote(part, safe="")
 
 
+def pointer(*names: str) -> str:
+    """The JSON Pointer of a place."""
+    return "".join("/" + name.replace("~", "~0").replace("/", "~1") for name in names)
+
+
 class Client:
     """One region of one agent.
 
@@ -354,8 +359,23 @@ class Client:
         return found
 
     def _pointer(self, *parts: str) -> str:
-        names = ("region", self.region, *parts)
-        return "".join("/" + name.replace("~", "~0").replace("/", "~1") for name in names)
+        return pointer("region", self.region, *parts)
+
+    def ports_on(self, switch: str, interface: str) -> set[str]:
+        """The ports whose VLANs the agent's output has on a switch interface."""
+        found: set[str] = set()
+        # In one place or the other, as the agent's feature toggle is.
+        for parts in (("requestedResources", "resourcesForSwitchport", switch, interface),
+                      ("networkElement", switch, "physicalInterface", interface)):
+            try:
+                vlans = self.request("GET", f"/v1/output?at={quote(pointer(*parts))}").body["vlan"]
+            except Refused as refused:
+                if refused.status != 404:
+                    raise
+                continue
+            for vlan in vlans.values():
+                found.update(vlan["referrer"])
+        return found
 
     def status(self) -> Document:
         """The region's part of the output, with its VLAN pool."""

@@ -105,12 +105,19 @@ class Patcher:
 
     def apply(self, work: backlog.Work, headers: dict[str, str] | None = None) -> Applied:
         """Patches what differs of these objects; returns when the agent has them on its disk."""
+        wanted = backlog.Work()
+        wanted.add(work)
         for _ in range(ATTEMPTS):
             etag = self._present_etag()
-            rows = database.read_about(work.ports, work.networks, work.segments, work.devices)
+            rows = database.read_about(wanted.ports, wanted.networks, wanted.segments,
+                                       wanted.devices)
             made = mapping.Mapping(rows, self._agent.physical_networks)
             desired = made.document()
-            patch = self._patch(work, desired, rows)
+            beside = self._ports_beside(desired)
+            if not beside <= wanted.ports:
+                wanted.ports |= beside
+                continue
+            patch = self._patch(wanted, desired, rows)
             if not patch:
                 return Applied(made.left_out)
             try:
@@ -138,6 +145,19 @@ class Patcher:
             applied.left_out += part.left_out
             applied.refused.add(part.refused)
         return applied
+
+    def _ports_beside(self, desired: mapping.Document) -> set[str]:
+        """The ports that the agent has on the switch interfaces of these bindings.
+
+        A native port that leaves an interface takes the native VLAN with it, also that of a port
+        that came later. So a port that comes brings those up to date that are there: of one that
+        has gone, but not for the agent yet, the removal is in the same patch, where it is first.
+        """
+        links = {(switch, interface)
+                 for binding in desired.get("portBinding", {}).values()
+                 for switch, interfaces in binding.get("portToSwitchInterfaceBinding", {}).items()
+                 for interface in interfaces}
+        return {port for link in sorted(links) for port in self._client.ports_on(*link)}
 
     def _present_etag(self) -> str:
         if self.etag is None:
