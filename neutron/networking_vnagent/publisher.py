@@ -150,6 +150,7 @@ class Publisher:
         except BaseException:
             self.backlog.add(work)
             raise
+        self._went_well()
         # Such as a segment that is gone while a binding still goes: tried again at the next look.
         self._aside.add(applied.refused)
         self._acknowledgements.acknowledged(self.agent.name, expected - applied.refused.ports)
@@ -283,14 +284,16 @@ class Publisher:
         level = log.WARNING if report.differing else log.INFO
         LOG.log(level, "Agent %s: full sync complete: %s", self.agent.name, report.text())
         self._log_left_out(report.left_out)
-        self._refusals = 0
+        self._went_well()
         hello = self._client.hello()
         agents.report(self.agent.name, self._configurations(hello) | {
             "full_sync_read_at": report.read_at, "full_sync_drift": len(report.differing)})
 
     def _reported(self, report: sync.Report) -> None:
         LOG.warning("Agent %s: full_sync_mode is report: %s", self.agent.name, report.text())
-        self.backlog.take_region()
+        # Changes are sent as they happen; the region must be there for them.
+        self._client.create_region()
+        self.backlog.add(self.backlog.take_region())
         self._sync_wanted = None
         agents.amend(self.agent.name, {"full_sync_read_at": report.read_at,
                                        "full_sync_drift": len(report.differing)})
@@ -322,7 +325,6 @@ class Publisher:
             agents.amend(self.agent.name, {"backlog": "region"})
 
     def _came_up(self) -> None:
-        self._said.clear()
         if self._is_down:
             self._is_down = False
             LOG.info("Agent %s answers again, after %.0f seconds", self.agent.name,
@@ -339,6 +341,11 @@ class Publisher:
         if self._refusals >= REFUSALS and refused.status != 409:
             self._refusals = 0
             self._want_sync("a patch is refused again and again")
+
+    def _went_well(self) -> None:
+        """Something was sent: the next trouble is a new one."""
+        self._refusals = 0
+        self._said.clear()
 
     def _say(self, text: str, *arguments: typing.Any) -> None:
         """Says the same only once until things are well again."""

@@ -338,6 +338,31 @@ class PublisherTest(PublishingTestCase):
             self.wait(lambda: bool(one._said))
         self.wait(lambda: self.bound() == {"p": {"h1"}})
 
+    def test_a_report_says_what_differs_and_changes_are_sent_all_the_same(self):
+        self.bind("p", "h1")
+        one = self.publisher(full_sync_mode="report")
+        with self.assertLogs("networking_vnagent.publisher", "WARNING") as logged:
+            one._turn()
+        self.assertIn("members differed, not repaired", logged.output[0])
+        self.assertEqual({}, self.agent.region())
+        self.bind("q", "h1")
+        self.changed(one, "q")
+        one._turn()
+        self.assertEqual({"q": {"h1"}}, self.bound())
+
+    def test_a_role_that_does_not_suffice_is_said_once(self):
+        self.agent.kill()
+        self.agent._options = ("--socket-role", "read")
+        self.agent.start()
+        with self.assertLogs("networking_vnagent.publisher", "ERROR") as logged:
+            one = self.publisher()
+            one.start()
+            self.wait(lambda: bool(one._said))
+            pauses = one._pause
+            self.wait(lambda: one._pause > pauses or one._pause >= 0.2)
+        self.assertEqual(1, len(logged.output))
+        self.assertIn("the role that the agent gives", logged.output[0])
+
     def test_an_agent_that_takes_changes_under_the_lock_only_gets_them(self):
         self.agent.kill()
         self.agent._options = ("--require-lock", "--socket-role", "write")
