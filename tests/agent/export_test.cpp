@@ -23,7 +23,8 @@ constexpr const char* kMap = R"({
 // "host": {"vlan": ["vni", ...]} as a document.
 json documentOf(const char* text) {
   json hosts = json::object();
-  for (const auto& [host, vlans] : json::parse(text).items()) {
+  const json wanted = json::parse(text);
+  for (const auto& [host, vlans] : wanted.items()) {
     json& entry = hosts[host]["vlan"] = json::object();
     for (const auto& [vlan, vnis] : vlans.items()) {
       json mapped = json::object();
@@ -93,7 +94,7 @@ TEST(LogicalSwitchIdTest, NamesAreOneToOne) {
 TEST_F(DesiredTest, AHostIsWhereTheMapSays) {
   desired_.replace(documentOf(R"({"h": {"100": ["1"], "101": []}, "bond": {"7": ["1"]}})"));
   EXPECT_EQ(bindings(0),
-            (std::vector<std::string>{"swp1 100 vni1", "swp1 101 vlan101", "e2 7 vni1"}));
+            (std::vector<std::string>{"e2 7 vni1", "swp1 100 vni1", "swp1 101 vlan101"}));
   EXPECT_EQ(bindings(1), (std::vector<std::string>{"e2 7 vni1"}));
   EXPECT_EQ(desired_.othersOf(0, LogicalSwitchId::ofVni(1)).addresses,
             (std::set<std::string>{"192.0.2.2"}));
