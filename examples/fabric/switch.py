@@ -1,0 +1,108 @@
+"""A rack's switch: an Open vSwitch with the userspace datapath, and the emulator that programs it
+from its `hardware_vtep` database.
+
+In a namespace of its own. The bridge `underlay` has the address of the tunnels; the bridge with
+the switch's name has the ports. Four processes can be killed and started again one by one.
+"""
+
+import os
+import subprocess
+from pathlib import Path
+
+import namespaces
+from namespaces import EMULATOR, Failure, poll, run
+
+HERE = Path(__file__).resolve().parent
+SCHEMAS = Path("/usr/share/openvswitch")
+UNDERLAY = "underlay"
+DATABASE, DATAPATH, EMULATION = "database", "datapath", "emulator"
+
+
+class Switch:
+    """One switch; `up` brings it up, and the fabric's removal of the namespace ends it."""
+
+    def __init__(self, namespace: str, name: str, tunnel_ip: str, folder: Path) -> None:
+        # The emulator adds to the name, and the kernel takes 15 bytes for an interface.
+        if len(name) > 4:
+            raise Failure(f"a switch's name has at most 4 characters: {name}")
+        self.namespace, self.name, self.tunnel_ip, self.folder = namespace, name, tunnel_ip, folder
+        self.processes: dict[str, subprocess.Popen[bytes]] = {}
+        folder.mkdir(parents=True)
+        self.environment = dict(
+            os.environ, PATH=os.environ.get("PATH", "") + ":/usr/sbin:/sbin:/usr/bin:/bin",
+            OVS_RUNDIR=str(folder), OVS_LOGDIR=str(folder), OVS_DBDIR=str(folder),
+            OVS_SYSCONFDIR=str(folder))
+        self.socket = folder / "db.sock"
+
+    @property
+    def database(self) -> str:
+        """Where the exporter reaches the switch's database."""
+        return f"unix:{self.socket}"
+
+    # What a person would type on the switch.
+
+    def vsctl(self, *arguments: str) -> str:
+        return run("ovs-vsctl", "--timeout=20", *arguments, env=self.environment)
+
+    def vtep_ctl(self, *arguments: str) -> str:
+        return run("vtep-ctl", "--timeout=20", *arguments, env=self.environment)
+
+    def ofctl(self, *arguments: str) -> str:
+        return run("ovs-ofctl", *arguments, env=self.environment)
+
+    # Its processes.
+
+    def start(self, process: str) -> None:
+        """DATABASE, DATAPATH or EMULATION; waits until it can be used."""
+        socket = self.folder / "db.sock"
+        commands: dict[str, list[str | Path]] = {
+            DATABASE: ["ovsdb-server", f"--remote=punix:{socket}",
+                       f"--unixctl={self.folder / 'ovsdb.ctl'}", "-vconsole:warn",
+                       self.folder / "switch.db", self.folder / "vtep.db"],
+            DATAPATH: ["ovs-vswitchd", f"unix:{socket}", "--disable-system",
+                       f"--unixctl={self.folder / 'vswitchd.ctl'}", "-vconsole:warn"],
+            EMULATION: ["/usr/bin/python3", self.folder / "ovs-vtep", "-vconsole:warn",
+                        f"--log-file={self.folder / 'emulator.log'}", self.name],
+        }
+        log = self.folder / f"{process}.out"
+        self.processes[process] = namespaces.start(self.namespace, commands[process], log,
+                                                   self.environment)
+        if process == DATABASE:
+            probe = ["ovsdb-client", "list-dbs", f"unix:{socket}"]
+            poll(lambda: subprocess.run(probe, capture_output=True, env=self.environment,
+                                        check=False).returncode == 0,
+                 f"the database of {self.name} answers (see {log})")
+
+    def kill(self, process: str) -> None:
+        """As a crash would: without a chance to clean up."""
+        victim = self.processes.pop(process)
+        victim.kill()
+        victim.wait()
+
+    # From nothing to a switch without bindings.
+
+    def up(self, ports: list[str]) -> None:
+        """The interface `uplink` and those of the ports must be in the namespace already."""
+        for schema, file in (("vswitch", "switch.db"), ("vtep", "vtep.db")):
+            run("ovsdb-tool", "create", self.folder / file, SCHEMAS / f"{schema}.ovsschema")
+        self.start(DATABASE)
+        self.vsctl("--no-wait", "init")
+        self.start(DATAPATH)
+        # Only the emulator's rules forward: without any, frames are dropped.
+        self.vsctl("add-br", UNDERLAY, "--", "set", "Bridge", UNDERLAY, "datapath_type=netdev",
+                   "--", "add-port", UNDERLAY, "uplink",
+                   "--", "add-br", self.name, "--", "set", "Bridge", self.name,
+                   "datapath_type=netdev", "fail_mode=secure",
+                   *(word for port in ports for word in ("--", "add-port", self.name, port)))
+        run("ip", "-n", self.namespace, "addr", "add", f"{self.tunnel_ip}/24", "dev", UNDERLAY)
+        run("ip", "-n", self.namespace, "link", "set", UNDERLAY, "up")
+        self.vtep_ctl("add-ps", self.name, "--", "set", "Physical_Switch", self.name,
+                      f"tunnel_ips={self.tunnel_ip}",
+                      *(word for port in ports for word in ("--", "add-port", self.name, port)))
+        patch_emulator(self.folder / "ovs-vtep")
+        self.start(EMULATION)
+
+
+def patch_emulator(copy: Path) -> None:
+    """Makes a copy of the emulator with the changes of ovs-vtep.patch; README.md says why."""
+    run("patch", "--quiet", f"--output={copy}", EMULATOR, HERE / "ovs-vtep.patch")
