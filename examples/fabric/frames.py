@@ -177,16 +177,19 @@ class Stream:
 
     def run(self) -> None:
         begin = time.monotonic()
-        while not self.stopping.wait(max(0, begin + self.sent / self.per_second - time.monotonic())):
+        while not self.recorder.ending:
+            due = begin + self.sent / self.per_second
+            if self.stopping.wait(max(0, due - time.monotonic())):
+                return
             self.recorder.send(self.source, self.flow, self.sent, self.hardware, self.destination)
             self.sent += 1
 
     def stop(self, *drains: Endpoint) -> "Stream":
-        """Ends it, and waits until the last frame has arrived at these endpoints, a second long."""
+        """Ends it; waits until the last frame has arrived at these endpoints, five seconds at most."""
         self.stopping.set()
         if self.thread:
             self.thread.join()
-        end = time.monotonic() + 1
+        end = time.monotonic() + 5
         while time.monotonic() < end and any(
                 self.sent - 1 not in self.numbers(at) for at in drains):
             time.sleep(0.01)

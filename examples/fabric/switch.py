@@ -2,7 +2,8 @@
 from its `hardware_vtep` database.
 
 In a namespace of its own. The bridge `underlay` has the address of the tunnels; the bridge with
-the switch's name has the ports. Four processes can be killed and started again one by one.
+the switch's name has the ports. Its two databases have a server each: the switch forwards on while
+that of `hardware_vtep` is away. Every process can be killed and started again by itself.
 """
 
 import os
@@ -15,7 +16,8 @@ from namespaces import EMULATOR, Failure, poll, run
 HERE = Path(__file__).resolve().parent
 SCHEMAS = Path("/usr/share/openvswitch")
 UNDERLAY = "underlay"
-DATABASE, DATAPATH, EMULATION = "database", "datapath", "emulator"
+# The processes: the server of hardware_vtep, that of Open_vSwitch, the datapath, the emulator.
+DATABASE, SETTINGS, DATAPATH, EMULATION = "database", "settings", "datapath", "emulator"
 
 
 class Switch:
@@ -31,13 +33,12 @@ class Switch:
         self.environment = dict(
             os.environ, PATH=os.environ.get("PATH", "") + ":/usr/sbin:/sbin:/usr/bin:/bin",
             OVS_RUNDIR=str(folder), OVS_LOGDIR=str(folder), OVS_DBDIR=str(folder),
-            OVS_SYSCONFDIR=str(folder))
-        self.socket = folder / "db.sock"
+            OVS_SYSCONFDIR=str(folder), VTEP_DB=f"unix:{folder / 'vtep.sock'}")
 
     @property
     def database(self) -> str:
         """Where the exporter reaches the switch's database."""
-        return f"unix:{self.socket}"
+        return self.environment["VTEP_DB"]
 
     # What a person would type on the switch.
 
@@ -45,7 +46,7 @@ class Switch:
         return run("ovs-vsctl", "--timeout=20", *arguments, env=self.environment)
 
     def vtep_ctl(self, *arguments: str) -> str:
-        return run("vtep-ctl", "--timeout=20", *arguments, env=self.environment)
+        return run("vtep-ctl", "--timeout=20", f"--db={self.database}", *arguments, env=self.environment)
 
     def ofctl(self, *arguments: str) -> str:
         return run("ovs-ofctl", *arguments, env=self.environment)
@@ -53,25 +54,26 @@ class Switch:
     # Its processes.
 
     def start(self, process: str) -> None:
-        """DATABASE, DATAPATH or EMULATION; waits until it can be used."""
-        socket = self.folder / "db.sock"
-        commands: dict[str, list[str | Path]] = {
-            DATABASE: ["ovsdb-server", f"--remote=punix:{socket}",
-                       f"--unixctl={self.folder / 'ovsdb.ctl'}", "-vconsole:warn",
-                       self.folder / "switch.db", self.folder / "vtep.db"],
-            DATAPATH: ["ovs-vswitchd", f"unix:{socket}", "--disable-system",
-                       f"--unixctl={self.folder / 'vswitchd.ctl'}", "-vconsole:warn"],
-            EMULATION: ["/usr/bin/python3", self.folder / "ovs-vtep", "-vconsole:warn",
-                        f"--log-file={self.folder / 'emulator.log'}", self.name],
-        }
-        log = self.folder / f"{process}.out"
-        self.processes[process] = namespaces.start(self.namespace, commands[process], log,
-                                                   self.environment)
-        if process == DATABASE:
-            probe = ["ovsdb-client", "list-dbs", f"unix:{socket}"]
-            poll(lambda: subprocess.run(probe, capture_output=True, env=self.environment,
-                                        check=False).returncode == 0,
-                 f"the database of {self.name} answers (see {log})")
+        """Starts one, and waits until it can be used; the emulator needs longer for its work."""
+        folder = self.folder
+        socket = {DATABASE: folder / "vtep.sock", SETTINGS: folder / "db.sock"}
+        file = {DATABASE: folder / "vtep.db", SETTINGS: folder / "switch.db"}
+        command: list[str | Path]
+        if process in socket:
+            command = ["ovsdb-server", f"--remote=punix:{socket[process]}", "-vconsole:warn",
+                       f"--unixctl={folder / process}.ctl", file[process]]
+        elif process == DATAPATH:
+            command = ["ovs-vswitchd", f"unix:{socket[SETTINGS]}", "--disable-system",
+                       f"--unixctl={folder / process}.ctl", "-vconsole:warn"]
+        else:
+            command = ["/usr/bin/python3", folder / "ovs-vtep", "-vconsole:warn",
+                       f"--log-file={folder / 'emulator.log'}", self.name]
+        log = folder / f"{process}.out"
+        self.processes[process] = namespaces.start(self.namespace, command, log, self.environment)
+        if process in socket:
+            probe = ["ovsdb-client", "list-dbs", f"unix:{socket[process]}"]
+            poll(lambda: subprocess.run(probe, capture_output=True, check=False).returncode == 0,
+                 f"the {process} of {self.name} answers (see {log})")
 
     def kill(self, process: str) -> None:
         """As a crash would: without a chance to clean up."""
@@ -86,6 +88,7 @@ class Switch:
         for schema, file in (("vswitch", "switch.db"), ("vtep", "vtep.db")):
             run("ovsdb-tool", "create", self.folder / file, SCHEMAS / f"{schema}.ovsschema")
         self.start(DATABASE)
+        self.start(SETTINGS)
         self.vsctl("--no-wait", "init")
         self.start(DATAPATH)
         # Only the emulator's rules forward: without any, frames are dropped.
