@@ -1,13 +1,14 @@
 # `make run` and `make test` are the two commands of the README; `make` alone builds the release. Each
 # command installs what it needs, configures, builds and runs, on a fresh Debian 12 with git and make.
 
-# `make serve` starts a live agent.
+# `make serve` starts a live agent, `sudo make run-fabric` one with switches that act on it.
 
 # Packages that running Neutron needs.
 NEUTRON = python3-neutron neutron-common python3-setuptools
 
-.PHONY: all build configure dependencies run serve run-neutron neutron-check neutron-package test \
-  test-export sim fuzz bench bench-quick bench-live bench-live-quick coverage mutation docs packages clean
+.PHONY: all build configure dependencies run serve run-neutron run-fabric neutron-check neutron-package \
+  test test-export sim fuzz bench bench-quick bench-live bench-live-quick coverage mutation docs \
+  packages clean
 
 all: build
 
@@ -45,6 +46,15 @@ neutron-check: build
 neutron-package:
 	packaging/install-build-dependencies python3-setuptools dpkg-dev
 	packaging/neutron/build build/package/packages
+
+# Racks in network namespaces: the agent, the exporter, Open vSwitch, and frames between servers; see
+# examples/fabric/README.md.
+run-fabric:
+	@[ "$$(id -u)" = 0 ] || { \
+	  echo "Network namespaces and switches need root: sudo make run-fabric" >&2; exit 1; }
+	packaging/install-build-dependencies openvswitch-switch openvswitch-vtep iproute2 patch
+	$(MAKE) build
+	examples/fabric/fabric run --binary build/release/bin/vnagent
 
 test: configure
 	cmake --build --preset release

@@ -4,9 +4,9 @@
     tests/run.py [--preset release] [--only REGEX]
 
 A suite is what the names of its tests have before the first "/"; a test without one is a suite by
-itself. A suite's line appears when the last of its tests has ended. Then come the output of each
-test that failed and the names of these tests, and last ctest's own closing line. The exit status is
-that of ctest.
+itself. A suite's line appears when the last of its tests has ended. Then come why tests were
+skipped, the output of each test that failed and the names of these tests, and last ctest's own
+closing line. The exit status is that of ctest.
 """
 
 import argparse
@@ -34,10 +34,13 @@ class Suite:
     tests: int
     ended: int = 0
     failed: int = 0
+    skipped: int = 0
     seconds: float = 0.0
 
     def line(self, name: str) -> str:
-        outcome = f"{self.failed} FAILED" if self.failed else "passed"
+        outcome = "passed"
+        if self.failed or self.skipped:
+            outcome = f"{self.failed} FAILED" if self.failed else f"{self.skipped} SKIPPED"
         count = f"{self.tests} test" + ("s" if self.tests != 1 else "")
         return f"{name:28}{count:>12}  {outcome:12}{self.seconds:8.1f} s"
 
@@ -48,6 +51,7 @@ class Report:
     suites: dict[str, Suite]
     # The lines of ctest for each test that failed: its result, then its output.
     failures: dict[str, list[str]] = field(default_factory=dict)
+    skipped: list[str] = field(default_factory=list)
     closing: str = ""
     current: str | None = None
 
@@ -67,12 +71,22 @@ class Report:
         suite.ended += 1
         suite.seconds += seconds
         self.current = None
-        if outcome != "Passed" and not outcome.startswith("***Skipped"):
+        if outcome.startswith("***Skipped"):
+            suite.skipped += 1
+            self.skipped.append(name)
+        elif outcome != "Passed":
             suite.failed += 1
             self.failures[name] = [line]
             self.current = name
         if suite.ended == suite.tests:
             print(suite.line(suite_of(name)), flush=True)
+
+
+def output_of(test: str, log: str) -> str:
+    """What a test printed, from the log that ctest keeps; it prints that of failed ones alone."""
+    found = re.search(rf"^\d+/\d+ Test: {re.escape(test)}\n.*?^Output:\n-+\n(.*?)\n?"
+                      "<end of output>", log, re.M | re.S)
+    return found[1].strip() if found else "its output is in ctest's log"
 
 
 def main() -> int:
@@ -103,6 +117,10 @@ def main() -> int:
     for name, suite in report.suites.items():
         if suite.ended != suite.tests:
             print(f"{name}: {suite.tests - suite.ended} of {suite.tests} tests did not run")
+    for name in report.skipped:
+        log = ROOT / "build" / arguments.preset / "Testing" / "Temporary" / "LastTest.log"
+        text = log.read_text(errors="replace") if log.exists() else ""
+        print(f"\n{name}: {output_of(name, text)}")
     for name, lines in report.failures.items():
         print(f"\n--- {name}", "\n".join(lines).rstrip(), sep="\n")
     if report.failures:

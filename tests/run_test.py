@@ -5,7 +5,7 @@ import contextlib
 import io
 import unittest
 
-from run import Report, Suite
+from run import Report, Suite, output_of
 
 LINES = """\
 Test project /project/build/release
@@ -54,6 +54,30 @@ class DriverTest(unittest.TestCase):
         self.assertIn("values_test.cpp:12: Failure", failures["agent/Values.Print"])
         self.assertNotIn("the last words", failures["agent/Values.Print"])
         self.assertIn("the last words", failures["agent/Values.Crash"])
+
+    def test_a_skipped_test_does_not_look_passed(self) -> None:
+        report = Report({"fabric": Suite(1)})
+        with contextlib.redirect_stdout(io.StringIO()) as printed:
+            report.read("1/1 Test #1: fabric ...........................***Skipped   0.05 sec")
+        self.assertEqual(printed.getvalue().split()[:5], ["fabric", "1", "test", "1", "SKIPPED"])
+        self.assertEqual(report.skipped, ["fabric"])
+        self.assertEqual(report.failures, {})
+
+    def test_why_a_test_was_skipped_is_in_the_log_of_ctest(self) -> None:
+        log = """\
+1/2 Testing: fabric
+1/2 Test: fabric
+Command: "python3" "run.py"
+Directory: /build
+"fabric" start time: Nov 22 17:00 UTC
+Output:
+----------------------------------------------------------
+skipped: needs root
+<end of output>
+Test time =   0.05 sec
+"""
+        self.assertEqual(output_of("fabric", log), "skipped: needs root")
+        self.assertIn("log", output_of("other", log))
 
     def test_closing_line_is_that_of_ctest(self) -> None:
         self.assertEqual(self.report.closing, "40% tests passed, 3 tests failed out of 5")

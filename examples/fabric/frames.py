@@ -185,7 +185,7 @@ class Stream:
             self.sent += 1
 
     def stop(self, *drains: Endpoint) -> "Stream":
-        """Ends it; waits until the last frame has arrived at these endpoints, five seconds at most."""
+        """Ends it; waits until the last frame has arrived at these endpoints, 5 s at most."""
         self.stopping.set()
         if self.thread:
             self.thread.join()
@@ -202,3 +202,8 @@ class Stream:
     def lost(self, *at: Endpoint, since: int = 0) -> int:
         """How many of the frames from a sequence number on arrived at none of the endpoints."""
         return len(set(range(since, self.sent)) - self.numbers(*at))
+
+    def lost_so_far(self, *at: Endpoint) -> int:
+        """The same while it runs: of the frames before the last that arrived."""
+        numbers = self.numbers(*at)
+        return len(set(range(max(numbers, default=0))) - numbers)

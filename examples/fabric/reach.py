@@ -62,7 +62,7 @@ def settle(probes: Probes, pairs: Pairs, deadline: float) -> float:
 
 
 def held(probes: Probes, pairs: Pairs) -> Pairs:
-    """Sends for a second: the pairs that got every frame, and those that got any without a right."""
+    """Sends for a second: the pairs that got every frame, and others that got any."""
     end = time.monotonic() + HOLD
     rounds = []
     while time.monotonic() < end:

@@ -46,7 +46,8 @@ class Switch:
         return run("ovs-vsctl", "--timeout=20", *arguments, env=self.environment)
 
     def vtep_ctl(self, *arguments: str) -> str:
-        return run("vtep-ctl", "--timeout=20", f"--db={self.database}", *arguments, env=self.environment)
+        return run("vtep-ctl", "--timeout=20", f"--db={self.database}", *arguments,
+                   env=self.environment)
 
     def ofctl(self, *arguments: str) -> str:
         return run("ovs-ofctl", *arguments, env=self.environment)

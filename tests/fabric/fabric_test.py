@@ -26,7 +26,7 @@ TAGS = (None, 100, 200, 300)
 
 
 class FabricTest(unittest.TestCase):
-    """Each rack has a host of virtual machines, host-N on eth1, and a bare server, metal-N on eth2."""
+    """Each rack has a host of virtual machines, host-N, and a bare server, metal-N."""
 
     fabric: Fabric
     agent: Agent

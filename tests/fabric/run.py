@@ -23,6 +23,7 @@ import namespaces  # noqa: E402
 import racks  # noqa: E402
 
 SKIPPED = 77
+ErrorInfo = (tuple[type[BaseException], BaseException, TracebackType] | tuple[None, None, None])
 
 
 class Lines(unittest.TestResult):
@@ -39,13 +40,11 @@ class Lines(unittest.TestResult):
         super().addSuccess(test)
         self.line("ok", test)
 
-    def addFailure(self, test: unittest.TestCase, err: tuple[type[BaseException], BaseException,
-                                                             TracebackType]) -> None:
+    def addFailure(self, test: unittest.TestCase, err: ErrorInfo) -> None:
         super().addFailure(test, err)
         self.line("FAILED", test, "\n" + self.failures[-1][1])
 
-    def addError(self, test: unittest.TestCase, err: tuple[type[BaseException], BaseException,
-                                                           TracebackType]) -> None:
+    def addError(self, test: unittest.TestCase, err: ErrorInfo) -> None:
         super().addError(test, err)
         self.began = getattr(self, "began", time.monotonic())
         self.line("ERROR", test, "\n" + self.errors[-1][1])

@@ -50,7 +50,7 @@ class Networks(FabricTest):
 
 
 class Changes(FabricTest):
-    """One network changes; another one, beside it on the same ports, does not lose a frame by it."""
+    """One network changes, another one is beside it on the same ports."""
 
     def setUp(self) -> None:
         super().setUp()

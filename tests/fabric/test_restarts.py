@@ -7,7 +7,7 @@ read the database. A real switch need not do so, and the other switches do not e
 import unittest
 
 from fabric_test import FabricTest
-from frames import Endpoint, Stream
+from frames import Endpoint
 from switch import DATABASE, EMULATION
 
 
@@ -27,15 +27,17 @@ class Restarts(FabricTest):
 
     def revive(self) -> None:
         """After a test that failed half way: what it had killed."""
-        for program in (self.agent, self.exporter):
-            if program.process is None:
-                program.start()
+        if self.agent.process is None:
+            self.agent.start()
+        if self.exporter.process is None:
+            self.exporter.start()
         for switch in self.fabric.switches.values():
             for process in {DATABASE, EMULATION} - set(switch.processes):
                 switch.start(process)
 
     def at(self, *racks: int) -> list[Endpoint]:
-        return [self.tenants.endpoint(f"{kind}-{n}") for n in racks for kind in ("steady", "native")]
+        return [self.tenants.endpoint(f"{kind}-{n}") for n in racks
+                for kind in ("steady", "native")]
 
     def nothing_lost(self, *racks: int) -> None:
         """Between these racks, of all frames since the streams began."""
