@@ -110,6 +110,20 @@ class Restarts(FabricTest):
         self.flows_on()
         self.nothing_lost(1, 2, 3)
 
+    def test_the_exporter_starts_while_a_database_is_away(self) -> None:
+        # It cannot know the tunnel address of tor1 then; the others go on sending there.
+        switch = self.fabric.switches["tor1"]
+        self.exporter.kill()
+        switch.kill(DATABASE)
+        self.exporter.start()
+        self.tenants.unbind("red-3")
+        self.tenants.bind("red-3", "red", "metal-3")
+        self.expect()
+        self.flows_on()
+        switch.start(DATABASE)
+        self.in_step()
+        self.expect()
+
     def test_the_emulator_of_a_switch_is_killed(self) -> None:
         switch = self.fabric.switches["tor1"]
         switch.kill(EMULATION)
