@@ -203,6 +203,13 @@ class Stream:
         """How many of the frames from a sequence number on arrived at none of the endpoints."""
         return len(set(range(since, self.sent)) - self.numbers(*at))
 
+    def gaps(self, *at: Endpoint) -> str:
+        """Which frames were lost, for people: "of 900: 17, 120 to 245"."""
+        numbers = sorted(self.numbers(*at) | {-1, self.sent})
+        found = [str(a + 1) if b - a == 2 else f"{a + 1} to {b - 1}"
+                 for a, b in zip(numbers, numbers[1:], strict=False) if b - a > 1]
+        return f"of {self.sent}: {', '.join(found) or 'none'}"
+
     def lost_so_far(self, *at: Endpoint) -> int:
         """The same while it runs: of the frames before the last that arrived."""
         numbers = self.numbers(*at)

@@ -11,6 +11,8 @@ several can stand beside each other. What a crashed one left behind is removed b
 import contextlib
 import os
 import shutil
+import threading
+from collections.abc import Collection
 from concurrent.futures import ThreadPoolExecutor
 from dataclasses import dataclass
 from pathlib import Path
@@ -18,7 +20,8 @@ from types import TracebackType
 
 import namespaces
 from frames import Recorder
-from switch import Switch
+from namespaces import Failure
+from switch import UNDERLAY, Switch
 
 FOLDER = Path("/run/vnagent-fabric")
 PREFIX = "fab"
@@ -31,6 +34,34 @@ class Rack:
     servers: dict[str, str]
 
 
+class Neighbours(threading.Thread):
+    """Keeps the hardware addresses of the tunnels' ends known to all switches, until `close`.
+
+    Open vSwitch in user space forgets them whenever an interface is added or removed beside, as the
+    emulator does for every Logical_Switch, and while frames flow it may not ask for them again for
+    minutes: it sees the answer in a rule for what it forwards, and looks no further.
+    """
+
+    def __init__(self, switches: Collection[Switch]) -> None:
+        super().__init__(daemon=True)
+        known = [(switch.tunnel_ip, switch.hardware()) for switch in switches]
+        self.entries = [(switch, ip, address) for switch in switches
+                        for ip, address in known if ip != switch.tunnel_ip]
+        self.ending = threading.Event()
+        self.start()
+
+    def run(self) -> None:
+        while not self.ending.wait(0.05):
+            for switch, ip, address in self.entries:
+                # A datapath that is restarted has no entries either; the next round is for it.
+                with contextlib.suppress(OSError, Failure):
+                    switch.appctl("tnl/neigh/set", UNDERLAY, ip, address)
+
+    def close(self) -> None:
+        self.ending.set()
+        self.join()
+
+
 class Fabric:
     """The racks of a plan; up from the constructor's end to `down`."""
 
@@ -40,6 +71,7 @@ class Fabric:
         self.folder = FOLDER / self.name
         self.recorder = Recorder()
         self.switches: dict[str, Switch] = {}
+        self.neighbours: Neighbours | None = None
         self.control = f"{self.name}-control"
         self.folder.mkdir(parents=True)
         (self.folder / "owner").write_text(f"{os.getpid()} {started(os.getpid())}\n")
@@ -80,9 +112,12 @@ class Fabric:
             for done in [pool.submit(self.switches[rack.switch].up, list(rack.servers))
                          for rack in self.plan]:
                 done.result()
+        self.neighbours = Neighbours(self.switches.values())
 
     def down(self) -> None:
         """Nothing is left behind, also where `up` came only half way."""
+        if self.neighbours:
+            self.neighbours.close()
         self.recorder.close()
         namespaces.remove(namespaces.named(self.name))
         for switch in self.switches.values():

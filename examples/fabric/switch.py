@@ -6,12 +6,15 @@ the switch's name has the ports. Its two databases have a server each: the switc
 that of `hardware_vtep` is away. Every process can be killed and started again by itself.
 """
 
+import contextlib
+import json
 import os
+import socket
 import subprocess
 from pathlib import Path
 
 import namespaces
-from namespaces import EMULATOR, Failure, poll, run
+from namespaces import DEADLINE, EMULATOR, Failure, poll, run
 
 HERE = Path(__file__).resolve().parent
 SCHEMAS = Path("/usr/share/openvswitch")
@@ -52,27 +55,49 @@ class Switch:
     def ofctl(self, *arguments: str) -> str:
         return run("ovs-ofctl", *arguments, env=self.environment)
 
+    def appctl(self, method: str, *parameters: str) -> str:
+        """A command of the datapath's process, as of `ovs-appctl`, without a process for it."""
+        with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as connection:
+            connection.settimeout(DEADLINE)
+            connection.connect(str(self.folder / f"{DATAPATH}.ctl"))
+            connection.sendall(json.dumps({"id": 0, "method": method,
+                                           "params": parameters}).encode())
+            text = b""
+            while part := connection.recv(65536):
+                text += part
+                with contextlib.suppress(ValueError):
+                    answer = json.loads(text)
+                    if answer["error"]:
+                        raise Failure(f"{self.name}: {method}: {answer['error']}")
+                    return str(answer["result"])
+        raise Failure(f"{self.name}: {method}: no answer")
+
+    def hardware(self) -> str:
+        """The hardware address of its end of the tunnels."""
+        link = json.loads(run("ip", "-json", "-n", self.namespace, "link", "show", UNDERLAY))
+        return str(link[0]["address"])
+
     # Its processes.
 
     def start(self, process: str) -> None:
         """Starts one, and waits until it can be used; the emulator needs longer for its work."""
         folder = self.folder
-        socket = {DATABASE: folder / "vtep.sock", SETTINGS: folder / "db.sock"}
+        sockets = {DATABASE: folder / "vtep.sock", SETTINGS: folder / "db.sock"}
         file = {DATABASE: folder / "vtep.db", SETTINGS: folder / "switch.db"}
         command: list[str | Path]
-        if process in socket:
-            command = ["ovsdb-server", f"--remote=punix:{socket[process]}", "-vconsole:warn",
+        if process in sockets:
+            command = ["ovsdb-server", f"--remote=punix:{sockets[process]}", "-vconsole:warn",
                        f"--unixctl={folder / process}.ctl", file[process]]
         elif process == DATAPATH:
-            command = ["ovs-vswitchd", f"unix:{socket[SETTINGS]}", "--disable-system",
+            command = ["ovs-vswitchd", f"unix:{sockets[SETTINGS]}", "--disable-system",
                        f"--unixctl={folder / process}.ctl", "-vconsole:warn"]
         else:
             command = ["/usr/bin/python3", folder / "ovs-vtep", "-vconsole:warn",
                        f"--log-file={folder / 'emulator.log'}", self.name]
         log = folder / f"{process}.out"
         self.processes[process] = namespaces.start(self.namespace, command, log, self.environment)
-        if process in socket:
-            probe = ["ovsdb-client", "list-dbs", f"unix:{socket[process]}"]
+        if process in sockets:
+            probe = ["ovsdb-client", "list-dbs", f"unix:{sockets[process]}"]
             poll(lambda: subprocess.run(probe, capture_output=True, check=False).returncode == 0,
                  f"the {process} of {self.name} answers (see {log})")
 

@@ -5,11 +5,14 @@ begins with an empty cloud, so what the test before left is taken down while the
 next is made. Nothing here sleeps to synchronise, and no duration is asserted.
 """
 
+import json
 import os
+import re
 import sys
 import unittest
 from collections.abc import Collection
 from pathlib import Path
+from typing import NamedTuple
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "examples" / "fabric"))
 
@@ -18,11 +21,33 @@ from frames import Endpoint, Stream  # noqa: E402
 from namespaces import Failure, poll  # noqa: E402
 from racks import Fabric, Rack  # noqa: E402
 from reach import Probes, difference, settle  # noqa: E402
+from switch import Switch  # noqa: E402
 from tenants import Members, Pairs, Tenants  # noqa: E402
 
 DEADLINE = 60.0  # the emulator looks once a second, and takes seconds for what it finds
 SWITCHES = ("tor1", "tor2", "tor3")
 TAGS = (None, 100, 200, 300)
+
+
+class Database(NamedTuple):
+    """What counts of a switch's database."""
+    bindings: dict[str, dict[int, str]]  # port -> VLAN, 0 for untagged frames -> Logical_Switch
+    logical_switches: dict[str, tuple[int | None, set[str]]]  # tunnel key, where unknown-dst sends
+
+
+def database_of(switch: Switch) -> Database:
+    """Read with the tools of the switch."""
+    found = Database({}, {})
+    for port in switch.vtep_ctl("list-ports", switch.name).split():
+        lines = switch.vtep_ctl("list-bindings", switch.name, port).splitlines()
+        found.bindings[port] = {int(vlan): name for vlan, name in map(str.split, lines)}
+    table = json.loads(switch.vtep_ctl("--format=json", "--columns=name,tunnel_key", "list",
+                                       "Logical_Switch"))
+    for name, key in table["data"]:
+        locators = re.findall(r"unknown-dst -> vxlan_over_ipv4/(\S+)",
+                              switch.vtep_ctl("list-remote-macs", name))
+        found.logical_switches[name] = (key if isinstance(key, int) else None, set(locators))
+    return found
 
 
 class FabricTest(unittest.TestCase):
@@ -94,16 +119,55 @@ class FabricTest(unittest.TestCase):
         poll(lambda: any(number > now for number in stream.numbers(at)),
              f"a frame of the stream from {stream.source} arrives at {at}", DEADLINE)
 
+    def emulators_are_done(self) -> None:
+        """Waits until each switch has a bridge for each Logical_Switch, and none besides."""
+        def done() -> bool:
+            return all(
+                sum(bridge.startswith(f"{name}_vtep_ls") for bridge in switch.vsctl(
+                    "list-br").split()) == len(self.asked_of(name).logical_switches)
+                for name, switch in self.fabric.switches.items())
+        poll(done, "the emulators have built what is asked for, and nothing else", DEADLINE)
+
     def in_step(self) -> None:
-        """Waits until the exporter, asked to compare, finds no difference."""
+        """Waits until the databases have exactly what the cloud asks for, and the exporter agrees.
+
+        What they must have is made from the calls of the test, not from the agent's output.
+        """
+        wanted = {name: self.asked_of(name) for name in self.fabric.switches}
+        found: dict[str, Database] = {}
+
+        def same() -> bool:
+            found.update({name: database_of(switch)
+                          for name, switch in self.fabric.switches.items()})
+            return found == wanted
+
         def compared() -> bool:
             status, self.report = self.exporter.ask("--report")
             return status == 0
-        self.report = ""
+
         try:
+            poll(same, "the databases are as the cloud asks", DEADLINE)
             poll(compared, "the exporter finds no difference", DEADLINE)
         except Failure as failure:
+            self.assertEqual(found, wanted, failure)
             self.fail(f"{failure}\n{self.report}")
+
+    def asked_of(self, switch: str) -> Database:
+        """What a switch's database must have."""
+        asked = Database({port: {} for port in ("eth1", "eth2")}, {})
+        for name, ends in self.tenants.members().items():
+            network = self.tenants.networks[name]
+            here = {end for end in ends if self.tenants.switch_of(end) == switch}
+            vlan = network.vlans[switch]
+            logical = f"vni{network.vni}" if network.vni else f"vlan{vlan}"
+            for end in here:
+                port = self.fabric.place_of(end.server)[1]
+                asked.bindings[port][end.vlan or 0] = logical
+            if here:
+                others = {self.tenants.switch_of(end) for end in ends} - {switch}
+                asked.logical_switches[logical] = (network.vni, {
+                    self.fabric.switches[other].tunnel_ip for other in others if network.vni})
+        return asked
 
     def three_racks(self, name: str, vni: int, vlans: tuple[int, int, int]) -> None:
         self.tenants.network(name, vni, dict(zip(SWITCHES, vlans, strict=True)))

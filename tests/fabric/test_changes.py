@@ -86,8 +86,6 @@ class Changes(FabricTest):
         self.expect()
         self.tenants.unbind("other-2", "other-3")
         self.in_step()
-        for switch in self.fabric.switches.values():
-            self.assertEqual(switch.vtep_ctl("list-ls").split(), [], switch.name)
         self.tenants.bind("other-1", "other", "metal-1")
         self.tenants.bind("other-2", "other", "metal-2")
         self.tenants.bind("other-3", "other", "metal-3")
