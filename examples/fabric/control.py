@@ -5,7 +5,6 @@ Both run in the namespace of the fabric that has no cables; they talk over Unix 
 
 import http.client
 import json
-import os
 import socket
 import subprocess
 from pathlib import Path
@@ -114,7 +113,7 @@ class Exporter(Program):
     def __init__(self, fabric: Fabric, vnagent: str | Path, agent: Agent,
                  hosts: dict[str, list[str]]) -> None:
         """`hosts`: for each host of the cloud, the servers of the fabric that are its cables."""
-        super().__init__(fabric, os.environ.get("FABRIC_EXPORTER", vnagent))
+        super().__init__(fabric, vnagent)
         self.agent = agent
         self.control = self.folder / "control.sock"
         self.map = self.folder / "map.json"
@@ -131,11 +130,19 @@ class Exporter(Program):
                     "--control", self.control, *options)
         return self
 
-    def ask(self, *options: str) -> tuple[int, str]:
-        """The exit status and the output of a run beside the one that is up: `--status`, say."""
-        done = subprocess.run(
-            [self.vnagent, "export", "hardware-vtep", "--map", self.map,
-             "--socket", self.agent.socket, "--control", self.control, *options],
-            stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=DEADLINE,
-            check=False)
+    def report(self) -> tuple[int, str]:
+        """The exit status and the output of a comparison, by a process of its own.
+
+        The status is 0 where nothing differs, else 5.
+        """
+        return self.ask("--report", "--map", self.map, "--socket", self.agent.socket)
+
+    def status(self) -> tuple[int, str]:
+        """The exit status of `--status` and what it prints: the state of the process that is up."""
+        return self.ask("--status", "--control", self.control)
+
+    def ask(self, *options: str | Path) -> tuple[int, str]:
+        done = subprocess.run([self.vnagent, "export", "hardware-vtep", *options],
+                              stdin=subprocess.DEVNULL, capture_output=True, text=True,
+                              timeout=DEADLINE + 30, check=False)
         return done.returncode, done.stdout + done.stderr

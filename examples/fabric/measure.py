@@ -59,7 +59,7 @@ def run(binary: Path, changes: int) -> None:
                 tenants.network("red", 10001 + number, {"tor1": vlan, "tor2": vlan})
                 tenants.bind("near", "red", "metal-1")
                 ends = [Endpoint("metal-1", vlan), Endpoint("metal-2", vlan)]
-                poll(lambda: exporter.ask("--report")[0] == 0, "the first port is in its database",
+                poll(lambda: exporter.report()[0] == 0, "the first port is in its database",
                      DEADLINE)
                 begin = time.monotonic()
                 tenants.bind("far", "red", "metal-2")

@@ -206,7 +206,7 @@ def wait(fabric: Fabric, agent: Agent, exporter: Exporter) -> None:
 All of it stands until Ctrl-C. To look around, in another terminal:
 
   {agent.vnagent} show --socket {agent.socket}
-  {agent.vnagent} export hardware-vtep --status --control {exporter.control} --map {exporter.map}
+  {agent.vnagent} export hardware-vtep --status --control {exporter.control}
   vtep-ctl --db={switch.database} show
   OVS_RUNDIR={switch.folder} ovs-ofctl dump-flows {switch.name}
   ip netns exec {fabric.name}-host-1 ip link

@@ -142,7 +142,7 @@ class FabricTest(unittest.TestCase):
             return found == wanted
 
         def compared() -> bool:
-            status, self.report = self.exporter.ask("--report")
+            status, self.report = self.exporter.report()
             return status == 0
 
         try:

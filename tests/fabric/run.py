@@ -70,6 +70,8 @@ def main() -> int:
     loader = unittest.TestLoader()
     loader.testNamePatterns = [f"*{text}*" for text in arguments.only] or None
     suite = loader.discover(str(HERE), top_level_dir=str(HERE))
+    if loader.errors:
+        sys.exit("\n".join(loader.errors))
     result = Lines()
     suite.run(result)
     print(f"{result.testsRun} tests, {len(result.failures) + len(result.errors)} failed")
