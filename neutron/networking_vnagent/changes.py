@@ -35,7 +35,9 @@ def subscribe(handler: Handler) -> None:
                            (ml2_models.PortBindingLevel, _binding_flushed),
                            (ml2_models.DistributedPortBinding, _binding_flushed),
                            (segment_models.NetworkSegment, _segment_flushed)):
-        event.listen(model, "after_insert", flushed)
+        if model in (ml2_models.PortBindingLevel, segment_models.NetworkSegment):
+            # A new binding says nothing yet; it is bound when it has levels.
+            event.listen(model, "after_insert", flushed)
         event.listen(model, "after_delete", flushed)
         event.listen(model, "after_update", _if_modified(flushed))
     event.listen(orm.Session, "after_commit", _committed)

@@ -129,6 +129,9 @@ class VnagentMechanismDriver(api.MechanismDriver):
             # As most updates: bindings and levels are noticed where they are written.
             return
         work = _work_of(port)
+        if original is None and port.get(portbindings.VIF_TYPE) in mapping.UNBOUND:
+            self._process.added_unbound(work)
+            return
         if original:
             work.add(_work_of(original))
         self._process.changed(work)

@@ -66,6 +66,13 @@ class ServerProcess:
         for one in self._publishers:
             one.changed(work)
 
+    def added_unbound(self, work: backlog.Work) -> None:
+        """Notes what is bound nowhere yet: to agents of some physical networks that is nothing."""
+        self.start()
+        for one in self._publishers:
+            if not one.agent.physical_networks:
+                one.changed(work)
+
     # Ports that wait for agents.
 
     def _remove_blocks(self) -> None:

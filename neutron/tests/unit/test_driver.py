@@ -220,6 +220,27 @@ class PublishingTest(DriverTestCase):
         self.assertEqual({}, self.agent.region())
 
 
+class WholeRegionTest(DriverTestCase):
+    physical_networks = ""
+
+    def test_an_agent_of_everything_has_what_is_bound_nowhere_too(self):
+        port = self.port("", device_owner="network:dhcp", device_id="dhcp")
+        self.publish()
+        region = self.agent.region()
+        self.assertEqual({port["id"]: {}}, region["port"])
+        self.assertEqual({"dhcp": {}}, region["dhcpInstance"])
+        self.assertIn(self.net, region["network"])
+        self.agrees()
+        self.update(port, device_id="other", **{portbindings.HOST_ID: "h1"})
+        self.publish()
+        self.assertEqual({"other": {}}, self.agent.region()["dhcpInstance"])
+        self.agrees()
+        self.driver.delete_port(self.context, port["id"])
+        self.driver.delete_network(self.context, self.net)
+        self.publish()
+        self.assertEqual({}, self.agent.region())
+
+
 class ProvisioningTest(DriverTestCase):
     def is_blocked(self, port):
         return provisioning_blocks.is_object_blocked(self.context, port["id"], resources.PORT)
