@@ -21,6 +21,7 @@ sys.path[:0] = [str(HERE), str(HERE.parents[1] / "examples" / "fabric")]
 
 import namespaces  # noqa: E402
 import racks  # noqa: E402
+from fabric_test import FabricTest  # noqa: E402
 
 SKIPPED = 77
 ErrorInfo = (tuple[type[BaseException], BaseException, TracebackType] | tuple[None, None, None])
@@ -35,6 +36,8 @@ class Lines(unittest.TestResult):
 
     def line(self, word: str, test: unittest.TestCase, trace: str = "") -> None:
         print(f"{word:6} {time.monotonic() - self.began:6.1f} s  {test.id()}{trace}", flush=True)
+        if trace and isinstance(test, FabricTest):
+            test.explain()
 
     def addSuccess(self, test: unittest.TestCase) -> None:
         super().addSuccess(test)
@@ -71,7 +74,7 @@ def main() -> int:
     loader.testNamePatterns = [f"*{text}*" for text in arguments.only] or None
     suite = loader.discover(str(HERE), top_level_dir=str(HERE))
     if loader.errors:
-        sys.exit("\n".join(loader.errors))
+        sys.exit("\n".join(map(str, loader.errors)))
     result = Lines()
     suite.run(result)
     print(f"{result.testsRun} tests, {len(result.failures) + len(result.errors)} failed")
