@@ -77,9 +77,9 @@ class Agent:
 
     def has_port(self, host: str, port: str) -> bool | None:
         """Whether its output has the port on a compute host; None where it does not answer."""
+        place = f"/v1/output/requestedResources/resourcesForHostname/{host}/domain"
         try:
-            status, domain = self.request(
-                "GET", f"/v1/output/requestedResources/resourcesForHostname/{host}/domain", timeout=5)
+            status, domain = self.request("GET", place, timeout=5)
         except (OSError, http.client.HTTPException):
             return None
         if status not in (200, 404):

@@ -122,7 +122,8 @@ def links_of(profile: str) -> list[tuple[str, str]]:
 
 def chain(levels: Iterable[Row], segments: Mapping[str, Row]) -> list[Row]:
     """The segments of a binding, level 0 first."""
-    return [segments[row["segment_id"]] for row in sorted(levels, key=lambda row: int(row["level"]))]
+    ordered = sorted(levels, key=lambda row: int(row["level"]))
+    return [segments[row["segment_id"]] for row in ordered]
 
 
 def vlans_of(segments: list[Row]) -> list[tuple[int, int | None]]:

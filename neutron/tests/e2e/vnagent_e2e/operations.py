@@ -138,8 +138,9 @@ class Player:
         self.hosts = shared.topology.hosts()
         self.rack_of_host = dict(self.hosts)
         self.operations = [Choice(*entry) for entry in (
-            (self.make_vm, 12, 4), (self.make_and_watch, 3, 3), (self.make_several, 4, 1), (self.make_unbound, 3, 1),
-            (self.make_dhcp, 2, 1), (self.make_baremetal, 5, 3), (self.replug, 3, 4), (self.bind, 6, 6),
+            (self.make_vm, 12, 4), (self.make_and_watch, 3, 3), (self.make_several, 4, 1),
+            (self.make_unbound, 3, 1), (self.make_dhcp, 2, 1), (self.make_baremetal, 5, 3),
+            (self.replug, 3, 4), (self.bind, 6, 6),
             (self.rebind, 2, 2), (self.wire, 6, 6), (self.unbind, 1, 2),
             (self.fail_to_bind, 1, 1), (self.begin_old_migration, 4, 4),
             (self.begin_new_migration, 5, 5), (self.end_migration, 9, 9),
@@ -298,7 +299,8 @@ class Player:
             return False
         losses = self.shared.state_losses()
         begin = time.monotonic()
-        port = self.add(self.api.post("/ports", {"port": self.vm_body(network, host)})["port"], "vm")
+        made = self.api.post("/ports", {"port": self.vm_body(network, host)})["port"]
+        port = self.add(made, "vm")
         self.api.played("wire", host=host, device=port.id)
         while time.monotonic() - begin < SOON:
             found = self.api.get(f"/ports/{port.id}?fields=status")["port"]["status"]

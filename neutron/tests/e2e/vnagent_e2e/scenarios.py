@@ -1,5 +1,8 @@
-"""What random operations meet too seldom, in a fixed order. Each has a baremetal node of its own and
-leaves everything running; what it leads to is compared with the database as after a round."""
+"""What random operations meet too seldom, in a fixed order.
+
+Each scenario has a baremetal node of its own and leaves everything running; what it leads to is
+compared with the database as after a round.
+"""
 
 from __future__ import annotations
 
