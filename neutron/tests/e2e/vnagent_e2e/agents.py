@@ -87,12 +87,13 @@ class Agent:
         return status == 200 and port in domain.get(self.name, [])
 
     def assign(self, vlans: list[int]) -> None:
-        """Assigns these VLANs to its region, as the administrator of the switches does."""
+        """Assigns these VLANs and no others to its region, as the administrator of the switches
+        does."""
+        gone = set(self.vlans) - set(vlans)
         self.vlans = vlans
-        if not vlans:
-            return
         status, body = self.request("PATCH", "/v1/cloud/config/vlanAssignment", {
-            self.name: {"vlan": {str(vlan): True for vlan in vlans}}})
+            self.name: {"vlan": {str(vlan): True for vlan in vlans}
+                        | {str(vlan): None for vlan in gone}}})
         if status != 200:
             raise Failed(f"agent {self.name}: the VLANs were not assigned: {status} {body}")
 

@@ -11,7 +11,7 @@ import uuid
 from collections.abc import Callable
 
 from .api import Api, Json
-from .processes import eventually
+from .processes import Failed, eventually
 from .topology import Node
 from .world import World
 
@@ -60,4 +60,40 @@ def hand_over_past_a_paused_server(world: World, node: Node) -> None:
                lambda: referrers(world, node) == [after], 60)
 
 
-SCENARIOS: list[Callable[[World, Node], None]] = [hand_over_past_a_paused_server]
+def vlan_of_a_new_port(world: World, api: Api, host: str) -> int:
+    """The VLAN that a port of a new network gets on a host; both are deleted again."""
+    network = make_network(api, "assigned")
+    port = api.post("/ports", {"port": {
+        "network_id": network, "device_owner": "compute:nova", "device_id": str(uuid.uuid4()),
+        "binding:host_id": host}})["port"]["id"]
+    rows = world.database.snapshot({"vlan": (
+        "SELECT segmentation_id FROM networksegments JOIN ml2_port_binding_levels"
+        " ON networksegments.id = segment_id"
+        f" WHERE port_id = '{port}' AND network_type = 'vlan'")})["vlan"]
+    api.delete(f"/ports/{port}")
+    api.delete(f"/networks/{network}")
+    if len(rows) != 1:
+        raise Failed(f"a port on {host} has {len(rows)} VLANs")
+    return int(rows[0]["segmentation_id"])
+
+
+def vlans_that_are_not_assigned_any_more(world: World, node: Node) -> None:
+    """Once the driver has heard that an agent's VLANs are fewer, none of the others is given to a
+    new network; what is in use stays."""
+    api = Api([server.port for server in world.servers], random.Random(0))
+    rack = next(rack for rack in world.topology.racks if rack.name == node.rack)
+    agent = world.agents[rack.agent]
+    before = agent.vlans
+    few = before[-10:]
+    agent.assign(few)
+    eventually("the driver has heard of the VLANs",
+               lambda: vlan_of_a_new_port(world, api, rack.hosts[0]) in few, 90, 0.5)
+    for _ in range(4):
+        vlan = vlan_of_a_new_port(world, api, rack.hosts[0])
+        if vlan not in few:
+            raise Failed(f"VLAN {vlan} was given to a network, and {few} are assigned")
+    agent.assign(before)
+
+
+SCENARIOS: list[Callable[[World, Node], None]] = [
+    hand_over_past_a_paused_server, vlans_that_are_not_assigned_any_more]
