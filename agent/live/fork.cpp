@@ -76,11 +76,10 @@ std::string readAll(int descriptor, pid_t child) {
 
 }  // namespace
 
-void runInCopy(const std::function<std::string()>& run, std::function<void(std::string)> done,
-               const Post& post) {
+void runInCopy(const std::function<std::string()>& run, ReadCopy read, const Post& post) {
   std::array<int, 2> ends{};
   if (::pipe(ends.data()) != 0) {
-    done({});
+    read({})();
     return;
   }
   const pid_t child = ::fork();
@@ -91,14 +90,12 @@ void runInCopy(const std::function<std::string()>& run, std::function<void(std::
   ::close(ends[1]);
   if (child < 0) {
     ::close(ends[0]);
-    done({});
+    read({})();
   } else if (!post) {
-    done(readAll(ends[0], child));
+    read(readAll(ends[0], child))();
   } else {
-    std::thread([from = ends[0], child, post, done = std::move(done)]() mutable {
-      post([text = readAll(from, child), done = std::move(done)]() mutable {
-        done(std::move(text));
-      });
+    std::thread([from = ends[0], child, post, read = std::move(read)] {
+      post(read(readAll(from, child)));
     }).detach();
   }
 }

@@ -12,9 +12,13 @@ namespace vnagent {
 // Runs something later on the activity thread; callable on any thread.
 using Post = std::function<void(std::function<void()>)>;
 
-// Calls done(text) on the activity thread with what `run` returned in the copy; with the empty text
-// where the copy failed. Without `post` the caller waits, and `done` is called from inside.
-void runInCopy(const std::function<std::string()>& run, std::function<void(std::string)> done,
-               const Post& post);
+// Reads what `run` returned in the copy, the empty text where the copy failed, and returns what
+// is to be done with that.
+using ReadCopy = std::function<std::function<void()>(std::string text)>;
+
+// Runs `run` in a copy of the process. `read` is called on a thread of its own, where it delays
+// nobody, and what it returns on the activity thread. Without `post` the caller waits, and both are
+// called from inside.
+void runInCopy(const std::function<std::string()>& run, ReadCopy read, const Post& post);
 
 }  // namespace vnagent

@@ -9,6 +9,9 @@ namespace {
 // A difference that takes more is left to the storage.
 constexpr size_t kBytesInMemory = size_t{1} << 16;
 
+// All of them together take no more, where there is a storage.
+constexpr size_t kMostBytes = size_t{4} << 20;
+
 // Some watches are a few revisions behind others; each of them asks for the same patches.
 constexpr size_t kMergedPatches = 16;
 
@@ -28,6 +31,16 @@ void History::startIs(uint64_t revision, std::string check) {
   firstCheck_ = std::move(check);
   entries_.clear();
   merged_.clear();
+  bytes_ = 0;
+  trimmed_ = revision;
+}
+
+size_t History::Entry::bytes() const {
+  const auto of = [](const Difference& difference) {
+    return (difference.forward == nullptr ? 0 : difference.forward->size()) +
+           difference.backward.size();
+  };
+  return of(cloud) + of(output);
 }
 
 void History::add(const Record& record) {
@@ -39,16 +52,40 @@ void History::add(const Record& record) {
     entry.cloud = {shared(record.cloud), record.cloudBefore};
     entry.output = {shared(record.output), record.outputBefore};
   }
+  bytes_ += entry.bytes();
   entries_.push_back(std::move(entry));
+  trim();
   if (entries_.size() <= kRevisions) return;
+  bytes_ -= entries_.front().bytes();
   firstCheck_ = entries_.front().check;
   ++first_;
   entries_.pop_front();
 }
 
 void History::truncate(uint64_t revision) {
-  while (last() > revision && !entries_.empty()) entries_.pop_back();
+  while (last() > revision && !entries_.empty()) {
+    bytes_ -= entries_.back().bytes();
+    entries_.pop_back();
+  }
+  trimmed_ = std::min(trimmed_, last());
   merged_.clear();
+}
+
+void History::durableIs(uint64_t revision) {
+  durable_ = revision;
+  trim();
+}
+
+void History::trim() {
+  if (storage_ == nullptr) return;
+  trimmed_ = std::max(trimmed_, first_);
+  while (bytes_ > kMostBytes && trimmed_ < std::min(durable_, last())) {
+    Entry& oldest = entries_[++trimmed_ - first_ - 1];
+    bytes_ -= oldest.bytes();
+    oldest.stored = true;
+    oldest.cloud = {};
+    oldest.output = {};
+  }
 }
 
 const std::string& History::check(uint64_t revision) const {
@@ -59,18 +96,14 @@ uint64_t History::sequence(uint64_t revision) const {
   return revision == first_ ? 0 : entry(revision).sequence;
 }
 
-Delta History::deltaOf(Document document, uint64_t revision) const {
-  const Entry& of = entry(revision);
-  if (!of.stored) {
-    const Difference& difference = of.of(document);
-    if (difference.forward == nullptr) return {};
-    return Delta::of(*difference.forward, difference.backward);
-  }
+Delta History::storedDelta(Document document, uint64_t first, uint64_t last) const {
   Delta delta;
-  storage_->read(revision, revision, [&](const Record& record) {
+  storage_->read(first, last, [&](const Record& record) {
     const bool isCloud = document == Document::kCloud;
-    delta.then(Delta::of(isCloud ? record.cloud : record.output,
-                         isCloud ? record.cloudBefore : record.outputBefore));
+    const std::string& forward = isCloud ? record.cloud : record.output;
+    if (!forward.empty()) {
+      delta.then(Delta::of(forward, isCloud ? record.cloudBefore : record.outputBefore));
+    }
     return true;
   });
   return delta;
@@ -79,7 +112,16 @@ Delta History::deltaOf(Document document, uint64_t revision) const {
 Delta History::between(Document document, uint64_t from, uint64_t to) const {
   Delta delta;
   for (uint64_t revision = from + 1; revision <= to; ++revision) {
-    delta.then(deltaOf(document, revision));
+    if (!entry(revision).stored) {
+      const Difference& difference = entry(revision).of(document);
+      if (difference.forward == nullptr) continue;
+      delta.then(Delta::of(*difference.forward, difference.backward));
+      continue;
+    }
+    // Those that follow each other are read together.
+    const uint64_t first = revision;
+    while (revision < to && entry(revision + 1).stored) ++revision;
+    delta.then(storedDelta(document, first, revision));
   }
   return delta;
 }

@@ -1,7 +1,7 @@
 // What changed at each of the last revisions: what a watch is fed from, and resumes from.
 //
-// Differences that are small are kept in memory, others are read from the storage, where there is
-// one. Activity thread only.
+// Where there is a storage, only the last differences are kept in memory, so many as take a few
+// megabytes, and none that is large; the others are read from it. Activity thread only.
 #pragma once
 
 #include <cstdint>
@@ -35,6 +35,9 @@ class History {
   // Forgets the revisions after this one, which never became durable.
   void truncate(uint64_t revision);
 
+  // The revisions up to this one can be read from the storage.
+  void durableIs(uint64_t revision);
+
   // In a copy of the process: does not read the storage any more.
   void detachFromStorage() { storage_ = nullptr; }
 
@@ -65,6 +68,9 @@ class History {
     Difference cloud;
     Difference output;
 
+    // Of the differences; 0 where they are left to the storage.
+    size_t bytes() const;
+
     const Difference& of(Document document) const {
       return document == Document::kCloud ? cloud : output;
     }
@@ -78,12 +84,17 @@ class History {
   };
 
   const Entry& entry(uint64_t revision) const { return entries_[revision - first_ - 1]; }
-  Delta deltaOf(Document document, uint64_t revision) const;
+  // Leaves the oldest differences to the storage, as far as there are too many.
+  void trim();
+  Delta storedDelta(Document document, uint64_t first, uint64_t last) const;
 
   const Storage* storage_;
   uint64_t first_ = 0;
   std::string firstCheck_{kFirstCheck};
   std::deque<Entry> entries_;  // of first_ + 1, ...
+  size_t bytes_ = 0;           // of the differences in memory
+  uint64_t trimmed_ = 0;       // the differences up to this revision are left to the storage
+  uint64_t durable_ = 0;
   mutable std::deque<Merged> merged_;
 };
 

@@ -136,6 +136,7 @@ void LiveCloud::start(const Recovered& recovered) {
   durableCheck_ = check_;
   // The record of the restart follows the last one that was played back at once.
   lastTime_ = clock_.now();
+  history_.durableIs(durableRevision_);
   resume();
 }
 
@@ -295,6 +296,7 @@ uint64_t LiveCloud::durableIs(uint64_t sequence) {
     durableCheck_ = pending_.front()->check;
     pending_.pop_front();
   }
+  history_.durableIs(durableRevision_);
   return durableRevision_;
 }
 

@@ -44,8 +44,8 @@ struct Record {
   unsigned status = 0;
   std::string reply;  // the body
 
-  // Of a large record of Recovered::history: `event`, `drawn` and the four patches are left empty
-  // here, and Storage::read() gives them.
+  // Of a large or old record of Recovered::history: `event`, `drawn` and the four patches are left
+  // empty here, and Storage::read() gives them.
   bool onDisk = false;
 };
 

@@ -28,8 +28,9 @@ std::string encode(const Snapshot& snapshot) {
 void decode(const std::string& text, Snapshot& snapshot) {
   size_t end = 0;
   const size_t cloud = std::stoul(text, &end);
-  const size_t output = std::stoul(text.substr(end, text.find('\n') - end));
-  const size_t begin = text.find('\n') + 1;
+  const size_t line = text.find('\n');
+  const size_t output = std::stoul(text.substr(end, line - end));
+  const size_t begin = line + 1;
   snapshot.cloud = text.substr(begin, cloud);
   snapshot.output = text.substr(begin + cloud, output);
   snapshot.state = text.substr(begin + cloud + output);
@@ -263,14 +264,18 @@ void Service::Impl::takeSnapshot() {
   runInCopy(
       run,
       [this, taken, times = timesGoneBack_,
-       alive = std::weak_ptr<bool>(alive_)](const std::string& text) mutable {
-        if (alive.expired()) return;
-        isTakingSnapshot_ = false;
-        if (text.empty() || times != timesGoneBack_) return;
-        decode(text, taken);
-        snapshotBytes_ = text.size();
-        snapshot_ = std::move(taken);
-        keepSnapshot();
+       alive = std::weak_ptr<bool>(alive_)](const std::string& text) {
+        // Large texts are taken apart here, and only handed over on the activity thread.
+        const auto snapshot = std::make_shared<Snapshot>(taken);
+        if (!text.empty()) decode(text, *snapshot);
+        return [this, snapshot, times, alive, bytes = text.size()] {
+          if (alive.expired()) return;
+          isTakingSnapshot_ = false;
+          if (bytes == 0 || times != timesGoneBack_) return;
+          snapshotBytes_ = bytes;
+          snapshot_ = std::move(*snapshot);
+          keepSnapshot();
+        };
       },
       settings_.post);
 }

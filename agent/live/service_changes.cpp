@@ -103,9 +103,11 @@ void Service::Impl::dryRun(Exchange exchange) {
   runInCopy(
       run,
       [this, ticket, alive = std::weak_ptr<bool>(alive_)](const std::string& text) {
-        if (alive.expired()) return;
-        answer(ticket, false,
-               text.empty() ? replyOf({"not-ready", "the dry run has failed"}) : decode(text));
+        const auto reply = std::make_shared<Reply>(
+            text.empty() ? replyOf({"not-ready", "the dry run has failed"}) : decode(text));
+        return [this, ticket, alive, reply] {
+          if (!alive.expired()) answer(ticket, false, std::move(*reply));
+        };
       },
       settings_.post);
 }

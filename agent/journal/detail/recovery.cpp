@@ -15,6 +15,23 @@ namespace {
   throw JournalError(JournalError::Kind::kDamaged, text);
 }
 
+// Of the history's events and patches, so much of the newest is held in memory.
+constexpr size_t kHistoryBytes = size_t{4} << 20;
+
+size_t bytesOf(const Record& record) {
+  return record.event.size() + record.output.size() + record.outputBefore.size() +
+         record.cloud.size() + record.cloudBefore.size();
+}
+
+void leaveOnDisk(Record& record) {
+  for (std::string* text :
+       {&record.event, &record.output, &record.outputBefore, &record.cloud, &record.cloudBefore}) {
+    *text = std::string();
+  }
+  record.drawn = {};
+  record.onDisk = true;
+}
+
 class Recovery {
  public:
   Recovery(const Database& database, const std::optional<DurableMark>& mark,
@@ -66,12 +83,19 @@ class Recovery {
     historyBegin_ = firstWithRevision(database_, range, oldest + 1);
     if (historyBegin_ > snapshot.sequence) return;
     Succession succession;
+    size_t bytes = 0;
+    size_t stripped = 0;
     RecordReader reader(database_, "WHERE sequence BETWEEN ? AND ? ORDER BY sequence",
                         RecordReader::Extent::kSmall);
     reader.bind(historyBegin_, snapshot.sequence);
     while (reader.next()) {
       if (const auto fault = succession.next(reader.record())) damaged(*fault);
       recovered_.history.push_back(reader.take());
+      bytes += bytesOf(recovered_.history.back());
+      for (; bytes > kHistoryBytes; ++stripped) {
+        bytes -= bytesOf(recovered_.history[stripped]);
+        leaveOnDisk(recovered_.history[stripped]);
+      }
     }
     const bool isWhole = !recovered_.history.empty() &&
                          recovered_.history.back().sequence == snapshot.sequence &&

@@ -111,6 +111,27 @@ class Restarts(LiveTest):
             self.assertEqual(watch.document, documents[4])
             self.assertEqual(watch.events[-1].id, ids[4])
 
+    def test_a_long_history_can_be_resumed_from_any_revision(self) -> None:
+        # More than an agent with a state directory holds in memory.
+        documents = {self.client.revision(): self.client.cloud()}
+        for number in range(120):
+            names = {f"{number}-{i}-" + "x" * 200: {} for i in range(60)}
+            revision = self.ok(self.client.patch(
+                {"region": {"Wide": {"network": names | (
+                    {f"{number - 1}-{i}-" + "x" * 200: None for i in range(59)}
+                    if number > 0 else {})}}}))["revision"]
+            documents[revision] = self.client.cloud()
+        last = max(documents)
+        for restarts in (False, True):
+            if restarts:
+                self.restart()
+            for revision in sorted(documents)[:-1:17]:
+                with self.subTest(f"from revision {revision}", after_a_restart=restarts):
+                    watch = self.follow(f"/v1/watch?of=cloud&since={revision}",
+                                        document=documents[revision], revision=revision)
+                    watch.until(last)
+                    self.assertEqual(watch.document, documents[last])
+
     def test_keys_are_remembered(self) -> None:
         key = {"Idempotency-Key": "k"}
         first = self.client.patch({"region": {"R": {}}}, headers=key)
