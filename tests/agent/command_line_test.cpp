@@ -30,11 +30,11 @@ TEST_F(CommandLine, AWrongCommandLineIsNamedInOneLine) {
   const std::vector<Wrong> wrong{
       {{},
        "a command is needed: run, check, import-neutron, schema, journal, "
-       "show, get, patch, replace, diff, apply, watch, wait, lock, trace, load, serve",
+       "show, get, patch, replace, diff, apply, watch, wait, lock, trace, load, export, serve",
        "vnagent"},
       {{"walk"},
        "there is no command 'walk'; the commands are run, check, import-neutron, schema, journal, "
-       "show, get, patch, replace, diff, apply, watch, wait, lock, trace, load, serve",
+       "show, get, patch, replace, diff, apply, watch, wait, lock, trace, load, export, serve",
        "vnagent"},
       {{"chekc", "file"}, "there is no command 'chekc'; did you mean 'check'", "vnagent"},
       {{"rnu", "--each"}, "there is no command 'rnu'; did you mean 'run'", "vnagent"},
