@@ -197,8 +197,8 @@ def measure_sync(binary: Path, ports: int) -> None:
         clone_ports(world.database, {rack.name: rack.hosts for rack in topology.racks}, templates,
                     ports - len(templates))
         agent = world.agents[rack.agent]
-        agent.lose_state()
         begin = time.perf_counter()
+        agent.lose_state()
 
         def has_all() -> bool:
             hosts = agent.get("/v1/output")["requestedResources"]["resourcesForHostname"]
@@ -206,8 +206,8 @@ def measure_sync(binary: Path, ports: int) -> None:
                        for ports in host["domain"].values()) == ports
 
         eventually("the agent has all ports", has_all, 600, 0.5)
-        print(f"sync: {ports} ports in {time.perf_counter() - begin:.1f} s after the agent was back"
-              f" without its state, {load()}")
+        print(f"sync: {ports} ports in {time.perf_counter() - begin:.1f} s from the agent's loss of"
+              f" its state, its start included, {load()}")
         listed = [entry for entry in api.get("/agents")["agents"]
                   if entry["agent_type"] == "vnagent" and entry["host"] == agent.name]
         print(f"sync: in the list of agents: {json.dumps(listed[0]['configurations'])}")
