@@ -14,38 +14,43 @@ namespace {
 // left empty.
 class PatchWriter {
  public:
-  explicit PatchWriter(JsonWriter& json) : json_(json) {}
+  PatchWriter(JsonWriter& json, const OnWritten& onWritten) : json_(json), onWritten_(onWritten) {}
 
-  // What `write` writes is inside the object of this name.
+  // What `write` writes is inside the object of this name, which is good as long.
   template <class Write>
   void inside(std::string_view name, Write write) {
-    unopened_.emplace_back(name);
+    place_.push_back(name);
     write();
-    if (unopened_.empty()) {
-      json_.close('}');
-    } else {
-      unopened_.pop_back();
-    }
+    place_.pop_back();
+    if (opened_ <= place_.size()) return;
+    json_.close('}');
+    --opened_;
   }
 
   // The value of a member is to be written.
   JsonWriter& member(std::string_view name) {
-    for (const std::string& object : unopened_) json_.key(object).open('{');
-    unopened_.clear();
+    for (; opened_ < place_.size(); ++opened_) json_.key(place_[opened_]).open('{');
+    if (onWritten_) {
+      place_.push_back(name);
+      onWritten_(place_);
+      place_.pop_back();
+    }
     return json_.key(name);
   }
 
  private:
   JsonWriter& json_;
-  std::vector<std::string> unopened_;
+  const OnWritten& onWritten_;
+  std::vector<std::string_view> place_;  // the objects that are written
+  size_t opened_ = 0;                    // how many of them have a member
 };
 
 // Writes what of a document a change changed. A patch leads from one document to another: forward,
 // from the one before the change to the present one; back, the other way.
 class ChangeWriter {
  public:
-  ChangeWriter(JsonWriter& json, Direction direction)
-      : patch_(json), back_(direction == Direction::kBack) {}
+  ChangeWriter(JsonWriter& json, Direction direction, const OnWritten& onWritten)
+      : patch_(json, onWritten), back_(direction == Direction::kBack) {}
 
   void write(const CloudState& state, const Change& change) {
     const auto& [config, region] = kDocumentMembers;
@@ -299,8 +304,16 @@ class ChangeWriter {
 
 void writeChange(const CloudState& state, const Change& change, JsonWriter& json,
                  Direction direction) {
+  const OnWritten nobody;
   json.open('{');
-  ChangeWriter(json, direction).write(state, change);
+  ChangeWriter(json, direction, nobody).write(state, change);
+  json.close('}');
+}
+
+void writeChange(const CloudState& state, const Change& change, JsonWriter& json,
+                 const OnWritten& onWritten) {
+  json.open('{');
+  ChangeWriter(json, Direction::kForward, onWritten).write(state, change);
   json.close('}');
 }
 

@@ -4,6 +4,9 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
+#include <span>
+#include <string_view>
 
 #include "agent/document/change.h"
 #include "agent/document/cloud_state.h"
@@ -19,5 +22,13 @@ enum class Direction : uint8_t {
 // Writes {} where nothing differs. REQUIRES: `state` is the document after `change`.
 void writeChange(const CloudState& state, const Change& change, JsonWriter& json,
                  Direction direction = Direction::kForward);
+
+// Called before each member that is written as a whole or as null, with the names of the objects
+// around it and its own. They are good during the call.
+using OnWritten = std::function<void(std::span<const std::string_view> place)>;
+
+// The same, forward.
+void writeChange(const CloudState& state, const Change& change, JsonWriter& json,
+                 const OnWritten& onWritten);
 
 }  // namespace vnagent

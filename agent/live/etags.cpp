@@ -8,9 +8,13 @@
 namespace vnagent {
 namespace {
 
-bool isCollection(std::string_view name) {
-  return std::ranges::find(kRegionCollections, name, &CollectionRow::name) !=
-         kRegionCollections.end();
+bool isEmpty(const vnagent::Region& region, size_t row) {
+  return row == kPortBindingRow ? region.portBinding.empty() : region.things[row].empty();
+}
+
+bool hasMember(const vnagent::Region& region, size_t row, std::string_view name) {
+  return row == kPortBindingRow ? region.portBinding.contains(name)
+                                : region.things[row].contains(name);
 }
 
 const JsonValue& require(const JsonValue* value, JsonValue::Kind kind) {
@@ -25,47 +29,47 @@ uint64_t readRevision(const JsonValue* value) {
 
 }  // namespace
 
-void Etags::changed(const JsonValue& patch, uint64_t revision) {
-  document_ = revision;
-  const JsonValue* regions = patch.find(kDocumentMembers[1].name);
-  if (regions == nullptr) return;
-  if (regions->isNull()) {
+void Etags::changed(std::span<const std::string_view> place, const CloudState& now,
+                    uint64_t revision) {
+  if (place[0] != kDocumentMembers[1].name) return;
+  if (place.size() == 1) {
     region_.clear();
     return;
   }
-  for (const JsonValue* member : regions->all()) {
-    if (member->isNull()) {
-      region_.erase(std::string(member->key));
-      continue;
-    }
-    const auto [entry, added] = region_.try_emplace(std::string(member->key));
-    if (added) entry->second.last = revision;
-    regionChanged(entry->second, *member, revision);
+  const auto regionNow = now.region.find(place[1]);
+  if (regionNow == now.region.end()) {
+    region_.erase(std::string(place[1]));
+    return;
   }
-}
-
-void Etags::regionChanged(Region& region, const JsonValue& patch, uint64_t revision) {
-  for (const JsonValue* member : patch.all()) {
-    if (!isCollection(member->key)) continue;
-    region.last = revision;
-    const auto [entry, added] = region.collection.try_emplace(std::string(member->key));
-    Collection& collection = entry->second;
-    collection.last = revision;
-    if (added) {
-      collection.first = revision;
-      continue;
+  const auto [entry, added] = region_.try_emplace(std::string(place[1]));
+  Region& region = entry->second;
+  if (added) region.last = revision;
+  if (place.size() == 2) {
+    region = {revision, {}};
+    for (size_t row = 0; row < kRegionCollections.size(); ++row) {
+      if (isEmpty(regionNow->second, row)) continue;
+      region.collection.emplace(kRegionCollections[row].name, Collection{revision, revision, {}});
     }
-    if (member->isNull()) {
-      region.collection.erase(entry);
-      continue;
-    }
-    for (const JsonValue* thing : member->all()) {
-      if (thing->isNull()) {
-        collection.member.erase(std::string(thing->key));
-      } else {
-        collection.member.insert_or_assign(std::string(thing->key), revision);
-      }
-    }
+    return;
+  }
+  const auto kind = std::ranges::find(kRegionCollections, place[2], &CollectionRow::name);
+  if (kind == kRegionCollections.end()) return;
+  region.last = revision;
+  if (place.size() == 3) {
+    region.collection.erase(std::string(place[2]));
+    return;
+  }
+  const auto [at, isNew] = region.collection.try_emplace(std::string(place[2]));
+  Collection& collection = at->second;
+  collection.last = revision;
+  if (isNew) collection.first = revision;
+  // What was added with its collection shares the entry of that.
+  if (collection.first == revision) return;
+  const auto row = static_cast<size_t>(kind - kRegionCollections.begin());
+  if (hasMember(regionNow->second, row, place[3])) {
+    collection.member.insert_or_assign(std::string(place[3]), revision);
+  } else {
+    collection.member.erase(std::string(place[3]));
   }
 }
 

@@ -7,10 +7,12 @@
 
 #include <cstdint>
 #include <map>
+#include <span>
 #include <string>
 #include <string_view>
 #include <unordered_map>
 
+#include "agent/document/cloud_state.h"
 #include "agent/json/json_tree.h"
 #include "agent/json/json_writer.h"
 #include "agent/live/place.h"
@@ -19,8 +21,12 @@ namespace vnagent {
 
 class Etags {
  public:
-  // Notes a change of the document: `patch` is the exact merge patch to this revision.
-  void changed(const JsonValue& patch, uint64_t revision);
+  // There is a new revision of the document.
+  void revisionIs(uint64_t revision) { document_ = revision; }
+
+  // Notes what differs in a new revision: a place that its exact merge patch has a value for. `now`
+  // is the document after it.
+  void changed(std::span<const std::string_view> place, const CloudState& now, uint64_t revision);
 
   // Later revisions never were: what changed in them counts as changed in this one.
   void goBackTo(uint64_t revision);
@@ -42,8 +48,6 @@ class Etags {
     uint64_t last = 0;
     std::map<std::string, Collection, std::less<>> collection;
   };
-
-  void regionChanged(Region& region, const JsonValue& patch, uint64_t revision);
 
   uint64_t document_ = 0;
   std::map<std::string, Region, std::less<>> region_;

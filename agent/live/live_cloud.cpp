@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <span>
 #include <stdexcept>
 #include <utility>
 
@@ -181,11 +182,7 @@ void LiveCloud::replay(const Record& record) {
       throw std::runtime_error("revision " + std::to_string(record.revision) +
                                " has another outcome when it is played back");
     }
-    if (!again.cloud.empty()) {
-      etags_.changed(JsonTree::parse(again.cloud).root(), record.revision);
-    } else {
-      etags_.changed(JsonTree::parse("{}").root(), record.revision);
-    }
+    etags_.revisionIs(record.revision);
     history_.add(record);
   }
   revision_ = record.revision;
@@ -204,8 +201,12 @@ void LiveCloud::describe(const StepOutcome& outcome, Record& record, LiveStep& s
         written([&](JsonWriter& json) { writeOutput(outcome.outputBefore, json); });
   }
   if (outcome.cloud != nullptr) {
-    record.cloud = patchText(
-        [&](JsonWriter& json) { writeChange(session_->document(), *outcome.cloud, json); });
+    const CloudState& document = session_->document();
+    record.cloud = patchText([&](JsonWriter& json) {
+      writeChange(document, *outcome.cloud, json, [&](std::span<const std::string_view> place) {
+        etags_.changed(place, document, revision_ + 1);
+      });
+    });
   }
   if (!record.cloud.empty()) {
     record.cloudBefore = written([&](JsonWriter& json) {
@@ -272,7 +273,7 @@ void LiveCloud::append(Record record, LiveStep& step, const Complete& complete) 
   step.sequence = record.sequence;
   if (record.revision > revision_) {
     revision_ = record.revision;
-    etags_.changed(JsonTree::parse(record.cloud.empty() ? "{}" : record.cloud).root(), revision_);
+    etags_.revisionIs(revision_);
     history_.add(record);
   }
   if (complete) complete(record);
