@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "agent/live/body.h"
+#include "agent/live/placed_tree.h"
 #include "agent/live/region_difference.h"
 #include "agent/live/view.h"
 
@@ -11,6 +12,9 @@ namespace {
 
 constexpr std::string_view kMergePatch = "application/merge-patch+json";
 constexpr std::string_view kJson = "application/json";
+
+// The tree of a patch with a longer text is freed before the machines change.
+constexpr size_t kSmallPatch = size_t{1} << 16;
 
 std::string revisionText(uint64_t revision) {
   return "{\"revision\": " + std::to_string(revision) + '}';
@@ -189,15 +193,20 @@ ChangeReply Changes::make(const ChangeRequest& change, const Remember& remember)
     return {.refusal = std::move(refusal)};
   }
   if (change.request.method == "PUT") return replace(change, remember);
-  std::string patch = patchAt(change.route.place, body == nullptr ? "null" : jsonText(*body));
-  return apply(change, std::move(patch), remember,
+  const JsonValue null;
+  if (body == nullptr) body = &null;
+  std::string patch = patchAt(change.route.place, jsonText(*body));
+  std::optional<PlacedTree> tree;
+  if (patch.size() <= kSmallPatch) tree.emplace(*body, change.route.place);
+  return apply(change, std::move(patch), tree ? &tree->root() : nullptr, remember,
                [](uint64_t revision) { return std::pair(200U, revisionText(revision)); });
 }
 
-ChangeReply Changes::apply(const ChangeRequest& change, std::string patch, const Remember& remember,
+ChangeReply Changes::apply(const ChangeRequest& change, std::string patch, const JsonValue* tree,
+                           const Remember& remember,
                            const std::function<std::pair<unsigned, std::string>(uint64_t)>& reply) {
   ChangeReply made;
-  LiveStep step = cloud_.apply(std::move(patch), [&](Record& record) {
+  LiveStep step = cloud_.apply(std::move(patch), tree, [&](Record& record) {
     std::tie(made.status, made.body) = reply(record.revision);
     if (remember) remember(record, made.status, made.body);
     made.isRemembered = true;
@@ -241,7 +250,7 @@ ChangeReply Changes::replace(const ChangeRequest& change, const Remember& rememb
            ", \"changed\": " + std::to_string(difference.members) + '}';
   };
   if (!isNew && difference.patch == "{}") return {.status = 200, .body = text(cloud_.revision())};
-  return apply(change, patchAt(change.route.place, difference.patch), remember,
+  return apply(change, patchAt(change.route.place, difference.patch), nullptr, remember,
                [&](uint64_t revision) { return std::pair(isNew ? 201U : 200U, text(revision)); });
 }
 
@@ -257,7 +266,7 @@ ChangeReply Changes::makeEach(const ChangeRequest& change, const Remember&) {
       refusal = checkLock(change.request, touched);
     }
     if (!refusal) {
-      ChangeReply each = apply(change, jsonText(*element), {}, [](uint64_t revision) {
+      ChangeReply each = apply(change, jsonText(*element), nullptr, {}, [](uint64_t revision) {
         return std::pair(200U, revisionText(revision));
       });
       made.regions.insert(made.regions.end(), each.regions.begin(), each.regions.end());

@@ -69,7 +69,9 @@ class Changes {
   std::optional<Refusal> checkLock(const Request& request, const Touched& touched) const;
   ChangeReply replace(const ChangeRequest& change, const Remember& remember);
   ChangeReply makeEach(const ChangeRequest& change, const Remember& remember);
-  ChangeReply apply(const ChangeRequest& change, std::string patch, const Remember& remember,
+  // `tree` is the patch as a tree, or null.
+  ChangeReply apply(const ChangeRequest& change, std::string patch, const JsonValue* tree,
+                    const Remember& remember,
                     const std::function<std::pair<unsigned, std::string>(uint64_t)>& reply);
 
   LiveCloud& cloud_;

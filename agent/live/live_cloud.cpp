@@ -40,6 +40,12 @@ std::string patchText(Write write) {
   return text == "{}" ? std::string() : text;
 }
 
+SourceEvent eventOf(const JsonValue& patch) {
+  SourceEvent event;
+  event.reading.event = PatchEvent{&patch};
+  return event;
+}
+
 }  // namespace
 
 // Where the machines' UUIDs come from: random ones, which are recorded, or those of a record.
@@ -219,12 +225,13 @@ void LiveCloud::describe(const StepOutcome& outcome, Record& record, LiveStep& s
   }
 }
 
-LiveStep LiveCloud::apply(std::string patch, const Complete& complete) {
+LiveStep LiveCloud::apply(std::string patch, const JsonValue* tree, const Complete& complete) {
   LiveStep step;
   Record record;
   record.kind = Record::Kind::kPatch;
   uuids_->take();
-  StepOutcome outcome = session_->take(SourceEvent::ofDocument(patch));
+  StepOutcome outcome =
+      session_->take(tree == nullptr ? SourceEvent::ofDocument(patch) : eventOf(*tree));
   if (!outcome.applied()) {
     step.faults = std::move(outcome.faults);
     step.revision = revision_;

@@ -67,8 +67,9 @@ class LiveCloud {
   LiveCloud& operator=(const LiveCloud&) = delete;
 
   // Applies or refuses a merge patch on the cloud document, one line of JSON that was parsed
-  // without an error or flaw.
-  LiveStep apply(std::string patch, const Complete& complete);
+  // without an error or flaw. `tree` is what it was parsed into; null: it is parsed again, and the
+  // tree freed early.
+  LiveStep apply(std::string patch, const JsonValue* tree, const Complete& complete);
 
   // Fires the earliest timer that is due; nothing where none is.
   std::optional<LiveStep> expire();

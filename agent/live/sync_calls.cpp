@@ -109,7 +109,7 @@ std::string SyncCalls::status(const std::string& region) const {
 
 LiveStep SyncCalls::write(const std::string& region, const std::string& members,
                           const LiveCloud::Complete& complete) {
-  return cloud_.apply(patchAt({"region", region}, "{" + members + "}"), complete);
+  return cloud_.apply(patchAt({"region", region}, "{" + members + "}"), nullptr, complete);
 }
 
 bool SyncCalls::holds(const std::string& region, const LockRequest& request) const {
