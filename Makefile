@@ -86,9 +86,9 @@ TARGET ?=
 
 fuzz:
 	packaging/install-build-dependencies clang libclang-rt-14-dev
-	cmake --preset fuzz
-	cmake --build --preset fuzz
-	tests/fuzz/run.py build/fuzz --seconds $(SECONDS) --jobs $(JOBS) \
+	cmake --preset asan-ubsan
+	cmake --build --preset asan-ubsan --target fuzz
+	tests/fuzz/run.py build/asan-ubsan --seconds $(SECONDS) --jobs $(JOBS) \
 	  $(if $(TARGET),--target $(TARGET))
 
 # The benchmarks, as tables; up to 15 minutes, bench-quick up to 3. FILTER=REGEX runs a part: see
