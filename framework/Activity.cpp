@@ -26,19 +26,26 @@ ActivityManager& ActivityManager::instance() {
 void ActivityManager::run() {
   if (running_ || idle()) return;
   struct Turn {
-    explicit Turn(bool& running) : running_(running) {
-      running_ = true;
+    explicit Turn(ActivityManager& loop) : loop_(loop) {
+      loop_.running_ = true;
       System::frozenIs(true);
     }
     ~Turn() {
       System::frozenIs(false);
-      running_ = false;
+      loop_.running_ = false;
+      loop_.taken_ = loop_.taken();
+      loop_.counted_ = loop_.queue_.first();
     }
-    bool& running_;
+    ActivityManager& loop_;
   };
-  const Turn turn(running_);
+  const Turn turn(*this);
   queue_.deliverAll();
   queue_.shrink();
+}
+
+ActivityFigures ActivityManager::figures() const {
+  const U64 delivered = taken() - queue_.skipped();
+  return {taken() + queue_.size(), delivered, queue_.skipped(), queue_.coalesced()};
 }
 
 void ActivityManager::runTimers() {

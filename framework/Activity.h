@@ -25,6 +25,14 @@ namespace [[gnu::visibility("default")]] Kiv {
 // answer null.
 class Activity;
 
+// How many notifications a loop has had since it was made.
+struct ActivityFigures {
+  U64 queued;     // those that were pending at some time, and were not rolled back
+  U64 delivered;  // of these, how many a handler was called for
+  U64 skipped;    // and how many found their notifiee not listening
+  U64 coalesced;  // not queued, as the same was pending
+};
+
 // The loop and its clock; see above.
 class ActivityManager {
  public:
@@ -47,6 +55,8 @@ class ActivityManager {
   bool idle() const { return queue_.empty(); }
   // How many notifications are pending.
   std::size_t waiting() const { return queue_.size(); }
+  // What the loop has had to do so far.
+  ActivityFigures figures() const;
 
   // Time
   // The clock that timers observe.
@@ -94,9 +104,14 @@ class ActivityManager {
   };
 
  private:
+  // How many notifications were taken from the queue.
+  U64 taken() const { return taken_ + static_cast<U32>(queue_.first() - counted_); }
+
   detail::PendingQueue queue_;
   Ptr<Clock> clock_;
   bool running_ = false;
+  U32 counted_ = queue_.first();  // the first notification that taken_ does not have yet
+  U64 taken_ = 0;
 };
 
 }  // namespace Kiv

@@ -311,6 +311,7 @@ ServiceFigures Service::Impl::figures() const {
   figures.locksWaitedFor = sync_.waiting();
   figures.watchers = watches_.count();
   figures.watchersLag = watches_.largestLag();
+  figures.notifications = Kiv::ActivityManager::instance().figures();
   return figures;
 }
 

@@ -22,6 +22,7 @@
 #include "agent/live/fork.h"
 #include "agent/live/service_observer.h"
 #include "agent/live/storage.h"
+#include "framework/Activity.h"
 #include "framework/Time.h"
 
 namespace vnagent {
@@ -47,6 +48,8 @@ struct ServiceFigures {
   uint64_t locksWaitedFor = 0;  // requests that wait
   uint64_t watchers = 0;
   uint64_t watchersLag = 0;  // the most revisions that one of them is behind
+  // Of the machines since they were made.
+  Kiv::ActivityFigures notifications{};
 };
 
 // What a service starts from: the state that a storage holds.

@@ -107,6 +107,16 @@ class Metrics::Impl {
                                           "Changes of a region's sync status, by the new "
                                           "one.");
   Histogram& apply = histogram("vnagent_apply_seconds", "What applying a change takes.");
+  Counter& queued = counter("vnagent_notifications_queued_total",
+                            "Notifications of entities that were queued for the machines.");
+  Counter& delivered =
+      counter("vnagent_notifications_delivered_total", "Notifications that were delivered.");
+  Counter& skipped = counter("vnagent_notifications_skipped_total",
+                             "Notifications whose receiver was gone when they were due.");
+  Counter& coalesced = counter("vnagent_notifications_coalesced_total",
+                               "Notifications that were not queued, as the same was pending.");
+
+  Kiv::ActivityFigures notifications{};  // those that the counters have
 
   // The journal.
   Histogram& commit = histogram("vnagent_commit_seconds", "What a commit to the disk takes.");
@@ -189,6 +199,17 @@ std::string Metrics::page(const ServiceFigures& service, const JournalFigures* j
   impl_->locksWaitedFor.Set(number(service.locksWaitedFor));
   impl_->watchers.Set(number(service.watchers));
   impl_->watchersLag.Set(number(service.watchersLag));
+  // Counted anew when the machines are made anew.
+  const auto count = [](Counter& counter, uint64_t now, uint64_t& before) {
+    counter.Increment(number(now < before ? now : now - before));
+    before = now;
+  };
+  const Kiv::ActivityFigures& now = service.notifications;
+  Kiv::ActivityFigures& before = impl_->notifications;
+  count(impl_->queued, now.queued, before.queued);
+  count(impl_->delivered, now.delivered, before.delivered);
+  count(impl_->skipped, now.skipped, before.skipped);
+  count(impl_->coalesced, now.coalesced, before.coalesced);
   if (journal != nullptr) {
     impl_->journalBytes.Set(number(journal->bytes));
     impl_->journalRecords.Set(number(journal->records));

@@ -43,7 +43,10 @@ bool PendingQueue::addUnlessPending(NotifieeBase& notifiee, PackedHandler handle
     const Pending& p = at(number);
     if (p.notifiee == &notifiee && p.handler == handler) {
       const auto same = handler.kind().same;
-      if (p.key == key || (same != nullptr && same(p.key, key))) return false;
+      if (p.key == key || (same != nullptr && same(p.key, key))) {
+        ++coalesced_;
+        return false;
+      }
     }
     bound = number - first_;
     number = previous(number);

@@ -244,8 +244,13 @@ class PendingQueue {
     }
   }
 
-  // The number of the next entry.
+  // The number of the oldest entry, end() where there is none; and of the next one.
+  U32 first() const { return first_; }
   U32 end() const { return end_; }
+  // How many entries were taken out without being delivered, as the notifiee did not listen.
+  U64 skipped() const { return skipped_; }
+  // How many calls were not added, as the same was pending.
+  U64 coalesced() const { return coalesced_; }
   // Removes what was added since end() was this number. REQUIRES: nothing was delivered since.
   [[gnu::cold]] void removeSince(U32 end) noexcept;
 
@@ -290,10 +295,11 @@ class PendingQueue {
    private:
     NotifieeBase& notifiee_;
   };
-  static void deliver(NotifieeBase& notifiee, PackedHandler handler, U64 key) {
+  void deliver(NotifieeBase& notifiee, PackedHandler handler, U64 key) {
     if (notifiee.listens()) [[likely]] {
       handler.kind().deliver(notifiee, handler, key);
     } else {
+      ++skipped_;
       drop(handler, key);
     }
   }
@@ -343,6 +349,8 @@ class PendingQueue {
   U32 end_ = 1;                      // the number of the next entry
   U32 limit_ = 1;                    // the number at which the ring may be full
   NotifieeBase* last_ = nullptr;     // of the last run; null when the queue is empty
+  U64 skipped_ = 0;
+  U64 coalesced_ = 0;
 };
 
 }  // namespace detail

@@ -26,6 +26,7 @@ std::string filledPage(Metrics& metrics) {
   ServiceFigures figures;
   figures.revision = 7;
   figures.regionsBySyncStatus = {{"syncInProgress", 2}};
+  figures.notifications = {.queued = 5, .delivered = 3, .skipped = 1, .coalesced = 2};
   const JournalFigures journal{.bytes = 4096};
   return metrics.page(figures, &journal);
 }
@@ -40,12 +41,25 @@ TEST(MetricsTest, showWhatHappened) {
         "vnagent_lock_decisions_total{decision=\"granted\"} 1\n",
         "vnagent_sync_transitions_total{status=\"syncInProgress\"} 1\n",
         "vnagent_apply_seconds_count 1\n", "vnagent_commit_seconds_sum 0.004\n",
+        "vnagent_notifications_queued_total 5\n", "vnagent_notifications_delivered_total 3\n",
+        "vnagent_notifications_skipped_total 1\n", "vnagent_notifications_coalesced_total 2\n",
         "vnagent_journal_size_bytes 4096\n", "vnagent_http_connections 1\n",
         "vnagent_http_requests_total{method=\"GET\",route=\"/v1/cloud\",status=\"200\"} 1\n",
         "vnagent_http_requests_total{method=\"other\",route=\"other\",status=\"404\"} 1\n"}) {
     EXPECT_THAT(page, HasSubstr(line));
   }
   EXPECT_EQ(page.find("secret"), std::string::npos);
+}
+
+TEST(MetricsTest, countOnWhenTheMachinesAreMadeAnew) {
+  Metrics metrics;
+  ServiceFigures figures;
+  figures.notifications.queued = 5;
+  (void)metrics.page(figures, nullptr);
+  figures.notifications.queued = 7;
+  EXPECT_THAT(metrics.page(figures, nullptr), HasSubstr("vnagent_notifications_queued_total 7\n"));
+  figures.notifications.queued = 4;
+  EXPECT_THAT(metrics.page(figures, nullptr), HasSubstr("vnagent_notifications_queued_total 11\n"));
 }
 
 // The rules of the format's own checker: each family has a help text and a type; counters end in

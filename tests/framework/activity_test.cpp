@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <functional>
 #include <initializer_list>
 #include <optional>
@@ -70,6 +71,36 @@ TEST_F(ActivityTest, APendingNotificationIsNotQueuedAgainAndKeepsItsPosition) {
   box_->slotDel(1);
   (void)happened();
   EXPECT_THAT(delivered(), ElementsAre("slot 1", "slot", "label"));
+}
+
+TEST_F(ActivityTest, CountsWhatWasQueuedDeliveredSkippedAndCoalesced) {
+  const auto figures = [this] {
+    const Kiv::ActivityFigures now = loop_.figures();
+    return std::array{now.queued, now.delivered, now.skipped, now.coalesced};
+  };
+  EXPECT_EQ(figures(), (std::array<Kiv::U64, 4>{0, 0, 0, 0}));
+  const auto other = make<Box>();
+  const auto second = watch<BoxWatcher>(other, "2:");
+  box_->labelIs("x");
+  box_->labelIs("y");
+  box_->labelIs("z");
+  other->labelIs("x");
+  EXPECT_EQ(figures(), (std::array<Kiv::U64, 4>{2, 0, 0, 2}));
+  second->hasNotificationActiveIs(false);
+  (void)delivered();
+  EXPECT_EQ(figures(), (std::array<Kiv::U64, 4>{2, 1, 1, 2}));
+  box_->labelIs("x");
+  (void)delivered();
+  EXPECT_EQ(figures(), (std::array<Kiv::U64, 4>{3, 2, 1, 2}));
+}
+
+TEST_F(ActivityTest, WhatIsRolledBackWasNotQueued) {
+  {
+    const Kiv::ActivityManager::TentativeQueueing tentative(loop_);
+    box_->labelIs("x");
+    EXPECT_EQ(loop_.figures().queued, 1U);
+  }
+  EXPECT_EQ(loop_.figures().queued, 0U);
 }
 
 TEST_F(ActivityTest, NotificationsWithOtherKeysArePendingBesideEachOther) {
