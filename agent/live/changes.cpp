@@ -273,7 +273,9 @@ ChangeReply Changes::makeEach(const ChangeRequest& change, const Remember&) {
       refusal = std::move(each.refusal);
       if (!refusal) made.results.push_back(std::move(each.body));
     }
-    if (refusal) made.results.push_back(problemText(*refusal));
+    if (!refusal) continue;
+    made.results.push_back(problemText(*refusal));
+    made.refused.emplace_back(refusal->type);
   }
   made.body = "[";
   for (const std::string& result : made.results) {

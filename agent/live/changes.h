@@ -36,6 +36,7 @@ struct ChangeReply {
   std::vector<std::string> regions = {};  // whose status in the output has changed
   bool isRemembered = false;              // with a record, as `complete` was called
   std::vector<std::string> results = {};  // of a batch: each element's
+  std::vector<std::string> refused = {};  // of a batch: the problem type of each refused element
 };
 
 class Changes {

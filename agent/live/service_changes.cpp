@@ -76,23 +76,19 @@ void Service::Impl::change(Exchange exchange) {
 
 Reply Service::Impl::makeChange(const Exchange& exchange) {
   if (isBlocked_) return replyOf({"no-space", blockedFor_});
-  const double began = settings_.observer == nullptr ? 0 : cloud_.time();
+  const double began = cloud_.time();
   // The elements of a batch, and its key: a crash between them would have the batch repeated.
   const LiveCloud::Together together(cloud_);
   ChangeRequest change{exchange.request, exchange.route, exchange.conditions, exchange.body};
   ChangeReply made = changes_.make(change, rememberer(exchange));
+  tellApplied(exchange.principal().name, exchange.what(), cloud_.time() - began);
+  for (const std::string& name : made.refused) tellRefused(exchange, name);
   settle(made.regions);
   if (made.refusal) {
-    if (settings_.observer != nullptr) {
-      settings_.observer->onRefused(exchange.principal().name, exchange.what(), made.refusal->type);
-    }
+    tellRefused(exchange, made.refusal->type);
     return replyOf(*made.refusal);
   }
   if (!made.isRemembered) rememberAlone(exchange, made.status, made.body);
-  if (settings_.observer != nullptr) {
-    settings_.observer->onApplied(cloud_.revision(), exchange.principal().name, exchange.what(),
-                                  cloud_.time() - began);
-  }
   return jsonReply(std::move(made.body), made.status);
 }
 
@@ -168,10 +164,12 @@ void Service::Impl::callSync(const Exchange& exchange) {
   if (isBlocked_) return refuse(exchange, {"no-space", blockedFor_});
   const std::string* id = exchange.request.header("sync-request-id");
   const auto keep = rememberer(exchange);
+  const double began = cloud_.time();
   SyncCalls::Outcome outcome =
       takes ? sync_.lock(region, lock, exchange.principal(), exchange.ticket, keep)
             : sync_.call(exchange.route.subject, region, id, exchange.parameters.force,
                          exchange.principal(), keep);
+  tellApplied(exchange.principal().name, exchange.what(), cloud_.time() - began);
   if (outcome.refusal) {
     refuse(exchange, *outcome.refusal);
   } else if (!outcome.body.empty()) {
@@ -185,7 +183,9 @@ void Service::Impl::callSync(const Exchange& exchange) {
 void Service::Impl::settle(const std::vector<std::string>& regions) {
   for (const std::string& region : regions) noteStatus(region);
   std::vector<SyncCalls::Waited> waited;
+  const double began = cloud_.time();
   sync_.settle(regions, waited);
+  tellApplied("", "grant of a lock", cloud_.time() - began);
   answerWaited(waited);
 }
 

@@ -11,7 +11,8 @@ class ServiceObserver {
  public:
   virtual ~ServiceObserver() = default;
 
-  // A change was applied; `seconds` is what it took. `principal` is empty for an expiry.
+  // A change was applied, with this revision; `seconds` is what it took. `principal` is empty for
+  // what no request asked for: an expiry, a lock that goes to the next in line.
   virtual void onApplied(uint64_t /*revision*/, std::string_view /*principal*/,
                          std::string_view /*what*/, double /*seconds*/) {}
   // A request was refused, for the reason of the problem type `name`.

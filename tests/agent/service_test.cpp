@@ -361,6 +361,35 @@ TEST_F(ServiceTest, BatchAndItsKeyBecomeDurableTogether) {
   EXPECT_EQ(storage.sizes.back(), 1U);
 }
 
+class CountingObserver final : public ServiceObserver {
+ public:
+  void onApplied(uint64_t revision, std::string_view, std::string_view, double) override {
+    applied.push_back(revision);
+  }
+  void onRefused(std::string_view, std::string_view, std::string_view name) override {
+    refused.emplace_back(name);
+  }
+
+  std::vector<uint64_t> applied;
+  std::vector<std::string> refused;
+};
+
+TEST_F(ServiceTest, ObserverHearsOfEachChangeAndEachRefusal) {
+  CountingObserver observer;
+  settings_.observer = &observer;
+  start();
+  const std::string region = R"({"port": {"p": {}}})";
+  EXPECT_EQ(request("PUT", "/v1/cloud/region/R", region).status, 201U);
+  EXPECT_EQ(request("PUT", "/v1/cloud/region/R", region).status, 200U);
+  EXPECT_EQ(observer.applied, std::vector<uint64_t>{1}) << "the second found nothing to do";
+  request("POST", "/v1/batch", R"([{"region": {"S": {}}}, {"region": 7}, {"region": {"T": {}}}])");
+  EXPECT_EQ(observer.applied, (std::vector<uint64_t>{1, 2, 3}));
+  EXPECT_EQ(observer.refused, std::vector<std::string>{"rule-broken"});
+  request("POST", "/v1/region/R/sync/lock", R"({"requester": "d", "requestId": "r"})");
+  request("POST", "/v1/region/R/sync/lock", R"({"requester": "d", "requestId": "r"})");
+  EXPECT_EQ(observer.applied, (std::vector<uint64_t>{1, 2, 3, 4})) << "the lock was held already";
+}
+
 TEST_F(ServiceTest, NothingIsShownBeforeItIsDurable) {
   MemoryStorage storage;
   start(&storage);

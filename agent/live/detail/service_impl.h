@@ -103,6 +103,10 @@ class Service::Impl {
   Changes::Remember rememberer(const Exchange& exchange);
   void rememberAlone(const Exchange& exchange, unsigned status, const std::string& body);
 
+  // Tells the observer of the changes since it was told last, which took this time together.
+  void tellApplied(std::string_view principal, std::string_view what, double seconds);
+  void tellRefused(const Exchange& exchange, std::string_view name);
+
   void refuse(const Exchange& exchange, const Refusal& refusal);
   void answer(const Exchange& exchange, Reply reply);
   void answer(Ticket ticket, bool writes, Reply reply);
@@ -127,6 +131,8 @@ class Service::Impl {
   TraceTails tails_;
   RememberedReplies remembered_;
   double started_;
+
+  uint64_t told_ = 0;  // the last revision that the observer knows of
 
   std::unordered_map<Ticket, Answer> answers_;
   std::deque<HeldReply> held_;
