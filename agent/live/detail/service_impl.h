@@ -103,7 +103,7 @@ class Service::Impl {
   Changes::Remember rememberer(const Exchange& exchange);
   void rememberAlone(const Exchange& exchange, unsigned status, const std::string& body);
 
-  // Tells the observer of the changes since it was told last, which took this time together.
+  // Reports the changes since the last report to the observer; they took this time together.
   void tellApplied(std::string_view principal, std::string_view what, double seconds);
   void tellRefused(const Exchange& exchange, std::string_view name);
 
