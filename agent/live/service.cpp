@@ -62,7 +62,7 @@ Service::Impl::Impl(const ServiceSettings& settings, const Kiv::TimeSource& cloc
   for (const auto& [name, region] : cloud_.document().region) noteStatus(name);
   snapshotBytes_ = recovered.snapshot.cloud.size() + recovered.snapshot.output.size();
   if (storage_ == nullptr) durable_ = std::numeric_limits<uint64_t>::max();
-  told_ = cloud_.revision();
+  reported_ = cloud_.revision();
   showDurable(cloud_.revision());
   recovered = {};
   ::malloc_trim(0);
@@ -125,23 +125,24 @@ void Service::Impl::dispatch(Exchange exchange) {
 
 // Answers.
 
-void Service::Impl::tellApplied(std::string_view principal, std::string_view what, double seconds) {
-  const uint64_t count = cloud_.revision() - told_;
-  while (told_ < cloud_.revision()) {
-    ++told_;
+void Service::Impl::reportApplied(std::string_view principal, std::string_view what,
+                                  double seconds) {
+  const uint64_t count = cloud_.revision() - reported_;
+  while (reported_ < cloud_.revision()) {
+    ++reported_;
     if (settings_.observer == nullptr) continue;
-    settings_.observer->onApplied(told_, principal, what, seconds / static_cast<double>(count));
+    settings_.observer->onApplied(reported_, principal, what, seconds / static_cast<double>(count));
   }
 }
 
-void Service::Impl::tellRefused(const Exchange& exchange, std::string_view name) {
+void Service::Impl::reportRefused(const Exchange& exchange, std::string_view name) {
   if (settings_.observer == nullptr) return;
   const bool isKnown = exchange.request.principal.has_value();
   settings_.observer->onRefused(isKnown ? exchange.principal().name : "", exchange.what(), name);
 }
 
 void Service::Impl::refuse(const Exchange& exchange, const Refusal& refusal) {
-  tellRefused(exchange, refusal.type);
+  reportRefused(exchange, refusal.type);
   answer(exchange, replyOf(refusal));
 }
 
@@ -184,7 +185,7 @@ void Service::Impl::turn() {
   while (!isBlocked_) {
     const auto step = cloud_.expire();
     if (!step) break;
-    tellApplied("", "expiry", 0);
+    reportApplied("", "expiry", 0);
     settle(step->regions);
   }
   std::vector<SyncCalls::Waited> waited;
@@ -241,7 +242,7 @@ void Service::Impl::storageFailed(uint64_t sequence, const std::string& reason) 
   snapshot_.reset();
   ++timesGoneBack_;
   cloud_.goBackTo(durable_);
-  told_ = cloud_.revision();
+  reported_ = cloud_.revision();
   remembered_.truncate(durable_);
   for (HeldReply& held : std::exchange(held_, {})) {
     deliver(held.ticket, replyOf(held.writes ? Refusal{"no-space", blockedFor_}

@@ -81,11 +81,11 @@ Reply Service::Impl::makeChange(const Exchange& exchange) {
   const LiveCloud::Together together(cloud_);
   ChangeRequest change{exchange.request, exchange.route, exchange.conditions, exchange.body};
   ChangeReply made = changes_.make(change, rememberer(exchange));
-  tellApplied(exchange.principal().name, exchange.what(), cloud_.time() - began);
-  for (const std::string& name : made.refused) tellRefused(exchange, name);
+  reportApplied(exchange.principal().name, exchange.what(), cloud_.time() - began);
+  for (const std::string& name : made.refused) reportRefused(exchange, name);
   settle(made.regions);
   if (made.refusal) {
-    tellRefused(exchange, made.refusal->type);
+    reportRefused(exchange, made.refusal->type);
     return replyOf(*made.refusal);
   }
   if (!made.isRemembered) rememberAlone(exchange, made.status, made.body);
@@ -169,7 +169,7 @@ void Service::Impl::callSync(const Exchange& exchange) {
       takes ? sync_.lock(region, lock, exchange.principal(), exchange.ticket, keep)
             : sync_.call(exchange.route.subject, region, id, exchange.parameters.force,
                          exchange.principal(), keep);
-  tellApplied(exchange.principal().name, exchange.what(), cloud_.time() - began);
+  reportApplied(exchange.principal().name, exchange.what(), cloud_.time() - began);
   if (outcome.refusal) {
     refuse(exchange, *outcome.refusal);
   } else if (!outcome.body.empty()) {
@@ -185,7 +185,7 @@ void Service::Impl::settle(const std::vector<std::string>& regions) {
   std::vector<SyncCalls::Waited> waited;
   const double began = cloud_.time();
   sync_.settle(regions, waited);
-  tellApplied("", "grant of a lock", cloud_.time() - began);
+  reportApplied("", "grant of a lock", cloud_.time() - began);
   answerWaited(waited);
 }
 

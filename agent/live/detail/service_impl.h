@@ -104,8 +104,8 @@ class Service::Impl {
   void rememberAlone(const Exchange& exchange, unsigned status, const std::string& body);
 
   // Reports the changes since the last report to the observer; they took this time together.
-  void tellApplied(std::string_view principal, std::string_view what, double seconds);
-  void tellRefused(const Exchange& exchange, std::string_view name);
+  void reportApplied(std::string_view principal, std::string_view what, double seconds);
+  void reportRefused(const Exchange& exchange, std::string_view name);
 
   void refuse(const Exchange& exchange, const Refusal& refusal);
   void answer(const Exchange& exchange, Reply reply);
@@ -132,7 +132,7 @@ class Service::Impl {
   RememberedReplies remembered_;
   double started_;
 
-  uint64_t told_ = 0;  // the last revision that the observer knows of
+  uint64_t reported_ = 0;  // the last revision that the observer knows of
 
   std::unordered_map<Ticket, Answer> answers_;
   std::deque<HeldReply> held_;
