@@ -77,6 +77,9 @@ def _segment_flushed(mapper: typing.Any, connection: typing.Any, row: typing.Any
 
 
 def _committed(session: typing.Any) -> None:
+    if session.in_nested_transaction():
+        # A savepoint is released: other sessions do not see its rows yet.
+        return
     work = session.info.pop(_KEY, None)
     if work is not None and len(work):
         for handler in _handlers:
@@ -84,4 +87,7 @@ def _committed(session: typing.Any) -> None:
 
 
 def _rolled_back(session: typing.Any) -> None:
+    if session.in_nested_transaction():
+        # What was flushed before the savepoint is still there.
+        return
     session.info.pop(_KEY, None)
