@@ -58,6 +58,8 @@ class Journal::Impl final : public Storage {
 
   Recovered recover() { return std::exchange(recovered_, {}); }
   void flush();
+  void turn();
+  Clock::time_point nextTurn() const;
   JournalFigures figures() const;
 
   // For the activity thread.
@@ -73,6 +75,7 @@ class Journal::Impl final : public Storage {
   void await(std::unique_lock<std::mutex>& lock);
   void commit(const Batch& batch);
   void writeBatch(const Batch& batch);
+  void rewriteLogOnce();
   void fail(const JournalError& error);
   bool probeWorks();
   void probeAgain();
@@ -89,6 +92,7 @@ class Journal::Impl final : public Storage {
   detail::RecordWriter records_;
   detail::Maintenance maintenance_;
   detail::DurableMark durable_;
+  bool isLogRewritten_ = false;
   Clock::time_point nextProbe_;
   Clock::time_point nextMaintenance_;
 
@@ -124,10 +128,14 @@ Journal::Impl::Impl(const std::string& directory, const JournalSettings& setting
   figures_.lastRevision = durable_.revision;
   held_.durable.write(durable_);
   maintenance_.retain(durable_.revision);
-  thread_ = std::thread([this] { run(); });
+  if (settings_.hasThread) thread_ = std::thread([this] { run(); });
 }
 
 Journal::Impl::~Impl() {
+  if (!settings_.hasThread) {
+    flush();
+    return;
+  }
   {
     const std::scoped_lock lock(mutex_);
     isStopping_ = true;
@@ -137,6 +145,10 @@ Journal::Impl::~Impl() {
 }
 
 void Journal::Impl::flush() {
+  if (!settings_.hasThread) {
+    while (!queue_.empty()) turn();
+    return;
+  }
   std::unique_lock lock(mutex_);
   idle_.wait(lock, [this] { return queue_.empty() && !isCommitting_; });
 }
@@ -198,24 +210,40 @@ void Journal::Impl::snapshot(Snapshot snapshot) {
 
 void Journal::Impl::run() {
   for (;;) {
-    Batch batch;
     {
       std::unique_lock lock(mutex_);
-      isCommitting_ = false;
       if (queue_.empty()) idle_.notify_all();
       await(lock);
       if (isStopping_ && queue_.empty()) return;
-      batch.swap(queue_);
-      isCommitting_ = !batch.empty();
-      if (snapshot_) maintenance_.snapshotIs(*std::exchange(snapshot_, std::nullopt));
     }
-    if (!batch.empty()) commit(batch);
-    if (isFailing_) {
-      probeAgain();
-    } else {
-      maintain();
-    }
+    turn();
   }
+}
+
+// A commit of what has arrived, or a portion of what there is to do beside commits.
+void Journal::Impl::turn() {
+  Batch batch;
+  {
+    const std::scoped_lock lock(mutex_);
+    batch.swap(queue_);
+    isCommitting_ = !batch.empty();
+    if (snapshot_) maintenance_.snapshotIs(*std::exchange(snapshot_, std::nullopt));
+  }
+  if (!batch.empty()) commit(batch);
+  if (isFailing_) {
+    probeAgain();
+  } else {
+    maintain();
+  }
+  const std::scoped_lock lock(mutex_);
+  isCommitting_ = false;
+}
+
+Clock::time_point Journal::Impl::nextTurn() const {
+  const std::scoped_lock lock(mutex_);
+  if (!queue_.empty() || snapshot_) return Clock::time_point::min();
+  if (isFailing_) return nextProbe_;
+  return maintenance_.hasWork() ? nextMaintenance_ : Clock::time_point::max();
 }
 
 void Journal::Impl::await(std::unique_lock<std::mutex>& lock) {
@@ -250,7 +278,15 @@ void Journal::Impl::commit(const Batch& batch) {
   if (callbacks_.committed) callbacks_.committed(last.sequence, secondsSince(begin));
 }
 
+// Before anything is written behind what the process before has left.
+void Journal::Impl::rewriteLogOnce() {
+  if (isLogRewritten_) return;
+  detail::rewriteLog(held_.database);
+  isLogRewritten_ = true;
+}
+
 void Journal::Impl::writeBatch(const Batch& batch) {
+  rewriteLogOnce();
   detail::Transaction transaction(held_.database);
   for (const auto& record : batch) records_.write(*record);
   transaction.commit();
@@ -301,6 +337,7 @@ void Journal::Impl::probeAgain() {
 void Journal::Impl::maintain() {
   if (!maintenance_.hasWork() || Clock::now() < nextMaintenance_) return;
   try {
+    rewriteLogOnce();
     if (maintenance_.work()) {
       const std::scoped_lock lock(mutex_);
       ++figures_.snapshots;
@@ -333,6 +370,12 @@ Storage& Journal::storage() {
 }
 void Journal::flush() {
   impl_->flush();
+}
+void Journal::turn() {
+  impl_->turn();
+}
+std::chrono::steady_clock::time_point Journal::nextTurn() const {
+  return impl_->nextTurn();
 }
 JournalFigures Journal::figures() const {
   return impl_->figures();

@@ -44,10 +44,13 @@ struct JournalSettings {
 
   // The SQLite VFS to use, by its name; empty: the system's.
   std::string vfs = {};
+
+  // Whether the journal writes on a thread of its own. Else its owner calls turn().
+  bool hasThread = true;
 };
 
-// Called on the journal's thread, in order, not after the journal's destruction. Each may be empty;
-// none may throw, or call the journal.
+// Called on the journal's thread, or inside turn(), in order, not after the journal's destruction.
+// Each may be empty; none may throw, or call the journal.
 struct JournalCallbacks {
   // All records up to this sequence are on the disk; `seconds` is what the commit took.
   std::function<void(uint64_t sequence, double seconds)> committed;
@@ -93,6 +96,12 @@ class Journal {
 
   // Waits until all that was appended is committed, or has failed. Any thread.
   void flush();
+
+  // Without a thread: does a portion of what is to be done at this time, such as one commit; and
+  // when there is something to be done next, which may be in the past. Any thread, one at a time;
+  // append() may be called meanwhile. REQUIRES: the settings say so.
+  void turn();
+  std::chrono::steady_clock::time_point nextTurn() const;
 
   // Any thread.
   JournalFigures figures() const;

@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <map>
@@ -90,6 +91,31 @@ class FaultDisk {
     return files;
   }
 
+  // What is surely on the disk of the files in a folder, by name: the worst that a crash leaves.
+  std::map<std::string, std::string> synced(const std::string& folder) const {
+    const std::scoped_lock lock(mutex_);
+    std::map<std::string, std::string> files;
+    for (const auto& [path, file] : files_) {
+      const std::filesystem::path each(path);
+      if (each.parent_path() == folder) files[each.filename().string()] = file.synced;
+    }
+    return files;
+  }
+
+  // Copies a folder as the system's cache has it, and notes of the copies what is on the disk of
+  // the originals: where a process is killed, and another goes on.
+  void copy(const std::string& folder, const std::string& to) {
+    const std::scoped_lock lock(mutex_);
+    std::filesystem::copy(folder, to);
+    std::map<std::string, Content> copies;
+    for (const auto& [path, file] : files_) {
+      const std::filesystem::path each(path);
+      if (each.parent_path() == folder)
+        copies[(std::filesystem::path(to) / each.filename()).string()] = file;
+    }
+    files_.merge(copies);
+  }
+
  private:
   static constexpr size_t kSector = 512;
 
@@ -100,8 +126,7 @@ class FaultDisk {
   };
   struct Content {
     std::string synced;
-    std::string present;
-    std::vector<Change> changes;
+    std::vector<Change> changes;  // since, but for those that a sync failed to write
   };
   struct File {
     sqlite3_file base;
@@ -111,6 +136,16 @@ class FaultDisk {
   };
 
   static File* of(sqlite3_file* file) { return reinterpret_cast<File*>(file); }
+
+  static void apply(const Change& change, std::string& content) {
+    if (change.isTruncation) {
+      content.resize(change.offset, '\0');
+      return;
+    }
+    const size_t end = change.offset + change.bytes.size();
+    if (content.size() < end) content.resize(end, '\0');
+    content.replace(change.offset, change.bytes.size(), change.bytes);
+  }
 
   static void applyPart(const Change& change, std::string& content, std::mt19937& random) {
     if (change.isTruncation) {
@@ -134,14 +169,19 @@ class FaultDisk {
     return spared_-- <= 0;
   }
 
+  // What a sync could not write is in the system's cache only from then on: no later one writes it.
+  void forget(const std::string& path) {
+    if (use_ == Use::kProcess) return;
+    const std::scoped_lock lock(mutex_);
+    files_[path].changes.clear();
+  }
+
   void write(const std::string& path, const void* bytes, size_t size, size_t offset) {
     if (use_ == Use::kProcess) return;
     const std::scoped_lock lock(mutex_);
     Content& file = files_[path];
     const std::string_view text(static_cast<const char*>(bytes), size);
     file.changes.push_back({offset, std::string(text), false});
-    if (file.present.size() < offset + size) file.present.resize(offset + size, '\0');
-    file.present.replace(offset, size, text);
   }
 
   // The methods of a file and of the VFS.
@@ -163,7 +203,6 @@ class FaultDisk {
     std::ifstream file(path, std::ios::binary);
     Content& content = files_[path];
     content.synced.assign(std::istreambuf_iterator<char>(file), {});
-    content.present = content.synced;
   }
 
   static int remove(sqlite3_vfs* vfs, const char* path, int) {
@@ -196,7 +235,6 @@ class FaultDisk {
       const std::scoped_lock lock(own->disk->mutex_);
       Content& content = own->disk->files_[own->path];
       content.changes.push_back({static_cast<size_t>(size), "", true});
-      content.present.resize(static_cast<size_t>(size), '\0');
     }
     return own->real()->pMethods->xTruncate(own->real(), size);
   }
@@ -205,11 +243,14 @@ class FaultDisk {
     File* own = of(file);
     FaultDisk& disk = *own->disk;
     if (disk.onSync_) disk.onSync_();
-    if (disk.fails(true)) return SQLITE_IOERR_FSYNC;
+    if (disk.fails(true)) {
+      disk.forget(own->path);
+      return SQLITE_IOERR_FSYNC;
+    }
     if (disk.use_ == Use::kProcess) return own->real()->pMethods->xSync(own->real(), flags);
     const std::scoped_lock lock(disk.mutex_);
     Content& content = disk.files_[own->path];
-    content.synced = content.present;
+    for (const Change& change : content.changes) apply(change, content.synced);
     content.changes.clear();
     ++disk.syncs_;
     return SQLITE_OK;

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <map>
 #include <random>
+#include <utility>
 
 #include "agent/journal/journal.h"
 #include "tests/agent/fault_disk.h"
@@ -38,8 +39,10 @@ TEST(JournalOnDisk, SyncsBetweenAnAppendAndItsCallback) {
   std::atomic<uint64_t> committedAtSync = 0;
   History history;
   Owner owner(folder.path(), on(disk));
+  // The first commit of a process also writes the log of the one before again.
+  owner.append(history, 1);
   disk.onSyncIs([&] { committedAtSync = owner.committed(); });
-  for (uint64_t i = 0; i < 20; ++i) {
+  for (uint64_t i = 1; i < 20; ++i) {
     const uint64_t before = disk.syncs();
     owner.append(history, 1);
     EXPECT_EQ(owner.committed(), i + 1);
@@ -149,6 +152,68 @@ TEST(JournalOnDisk, DoesNotBringBackWhatFailedToSyncAtTheBeginningOfTheLog) {
   // The process is killed now: all that it wrote is still there.
   std::filesystem::copy(folder.path(), folder.path("killed"));
   expectAllUpTo(3, Owner(folder.path("killed"), on(disk)).recovered());
+}
+
+// The next process reads in the cache what the sync could not write, and the disk never gets it.
+TEST(JournalOnDisk, LosesNothingThatFollowsWhatOnlyFailedToSync) {
+  const Folder folder;
+  FaultDisk disk("killed");
+  History history;
+  {
+    Owner owner(folder.path(), on(disk));
+    owner.append(history, 3);
+    disk.faultIs(Fault::kSyncFails);
+    // The process is killed right after the sync that fails.
+    bool isKilled = false;
+    bool hasFailed = false;
+    disk.onSyncIs([&] { hasFailed = true; });
+    disk.onWriteIs([&] {
+      if (!hasFailed || std::exchange(isKilled, true)) return;
+      disk.copy(folder.path(), folder.path("killed"));
+    });
+    owner.append(history, 1);
+    EXPECT_EQ(owner.failedAfter(), 3U);
+    EXPECT_TRUE(isKilled);
+    disk.onSyncIs({});
+    disk.onWriteIs({});
+    disk.faultIs(Fault::kNone);
+  }
+  std::map<std::string, std::string> left;
+  {
+    Owner owner(folder.path("killed"), on(disk));
+    expectAllUpTo(4, owner.recovered());
+    owner.append(history, 2);
+    EXPECT_EQ(owner.committed(), 6U);
+    left = disk.synced(folder.path("killed"));
+  }
+  // A crash of the whole system.
+  std::filesystem::create_directory(folder.path("crashed"));
+  for (const auto& [name, content] : left) write(folder.path("crashed") + '/' + name, content);
+  expectAllUpTo(6, Owner(folder.path("crashed")).recovered());
+}
+
+TEST(JournalOnDisk, StartsOnADiskThatFails) {
+  for (const Fault fault :
+       {Fault::kFull, Fault::kWriteFails, Fault::kTornWrite, Fault::kSyncFails}) {
+    SCOPED_TRACE(static_cast<int>(fault));
+    const Folder folder;
+    FaultDisk disk("still-failing");
+    History history;
+    Owner owner(folder.path(), on(disk));
+    owner.append(history, 3);
+    std::filesystem::copy(folder.path(), folder.path("killed"));
+    disk.faultIs(fault);
+    Owner again(folder.path("killed"), on(disk));
+    expectAllUpTo(3, again.recovered());
+    History lost = history;
+    again.append(lost, 1);
+    EXPECT_EQ(again.failedAfter(), 3U);
+    EXPECT_EQ(again.isNoSpace(), fault == Fault::kFull);
+    disk.faultIs(Fault::kNone);
+    again.awaitWritable();
+    again.append(history, 1);
+    EXPECT_EQ(again.committed(), 4U);
+  }
 }
 
 TEST(JournalOnDisk, GivesUpASnapshotThatCannotBeWritten) {

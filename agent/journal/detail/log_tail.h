@@ -1,4 +1,4 @@
-// The end of the write-ahead log, behind what was committed.
+// The write-ahead log as a file: what SQLite leaves to its user when a sync fails.
 #pragma once
 
 #include "agent/journal/detail/database.h"
@@ -10,5 +10,12 @@ namespace vnagent::detail {
 // system may undo it. Returns whether it worked; nothing is thrown. REQUIRES: the log is in use, no
 // transaction is open, and no other connection writes.
 bool spoilLogTail(const Database& database) noexcept;
+
+// Writes what was committed into the log once more, and syncs it. After a sync that failed, the
+// system may keep what was written in its cache alone, and no later sync writes it. When the
+// process was killed then, the next one reads it there; what it commits behind that would be lost
+// with it in a crash of the whole system. Throws JournalError. REQUIRES: no other connection
+// writes.
+void rewriteLog(const Database& database);
 
 }  // namespace vnagent::detail
