@@ -1,6 +1,7 @@
 #include "agent/live/etags.h"
 
 #include <algorithm>
+#include <array>
 #include <stdexcept>
 
 #include "agent/document/kinds/document.h"
@@ -82,6 +83,30 @@ void Etags::goBackTo(uint64_t revision) {
       limit(collection.last);
       limit(collection.first);
       for (auto& [key, last] : collection.member) limit(last);
+    }
+  }
+}
+
+void Etags::takenBack(const JsonValue& patch, const CloudState& now, uint64_t revision) {
+  const JsonValue* regions = patch.find(kDocumentMembers[1].name);
+  if (regions == nullptr || !regions->isObject()) {
+    if (regions != nullptr) region_.clear();
+    return;
+  }
+  for (const JsonValue* region : regions->all()) {
+    const std::array<std::string_view, 2> place{regions->key, region->key};
+    if (!region->isObject() || !region_.contains(region->key)) {
+      changed(place, now, revision);
+      continue;
+    }
+    for (const JsonValue* collection : region->all()) {
+      if (!collection->isObject()) {
+        changed(std::array{place[0], place[1], collection->key}, now, revision);
+        continue;
+      }
+      for (const JsonValue* member : collection->all()) {
+        changed(std::array{place[0], place[1], collection->key, member->key}, now, revision);
+      }
     }
   }
 }

@@ -31,6 +31,11 @@ class Etags {
   // Later revisions never were: what changed in them counts as changed in this one.
   void goBackTo(uint64_t revision);
 
+  // After that, for each change that never was, the latest first: `patch` is the one that took it
+  // back, and `now` the document without any of them. What they removed is there again, and counts
+  // as changed in `revision`.
+  void takenBack(const JsonValue& patch, const CloudState& now, uint64_t revision);
+
   // The revision of the last change of a place; of one that exists.
   uint64_t of(const Place& place) const;
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <set>
 #include <span>
 #include <stdexcept>
 #include <utility>
@@ -18,6 +19,9 @@
 
 namespace vnagent {
 namespace {
+
+// To ask for the timers of all regions takes less than to read an event that is larger.
+constexpr size_t kLargeEventBytes = size_t{64} << 10;
 
 int64_t wallTime() {
   using std::chrono::duration_cast;
@@ -93,7 +97,7 @@ LiveCloud::LiveCloud(const ServiceSettings& settings, const Kiv::TimeSource& clo
   session_ = newSession();
   start(recovered);
   clock_.resume();
-  lastTime_ = clock_.now();
+  lastTime_ = durableTime_ = clock_.now();
 }
 
 LiveCloud::~LiveCloud() = default;
@@ -141,8 +145,9 @@ void LiveCloud::start(const Recovered& recovered) {
   if (sequence_ == 0) return;
   durableRevision_ = revision_;
   durableCheck_ = check_;
+  for (const auto& [name, region] : document().region) keepTimers(timersOf({name}));
   // The record of the restart follows the last one that was played back at once.
-  lastTime_ = clock_.now();
+  lastTime_ = durableTime_ = clock_.now();
   history_.durableIs(durableRevision_);
   resume();
 }
@@ -246,6 +251,8 @@ LiveStep LiveCloud::apply(std::string patch, const JsonValue* tree, const Comple
 
 std::optional<LiveStep> LiveCloud::expire() {
   uuids_->take();
+  if (session_->nextTimer() > session_->time()) return std::nullopt;
+  expired_ = regionsAtTimer();
   const auto outcome = session_->expire();
   if (!outcome) return std::nullopt;
   LiveStep step;
@@ -288,7 +295,7 @@ void LiveCloud::append(Record record, LiveStep& step, const Complete& complete) 
   bytesSinceSnapshot_ += record.event.size();
   if (storage_ == nullptr) return;
   auto shared = std::make_shared<const Record>(std::move(record));
-  pending_.push_back(shared);
+  pending_.push_back({shared, lastTime_, timersAfter(*shared)});
   held_.push_back(std::move(shared));
   if (!holdsRecords_) appendHeld();
 }
@@ -298,10 +305,69 @@ void LiveCloud::appendHeld() {
   if (!held_.empty()) storage_->append(std::exchange(held_, {}));
 }
 
+// Timers.
+
+LiveCloud::Timers LiveCloud::timersOf(const std::vector<std::string>& regions) const {
+  Timers timers;
+  for (const std::string& region : regions) {
+    const bool isThere = document().region.contains(region);
+    timers.emplace_back(region, isThere ? session_->timerOf(region) : std::nullopt);
+  }
+  return timers;
+}
+
+std::vector<std::string> LiveCloud::regionsAtTimer() const {
+  std::vector<std::string> regions;
+  for (const auto& [name, region] : document().region) {
+    const auto due = session_->timerOf(name);
+    if (due && *due <= session_->nextTimer()) regions.push_back(name);
+  }
+  return regions;
+}
+
+std::vector<std::string> LiveCloud::regionsWithTimers() const {
+  std::set<std::string> regions;
+  for (const auto& [name, region] : document().region) regions.insert(name);
+  for (const auto& [name, due] : durableTimers_) regions.insert(name);
+  for (const Pending& pending : pending_) {
+    for (const auto& [name, due] : pending.timers) regions.insert(name);
+  }
+  return {regions.begin(), regions.end()};
+}
+
+LiveCloud::Timers LiveCloud::timersAfter(const Record& record) const {
+  if (record.kind == Record::Kind::kExpiry) return timersOf(expired_);
+  if (record.kind == Record::Kind::kReply) return {};
+  if (record.kind == Record::Kind::kRestart) return timersOf(regionsWithTimers());
+  if (record.event.size() > kLargeEventBytes) return timersOf(regionsWithTimers());
+  const JsonTree event = JsonTree::parse(record.event);
+  const JsonValue* named = event.root().find("region");
+  if (named == nullptr) return {};
+  if (!named->isObject()) return timersOf(regionsWithTimers());
+  std::vector<std::string> regions;
+  for (const JsonValue* region : named->all()) regions.emplace_back(region->key);
+  return timersOf(regions);
+}
+
+void LiveCloud::keepTimers(const Timers& timers) {
+  for (const auto& [region, due] : timers) {
+    if (due) {
+      durableTimers_.insert_or_assign(region, *due);
+    } else {
+      durableTimers_.erase(region);
+    }
+  }
+}
+
+// What is durable.
+
 uint64_t LiveCloud::durableIs(uint64_t sequence) {
-  while (!pending_.empty() && pending_.front()->sequence <= sequence) {
-    durableRevision_ = pending_.front()->revision;
-    durableCheck_ = pending_.front()->check;
+  while (!pending_.empty() && pending_.front().record->sequence <= sequence) {
+    const Pending& first = pending_.front();
+    durableRevision_ = first.record->revision;
+    durableCheck_ = first.record->check;
+    durableTime_ = first.time;
+    keepTimers(first.timers);
     pending_.pop_front();
   }
   history_.durableIs(durableRevision_);
@@ -311,24 +377,31 @@ uint64_t LiveCloud::durableIs(uint64_t sequence) {
 void LiveCloud::goBackTo(uint64_t sequence) {
   durableIs(sequence);
   if (pending_.empty()) return;
-  // The documents as they were; the state of the timers is that of now, as nothing else is known.
   Snapshot state = snapshot();
   Json cloud = Json::parse(state.cloud);
   Json output = Json::parse(state.output);
-  for (auto record = pending_.rbegin(); record != pending_.rend(); ++record) {
-    if (!(*record)->cloud.empty()) cloud.merge_patch(Json::parse((*record)->cloudBefore));
-    if (!(*record)->output.empty()) output.merge_patch(Json::parse((*record)->outputBefore));
-  }
-  pending_.clear();
-  const std::string session = session_->state();
-  session_.reset();
-  session_ = newSession();
-  session_->restore(cloud.dump(), output.dump(), session);
   revision_ = durableRevision_;
   sequence_ = sequence;
   check_ = durableCheck_;
+  lastTime_ = durableTime_;
   history_.truncate(revision_);
   etags_.goBackTo(revision_);
+  for (auto pending = pending_.rbegin(); pending != pending_.rend(); ++pending) {
+    const Record& record = *pending->record;
+    if (!record.output.empty()) output.merge_patch(Json::parse(record.outputBefore));
+    if (!record.cloud.empty()) cloud.merge_patch(Json::parse(record.cloudBefore));
+  }
+  Json session = Json::parse(session_->state());
+  session["timers"] = durableTimers_;
+  session_.reset();
+  session_ = newSession();
+  session_->restore(cloud.dump(), output.dump(), session.dump());
+  for (auto pending = pending_.rbegin(); pending != pending_.rend(); ++pending) {
+    const Record& record = *pending->record;
+    if (record.cloud.empty()) continue;
+    etags_.takenBack(JsonTree::parse(record.cloudBefore).root(), document(), revision_);
+  }
+  pending_.clear();
 }
 
 void LiveCloud::resume() {

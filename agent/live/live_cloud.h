@@ -7,10 +7,12 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "agent/live/etags.h"
@@ -142,6 +144,16 @@ class LiveCloud {
   void appendHeld();
   std::unique_ptr<Session> newSession();
 
+  // When the timers of some regions are due; nothing where one is off.
+  using Timers = std::vector<std::pair<std::string, std::optional<double>>>;
+  Timers timersOf(const std::vector<std::string>& regions) const;
+  // Of the regions whose timers a record may have moved.
+  Timers timersAfter(const Record& record) const;
+  void keepTimers(const Timers& timers);
+  // Those that are there, and those that were and had a timer.
+  std::vector<std::string> regionsWithTimers() const;
+  std::vector<std::string> regionsAtTimer() const;
+
   ServiceSettings settings_;
   LiveClock clock_;
   Storage* storage_;
@@ -154,12 +166,21 @@ class LiveCloud {
   std::string check_{kFirstCheck};  // of the last record
   double lastTime_ = 0;             // of the last record
   // Records that may not be durable yet, in ascending order.
-  std::deque<std::shared_ptr<const Record>> pending_;
+  struct Pending {
+    std::shared_ptr<const Record> record;
+    double time;    // of it
+    Timers timers;  // after it, where it may have moved them
+  };
+  std::deque<Pending> pending_;
+  // After the last record that is durable: which timers are armed, and until when.
+  std::map<std::string, double, std::less<>> durableTimers_;
+  std::vector<std::string> expired_;  // of the expiry that is being recorded
   // Those of pending_ that the storage does not have yet.
   std::vector<std::shared_ptr<const Record>> held_;
   bool holdsRecords_ = false;
   uint64_t durableRevision_ = 0;
   std::string durableCheck_{kFirstCheck};
+  double durableTime_ = 0;  // of the last record that is durable
   uint64_t recordsSinceSnapshot_ = 0;
   uint64_t bytesSinceSnapshot_ = 0;
 };

@@ -17,8 +17,7 @@ namespace {
 
 constexpr double kNever = std::numeric_limits<double>::infinity();
 
-// A snapshot is taken when a restart would have more than this to play back.
-constexpr uint64_t kRecordsBetweenSnapshots = 5'000;
+// A snapshot is also taken when a restart would have more than this to play back.
 constexpr uint64_t kBytesBetweenSnapshots = uint64_t{8} << 20;
 
 std::string encode(const Snapshot& snapshot) {
@@ -264,7 +263,7 @@ void Service::Impl::storageIsWritable() {
 void Service::Impl::takeSnapshot() {
   if (storage_ == nullptr || isTakingSnapshot_ || isBlocked_) return;
   const bool isDue =
-      cloud_.recordsSinceSnapshot() >= kRecordsBetweenSnapshots ||
+      cloud_.recordsSinceSnapshot() >= settings_.recordsBetweenSnapshots ||
       cloud_.bytesSinceSnapshot() >= std::max(kBytesBetweenSnapshots, snapshotBytes_);
   if (!isDue) return;
   isTakingSnapshot_ = true;
@@ -274,23 +273,25 @@ void Service::Impl::takeSnapshot() {
   taken.revision = cloud_.revision();
   taken.check = cloud_.check();
   cloud_.snapshotTaken();
-  runInCopy(
-      run,
-      [this, taken, times = timesGoneBack_,
-       alive = std::weak_ptr<bool>(alive_)](const std::string& text) {
-        // Large texts are taken apart here, and only handed over on the activity thread.
-        const auto snapshot = std::make_shared<Snapshot>(taken);
-        if (!text.empty()) decode(text, *snapshot);
-        return [this, snapshot, times, alive, bytes = text.size()] {
-          if (alive.expired()) return;
-          isTakingSnapshot_ = false;
-          if (bytes == 0 || times != timesGoneBack_) return;
-          snapshotBytes_ = bytes;
-          snapshot_ = std::move(*snapshot);
-          keepSnapshot();
-        };
-      },
-      settings_.post);
+  runCopy(run, [this, taken, times = timesGoneBack_,
+                alive = std::weak_ptr<bool>(alive_)](const std::string& text) {
+    // Large texts are taken apart here, and only handed over on the activity thread.
+    const auto snapshot = std::make_shared<Snapshot>(taken);
+    if (!text.empty()) decode(text, *snapshot);
+    return [this, snapshot, times, alive, bytes = text.size()] {
+      if (alive.expired()) return;
+      isTakingSnapshot_ = false;
+      if (bytes == 0 || times != timesGoneBack_) return;
+      snapshotBytes_ = bytes;
+      snapshot_ = std::move(*snapshot);
+      keepSnapshot();
+    };
+  });
+}
+
+void Service::Impl::runCopy(const std::function<std::string()>& run, ReadCopy read) {
+  if (settings_.inCopy) return settings_.inCopy(run, std::move(read));
+  runInCopy(run, std::move(read), settings_.post);
 }
 
 void Service::Impl::keepSnapshot() {

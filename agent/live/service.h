@@ -37,6 +37,11 @@ struct ServiceSettings {
   // Runs something later on the activity thread, called from any thread; may outlive the service,
   // and then need not run it. Null: dry runs and snapshots are waited for.
   Post post;
+  // Takes the place of runInCopy(), which it may use, where results must come at a time that the
+  // owner chooses. Null: runInCopy() with `post`.
+  std::function<void(const std::function<std::string()>& run, ReadCopy read)> inCopy = {};
+  // A snapshot is taken when a restart would have more records than this to play back.
+  uint64_t recordsBetweenSnapshots = 5'000;
 };
 
 // What a metrics page shows of a service.

@@ -96,16 +96,13 @@ Reply Service::Impl::makeChange(const Exchange& exchange) {
 void Service::Impl::dryRun(Exchange exchange) {
   const auto run = [&] { return encode(runDry(exchange)); };
   const Ticket ticket = exchange.ticket;
-  runInCopy(
-      run,
-      [this, ticket, alive = std::weak_ptr<bool>(alive_)](const std::string& text) {
-        const auto reply = std::make_shared<Reply>(
-            text.empty() ? replyOf({"not-ready", "the dry run has failed"}) : decode(text));
-        return [this, ticket, alive, reply] {
-          if (!alive.expired()) answer(ticket, false, std::move(*reply));
-        };
-      },
-      settings_.post);
+  runCopy(run, [this, ticket, alive = std::weak_ptr<bool>(alive_)](const std::string& text) {
+    const auto reply = std::make_shared<Reply>(
+        text.empty() ? replyOf({"not-ready", "the dry run has failed"}) : decode(text));
+    return [this, ticket, alive, reply] {
+      if (!alive.expired()) answer(ticket, false, std::move(*reply));
+    };
+  });
 }
 
 Reply Service::Impl::runDry(const Exchange& exchange) {

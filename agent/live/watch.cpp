@@ -52,7 +52,7 @@ void removeAt(Json& patch, const Place& place, const std::vector<Place>& places,
 }  // namespace
 
 Watch::Watch(Watches& watches, WatchSettings settings)
-    : watches_(watches), settings_(std::move(settings)) {
+    : watches_(watches), number_(++watches.lastNumber_), settings_(std::move(settings)) {
   auto& places = settings_.places;
   std::ranges::sort(places);
   places.erase(std::unique(places.begin(), places.end()), places.end());
@@ -69,11 +69,11 @@ Watch::Watch(Watches& watches, WatchSettings settings)
   } else {
     start();
   }
-  watches_.all_.insert(this);
+  watches_.all_.emplace(number_, this);
 }
 
 Watch::~Watch() {
-  watches_.all_.erase(this);
+  watches_.all_.erase(number_);
 }
 
 void Watch::start() {
@@ -252,7 +252,7 @@ void Watches::visibleIs(uint64_t revision) {
 }
 
 void Watches::wakeAll() {
-  for (Watch* watch : all_) watch->wake();
+  for (const auto& [number, watch] : all_) watch->wake();
 }
 
 double Watches::nextTimer() const {
@@ -263,7 +263,7 @@ void Watches::turn() {
   const double now = cloud_.time();
   if (now < nextLook_) return;
   nextLook_ = now + kLookSeconds;
-  for (Watch* watch : all_) {
+  for (const auto& [number, watch] : all_) {
     if (now >= watch->bookmarkTime()) watch->wake();
   }
 }
@@ -271,7 +271,7 @@ void Watches::turn() {
 void Watches::goneBack() {
   shared_.clear();
   snapshots_ = {};
-  for (Watch* watch : all_) watch->goneBack();
+  for (const auto& [number, watch] : all_) watch->goneBack();
   wakeAll();
 }
 
@@ -282,7 +282,7 @@ void Watches::end() {
 
 uint64_t Watches::largestLag() const {
   uint64_t lag = 0;
-  for (const Watch* watch : all_)
+  for (const auto& [number, watch] : all_)
     lag = std::max(lag, visible_ - std::min(visible_, watch->position()));
   return lag;
 }

@@ -8,9 +8,9 @@
 #include <array>
 #include <cstdint>
 #include <deque>
+#include <map>
 #include <memory>
 #include <optional>
-#include <set>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -72,6 +72,7 @@ class Watch final : public EventStream {
   friend class Watches;
 
   Watches& watches_;
+  const uint64_t number_;
   WatchSettings settings_;
   uint64_t position_ = 0;     // the revision that was sent
   Bytes snapshot_;            // of position_, until it is sent
@@ -125,7 +126,8 @@ class Watches {
   void wakeAll();
 
   LiveCloud& cloud_;
-  std::set<Watch*> all_;
+  std::map<uint64_t, Watch*> all_;  // in the order in which they came
+  uint64_t lastNumber_ = 0;
   uint64_t visible_ = 0;
   double nextLook_ = 0;
   bool ended_ = false;

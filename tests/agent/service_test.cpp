@@ -429,6 +429,66 @@ TEST_F(ServiceTest, FailedCommitTakesChangesBack) {
   EXPECT_EQ(Json::parse(*(*again)->body)["revision"], 2);
 }
 
+TEST_F(ServiceTest, FailedCommitTakesTimersBack) {
+  MemoryStorage storage;
+  start(&storage);
+  const Headers mine{{"sync-request-id", "r"}};
+  const auto lock = [&](const std::string& region) {
+    send("POST", "/v1/region/" + region + "/sync/lock", R"({"requester": "d", "requestId": "r"})");
+  };
+  send("PATCH", "/v1/cloud", R"({"region": {"R": {}, "S": {}}})");
+  lock("R");
+  lock("S");
+  send("POST", "/v1/region/R/sync/start", "", mine);
+  service_->durableIs(storage.appended.back().sequence);
+  const uint64_t durable = storage.appended.back().sequence;
+  send("POST", "/v1/region/R/sync/complete", "", mine);
+  send("POST", "/v1/region/S/sync/start", "", mine);
+  service_->storageFailed(durable, "no space is left");
+  EXPECT_EQ(get("/v1/region/R/sync")["syncStatus"], "syncInProgress");
+  EXPECT_EQ(get("/v1/region/R/sync")["expiresIn"], 60);
+  service_->storageIsWritable();
+  service_->durableIs(storage.appended.back().sequence);
+  pass(61);
+  service_->durableIs(storage.appended.back().sequence);
+  EXPECT_EQ(get("/v1/region/R/sync")["syncStatus"], "syncTimedOut");
+  EXPECT_NE(get("/v1/region/S/sync")["syncStatus"], "syncTimedOut");
+  EXPECT_EQ(storage.appended.back().kind, Record::Kind::kExpiry);
+}
+
+TEST_F(ServiceTest, FailedCommitDoesNotMakeETagsOlder) {
+  MemoryStorage storage;
+  start(&storage);
+  send("PATCH", "/v1/cloud", kBound);
+  send("PATCH", "/v1/cloud", R"({"region": {"R": {"port": {"p": {"vlanType": 1}}}}})");
+  service_->durableIs(2);
+  send("PATCH", "/v1/cloud", R"({"region": {"R": {"portBinding": null, "port": {"p": null}}}})");
+  service_->storageFailed(2, "no space is left");
+  service_->storageIsWritable();
+  service_->durableIs(storage.appended.back().sequence);
+  const std::string port = "/v1/cloud/region/R/port/p";
+  EXPECT_EQ(header(request("GET", port), "etag"), "\"2\"");
+  EXPECT_EQ(request("PATCH", port, "{}", {{"if-match", "\"1\""}}).status, 412U);
+}
+
+TEST_F(ServiceTest, FailedCommitLosesNoneOfTheRecordedTime) {
+  MemoryStorage storage;
+  start(&storage);
+  pass(100);
+  send("PATCH", "/v1/cloud", R"({"region": {"R": {}}})");
+  service_->durableIs(1);
+  pass(50);
+  send("PATCH", "/v1/cloud", R"({"region": {"S": {}}})");
+  ASSERT_EQ(storage.appended.size(), 2U);
+  storage.appended.pop_back();
+  service_->storageFailed(1, "no space is left");
+  pass(7);
+  service_->storageIsWritable();
+  double time = 0;
+  for (const Record& record : storage.appended) time += record.advance;
+  EXPECT_DOUBLE_EQ(time, 157);
+}
+
 TEST_F(ServiceTest, RestartKeepsDocumentsRevisionAndWhatCanBeResumed) {
   MemoryStorage storage;
   start(&storage);

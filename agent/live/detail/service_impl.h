@@ -118,6 +118,8 @@ class Service::Impl {
   void afterStep();
   void showDurable(uint64_t revision);
   void noteStatus(const std::string& region);
+  // Runs something in a copy of the process.
+  void runCopy(const std::function<std::string()>& run, ReadCopy read);
   void takeSnapshot();
   void keepSnapshot();
 
