@@ -22,7 +22,7 @@ void Hub::tokensAre(std::shared_ptr<const TokenTable> tokens) {
 
 bool Hub::enter(const std::shared_ptr<Connection>& connection) {
   const std::lock_guard lock(mutex_);
-  connections_.emplace(connection.get(), connection);
+  connections_.emplace(connection.get(), Entry{++lastNumber_, connection});
   return connections_.size() <= limits_.connections;
 }
 
@@ -64,12 +64,18 @@ void Hub::leaveShare(const std::string& name) {
 }
 
 std::vector<std::shared_ptr<Connection>> Hub::all() const {
-  const std::lock_guard lock(mutex_);
-  std::vector<std::shared_ptr<Connection>> all;
-  all.reserve(connections_.size());
-  for (const auto& entry : connections_) {
-    if (auto connection = entry.second.lock()) all.push_back(std::move(connection));
+  std::map<uint64_t, std::shared_ptr<Connection>> ordered;
+  {
+    const std::lock_guard lock(mutex_);
+    for (const auto& [key, entry] : connections_) {
+      if (auto connection = entry.connection.lock()) {
+        ordered.emplace(entry.number, std::move(connection));
+      }
+    }
   }
+  std::vector<std::shared_ptr<Connection>> all;
+  all.reserve(ordered.size());
+  for (auto& [number, connection] : ordered) all.push_back(std::move(connection));
   return all;
 }
 

@@ -67,6 +67,7 @@ class Hub {
   void closeAll();
 
  private:
+  // In the order in which they came.
   std::vector<std::shared_ptr<Connection>> all() const;
 
   const NetworkLimits limits_;
@@ -78,7 +79,12 @@ class Hub {
   mutable std::mutex mutex_;
   std::condition_variable isEmpty_;
   std::shared_ptr<const TokenTable> tokens_ = std::make_shared<TokenTable>();
-  std::map<Connection*, std::weak_ptr<Connection>> connections_;
+  struct Entry {
+    uint64_t number;
+    std::weak_ptr<Connection> connection;
+  };
+  std::map<Connection*, Entry> connections_;
+  uint64_t lastNumber_ = 0;
   std::map<std::string, size_t> shares_;
   std::atomic<bool> isStopping_{false};
 };
