@@ -22,6 +22,7 @@ TARGETS = {
     "events": ("events", 4096),
     "events_off": ("events", 4096),
     "neutron": ("neutron", 8192),
+    "ovsdb": ("ovsdb", 4096),
     "requests": ("requests", 4096),
     "values": ("values", 1024),
     "collections": ("collections", 1024),
