@@ -15,11 +15,10 @@
 
 #include <nlohmann/json.hpp>
 
+#include "tests/sim/live/model_document.h"
 #include "tests/sim/live/virtual_system.h"
 
 namespace sim {
-
-using Json = nlohmann::json;
 
 struct RequestText {
   std::string method;
