@@ -95,7 +95,8 @@ void Service::Impl::dispatch(Exchange exchange) {
     case Subject::kSyncStart:
     case Subject::kSyncHeartbeat:
     case Subject::kSyncComplete:
-      return callSync(exchange);
+      callSync(exchange);
+      return afterStep();
     case Subject::kWatch:
       return answerWatch(exchange);
     case Subject::kInspect:
@@ -182,6 +183,8 @@ double Service::Impl::nextTimer() const {
 
 void Service::Impl::turn() {
   while (!isBlocked_) {
+    // A lock that goes with an expiry and whoever gets it next.
+    const LiveCloud::Together together(cloud_);
     const auto step = cloud_.expire();
     if (!step) break;
     reportApplied("", "expiry", 0);

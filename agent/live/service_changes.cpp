@@ -162,6 +162,8 @@ void Service::Impl::callSync(const Exchange& exchange) {
   const std::string* id = exchange.request.header("sync-request-id");
   const auto keep = rememberer(exchange);
   const double began = cloud_.time();
+  // A lock that is released and whoever gets it next.
+  const LiveCloud::Together together(cloud_);
   SyncCalls::Outcome outcome =
       takes ? sync_.lock(region, lock, exchange.principal(), exchange.ticket, keep)
             : sync_.call(exchange.route.subject, region, id, exchange.parameters.force,
@@ -174,7 +176,6 @@ void Service::Impl::callSync(const Exchange& exchange) {
     answer(exchange, jsonReply(std::move(outcome.body)));
   }
   settle(outcome.regions);
-  afterStep();
 }
 
 void Service::Impl::settle(const std::vector<std::string>& regions) {

@@ -361,6 +361,32 @@ TEST_F(ServiceTest, BatchAndItsKeyBecomeDurableTogether) {
   EXPECT_EQ(storage.sizes.back(), 1U);
 }
 
+// A crash leaves no lock free for which somebody waits.
+TEST_F(ServiceTest, LockThatIsHandedOnBecomesDurableTogetherWithItsRelease) {
+  MemoryStorage storage;
+  start(&storage);
+  send("PUT", "/v1/cloud/region/R", "{}");
+  send("POST", "/v1/region/R/sync/lock", R"({"requester": "a", "requestId": "1"})");
+  send("POST", "/v1/region/R/sync/lock", R"({"requester": "b", "requestId": "2", "wait": 60})");
+  storage.sizes.clear();
+  send("DELETE", "/v1/region/R/sync/lock", "", {{"sync-request-id", "1"}});
+  EXPECT_EQ(storage.sizes, std::vector<size_t>{2});
+  EXPECT_EQ(Json::parse(storage.appended.back().event)["region"]["R"]["requester"], "b");
+}
+
+TEST_F(ServiceTest, LockThatIsHandedOnBecomesDurableTogetherWithTheExpiry) {
+  MemoryStorage storage;
+  start(&storage);
+  send("PUT", "/v1/cloud/region/R", "{}");
+  send("POST", "/v1/region/R/sync/lock", R"({"requester": "a", "requestId": "1"})");
+  send("POST", "/v1/region/R/sync/start", "", {{"sync-request-id", "1"}});
+  send("POST", "/v1/region/R/sync/lock", R"({"requester": "b", "requestId": "2", "wait": 300})");
+  storage.sizes.clear();
+  pass(service_->nextTimer() - clock_.now());
+  EXPECT_EQ(storage.sizes, std::vector<size_t>{2});
+  EXPECT_EQ(Json::parse(storage.appended.back().event)["region"]["R"]["requester"], "b");
+}
+
 class CountingObserver final : public ServiceObserver {
  public:
   void onApplied(uint64_t revision, std::string_view, std::string_view, double) override {
