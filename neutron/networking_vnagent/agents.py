@@ -42,6 +42,13 @@ def _parsed(text: str) -> Configurations:
     return configurations if isinstance(configurations, dict) else {}
 
 
+def configurations_on(context: neutron_context.Context, host: str) -> list[Configurations]:
+    """The configurations of the agents of a host, read within a call of the API."""
+    with db_api.CONTEXT_READER.using(context):
+        rows = context.session.query(agent_models.Agent.configurations).filter_by(host=host).all()
+    return [_parsed(row.configurations) for row in rows]
+
+
 def report(name: str, changed: Configurations) -> None:
     """A heartbeat: the agent is alive. What is not named among the configurations stays."""
     known = read(name)

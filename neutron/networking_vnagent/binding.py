@@ -8,6 +8,7 @@ from neutron_lib.api.definitions import portbindings
 from neutron_lib.plugins.ml2 import api
 from oslo_log import log
 
+from networking_vnagent import agents as listed_agents
 from networking_vnagent import config
 from networking_vnagent import mapping
 from networking_vnagent import segments as dynamic_segments
@@ -15,6 +16,9 @@ from networking_vnagent import segments as dynamic_segments
 LOG = log.getLogger(__name__)
 
 Segment = dict[str, typing.Any]
+
+# Segments whose physical network is remembered.
+REMEMBERED = 100_000
 
 
 class Binder:
@@ -26,11 +30,18 @@ class Binder:
         self._segments = segments
         # Whether a baremetal port becomes ACTIVE without waiting for anybody.
         self._is_active_at_once = is_active_at_once
+        # The physical networks of segments that ports were bound to, which never change.
+        self._racks: dict[str, str | None] = {}
 
     def bind(self, context: api.PortContext) -> None:
         """One level of one attempt to bind a port. Makes no binding where it is not ours."""
         port = context.current
         is_baremetal = port.get(portbindings.VNIC_TYPE) == portbindings.VNIC_BAREMETAL
+        candidates: list[Segment] = context.segments_to_bind or []
+        self._remember(candidates)
+        if not is_baremetal and not _tops(candidates):
+            # The VLAN of a virtual machine is bound by the driver of its host, below this one.
+            return
         if is_baremetal:
             rack = self._rack_of_links(context)
             racks = [rack] if rack else []
@@ -42,15 +53,31 @@ class Binder:
             return
         self._bind_in(context, racks, is_baremetal)
 
+    def racks_of_levels(self, context: api.PortContext) -> set[str]:
+        """The physical networks that a port has a level in."""
+        levels = {level.segment_id for level in context._binding_levels}
+        if not levels <= self._racks.keys():
+            self._remember(level[api.BOUND_SEGMENT] for level in context.binding_levels or ())
+        racks = {self._racks.get(segment) for segment in levels}
+        return {rack for rack in racks if rack is not None}
+
+    def _remember(self, segments: collections.abc.Iterable[Segment | None]) -> None:
+        if len(self._racks) > REMEMBERED:
+            self._racks.clear()
+        for segment in segments:
+            if segment is not None:
+                self._racks[segment[api.ID]] = segment[api.PHYSICAL_NETWORK]
+
     def _bind_in(self, context: api.PortContext, racks: list[str], is_baremetal: bool) -> None:
         candidates: list[Segment] = context.segments_to_bind or []
-        tops = [s for s in candidates if s[api.NETWORK_TYPE] == constants.TYPE_VXLAN]
+        tops = _tops(candidates)
         vlans = [s for s in candidates if s[api.NETWORK_TYPE] == constants.TYPE_VLAN
                  and s[api.PHYSICAL_NETWORK] in racks]
         if tops:
             # A segment that an operator gave the network in this rack is the rack's VLAN.
             bottom = vlans[0] if vlans else self._allocate(context, racks)
             if bottom is not None:
+                self._remember([bottom])
                 context.continue_binding(tops[0][api.ID], [bottom])
         elif vlans and is_baremetal:
             status = constants.PORT_STATUS_ACTIVE if self._is_active_at_once else None
@@ -58,7 +85,6 @@ class Binder:
                 vlans[0][api.ID], portbindings.VIF_TYPE_OTHER,
                 {portbindings.VIF_DETAILS_CONNECTIVITY: portbindings.CONNECTIVITY_L2,
                  portbindings.CAP_PORT_FILTER: False}, status)
-        # The VLAN of a virtual machine is bound by the driver of its host, below this one.
 
     def _allocate(self, context: api.PortContext, racks: list[str]) -> Segment | None:
         for rack in racks:
@@ -83,9 +109,7 @@ class Binder:
             if named := config.matching(agent.hosts, host):
                 return [named]
         racks: list[str] = []
-        for listed in context._plugin.get_agents(context._plugin_context,
-                                                 filters={"host": [host]}):
-            configurations = listed.get("configurations") or {}
+        for configurations in listed_agents.configurations_on(context._plugin_context, host):
             for option in ("bridge_mappings", "device_mappings", "interface_mappings"):
                 mappings = configurations.get(option)
                 for network in mappings if isinstance(mappings, dict) else ():
@@ -125,3 +149,8 @@ class Binder:
                 if len(self._agents) == 1:
                     return agent.physical_networks[0]
         return None
+
+
+def _tops(candidates: list[Segment]) -> list[Segment]:
+    """The segments below which a rack's VLAN is bound."""
+    return [s for s in candidates if s[api.NETWORK_TYPE] == constants.TYPE_VXLAN]

@@ -48,8 +48,10 @@ class Segments:
         """The network's VLAN in a rack, made where there is none. It stays for `linger` seconds
         and for as long as a binding has it. Raises what Neutron raises when no VLAN is left."""
         wanted = {api.NETWORK_TYPE: constants.TYPE_VLAN, api.PHYSICAL_NETWORK: physical_network}
+        network = context.network.current["id"]
         for _ in range(ATTEMPTS):
-            segment: Segment = context.allocate_dynamic_segment(wanted)
+            segment: Segment = (_present(context._plugin_context, network, physical_network)
+                                or context.allocate_dynamic_segment(wanted))
             if self._hold(context._plugin_context, segment[api.ID]):
                 return segment
         return None
@@ -88,6 +90,18 @@ class Segments:
         with self._lock:
             self._held.pop(segment, None)
         return bool(_release(segment, revision))
+
+
+def _present(context: Context, network: str, physical_network: str) -> Segment | None:
+    """A network's dynamic VLAN in a rack, in one query: most bindings find it there."""
+    with db_api.CONTEXT_READER.using(context):
+        row = context.session.query(_segment.id, _segment.segmentation_id).filter_by(
+            network_id=network, network_type=constants.TYPE_VLAN,
+            physical_network=physical_network, is_dynamic=True).first()
+    return None if row is None else {
+        api.ID: row.id, api.NETWORK_TYPE: constants.TYPE_VLAN,
+        api.PHYSICAL_NETWORK: physical_network, api.SEGMENTATION_ID: row.segmentation_id,
+        api.NETWORK_ID: network}
 
 
 @db_api.retry_db_errors
