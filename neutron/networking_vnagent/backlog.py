@@ -76,6 +76,13 @@ class Backlog:
         with self._changed:
             return len(self._work)
 
+    def waiting(self) -> Work:
+        """What waits, without taking it out."""
+        with self._changed:
+            work = Work()
+            work.add(self._work)
+            return work
+
     def take(self, limit: int) -> Work | None:
         """Takes out up to `limit` objects; None when there is nothing."""
         with self._changed:

@@ -27,10 +27,13 @@ OPTIONS = [
                help="repair: a full sync makes the agent's region what the database says. report: "
                     "it counts and logs what differs and changes nothing."),
     cfg.IntOpt("max_backlog", default=5000, min=1,
-               help="How many changed objects a server process remembers for one agent. Beyond, "
+               help="How many changed objects a server remembers for one agent. Beyond, "
                     "and when the agent has been away for long, it sends the whole region."),
     cfg.IntOpt("batch_size", default=200, min=1,
                help="How many changed objects are sent in one patch at most."),
+    cfg.FloatOpt("gather_time", default=0.05, min=0, max=10,
+                 help="Seconds from a change to the moment when it is sent: what changes meanwhile "
+                      "is sent with it."),
     cfg.FloatOpt("provisioning_timeout", default=60, min=0,
                  help="Seconds that a port waits at most, before it becomes ACTIVE, for the agents "
                       "concerned to acknowledge it. 0: ports do not wait."),

@@ -123,3 +123,39 @@ def now() -> str:
         is_sqlite = bind.dialect.name == "sqlite"
         clock = sa.func.datetime("now") if is_sqlite else sa.func.utc_timestamp()
         return str(context.session.execute(sa.select(clock)).scalar())
+
+
+class Places(typing.NamedTuple):
+    """Where objects are now."""
+    # The segments of the levels of ports.
+    segments: set[str]
+    # The physical networks of the segments of networks, by segment.
+    racks: dict[str, str | None]
+    # Whether a port is bound without a level that says where.
+    is_anywhere: bool
+
+
+@db_api.retry_db_errors
+def places_of(ports: collections.abc.Collection[str],
+              networks: collections.abc.Collection[str]) -> Places:
+    """Where these ports are bound, and these networks have segments."""
+    context = neutron_context.get_admin_context()
+    with db_api.CONTEXT_READER.using(context):
+        session = context.session
+        levels = _where_in(session, LEVEL, ml2_models.PortBindingLevel.port_id, ports)
+        leveled = {row.port_id for row in levels}
+        bindings = _where_in(session, BINDING, ml2_models.PortBinding.port_id,
+                             set(ports) - leveled)
+        segments = _where_in(session, SEGMENT, segment_models.NetworkSegment.network_id, networks)
+        return Places({row.segment_id for row in levels if row.segment_id},
+                      {row.id: row.physical_network for row in segments},
+                      any(row.vif_type not in mapping.UNBOUND for row in bindings))
+
+
+@db_api.retry_db_errors
+def racks_of(segments: collections.abc.Collection[str]) -> dict[str, str | None]:
+    """The physical network of each of the segments that exist."""
+    context = neutron_context.get_admin_context()
+    with db_api.CONTEXT_READER.using(context):
+        rows = _where_in(context.session, SEGMENT, segment_models.NetworkSegment.id, segments)
+        return {row.id: row.physical_network for row in rows}

@@ -11,6 +11,7 @@ import typing
 Document = dict[str, typing.Any]
 
 VLAN, VXLAN, OTHER = "vlan", "vxlan", 2
+NATIVE = 1  # The vlanType of a port whose VLAN is native.
 UNBOUND = frozenset({"unbound", "binding_failed"})
 DISTRIBUTED = "network:router_interface_distributed"
 SUBPORT = "trunk:subport"
@@ -188,7 +189,7 @@ class Mapping:
         if binding is None and self._served:
             return
         is_native = is_baremetal and port.device_owner != SUBPORT
-        self._region["port"][port.id] = {"vlanType": 1} if is_native else {}
+        self._region["port"][port.id] = {"vlanType": NATIVE} if is_native else {}
         if binding is not None:
             self._region["portBinding"][port.id] = binding
         self._add_device(port, is_baremetal)
@@ -309,6 +310,43 @@ def difference(before: Document, after: Document) -> Document:
         elif value != before[key]:
             patch[key] = value
     return patch
+
+
+def interfaces_of(binding: Document) -> dict[tuple[str, str], Document]:
+    """The (switch, interface) of each link of a port binding, with what is bound there."""
+    return {(switch, interface): bound
+            for switch, interfaces in binding.get("portToSwitchInterfaceBinding", {}).items()
+            for interface, bound in interfaces.items()}
+
+
+def _natives(region: Document) -> dict[tuple[str, str], dict[str, Document]]:
+    """The native ports of each switch interface, with what is bound there."""
+    found: dict[tuple[str, str], dict[str, Document]] = {}
+    for name, binding in region.get("portBinding", {}).items():
+        if region.get("port", {}).get(name, {}).get("vlanType") == NATIVE:
+            for link, bound in interfaces_of(binding).items():
+                found.setdefault(link, {})[name] = bound
+    return found
+
+
+def displaced_natives(before: Document, after: Document) -> set[str]:
+    """The native ports that stay on a switch interface that another native port leaves: the agent
+    takes the native VLAN of the interface away with that one, so they must be written anew."""
+    displaced: set[str] = set()
+    natives = _natives(after)
+    for link, ports in _natives(before).items():
+        staying = {name for name, bound in ports.items()
+                   if natives.get(link, {}).get(name) == bound}
+        if staying != ports.keys():
+            displaced |= staying
+    return displaced
+
+
+def make_tagged(region: Document, ports: typing.Iterable[str]) -> None:
+    """Lets ports of a region, or of a patch of it, be tagged: the first step to write a native one
+    anew, which leaves something that differs for whoever goes on if this process does not."""
+    for name in ports:
+        region.setdefault("port", {})[name] = {"vlanType": 0}
 
 
 def collections_of(region: Document) -> Document:

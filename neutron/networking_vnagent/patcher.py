@@ -104,7 +104,11 @@ class Patcher:
         self.etag = f'"{revision}"'
 
     def apply(self, work: backlog.Work, headers: dict[str, str] | None = None) -> Applied:
-        """Patches what differs of these objects; returns when the agent has them on its disk."""
+        """Patches what differs of these objects; returns when the agent has them on its disk.
+
+        Other ports may have to be written for their sake: they are added to `work` before anything
+        is sent, so that a caller who tries again does not forget them.
+        """
         wanted = backlog.Work()
         wanted.add(work)
         for _ in range(ATTEMPTS):
@@ -113,20 +117,27 @@ class Patcher:
                                        wanted.devices)
             made = mapping.Mapping(rows, self._agent.physical_networks)
             desired = made.document()
-            beside = self._ports_beside(desired)
+            places = places_of(wanted, desired)
+            present = self._present(places)
+            beside = self._ports_on_links_of(present, desired)
             if not beside <= wanted.ports:
                 wanted.ports |= beside
                 continue
-            patch = self._patch(wanted, desired, rows)
+            patch = self._patch(wanted, places, present, desired, rows)
             if not patch:
                 return Applied(made.left_out)
+            displaced = mapping.displaced_natives(present, desired)
+            work.ports |= displaced
+            mapping.make_tagged(patch, displaced)
             try:
                 self.send("PATCH", patch, etag, headers)
-                return Applied(made.left_out)
             except agent_client.Refused as refused:
                 if refused.status != 412:
                     raise
                 self._moved(refused.etag)
+                continue
+            if not displaced:
+                return Applied(made.left_out)
         raise LostRaces(f"agent {self._agent.name}: the region changed {ATTEMPTS} times meanwhile")
 
     def apply_parts(self, work: backlog.Work, headers: dict[str, str] | None = None) -> Applied:
@@ -141,22 +152,23 @@ class Patcher:
                 return Applied([], work)
         applied = Applied([])
         for half in work.halves():
-            part = self.apply_parts(half, headers)
+            try:
+                part = self.apply_parts(half, headers)
+            finally:
+                work.add(half)
             applied.left_out += part.left_out
             applied.refused.add(part.refused)
         return applied
 
-    def _ports_beside(self, desired: mapping.Document) -> set[str]:
-        """The ports that the agent has on the switch interfaces of these bindings.
+    def _ports_on_links_of(self, *regions: mapping.Document) -> set[str]:
+        """The ports that the agent has on the switch interfaces of some bindings.
 
-        A native port that leaves an interface takes the native VLAN with it, also that of a port
-        that came later. So a port that comes brings those up to date that are there: of one that
-        has gone, but not for the agent yet, the removal is in the same patch, where it is first.
+        A native port that leaves an interface takes the native VLAN with it, also that of another
+        port. So who adds or removes one brings those up to date that are there: of one that has
+        gone, but not for the agent yet, the removal is in the same patch, where it is first.
         """
-        links = {(switch, interface)
-                 for binding in desired.get("portBinding", {}).values()
-                 for switch, interfaces in binding.get("portToSwitchInterfaceBinding", {}).items()
-                 for interface in interfaces}
+        links = {link for region in regions for binding in region.get("portBinding", {}).values()
+                 for link in mapping.interfaces_of(binding)}
         return {port for link in sorted(links) for port in self._client.ports_on(*link)}
 
     def _present_etag(self) -> str:
@@ -174,14 +186,19 @@ class Patcher:
         if number_of(etag) > self.revision:
             self.revision = number_of(etag)
 
-    def _patch(self, work: backlog.Work, desired: mapping.Document,
-               rows: mapping.Rows) -> mapping.Document:
-        places = places_of(work, desired)
-        if len(places) > SINGLE_MEMBERS:
-            region, _ = self._client.region_document()
-            present: mapping.Document = mapping.collections_of(region)
-        else:
-            present = self._client.members(places)
+    def _present(self, places: list[tuple[str, str]]) -> mapping.Document:
+        if len(places) <= SINGLE_MEMBERS:
+            return self._client.members(places)
+        region, _ = self._client.region_document()
+        present = mapping.collections_of(region)
+        found: mapping.Document = {}
+        for collection, name in places:
+            if name in present.get(collection, {}):
+                found.setdefault(collection, {})[name] = present[collection][name]
+        return found
+
+    def _patch(self, work: backlog.Work, places: list[tuple[str, str]], present: mapping.Document,
+               desired: mapping.Document, rows: mapping.Rows) -> mapping.Document:
         before: mapping.Document = {}
         after: mapping.Document = {}
         for collection, name in places:

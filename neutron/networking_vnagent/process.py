@@ -1,4 +1,9 @@
-"""What runs in each process of the server: the publishers, and the looks at the database."""
+"""What runs in the process that publishes: publishers, and the looks at the database.
+
+neutron-server has a process of its own for it; the processes that answer calls hand over to it what
+they change. Where Neutron's API runs in another web server, and with SQLite, each process that
+changes something publishes it itself.
+"""
 import collections.abc
 import os
 import random
@@ -12,21 +17,23 @@ from sqlalchemy import exc as sql_exc
 
 from networking_vnagent import backlog
 from networking_vnagent import config
+from networking_vnagent import handover
 from networking_vnagent import provisioning
 from networking_vnagent import publisher
+from networking_vnagent import routing
 from networking_vnagent import segments as dynamic_segments
 from networking_vnagent import type_driver
 
 LOG = log.getLogger(__name__)
 
-# Seconds for which a process that answers the API leaves a full sync to the others.
-API_SYNC_DELAY = 5
 # A block of a port that was there at two looks so far apart, in seconds, is nobody else's.
 ORPHAN_AGE = 5
+# Seconds for which a full sync is left to other servers, when a process was started.
+RESTART_DELAY = 5
 
 
 class ServerProcess:
-    """The threads of one process. They start after a fork, or with the first change."""
+    """One process of the server. Any thread may call."""
 
     def __init__(self, agents: collections.abc.Sequence[config.AgentConfig], options: typing.Any,
                  segments: dynamic_segments.Segments) -> None:
@@ -35,15 +42,44 @@ class ServerProcess:
         self._segments = segments
         self._lock = threading.Lock()
         self._pid = 0
-        # Whether this process answers the API: it leaves full syncs to others where it can.
-        self.answers_api = False
+        self._hands_over = False
+        self._handover = handover.Handover()
+        self._router = routing.Router(agents)
         self._publishers: list[publisher.Publisher] = []
         self.acknowledgements = provisioning.Acknowledgements(options.provisioning_timeout)
 
-    def start(self) -> None:
-        """Starts the threads, unless they run in this process. Any thread may call."""
+    # The processes that answer calls.
+
+    def hand_over(self) -> None:
+        """From now on, what this process and its children change is for the one that publishes."""
+        self._hands_over = True
+
+    def begin(self) -> None:
+        """After a fork, in a process that answers calls."""
+        if self._hands_over:
+            self._handover.restarted()
+        else:
+            self._publish_itself()
+
+    def changed(self, change: handover.Change) -> None:
+        """Hands a change on; it does not wait for anything."""
+        if not self._hands_over:
+            self._publish_itself()
+        self._handover.send(change)
+
+    def _publish_itself(self) -> None:
         if self._pid == os.getpid():
             return
+        with self._lock:
+            if self._pid != os.getpid():
+                # That of before is shared with the other processes.
+                self._handover = handover.Handover()
+        self.start()
+
+    # The process that publishes.
+
+    def start(self) -> None:
+        """Starts the threads, unless they run in this process."""
         with self._lock:
             if self._pid == os.getpid():
                 return
@@ -51,27 +87,52 @@ class ServerProcess:
                                             for name in publisher.Settings._fields))
             self._publishers = [
                 publisher.Publisher(agent, settings, self.acknowledgements,
-                                    type_driver.learn_assignment,
-                                    API_SYNC_DELAY if self.answers_api else 0)
-                for agent in self._agents]
+                                    type_driver.learn_assignment) for agent in self._agents]
             for one in self._publishers:
                 one.start()
-            for name, target in (("blocks", self._remove_blocks), ("looks", self._look)):
+            for name, target in (("changes", self._distribute), ("blocks", self._remove_blocks),
+                                 ("looks", self._look)):
                 threading.Thread(target=target, daemon=True, name=f"vnagent-{name}").start()
             self._pid = os.getpid()
 
-    def changed(self, work: backlog.Work) -> None:
-        """Notes a change for all agents: each finds out by itself what of it is its own."""
-        self.start()
-        for one in self._publishers:
-            one.changed(work)
+    # What was handed over.
 
-    def added_unbound(self, work: backlog.Work) -> None:
-        """Notes what is bound nowhere yet: to agents of some physical networks that is nothing."""
-        self.start()
+    def _distribute(self) -> None:
+        while True:
+            try:
+                if self._handover.wait(1):
+                    # Several changes of one object follow each other: a bind is two, and more.
+                    time.sleep(self._options.gather_time)
+                self.distribute()
+            except Exception:
+                LOG.exception("Unexpected; it is tried again")
+                time.sleep(1)
+
+    def distribute(self) -> None:
+        """Gives what waits to the publishers that are concerned."""
+        received = self._handover.receive()
+        if received.lost:
+            LOG.info("All agents are looked at anew: %s", received.lost)
+            for one in self._publishers:
+                one.look_anew(received.lost, RESTART_DELAY)
+        change = handover.Change()
+        for part in received.changes:
+            change.add(part)
+        if change:
+            self._give(change)
+
+    def _give(self, change: handover.Change) -> None:
+        for port, names in change.waiting.items():
+            self.acknowledgements.expect(port, names)
+        try:
+            concerned = set(self._router.concerned(change))
+        except (db_exc.DBError, sql_exc.SQLAlchemyError) as error:
+            LOG.debug("All agents look at a change: %s", error)
+            concerned = {agent.name for agent in self._agents}
+        concerned.update(*change.waiting.values())
         for one in self._publishers:
-            if not one.agent.physical_networks:
-                one.changed(work)
+            if one.agent.name in concerned:
+                one.changed(change.work)
 
     # Ports that wait for agents.
 
@@ -110,10 +171,12 @@ class ServerProcess:
         blocked = {port: since.get(port, now) for port in
                    provisioning.blocked_ports() - self.acknowledgements.expected()}
         adopted = {port for port, first in blocked.items() if now - first >= ORPHAN_AGE}
+        names = {agent.name for agent in self._agents}
         for port in adopted:
-            self.acknowledgements.expect(port, {agent.name for agent in self._agents})
+            self.acknowledgements.expect(port, names)
         if adopted:
             LOG.info("%d port(s) wait for agents since a process that may have ended: looking "
                      "after them", len(adopted))
-            self.changed(backlog.Work(ports=adopted))
+            for one in self._publishers:
+                one.changed(backlog.Work(ports=adopted))
         return blocked

@@ -51,7 +51,7 @@ class Publisher:
     def __init__(self, agent: config.AgentConfig, settings: Settings,
                  acknowledgements: provisioning.Acknowledgements,
                  on_status: typing.Callable[[config.AgentConfig, agent_client.Document],
-                                            None], sync_delay: float = 0) -> None:
+                                            None]) -> None:
         self.agent = agent
         self.backlog = backlog.Backlog(settings.max_backlog)
         self._settings = settings
@@ -73,10 +73,14 @@ class Publisher:
         # A full sync that began to read later than that, by the database's clock, is enough; None:
         # there is no need of one. "" before the database's clock has been read.
         self._sync_wanted: str | None = ""
-        self._sync_reason = "this server process starts"
-        # Seconds for which a full sync is left to other processes first.
-        self._sync_delay = sync_delay
-        self._next_sync = time.monotonic() + sync_delay
+        self._sync_reason = "this server starts"
+        # Whether what differs then is drift: nobody knows of a reason.
+        self._is_drift = True
+        # What differed at the first look of a full sync.
+        self._suspected: sync.Look | None = None
+        self._next_sync = time.monotonic()
+        # Why another thread wants a full sync, and when at the earliest.
+        self._asked: tuple[str, float] | None = None
         self._said: set[str] = set()
 
     # From any thread.
@@ -90,6 +94,11 @@ class Publisher:
 
     def changed(self, work: backlog.Work) -> None:
         self.backlog.add(work)
+
+    def look_anew(self, reason: str, delay: float) -> None:
+        """Wants a full sync, `delay` seconds from now where no other server does it before."""
+        self._asked = (reason, time.monotonic() + delay)
+        self.backlog.wake()
 
     # The worker's thread.
 
@@ -128,6 +137,9 @@ class Publisher:
             LOG.error("Agent %s: unexpected; it is tried again", self.agent.name, exc_info=error)
 
     def _turn(self) -> None:
+        if (asked := self._asked) is not None:
+            self._asked = None
+            self._want_sync(*asked)
         if not self._client.is_connected or time.monotonic() >= self._next_check:
             self._check()
         self._patcher.settle()
@@ -141,7 +153,10 @@ class Publisher:
             until = self._next_check
             if self._wants_sync():
                 until = min(until, self._next_sync)
-            self.backlog.wait(max(0.01, until - time.monotonic()), self._stopped.is_set)
+            self.backlog.wait(max(0.01, until - time.monotonic()), self._is_awaited)
+
+    def _is_awaited(self) -> bool:
+        return self._stopped.is_set() or self._asked is not None
 
     def _publish(self, work: backlog.Work) -> None:
         expected = self._acknowledgements.expected() & work.ports
@@ -199,17 +214,21 @@ class Publisher:
     def _look_at_list(self, hello: agent_client.Document) -> None:
         listed = agents.read(self.agent.name)
         self._status = self._region_status()
-        self._on_status(self.agent, self._status)
+        assigned = self._assigned()
         if listed is None or listed.seconds_since_heartbeat >= self._settings.report_interval:
             agents.report(self.agent.name, self._configurations(hello))
+        elif any(listed.configurations.get(name) != value for name, value in assigned.items()):
+            # The processes that answer calls learn it from there.
+            agents.amend(self.agent.name, assigned)
+        self._on_status(self.agent, self._status)
         last = str((listed.configurations if listed else {}).get("full_sync_read_at") or "")
         if last and not self._wants_sync():
             age = _seconds_between(last, database.now())
             # Each process has another moment, so that mostly one of them does it.
             if age > self._settings.full_sync_interval * random.uniform(1, 1.1):
                 self._sync_wanted = last
-                self._sync_reason = "it is time for one"
-                self._next_sync = time.monotonic() + self._sync_delay
+                self._sync_reason, self._is_drift = "it is time for one", True
+                self._next_sync = time.monotonic()
 
     def _region_status(self) -> dict[str, typing.Any]:
         try:
@@ -219,12 +238,15 @@ class Publisher:
                 return {}
             raise
 
-    def _configurations(self, hello: agent_client.Document) -> agents.Configurations:
+    def _assigned(self) -> agents.Configurations:
+        """The VLANs that the agent's region has assigned; nothing where it does not say."""
         assigned = type_driver.assigned_in(self._status)
-        known = {} if assigned is None else {
+        return {} if assigned is None else {
             "assigned_vlans": type_driver.text_of(assigned),
             "vlan_assignment_uuid": self._status.get("vlanAssignmentUuid")}
-        return known | {
+
+    def _configurations(self, hello: agent_client.Document) -> agents.Configurations:
+        return self._assigned() | {
             "url": self.agent.url, "region": self.agent.region,
             "physical_networks": list(self.agent.physical_networks),
             "version": hello.get("version"), "instance": hello.get("instance"),
@@ -234,10 +256,14 @@ class Publisher:
 
     # Full sync.
 
-    def _want_sync(self, reason: str) -> None:
+    def _want_sync(self, reason: str, earliest: float | None = None) -> None:
+        now = time.monotonic()
+        if not self._wants_sync():
+            self._next_sync = now if earliest is None else earliest
+        elif earliest is None:
+            self._next_sync = min(self._next_sync, now)
         self._sync_wanted = ""
-        self._sync_reason = reason
-        self._next_sync = time.monotonic() + self._sync_delay
+        self._sync_reason, self._is_drift = reason, False
         self._next_check = 0.0
 
     def _wants_sync(self) -> bool:
@@ -249,14 +275,36 @@ class Publisher:
     def _full_sync(self) -> None:
         if self.backlog.is_region and self._sync_wanted is None:
             self._sync_wanted = database.now()
-            self._sync_reason = "more has changed than is remembered"
+            self._sync_reason, self._is_drift = "more has changed than is remembered", False
         wanted = self._sync_wanted or database.now()
+        full_sync = sync.FullSync(self.agent, self._client, self._patcher)
+        drift = None
+        if self._is_drift or self._settings.full_sync_mode == "report":
+            drift = self._drift(full_sync)
+            if drift is None:
+                return
+        if self._settings.full_sync_mode == "report":
+            assert drift is not None
+            self._reported(drift.report())
+            return
+        self._repair(full_sync, wanted, drift)
+
+    def _drift(self, full_sync: sync.FullSync) -> sync.Look | None:
+        """What differs for a while, and nobody is about to send; None when it is not known yet:
+        changes are sent meanwhile."""
+        found = full_sync.look().without(self.backlog.waiting())
+        if self._suspected is None and found.differing:
+            self._suspected = found
+            self._next_sync = time.monotonic() + sync.SETTLE
+            return None
+        if self._suspected is not None:
+            found = found.lasting(self._suspected)
+        self._suspected = None
+        return found
+
+    def _repair(self, full_sync: sync.FullSync, wanted: str, drift: sync.Look | None) -> None:
         expected = self._acknowledgements.expected()
         self._next_sync = time.monotonic() + LOCK_PAUSE * random.uniform(1, 2)
-        full_sync = sync.FullSync(self.agent, self._client, self._patcher)
-        if self._settings.full_sync_mode == "report":
-            self._reported(full_sync.report())
-            return
         try:
             timeout = full_sync.lock(0)
         except sync.LockHeld as held:
@@ -266,23 +314,29 @@ class Publisher:
         last = (listed.configurations if listed else {}).get("full_sync_read_at")
         if last and str(last) > wanted and not self.backlog.is_region:
             full_sync.unlock()
-            LOG.info("Agent %s: another server process has done the full sync", self.agent.name)
+            LOG.info("Agent %s: another server has done the full sync", self.agent.name)
             self._sync_wanted = None
             return
         LOG.info("Agent %s: full sync, because %s", self.agent.name, self._sync_reason)
-        known = self.backlog.take_region()
+        self.backlog.take_region()
         try:
-            report = full_sync.repair(timeout, known)
+            report = full_sync.repair(timeout)
         except BaseException:
             self.backlog.become_region()
             raise
         self._sync_wanted = None
-        self._synced(report)
+        self._is_drift = True
+        self._synced(report, drift)
         self._acknowledgements.acknowledged(self.agent.name, expected)
 
-    def _synced(self, report: sync.Report) -> None:
-        level = log.WARNING if report.differing else log.INFO
-        LOG.log(level, "Agent %s: full sync complete: %s", self.agent.name, report.text())
+    def _synced(self, report: sync.Report, drift: sync.Look | None) -> None:
+        sent = len(report.differing)
+        report.differing = sorted(drift.differing) if drift is not None else []
+        if report.differing:
+            LOG.warning("Agent %s: full sync complete: %s", self.agent.name, report.text())
+        else:
+            LOG.info("Agent %s: full sync complete: %d of %d members were sent, no drift",
+                     self.agent.name, sent, report.members)
         self._log_left_out(report.left_out)
         self._went_well()
         hello = self._client.hello()
@@ -295,6 +349,7 @@ class Publisher:
         self._client.create_region()
         self.backlog.add(self.backlog.take_region())
         self._sync_wanted = None
+        self._is_drift = True
         agents.amend(self.agent.name, {"full_sync_read_at": report.read_at,
                                        "full_sync_drift": len(report.differing)})
 

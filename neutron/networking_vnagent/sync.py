@@ -8,7 +8,7 @@ import dataclasses
 import os
 import socket
 import threading
-import time
+import typing
 import uuid
 
 from oslo_log import log
@@ -24,8 +24,8 @@ LOG = log.getLogger(__name__)
 
 # How often the whole region is sent when others change it at the same time; then only what differs.
 PUT_ATTEMPTS = 4
-# Seconds after which what differs was not just on its way.
-SETTLE = 1
+# Seconds after which what differs in the same way is not just on its way.
+SETTLE = 3
 # Members in one patch of these.
 PART = 100
 # So many differing members are named in the log.
@@ -54,6 +54,33 @@ class Report:
         done = "repaired" if self.is_repaired else "not repaired"
         return (f"{len(self.differing)} of {self.members} members differed, {done}: {named}"
                 + (f", and {more} more" if more > 0 else ""))
+
+
+@dataclasses.dataclass
+class Look:
+    """What differs at one moment: of each member, what the agent has and what it should have."""
+    read_at: str
+    differing: dict[tuple[str, str], tuple[typing.Any, typing.Any]]
+    members: int
+    left_out: list[str]
+
+    def without(self, work: backlog.Work) -> "Look":
+        """The same without what is to be sent anyway."""
+        known = set(patcher.places_of(work, {}))
+        if work.networks:
+            # A network's segments are made and renumbered with it.
+            known |= {place for place in self.differing if place[0] == "segment"}
+        return dataclasses.replace(self, differing={
+            place: values for place, values in self.differing.items() if place not in known})
+
+    def lasting(self, before: "Look") -> "Look":
+        """The same with what differed in the same way before, and so is not just on its way."""
+        return dataclasses.replace(self, differing={
+            place: values for place, values in self.differing.items()
+            if before.differing.get(place) == values})
+
+    def report(self) -> Report:
+        return Report(self.read_at, sorted(self.differing), self.members, False, self.left_out)
 
 
 def requester() -> str:
@@ -101,7 +128,7 @@ class FullSync:
         self._patcher = changes or patcher.Patcher(agent, client)
         self._request_id = str(uuid.uuid4())
 
-    def report(self) -> Report:
+    def look(self) -> Look:
         """Compares and changes nothing. What is on its way just now counts as different."""
         try:
             present, _ = self._client.region_document()
@@ -111,8 +138,12 @@ class FullSync:
             present = {}
         read_at = database.now()
         desired, left_out = self._desired()
-        differing = mapping.members_that_differ(mapping.collections_of(present), desired)
-        return Report(read_at, differing, _count(desired), False, left_out)
+        found = mapping.collections_of(present)
+        differing = {
+            (collection, name): (found.get(collection, {}).get(name),
+                                 desired.get(collection, {}).get(name))
+            for collection, name in mapping.members_that_differ(found, desired)}
+        return Look(read_at, differing, _count(desired), left_out)
 
     def lock(self, wait: float) -> float:
         """Takes the region's lock; the sync's timeout in seconds. Raises LockHeld."""
@@ -138,16 +169,14 @@ class FullSync:
         except agent_client.AgentError as error:
             LOG.debug("agent %s: the lock was not freed: %s", self._agent.name, error)
 
-    def repair(self, timeout: float, known: backlog.Work | None = None) -> Report:
-        """Holding the lock: makes the region what the database says, and frees the lock.
-
-        `known` is what was to be sent anyway; it does not count as drift.
-        """
+    def repair(self, timeout: float) -> Report:
+        """Holding the lock: makes the region what the database says, and frees the lock. What
+        differed was drift, or on its way: who must know looks before, twice."""
         is_complete = False
         try:
             self._client.sync_call("start", self._request_id)
             with _Heart(self._agent, self._request_id, timeout):
-                report = self._put(known or backlog.Work())
+                report = self._put()
             self._client.sync_call("complete", self._request_id)
             is_complete = True
             return report
@@ -163,32 +192,29 @@ class FullSync:
         headers = {"Sync-Request-Id": self._request_id}
         return self._patcher.send(method, body, etag, headers, max(self._client.timeout, 120))
 
-    def _put(self, known: backlog.Work) -> Report:
+    def _put(self) -> Report:
         marker = "sync-" + self._request_id
         self._change("PATCH", {MARKER_COLLECTION: {marker: {}}}, None)
-        first: list[tuple[str, str]] = []
         for attempt in range(PUT_ATTEMPTS):
-            present, etag = self._client.region_document()
+            region, etag = self._client.region_document()
             read_at = database.now()
             desired, left_out = self._desired()
-            differing = mapping.members_that_differ(mapping.collections_of(present), desired)
+            present = mapping.collections_of(region)
+            differing = mapping.members_that_differ(present, desired)
             if attempt == 0:
-                first = [place for place in differing if place[0] != MARKER_COLLECTION
-                         and place not in set(patcher.places_of(known, desired))]
-                if 0 < len(first) <= NAMED:
-                    # What other servers are sending just now is no drift.
-                    time.sleep(SETTLE)
-                    continue
-            elif attempt == 1:
-                first = [place for place in first if place in differing]
+                first = [place for place in differing if place[0] != MARKER_COLLECTION]
+            displaced = mapping.displaced_natives(present, desired)
+            mapping.make_tagged(desired, displaced)
             try:
                 self._change("PUT", desired, etag)
-                return Report(read_at, first, _count(desired), True, left_out)
             except agent_client.Refused as refused:
                 if refused.status not in (412, 422):
                     raise
                 LOG.debug("agent %s: attempt %d of the full sync: %s", self._agent.name,
                           attempt + 1, refused)
+                continue
+            self._patch([("port", name) for name in sorted(displaced)])
+            return Report(read_at, first, _count(desired), True, left_out)
         # Others change the region all the time, or something in it breaks a rule of the agent: what
         # differed is brought up to date a part at a time.
         self._patch(differing)

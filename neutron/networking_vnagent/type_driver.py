@@ -91,6 +91,8 @@ class VnagentVlanTypeDriver(type_vlan.VlanTypeDriver):
         options = cfg.CONF[config.GROUP]
         self._agents = config.read_agents(options.agents_file, options.request_timeout)
         self._assigned: dict[str, Vlans] = {}
+        # What agents have said in this process, with which the table was compared.
+        self._learned: dict[str, Vlans] = {}
         self._compared: dict[str, float] = {}
         self._warned: dict[str, Vlans] = {}
         self._learning = threading.Lock()
@@ -124,8 +126,8 @@ class VnagentVlanTypeDriver(type_vlan.VlanTypeDriver):
     def learn(self, agent: str, vlans: Vlans) -> None:
         """What an agent says now; from the thread that speaks to it, outside any transaction."""
         with self._learning:
-            before = self._assigned.get(agent)
-            self._assigned[agent] = vlans
+            before = self._learned.get(agent)
+            self._learned[agent] = self._assigned[agent] = vlans
             now = time.monotonic()
             if before == vlans and now < self._compared.get(agent, 0):
                 return
@@ -140,7 +142,7 @@ class VnagentVlanTypeDriver(type_vlan.VlanTypeDriver):
 
     def initialize(self) -> None:
         """The ranges of the options, and what is known of before about the agents."""
-        self._assigned |= _known_assignments()
+        self._read_list(neutron_context.get_admin_context())
         self._sync_vlan_allocations()
         LOG.info("VLANs that may be allocated: %s", {
             network: ",".join(f"{a}-{b}" for a, b in ranges)
@@ -194,13 +196,17 @@ class VnagentVlanTypeDriver(type_vlan.VlanTypeDriver):
     def validate_provider_segment(self, segment: dict[str, typing.Any]) -> None:
         super().validate_provider_segment(segment)
         network, vlan = segment.get(api.PHYSICAL_NETWORK), segment.get(api.SEGMENTATION_ID)
-        if vlan is not None and not self._may_be_used(network, vlan):
+        if vlan is None:
+            return
+        self._read_list(neutron_context.get_admin_context())
+        if not self._may_be_used(network, vlan):
             raise exceptions.InvalidInput(
                 error_message=f"VLAN {vlan} is not assigned in physical network {network}")
 
     def allocate_partially_specified_segment(self, context: typing.Any,
                                              **filters: typing.Any) -> typing.Any:
         """A free VLAN; one that has just lost its assignment is taken out instead."""
+        self._read_list(context)
         for _ in range(ATTEMPTS):
             found = super().allocate_partially_specified_segment(context, **filters)
             if found is None or self._is_allowed(found.physical_network, found.vlan_id):
@@ -216,10 +222,15 @@ class VnagentVlanTypeDriver(type_vlan.VlanTypeDriver):
         """A certain VLAN; None, as for one that is taken, where it is not assigned."""
         network = raw_segment.get("physical_network")
         vlan = raw_segment.get("vlan_id")
+        self._read_list(context)
         if not self._may_be_used(network, vlan):
             LOG.warning("VLAN %s in %s is not assigned, and cannot be used", vlan, network)
             return None
         return super().allocate_fully_specified_segment(context, **raw_segment)
+
+    def _read_list(self, context: typing.Any) -> None:
+        """Takes over what the process that speaks to the agents has learned."""
+        self._assigned |= _known_assignments(context)
 
     def _may_be_used(self, network: typing.Any, vlan: typing.Any) -> bool:
         return network not in self._assigned_by_network() or self._is_allowed(network, vlan)
@@ -229,10 +240,9 @@ class VnagentVlanTypeDriver(type_vlan.VlanTypeDriver):
                    for first, last in self.get_network_segment_ranges().get(network, ()))
 
 
-@db_api.retry_db_errors
-def _known_assignments() -> dict[str, Vlans]:
-    """What the list of agents says of each agent's assignment."""
-    context = neutron_context.get_admin_context()
+def _known_assignments(context: typing.Any) -> dict[str, Vlans]:
+    """What the list of agents says of each agent's assignment; in the transaction of the context
+    where there is one."""
     with db_api.CONTEXT_READER.using(context):
         rows = context.session.query(
             agent_models.Agent.host, agent_models.Agent.configurations).filter_by(

@@ -36,8 +36,8 @@ def parse(arguments: list[str]) -> argparse.Namespace:
     parser.add_argument("--wait", type=float, default=30, metavar="SECONDS",
                         help="how long to wait for the lock of a region (default: 30)")
     parser.add_argument("--settle", type=float, default=2, metavar="SECONDS",
-                        help="before a report: what differs only now and not that much later was "
-                             "on its way (default: 2)")
+                        help="what does not differ in the same way that much later was on its way, "
+                             "and is not reported (default: 2)")
     parser.add_argument("--json", action="store_true", help="print one object for each agent")
     return parser.parse_args(arguments)
 
@@ -54,26 +54,26 @@ def load(files: list[str] | None) -> list[config.AgentConfig]:
 
 
 def look(agent: config.AgentConfig, settle: float) -> sync.Report:
-    """What differs now and a little later."""
+    """What differs now, and in the same way a little later."""
     client = agent.client()
     try:
-        report = sync.FullSync(agent, client).report()
-        if report.differing and settle > 0:
+        found = sync.FullSync(agent, client).look()
+        if found.differing and settle > 0:
             time.sleep(settle)
-            again = sync.FullSync(agent, client).report()
-            before = set(report.differing)
-            again.differing = [place for place in again.differing if place in before]
-            return again
-        return report
+            found = sync.FullSync(agent, client).look().lasting(found)
+        return found.report()
     finally:
         client.close()
 
 
-def repair(agent: config.AgentConfig, wait: float) -> sync.Report:
+def repair(agent: config.AgentConfig, wait: float, settle: float) -> sync.Report:
+    found = look(agent, settle)
     client = agent.client()
     try:
         full_sync = sync.FullSync(agent, client)
-        return full_sync.repair(full_sync.lock(wait))
+        report = full_sync.repair(full_sync.lock(wait))
+        report.differing = found.differing
+        return report
     finally:
         client.close()
 
@@ -112,7 +112,7 @@ def run(parsed: argparse.Namespace) -> int:
             continue
         try:
             report = (look(agent, parsed.settle) if parsed.mode == "report"
-                      else repair(agent, parsed.wait))
+                      else repair(agent, parsed.wait, parsed.settle))
         except sync.LockHeld as held:
             print(f"{agent.name}: the region's lock is held by {held}", file=sys.stderr)
             status = UNREACHED

@@ -146,8 +146,11 @@ class PluginTestCase(test_plugin.Ml2PluginV2TestCase):
         super().setUp()
         self.mechanism = self.driver.mechanism_manager.mech_drivers["vnagent"].obj
         self.server = self.mechanism._process
+        # As after its start.
+        self.server._pid = os.getpid()
         self.publisher = self.publisher_of(self.mechanism._agents[0])
         self.server._publishers = [self.publisher]
+        self.receive()
 
     def agents_file(self) -> str:
         return (f"[agent:one]\nurl = {self.agent.url}\nregion = {REGION}\n"
@@ -158,10 +161,15 @@ class PluginTestCase(test_plugin.Ml2PluginV2TestCase):
         return publisher.Publisher(agent, settings(**changed), self.server.acknowledgements,
                                    lambda *_: None)
 
+    def receive(self) -> None:
+        """Gives what has changed to the publishers."""
+        self.server.distribute()
+
     def publish(self, one: publisher.Publisher | None = None) -> None:
         """Sends what has changed, and lets ports go on that were acknowledged."""
+        self.receive()
         one = one or self.publisher
-        if one._sync_wanted is not None or one.backlog.is_region:
+        while one._wants_sync():
             one._next_sync = 0.0
             one._turn()
         while len(one.backlog):

@@ -25,7 +25,7 @@ class ChangesTest(unittest.TestCase):
         self.session.flush()
 
     def ports(self) -> list[set[str]]:
-        return [work.ports for work in self.handed]
+        return [change.work.ports for change in self.handed]
 
     def test_nothing_is_handed_on_before_the_commit(self) -> None:
         self.bind("p1")

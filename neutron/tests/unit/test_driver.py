@@ -12,6 +12,8 @@ from neutron_lib.callbacks import resources
 from neutron_lib.plugins import directory
 
 from networking_vnagent import backlog
+from networking_vnagent import client as agent_client
+from networking_vnagent import handover
 from networking_vnagent import provisioning
 from networking_vnagent import segments
 from networking_vnagent import sync
@@ -69,8 +71,8 @@ class DriverTestCase(base.PluginTestCase):
 
     def agrees(self):
         """The agent's region is what the database says."""
-        report = sync.FullSync(self.mechanism._agents[0], self.publisher._client).report()
-        self.assertEqual([], report.differing)
+        found = sync.FullSync(self.mechanism._agents[0], self.publisher._client).look()
+        self.assertEqual({}, found.differing)
 
 
 class BindingTest(DriverTestCase):
@@ -144,8 +146,9 @@ class PublishingTest(DriverTestCase):
         self.publish()
         before = self.agent.revision()
         self.update(port, name="other")
+        self.receive()
         self.assertEqual(0, len(self.publisher.backlog))
-        self.server.changed(backlog.Work(ports={port["id"]}))
+        self.server.changed(handover.Change(backlog.Work(ports={port["id"]})))
         self.publish()
         self.assertEqual(before, self.agent.revision())
 
@@ -183,6 +186,17 @@ class PublishingTest(DriverTestCase):
         self.assertEqual({}, self.resources()["resourcesForHostname"]["h2"]["vlan"])
         self.agrees()
 
+    def test_a_port_that_goes_in_the_middle_of_a_migration_leaves_both_hosts(self):
+        port = self.port()
+        self.driver.create_port_binding(self.context, port["id"], {"binding": {
+            "host": "h2", "vnic_type": "normal", "profile": {}}})
+        self.publish()
+        self.driver.delete_port(self.context, port["id"])
+        self.publish()
+        found = self.resources()["resourcesForHostname"]
+        self.assertEqual([{}, {}], [found[host]["vlan"] for host in ("h1", "h2")])
+        self.agrees()
+
     def test_a_renumbered_network_has_its_new_vlan(self):
         net = self._make_network(self.fmt, "vlan", True, as_admin=True, arg_list=(
             "provider:network_type", "provider:physical_network", "provider:segmentation_id"),
@@ -218,6 +232,56 @@ class PublishingTest(DriverTestCase):
         self.driver.delete_network(self.context, self.net)
         self.publish()
         self.assertEqual({}, self.agent.region())
+
+
+class NativeVlanTest(DriverTestCase):
+    """Two native ports on one link at once, as while a node is handed over."""
+
+    def setUp(self):
+        super().setUp()
+        other = self._make_network(self.fmt, "other", True)["network"]["id"]
+        self.ports = [self.port("bm1", net=net, **BAREMETAL) for net in (self.net, other)]
+        self.publish()
+
+    def left(self):
+        """The native VLAN, and the VLANs, of the link."""
+        found = self.resources()["resourcesForSwitchport"]["leaf-1"]["Ethernet1"]
+        return str(found["nativeVlan"]), list(found["vlan"])
+
+    def stays_native(self, gone):
+        self.driver.delete_port(self.context, self.ports[gone]["id"])
+        self.publish()
+        native, vlans = self.left()
+        self.assertEqual([native], vlans)
+        self.agrees()
+
+    def test_the_second_stays_native_when_the_first_goes(self):
+        self.stays_native(0)
+
+    def test_the_first_stays_native_when_the_second_goes(self):
+        self.stays_native(1)
+
+    def test_the_one_that_stays_is_native_after_a_full_sync(self):
+        self.publisher._want_sync("the test says so")
+        self.stays_native(0)
+
+    def test_who_was_interrupted_in_between_goes_on(self):
+        self.driver.delete_port(self.context, self.ports[0]["id"])
+        self.receive()
+        send, sent = self.publisher._patcher.send, []
+
+        def once(*arguments, **named):
+            if sent:
+                raise agent_client.TryLater("not now")
+            sent.append(send(*arguments, **named))
+            return sent[0]
+        with mock.patch.object(self.publisher._patcher, "send", once):
+            self.assertRaises(agent_client.TryLater, self.publisher._turn)
+        self.assertEqual("0", self.left()[0])
+        self.publish()
+        native, vlans = self.left()
+        self.assertEqual([native], vlans)
+        self.agrees()
 
 
 class WholeRegionTest(DriverTestCase):
@@ -264,6 +328,7 @@ class ProvisioningTest(DriverTestCase):
 
     def test_a_port_goes_on_without_an_agent_that_is_late(self):
         port = self.port("bm1", **BAREMETAL)
+        self.receive()
         self.server.acknowledgements.timeout = 0
         taken = self.server.acknowledgements.take(0)
         self.assertEqual({port["id"]: {"one"}}, taken)
@@ -281,6 +346,7 @@ class ProvisioningTest(DriverTestCase):
 
     def test_the_block_of_a_process_that_is_gone_is_taken_over(self):
         port = self.port("bm1", **BAREMETAL)
+        self.receive()
         self.server.acknowledgements._waiting.clear()
         self.publisher.backlog.take(1000)
         since = self.server._adopt_blocks({})

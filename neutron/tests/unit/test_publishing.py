@@ -68,7 +68,7 @@ class PublishingTestCase(base.AgentTestCase):
     def setUp(self):
         super().setUp()
         self.world = World()
-        for patch in self.world.patches():
+        for patch in [*self.world.patches(), mock.patch.object(sync, "SETTLE", 0.05)]:
             patch.start()
             self.addCleanup(patch.stop)
         self.config = config.AgentConfig("one", self.agent.url, base.REGION, request_timeout=5)
@@ -215,7 +215,7 @@ class FullSyncTest(PublishingTestCase):
         self.run_one()
         self.agent.patch({"network": {"stranger": {}}})
         before = self.agent.revision()
-        self.assertEqual([("network", "stranger")], self.sync().report().differing)
+        self.assertEqual([("network", "stranger")], list(self.sync().look().differing))
         self.assertEqual(before, self.agent.revision())
 
     def test_one_at_a_time(self):
@@ -271,6 +271,65 @@ class PublisherTest(PublishingTestCase):
         self.changed(one, "q")
         self.assertEqual({"q": set()}, self.acknowledgements.take(60))
         self.assertEqual({"p": {"h1"}, "q": {"h2"}}, self.bound())
+
+    def sync_now(self, one):
+        while one._wants_sync():
+            one._next_sync = 0.0
+            one._turn()
+
+    def periodic(self, one, meanwhile=lambda: None):
+        """A full sync because it is time for one; how many members it names as drift."""
+        one._sync_wanted, one._is_drift, one._next_sync = database.now(), True, 0.0
+        one._turn()
+        meanwhile()
+        self.sync_now(one)
+        return self.world.listed["one"]["full_sync_drift"]
+
+    def started(self):
+        one = self.publisher()
+        self.sync_now(one)
+        return one
+
+    def test_what_others_changed_is_drift(self):
+        one = self.started()
+        self.agent.patch({"network": {"stranger": {}}})
+        with self.assertLogs("networking_vnagent.publisher", "WARNING") as logged:
+            self.assertEqual(1, self.periodic(one))
+        self.assertIn("1 of 3 members differed, repaired: network stranger", logged.output[0])
+        self.assertNotIn("stranger", self.agent.region()["network"])
+
+    def test_what_is_to_be_sent_is_no_drift(self):
+        one = self.started()
+        self.bind("p", "h1")
+        self.changed(one, "p")
+        self.assertEqual(0, self.periodic(one))
+        self.assertEqual({"p": {"h1"}}, self.bound())
+
+    def test_what_another_server_sends_in_time_is_no_drift(self):
+        one, other = self.started(), self.started()
+        self.bind("p", "h1")
+        self.changed(other, "p")
+        self.assertEqual(0, self.periodic(one, other._turn))
+        self.assertEqual({"p": {"h1"}}, self.bound())
+
+    def test_what_changes_between_two_looks_is_no_drift(self):
+        one = self.started()
+        self.bind("p", "h1")
+        self.assertEqual(1, self.periodic(one, lambda: self.bind("p", "h2")))
+        self.assertEqual({"p": {"h2"}}, self.bound())
+
+    def test_what_an_agent_lacks_that_lost_its_state_is_no_drift(self):
+        self.bind("p", "h1")
+        one = self.started()
+        self.agent.kill()
+        self.agent.start("another-state")
+        one._patcher.forget()
+        one._client.instance = None
+        one._want_sync("the agent does not have its state of before")
+        with self.assertNoLogs("networking_vnagent.publisher", "WARNING"):
+            self.sync_now(one)
+        self.assertEqual({"p": {"h1"}}, self.bound())
+        self.assertEqual(0, self.world.listed["one"]["full_sync_drift"])
 
     def test_an_agent_that_was_killed_is_up_to_date_again(self):
         one = self.publisher()
@@ -342,7 +401,7 @@ class PublisherTest(PublishingTestCase):
         self.bind("p", "h1")
         one = self.publisher(full_sync_mode="report")
         with self.assertLogs("networking_vnagent.publisher", "WARNING") as logged:
-            one._turn()
+            self.sync_now(one)
         self.assertIn("members differed, not repaired", logged.output[0])
         self.assertEqual({}, self.agent.region())
         self.bind("q", "h1")

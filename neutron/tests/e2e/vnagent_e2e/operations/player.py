@@ -62,18 +62,3 @@ class Player(PortOperations, MigrationOperations, RouterOperations):
             except Unreachable:
                 self.shared.lost[name] += 1
                 self.doubtful = True
-
-    def clear(self) -> None:
-        """Deletes everything that the player owns; raises what the server answers."""
-        self.doubtful = True
-        self.read_anew()
-        for trunk in list(self.trunks.values()):
-            self.drop_trunk(trunk)
-        for router in list(self.routers.values()):
-            for port in list(router.ports):
-                self.api.put(f"/routers/{router.id}/remove_router_interface", {"port_id": port})
-            self.api.delete(f"/routers/{router.id}")
-        self.routers.clear()
-        for key in list(self.ports):
-            self.api.delete(f"/ports/{key}")
-            self.forget(key)
