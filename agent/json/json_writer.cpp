@@ -1,5 +1,6 @@
 #include "agent/json/json_writer.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <iterator>
@@ -33,19 +34,26 @@ bool mayNeedEscape(uint64_t bytes) {
 
 // How many bytes at the beginning need no escape.
 size_t plainLength(std::string_view text) {
+  const auto mayNeedEscapeAt = [&](size_t begin) {
+    uint64_t bytes = 0;
+    std::memcpy(&bytes, text.data() + begin, sizeof bytes);
+    return mayNeedEscape(bytes);
+  };
   size_t length = 0;
-  for (uint64_t bytes = 0; length + sizeof bytes <= text.size(); length += sizeof bytes) {
-    std::memcpy(&bytes, text.data() + length, sizeof bytes);
-    if (mayNeedEscape(bytes)) break;
+  while (length + sizeof(uint64_t) <= text.size() && !mayNeedEscapeAt(length)) {
+    length += sizeof(uint64_t);
+  }
+  // The last few bytes, together with some before them.
+  if (length > 0 && text.size() - length < sizeof(uint64_t) &&
+      !mayNeedEscapeAt(text.size() - sizeof(uint64_t))) {
+    return text.size();
   }
   while (length < text.size() && !needsEscape(text[length])) ++length;
   return length;
 }
 
-}  // namespace
-
-void appendJsonString(std::string& out, std::string_view text) {
-  out += '"';
+// The string without its quotes.
+void appendEscaped(std::string& out, std::string_view text) {
   while (!text.empty()) {
     const size_t plain = plainLength(text);
     out += text.substr(0, plain);
@@ -59,6 +67,13 @@ void appendJsonString(std::string& out, std::string_view text) {
     }
     text.remove_prefix(1);
   }
+}
+
+}  // namespace
+
+void appendJsonString(std::string& out, std::string_view text) {
+  out += '"';
+  appendEscaped(out, text);
   out += '"';
 }
 
@@ -133,6 +148,23 @@ JsonWriter& JsonWriter::key(uint64_t number) {
 JsonWriter& JsonWriter::text(std::string_view value) {
   separate();
   appendJsonString(out_, value);
+  return *this;
+}
+
+JsonWriter& JsonWriter::texts(std::span<const std::string_view> values) {
+  constexpr std::string_view kBetween = "\", \"";
+  separate();
+  size_t bytes = values.size() * kBetween.size() + 2;
+  for (const std::string_view value : values) bytes += value.size();
+  const size_t size = out_.size() + bytes;
+  if (size > out_.capacity()) out_.reserve(std::max(size, 2 * out_.capacity()));
+  out_ += values.empty() ? "[" : "[\"";
+  for (size_t i = 0; i < values.size(); ++i) {
+    if (i > 0) out_ += kBetween;
+    appendEscaped(out_, values[i]);
+  }
+  out_ += values.empty() ? "]" : "\"]";
+  if (drain_ && out_.size() > kDrainBytes) drain_(out_);
   return *this;
 }
 

@@ -12,6 +12,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -35,6 +36,8 @@ class JsonWriter {
   JsonWriter& key(uint64_t number);
 
   JsonWriter& text(std::string_view value);
+  // An array of strings.
+  JsonWriter& texts(std::span<const std::string_view> values);
   JsonWriter& number(uint64_t value);
   // Whole numbers without fraction or exponent, others in the fewest digits that give them back.
   JsonWriter& number(double value);

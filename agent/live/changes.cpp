@@ -145,11 +145,11 @@ std::optional<Refusal> Changes::readBody(const Request& request, const Route& ro
 // Checks against the document.
 
 std::optional<Refusal> Changes::checkPlace(const ChangeRequest& change) const {
+  const bool removes = change.request.method == "DELETE";
+  if (!removes && !change.conditions.given()) return std::nullopt;
   const Place& place = change.route.place;
   const bool exists = hasPlace(cloud_.document(), place);
-  if (!exists && change.request.method == "DELETE") {
-    return Refusal{"not-found", "there is nothing at this place"};
-  }
+  if (!exists && removes) return Refusal{"not-found", "there is nothing at this place"};
   const auto etag = exists ? std::optional(cloud_.etags().of(place)) : std::nullopt;
   return change.conditions.refuseChange(etag);
 }

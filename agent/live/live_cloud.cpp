@@ -29,18 +29,22 @@ int64_t wallTime() {
   return duration_cast<milliseconds>(std::chrono::system_clock::now().time_since_epoch()).count();
 }
 
+// Texts are written into `scratch`, which grows to the size of most of them.
+constexpr size_t kScratchBytes = size_t{64} << 10;
+
 template <class Write>
-std::string written(Write write) {
-  std::string text;
-  JsonWriter json(text, JsonWriter::Style::kOneLine);
+std::string written(std::string& scratch, Write write) {
+  scratch.clear();
+  JsonWriter json(scratch, JsonWriter::Style::kOneLine);
   write(json);
-  return text;
+  if (scratch.size() > kScratchBytes) return std::exchange(scratch, {});
+  return scratch;
 }
 
 // A merge patch; empty where it has nothing in it.
 template <class Write>
-std::string patchText(Write write) {
-  std::string text = written(write);
+std::string patchText(std::string& scratch, Write write) {
+  std::string text = written(scratch, write);
   return text == "{}" ? std::string() : text;
 }
 
@@ -206,21 +210,21 @@ void LiveCloud::replay(const Record& record) {
 // Steps.
 
 void LiveCloud::describe(const StepOutcome& outcome, Record& record, LiveStep& step) {
-  record.output = patchText([&](JsonWriter& json) { writeOutput(outcome.output, json); });
+  record.output = patchText(scratch_, [&](JsonWriter& json) { writeOutput(outcome.output, json); });
   if (!record.output.empty()) {
     record.outputBefore =
-        written([&](JsonWriter& json) { writeOutput(outcome.outputBefore, json); });
+        written(scratch_, [&](JsonWriter& json) { writeOutput(outcome.outputBefore, json); });
   }
   if (outcome.cloud != nullptr) {
     const CloudState& document = session_->document();
-    record.cloud = patchText([&](JsonWriter& json) {
+    record.cloud = patchText(scratch_, [&](JsonWriter& json) {
       writeChange(document, *outcome.cloud, json, [&](std::span<const std::string_view> place) {
         etags_.changed(place, document, revision_ + 1);
       });
     });
   }
   if (!record.cloud.empty()) {
-    record.cloudBefore = written([&](JsonWriter& json) {
+    record.cloudBefore = written(scratch_, [&](JsonWriter& json) {
       writeChange(session_->document(), *outcome.cloud, json, Direction::kBack);
     });
   }
@@ -423,12 +427,14 @@ double LiveCloud::regionSyncTimeout() const {
 
 Snapshot LiveCloud::snapshot() const {
   Snapshot snapshot;
+  std::string scratch;
   snapshot.sequence = sequence_;
   snapshot.revision = revision_;
   snapshot.check = check_;
-  snapshot.cloud = written([&](JsonWriter& json) { writeCloud(document(), json); });
-  snapshot.output = written([&](JsonWriter& json) { writeOutput(session_->output(), json); });
-  snapshot.state = written([&](JsonWriter& json) {
+  snapshot.cloud = written(scratch, [&](JsonWriter& json) { writeCloud(document(), json); });
+  snapshot.output =
+      written(scratch, [&](JsonWriter& json) { writeOutput(session_->output(), json); });
+  snapshot.state = written(scratch, [&](JsonWriter& json) {
     json.open('{').key("session").text(session_->state()).key("etags");
     etags_.write(json);
     json.close('}');

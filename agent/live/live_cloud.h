@@ -178,6 +178,7 @@ class LiveCloud {
   // Those of pending_ that the storage does not have yet.
   std::vector<std::shared_ptr<const Record>> held_;
   bool holdsRecords_ = false;
+  std::string scratch_;  // for the texts of a record
   uint64_t durableRevision_ = 0;
   std::string durableCheck_{kFirstCheck};
   double durableTime_ = 0;  // of the last record that is durable

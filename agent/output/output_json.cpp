@@ -23,11 +23,7 @@ class OutputWriter {
 
   void write(uint32_t number) { json_.number(uint64_t{number}); }
 
-  void write(const Texts& texts) {
-    json_.open('[');
-    for (const auto text : texts) json_.text(text);
-    json_.close(']');
-  }
+  void write(const Texts& texts) { json_.texts(texts); }
 
   void write(const VlanIds& numbers) {
     json_.open('[');

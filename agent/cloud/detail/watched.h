@@ -9,6 +9,7 @@
 #pragma once
 
 #include <algorithm>
+#include <functional>
 #include <iterator>
 #include <memory>
 #include <optional>
@@ -28,6 +29,14 @@ struct Search {
   std::vector<Kiv::Ptr<const Kiv::PtrInterface>> removed;  // entities whose keys are in the result
   std::vector<Kiv::String> texts;  // which the result has and the entities may have no longer
   size_t keys = 0;                 // the number of keys compared
+
+  // Keeps what views of the result may show.
+  template <class T>
+  void hold(T&& value) {
+    if constexpr (std::is_base_of_v<Kiv::Text, std::remove_cvref_t<T>>) {
+      texts.emplace_back(std::forward<T>(value));
+    }
+  }
 
   // What was published, as it is shown; good as long as the search.
   template <class T>
@@ -96,50 +105,78 @@ class WatchedSet {
 
   template <class Set>
   void start(const Set& now) {
+    shown_.clear();
     for (const auto& entry : now) {
-      if (isShown(entry.value)) shown_.newMember(entry.key, true);
+      if (isShown(entry.value)) shown_.push_back(entry.key);
     }
+    std::ranges::sort(shown_, std::less<>());
+    shown_.shrink_to_fit();
   }
   template <class Set>
   void noteAll(const Set& now) {
-    for (const auto& entry : shown_) note(entry.key);
+    for (const K& key : shown_) note(key);
     for (const auto& entry : now) note(entry.key);
   }
   Keys published(Search& search) const {
     Keys keys;
     keys.reserve(shown_.size());
-    for (const auto& entry : shown_) keys.push_back(keep(entry.key, search));
-    std::ranges::sort(keys);
+    for (const K& key : shown_) keys.push_back(static_cast<Key>(search.keep(key)));
     return keys;
   }
   template <class Set>
   std::optional<Keys> change(const Set& now, Search& search, std::optional<Keys>& before) {
-    Keys added;
-    Keys removed;
-    bool changed = false;
-    for (const K& key : noted_.take(search)) {
-      const auto* value = now.find(key);
-      const bool shown = value != nullptr && isShown(*value);
-      if (!(shown ? shown_.newMember(key, true) : shown_.deleteMember(key))) continue;
-      changed = true;
-      if (search.back) (shown ? added : removed).push_back(keep(key, search));
-    }
-    if (!changed) return std::nullopt;
-    Keys keys = readSet(now);
-    if (search.back) {
-      Keys kept;
-      std::ranges::set_difference(keys, added, std::back_inserter(kept));
-      std::ranges::merge(kept, removed, std::back_inserter(before.emplace()));
-    }
-    return keys;
+    std::vector<K> noted = noted_.take(search);
+    std::erase_if(noted, [&](const K& key) { return isIn(now, key) == isIn(shown_, key); });
+    if (noted.empty()) return std::nullopt;
+    if (search.back) before = keysOf(shown_);
+    toggle(std::move(noted), search);
+    return keysOf(shown_);
   }
 
  private:
-  static typename Keys::value_type keep(const K& key, Search& search) {
-    return static_cast<typename Keys::value_type>(search.keep(key));
+  using Key = typename Keys::value_type;
+
+  template <class Set>
+  static bool isIn(const Set& set, const K& key) {
+    const auto* value = set.find(key);
+    return value != nullptr && isShown(*value);
+  }
+  static bool isIn(const std::vector<K>& keys, const K& key) {
+    return std::binary_search(keys.begin(), keys.end(), key);
+  }
+  static Keys keysOf(const std::vector<K>& shown) {
+    Keys keys;
+    keys.reserve(shown.size());
+    for (const K& key : shown) {
+      if constexpr (std::is_base_of_v<Kiv::Text, K>) {
+        keys.push_back(key.view());
+      } else {
+        keys.push_back(key);
+      }
+    }
+    return keys;
+  }
+  // Takes out those of these keys that are shown, and adds the others.
+  void toggle(std::vector<K> keys, Search& search) {
+    std::vector<K> next;
+    next.reserve(shown_.size() + keys.size());
+    auto from = shown_.begin();
+    for (K& key : keys) {
+      const auto at = std::lower_bound(from, shown_.end(), key);
+      next.insert(next.end(), std::move_iterator(from), std::move_iterator(at));
+      from = at;
+      if (from != shown_.end() && *from == key) {
+        search.hold(std::move(*from++));
+      } else {
+        next.push_back(std::move(key));
+      }
+    }
+    next.insert(next.end(), std::move_iterator(from), std::move_iterator(shown_.end()));
+    if (next.size() < next.capacity() / 2) next.shrink_to_fit();
+    shown_ = std::move(next);
   }
 
-  Kiv::HashMap2018<K> shown_;
+  std::vector<K> shown_;  // in ascending order
   NotedKeys<K> noted_;
 };
 
