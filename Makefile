@@ -6,9 +6,12 @@
 # Packages that running Neutron needs.
 NEUTRON = python3-neutron neutron-common python3-setuptools
 
+# Packages that switches in network namespaces need.
+FABRIC = openvswitch-switch openvswitch-vtep iproute2 patch
+
 .PHONY: all build configure dependencies run serve run-neutron run-fabric neutron-check neutron-package \
-  test test-export sim fuzz bench bench-quick bench-live bench-live-quick coverage mutation docs \
-  packages clean
+  neutron-e2e test test-export test-fabric sim fuzz bench bench-quick bench-live bench-live-quick coverage \
+  mutation docs packages clean
 
 all: build
 
@@ -47,12 +50,21 @@ neutron-package:
 	packaging/install-build-dependencies python3-setuptools dpkg-dev
 	packaging/neutron/build build/package/packages
 
+# Neutron with the driver, end to end: rounds of ROUND seconds, for MINUTES in all or just one; see
+# neutron/tests/e2e/README.md.
+ROUND ?= 60
+MINUTES ?=
+
+neutron-e2e: build
+	neutron/tests/e2e/run --binary $(CURDIR)/build/release/bin/vnagent --round $(ROUND) \
+	  $(if $(MINUTES),--minutes $(MINUTES))
+
 # Racks in network namespaces: the agent, the exporter, Open vSwitch, and frames between servers; see
 # examples/fabric/README.md.
 run-fabric:
 	@[ "$$(id -u)" = 0 ] || { \
 	  echo "Network namespaces and switches need root: sudo make run-fabric" >&2; exit 1; }
-	packaging/install-build-dependencies openvswitch-switch openvswitch-vtep iproute2 patch
+	packaging/install-build-dependencies $(FABRIC)
 	$(MAKE) build
 	examples/fabric/fabric run --binary build/release/bin/vnagent
 
@@ -66,6 +78,16 @@ test-export: configure
 	cmake --build --preset release --target vnagent
 	tests/export/install
 	tests/export/run.py --binary build/release/bin/vnagent --required
+
+# The same with frames: switches in network namespaces, and neutron-server in one of the tests. Needs
+# root.
+test-fabric:
+	@[ "$$(id -u)" = 0 ] || { \
+	  echo "Network namespaces and switches need root: sudo make test-fabric" >&2; exit 1; }
+	packaging/install-build-dependencies $(FABRIC) $(NEUTRON)
+	$(MAKE) build
+	neutron/develop
+	tests/fabric/run.py --binary build/release/bin/vnagent --must
 
 # The simulation of the library: EVENTS events from the seed SEED, with the feature toggle on, off or
 # both.
