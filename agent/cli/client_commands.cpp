@@ -347,7 +347,8 @@ void addExport(CLI::App& app, ExportOptions& options) {
           "within the deadline");
   command
       ->add_option("--control", options.control,
-                   "Unix socket that serves /status and /metrics [/run/vnagent/export.sock]")
+                   "Unix socket that serves /status and /metrics, but for a report "
+                   "[/run/vnagent/export.sock]")
       ->type_name("PATH");
   command->add_option("--metrics", options.metrics, "serve both on TCP too")
       ->type_name("ADDRESS:PORT");

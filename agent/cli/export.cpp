@@ -99,6 +99,7 @@ class SourceThread {
 
   static void readFrom(const std::string& file, const DeliverOutput& deliver) {
     if (file == "-") {
+      std::ios::sync_with_stdio(false);  // or each character is read by itself
       readOutputs(std::cin, deliver);
       return;
     }
@@ -219,15 +220,16 @@ class ExportRun {
  private:
   bool isReport() const { return options_.mode == ExportMode::kReport; }
 
+  // A report has no state to ask for, and may be made beside the exporter that listens there.
   void listen() {
     if (!options_.metrics.empty()) {
       const unsigned short port = server_.listenOnTcp(options_.metrics);
       log(fmt::format("metrics on port {}", port));
     }
-    if (options_.control.empty() && endsWhenSettled_) return;
+    if (isReport() || (options_.control.empty() && endsWhenSettled_)) return;
     try {
       server_.listenOnSocket(controlOf(options_));
-    } catch (const std::runtime_error& error) {
+    } catch (const CannotListen& error) {
       if (!options_.control.empty()) throw;
       reportNote(fmt::format("no status is served: {}", error.what()));
     }
@@ -279,6 +281,9 @@ ExitStatus exportHardwareVtep(const ExportOptions& options) {
   } catch (const InvalidMap& error) {
     reportError(error.what());
     return ExitStatus::kRefused;
+  } catch (const CannotListen& error) {
+    reportError(error.what());
+    return ExitStatus::kUnreadable;
   }
 }
 

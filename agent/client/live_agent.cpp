@@ -143,7 +143,7 @@ Reading LiveAgent::read(std::string target) const {
 }
 
 void LiveAgent::follow(const Following& following,
-                       const std::function<bool(const LiveEvent&)>& take) const {
+                       const std::function<bool(LiveEvent)>& take) const {
   const double silence = following.resumes ? kSilence : kNoLimit;
   std::string last = following.since;
   double pause = kFirstPause;
@@ -158,9 +158,9 @@ void LiveAgent::follow(const Following& following,
       bool isWanted = true;
       for (std::string bytes = stream->read(silence); !bytes.empty() && isWanted;) {
         pause = kFirstPause;
-        reader.feed(bytes, [&](const LiveEvent& event) {
+        reader.feed(bytes, [&](LiveEvent event) {
           if (!event.id.empty()) last = event.id;
-          isWanted = isWanted && take(event);
+          isWanted = isWanted && take(std::move(event));
         });
         if (isWanted) bytes = stream->read(silence);
         reached = steadySeconds();

@@ -80,7 +80,7 @@ class LiveAgent {
     double patience = 60;
     bool resumes = true;  // events have ids
   };
-  void follow(const Following& following, const std::function<bool(const LiveEvent&)>& take) const;
+  void follow(const Following& following, const std::function<bool(LiveEvent)>& take) const;
 
  private:
   HttpClient client_;

@@ -11,20 +11,45 @@ namespace {
 
 using Json = Desired::Json;
 
-uint32_t numberOf(const std::string& key, uint32_t largest, const char* what,
-                  const std::string& place) {
+// A place is a text, or something that makes it: there are many places, and few faults.
+const std::string& textOf(const std::string& place) {
+  return place;
+}
+
+template <class Place>
+auto textOf(const Place& place) -> decltype(std::string(place())) {
+  return place();
+}
+
+template <class Place>
+uint32_t numberOf(const std::string& key, uint32_t largest, const char* what, const Place& place) {
   uint32_t number = 0;
   const auto result = std::from_chars(key.data(), key.data() + key.size(), number);
   const bool isWhole = result.ec == std::errc() && result.ptr == key.data() + key.size();
   if (!isWhole || number == 0 || number > largest) {
-    throw InvalidOutput(fmt::format("{}: \"{}\" is not {}", place, key, what));
+    throw InvalidOutput(fmt::format("{}: \"{}\" is not {}", textOf(place), key, what));
   }
   return number;
 }
 
-const Json& objectOf(const Json& value, const std::string& place) {
-  if (!value.is_object()) throw InvalidOutput(place + ": an object is expected");
+template <class Place>
+const Json& objectOf(const Json& value, const Place& place) {
+  if (!value.is_object()) throw InvalidOutput(textOf(place) + ": an object is expected");
   return value;
+}
+
+// The members of an object whose names are VLANs, in the order of the VLANs. Maps that are filled in
+// their order grow at their end.
+template <class Place>
+std::vector<std::pair<uint16_t, const Json*>> inOrder(const Json& value, const Place& place) {
+  std::vector<std::pair<uint16_t, const Json*>> members;
+  members.reserve(value.size());
+  for (const auto& [key, member] : objectOf(value, place).items()) {
+    const uint32_t vlan = numberOf(key, LogicalSwitchId::kLargestVlan, "a VLAN", place);
+    members.emplace_back(static_cast<uint16_t>(vlan), &member);
+  }
+  std::ranges::sort(members, {}, &std::pair<uint16_t, const Json*>::first);
+  return members;
 }
 
 const Json* memberOf(const Json& object, const char* name) {
@@ -51,7 +76,7 @@ void Changes::append(const Changes& more) {
 
 void Changes::normalise() {
   const auto unique = [](auto& items) {
-    std::ranges::sort(items);
+    if (!std::ranges::is_sorted(items)) std::ranges::sort(items);
     items.erase(std::unique(items.begin(), items.end()), items.end());
   };
   unique(bindings);
@@ -178,7 +203,7 @@ void Desired::remove(const SourceKey& key) {
   if (found == sources_.end()) return;
   Source& source = found->second;
   Touched touched{{}, true};
-  for (const auto& [vlan, vnis] : source.vlans) touched.vlans.insert(vlan);
+  for (const auto& [vlan, vnis] : source.vlans) touched.vlans.push_back(vlan);
   source.vlans.clear();
   source.native = 0;
   update(source, touched);
@@ -250,27 +275,27 @@ void Desired::mergeSource(const SourceKey& key, const Json& patch) {
 void Desired::mergeVlans(Source& source, const Json& patch, const std::string& place,
                          Touched& touched) {
   if (patch.is_null()) {
-    for (const auto& [vlan, vnis] : source.vlans) touched.vlans.insert(vlan);
+    for (const auto& [vlan, vnis] : source.vlans) touched.vlans.push_back(vlan);
     source.vlans.clear();
     return;
   }
-  for (const auto& [key, value] : objectOf(patch, place + "/vlan").items()) {
-    const auto vlan = static_cast<uint16_t>(
-        numberOf(key, LogicalSwitchId::kLargestVlan, "a VLAN", place + "/vlan"));
-    touched.vlans.insert(vlan);
-    if (value.is_null()) {
+  touched.vlans.reserve(patch.size());
+  for (const auto& [vlan, value] : inOrder(patch, [&] { return place + "/vlan"; })) {
+    touched.vlans.push_back(vlan);
+    if (value->is_null()) {
       source.vlans.erase(vlan);
       continue;
     }
     Vnis& vnis = source.vlans[vlan];
-    const std::string here = fmt::format("{}/vlan/{}", place, vlan);
-    const Json* mapped = memberOf(objectOf(value, here), "mappedVni");
+    const auto here = [&place, number = vlan] { return fmt::format("{}/vlan/{}", place, number); };
+    const Json* mapped = memberOf(objectOf(*value, here), "mappedVni");
     if (mapped == nullptr) continue;
     if (mapped->is_null()) {
       vnis.clear();
       continue;
     }
-    for (const auto& [text, ports] : objectOf(*mapped, here + "/mappedVni").items()) {
+    const auto& byVni = objectOf(*mapped, [&] { return here() + "/mappedVni"; });
+    for (const auto& [text, ports] : byVni.items()) {
       const uint32_t vni = numberOf(text, LogicalSwitchId::kLargestVni, "a VNI", here);
       if (ports.is_null()) {
         vnis.erase(vni);
@@ -295,12 +320,18 @@ void Desired::replaceSource(const SourceKey& key, const Json& value) {
 
   Source& source = sourceOf(key);
   Touched touched{{}, next.native != source.native};
-  for (const auto& [vlan, vnis] : source.vlans) {
-    const auto found = next.vlans.find(vlan);
-    if (found == next.vlans.end() || found->second != vnis) touched.vlans.insert(vlan);
-  }
-  for (const auto& [vlan, vnis] : next.vlans) {
-    if (!source.vlans.contains(vlan)) touched.vlans.insert(vlan);
+  // Both are in order, so that one walk finds what is in one of them only, and what differs.
+  auto before = source.vlans.begin();
+  for (auto now = next.vlans.begin(); now != next.vlans.end() || before != source.vlans.end();) {
+    if (now == next.vlans.end() || (before != source.vlans.end() && before->first < now->first)) {
+      touched.vlans.push_back((before++)->first);
+    } else if (before == source.vlans.end() || now->first < before->first) {
+      touched.vlans.push_back((now++)->first);
+    } else {
+      if (now->second != before->second) touched.vlans.push_back(now->first);
+      ++now;
+      ++before;
+    }
   }
   source.vlans = std::move(next.vlans);
   source.native = next.native;
@@ -356,14 +387,17 @@ void Desired::updatePort(const Place& place, const Touched& touched) {
     setBinding(place, vlan, isNative ? std::nullopt : id);
     if (isNative) setBinding(place, 0, id);
   };
+  const auto isTouched = [&touched](uint16_t vlan) {
+    return std::ranges::find(touched.vlans, vlan) != touched.vlans.end();
+  };
   for (const uint16_t vlan : touched.vlans) updateVlan(vlan);
   if (native != before) {
     if (native == 0) setBinding(place, 0, std::nullopt);
     for (const uint16_t vlan : {before, native}) {
-      if (vlan != 0 && !touched.vlans.contains(vlan)) updateVlan(vlan);
+      if (vlan != 0 && !isTouched(vlan)) updateVlan(vlan);
     }
   }
-  if (!touched.isNative && !touched.vlans.contains(native)) return;
+  if (!touched.isNative && !isTouched(native)) return;
 
   const bool isAsked = native == 0 || std::ranges::any_of(sourcesAt_[place.switchIndex][place.port],
                                                           [native](const Source* source) {

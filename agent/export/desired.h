@@ -24,6 +24,7 @@
 
 #include <boost/container/flat_map.hpp>
 #include <boost/container/flat_set.hpp>
+#include <boost/container/small_vector.hpp>
 #include <nlohmann/json.hpp>
 
 #include "agent/export/logical_switch_id.h"
@@ -111,7 +112,7 @@ class Desired {
  private:
   enum class SourceKind : uint8_t { kHost, kSwitchPort, kInterface };
   using SourceKey = std::tuple<SourceKind, std::string, std::string>;
-  using Vnis = boost::container::flat_set<uint32_t>;
+  using Vnis = boost::container::small_flat_set<uint32_t, 2>;
   struct Place {
     size_t switchIndex;
     uint32_t port;
@@ -123,7 +124,7 @@ class Desired {
     std::vector<Place> places;
   };
   struct Touched {
-    std::set<uint16_t> vlans;
+    std::vector<uint16_t> vlans;
     bool isNative = false;
   };
 

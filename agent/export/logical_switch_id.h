@@ -5,6 +5,7 @@
 #include <charconv>
 #include <compare>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -44,6 +45,8 @@ class LogicalSwitchId {
   friend auto operator<=>(const LogicalSwitchId&, const LogicalSwitchId&) = default;
 
  private:
+  friend struct std::hash<LogicalSwitchId>;
+
   static constexpr uint32_t kVlan = uint32_t{1} << 31;
 
   explicit LogicalSwitchId(uint32_t code) : code_(code) {}
@@ -52,3 +55,8 @@ class LogicalSwitchId {
 };
 
 }  // namespace vnagent
+
+template <>
+struct std::hash<vnagent::LogicalSwitchId> {
+  size_t operator()(vnagent::LogicalSwitchId id) const { return id.code_; }
+};

@@ -13,10 +13,10 @@ using nlohmann::json;
 constexpr auto kPause = std::chrono::milliseconds(500);
 constexpr unsigned kGone = 410;
 
-OutputEvent eventOf(const LiveEvent& event) {
+OutputEvent eventOf(LiveEvent event) {
   const std::string revision = event.id.substr(0, event.id.find('-'));
-  if (event.name == "snapshot") return {Kind::kDocument, event.data, revision};
-  if (event.name == "patch") return {Kind::kPatch, event.data, revision};
+  if (event.name == "snapshot") return {Kind::kDocument, std::move(event.data), revision};
+  if (event.name == "patch") return {Kind::kPatch, std::move(event.data), revision};
   return {Kind::kBookmark, {}, revision};
 }
 
@@ -40,9 +40,9 @@ void followAgent(const LiveAgent& agent, const DeliverOutput& deliver) {
     try {
       // One connection at a time, so that each failure is seen.
       agent.follow({.target = "/v1/watch?of=output", .since = last, .patience = 0},
-                   [&](const LiveEvent& event) {
+                   [&](LiveEvent event) {
                      if (!event.id.empty()) last = event.id;
-                     isWanted = deliver(eventOf(event));
+                     isWanted = deliver(eventOf(std::move(event)));
                      return isWanted;
                    });
     } catch (const RequestRefused& refused) {

@@ -63,23 +63,24 @@ class Planner::Run {
         hasReplicationMode_(hasReplicationMode) {}
 
   Plan plan(const Changes& changes) {
-    std::vector<BindingKey> bindings = changes.bindings;
+    // Most of a large plan are bindings: a VLAN, and a reference.
+    plan_.operations.reserve(64 * changes.bindings.size());
+    std::vector<BindingKey> more;
     for (const LogicalSwitchId id : changes.logicalSwitches) {
       const auto wanted = desired_.logicalSwitches.find(id);
-      if (wanted == desired_.logicalSwitches.end()) continue;
-      if (ensure(id)) {
-        // Nothing could be bound to it before.
-        bindings.insert(bindings.end(), wanted->second.begin(), wanted->second.end());
-      }
+      if (wanted == desired_.logicalSwitches.end() || !ensure(id)) continue;
+      // Nothing could be bound to it before.
+      std::ranges::copy_if(wanted->second, std::back_inserter(more),
+                           [&changes](const BindingKey& key) {
+                             return !std::ranges::binary_search(changes.bindings, key);
+                           });
     }
-    std::ranges::sort(bindings);
-    bindings.erase(std::unique(bindings.begin(), bindings.end()), bindings.end());
-    for (auto at = bindings.begin(); at != bindings.end();) {
-      const auto end = std::find_if(at, bindings.end(), [port = at->port](const BindingKey& key) {
-        return key.port != port;
-      });
-      planPort(at->port, at, end);
-      at = end;
+    if (more.empty()) {
+      planBindings(changes.bindings);
+    } else {
+      more.insert(more.end(), changes.bindings.begin(), changes.bindings.end());
+      std::ranges::sort(more);
+      planBindings(more);
     }
     for (const LogicalSwitchId id : changes.logicalSwitches) {
       if (!desired_.logicalSwitches.contains(id)) remove(id);
@@ -89,6 +90,16 @@ class Planner::Run {
 
  private:
   using Iterator = std::vector<BindingKey>::const_iterator;
+
+  void planBindings(const std::vector<BindingKey>& bindings) {
+    for (auto at = bindings.begin(); at != bindings.end();) {
+      const auto end = std::find_if(at, bindings.end(), [port = at->port](const BindingKey& key) {
+        return key.port != port;
+      });
+      planPort(at->port, at, end);
+      at = end;
+    }
+  }
 
   std::string placeOf(const std::string& thing) const { return desired_.name + '/' + thing; }
 
@@ -292,20 +303,23 @@ class Planner::Run {
       return;
     }
     problems_.clear(ProblemKind::kMissingPort, place);
-    std::string removals;
-    std::string additions;
-    for (auto at = begin; at != end; ++at) planBinding(*at, *row, removals, additions);
-    if (removals.empty() && additions.empty()) return;
-    std::string mutations;
-    if (!removals.empty()) {
-      mutations += R"(["vlan_bindings","delete",["map",[)" + removals + "]]]";
-    }
-    if (!additions.empty()) {
-      if (!mutations.empty()) mutations += ',';
-      mutations += R"(["vlan_bindings","insert",["map",[)" + additions + "]]]";
-    }
-    operation(fmt::format(R"({{"op":"mutate","table":"Physical_Port",{},"mutations":[{}]}})",
-                          whereUuid(replica_.portUuid(port)), mutations));
+    removals_.clear();
+    additions_.clear();
+    for (auto at = begin; at != end; ++at) planBinding(*at, *row);
+    if (removals_.empty() && additions_.empty()) return;
+    operation(fmt::format(R"({{"op":"mutate","table":"Physical_Port",{},"mutations":[)",
+                          whereUuid(replica_.portUuid(port))));
+    std::string& json = plan_.operations;
+    const auto mutation = [&json](const char* mutator, const std::string& pairs) {
+      if (pairs.empty()) return;
+      if (json.back() != '[') json += ',';
+      fmt::format_to(std::back_inserter(json), R"(["vlan_bindings","{}",["map",[)", mutator);
+      json += pairs;
+      json += "]]]";
+    };
+    mutation("delete", removals_);
+    mutation("insert", additions_);
+    json += "]}";
   }
 
   void clearForeign(const DesiredSwitch::Port& wanted, Iterator begin, Iterator end) {
@@ -319,12 +333,10 @@ class Planner::Run {
     return fmt::format("{}/{}/{}", desired_.name, port.name, vlan);
   }
 
-  void planBinding(BindingKey key, const Replica::Port& row, std::string& removals,
-                   std::string& additions) {
+  void planBinding(BindingKey key, const Replica::Port& row) {
     const DesiredSwitch::Port& port = desired_.ports[key.port];
     const LogicalSwitchId* wanted = desired_.find(key);
-    const auto found = row.bindings.find(key.vlan);
-    const Uuid* present = found == row.bindings.end() ? nullptr : &found->second;
+    const Uuid* present = row.find(key.vlan);
     const auto* target = present == nullptr ? nullptr : replica_.logicalSwitch(*present);
     const bool isOwned = target != nullptr && target->id.has_value();
     if (wanted != nullptr && isOwned && target->id == *wanted) {
@@ -346,15 +358,15 @@ class Planner::Run {
     clearForeignBinding(port, key.vlan);
     if (present != nullptr) {
       if (!mayRemove_) return;
-      append(removals, key.vlan, reference(*present));
+      append(removals_, key.vlan, reference(*present));
       ++unbound_[*present];
       ++plan_.bindingsRemoved;
       differs('-', fmt::format("{} VLAN {}: {}", port.name, key.vlan, target->name));
     }
     if (wanted == nullptr) return;
-    const std::string to = referenceTo(*wanted);
+    const std::string& to = referenceTo(*wanted);
     if (to.empty()) return;  // it cannot be made, which is reported
-    append(additions, key.vlan, to);
+    append(additions_, key.vlan, to);
     ++plan_.bindingsAdded;
     differs('+', fmt::format("{} VLAN {}: {}", port.name, key.vlan, wanted->name()));
   }
@@ -373,13 +385,16 @@ class Planner::Run {
     pairs += ']';
   }
 
-  // Of a row that is there and owned, or of one that this plan makes; else empty.
-  std::string referenceTo(LogicalSwitchId id) const {
+  // Of a row that is there and owned, or of one that this plan makes; else empty. REQUIRES: rows are
+  // planned already.
+  const std::string& referenceTo(LogicalSwitchId id) {
+    const auto [found, isNew] = references_.try_emplace(id);
+    if (!isNew) return found->second;
     const std::string name = id.name();
-    if (inserted_.contains(id)) return namedUuid(name);
+    if (inserted_.contains(id)) return found->second = namedUuid(name);
     const Uuid* uuid = replica_.logicalSwitchNamed(name);
-    if (uuid == nullptr || !replica_.logicalSwitch(*uuid)->id) return {};
-    return reference(*uuid);
+    if (uuid != nullptr && replica_.logicalSwitch(*uuid)->id) found->second = reference(*uuid);
+    return found->second;
   }
 
   const Planner& planner_;
@@ -391,6 +406,9 @@ class Planner::Run {
   const bool hasReplicationMode_;
   Plan plan_;
   std::set<LogicalSwitchId> inserted_;
+  std::unordered_map<LogicalSwitchId, std::string> references_;  // empty: there is no row
+  std::string removals_;                                         // of one port
+  std::string additions_;                                        // likewise
   std::map<std::string, std::string> locators_;  // made by this plan: address -> name
   std::unordered_map<Uuid, size_t> unbound_;     // bindings that this plan removes
 };

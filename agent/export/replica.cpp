@@ -87,6 +87,8 @@ void Replica::reset() {
   portRows_.clear();
   portIndexOfRow_.clear();
   arePortsStale_ = true;
+  bound_.clear();
+  added_.clear();
   for (const auto& [id, bindings] : desired_.logicalSwitches) {
     changes_.logicalSwitches.push_back(id);
   }
@@ -115,7 +117,12 @@ void Replica::apply(const RowChange& change) {
 }
 
 void Replica::settle() {
-  if (!arePortsStale_) return;
+  if (arePortsStale_) settlePorts();
+  markBound();
+  markAdded();
+}
+
+void Replica::settlePorts() {
   arePortsStale_ = false;
   const auto found = std::ranges::find_if(
       switches_, [&](const auto& row) { return row.second.name == physicalSwitch_; });
@@ -228,13 +235,20 @@ void Replica::applyPort(const RowChange& change) {
                   [&](uint16_t vlan, const Uuid* before, const Uuid* after) {
                     if (before != nullptr) countBinding(*before, false);
                     if (after != nullptr) countBinding(*after, true);
-                    if (isKnown) changes_.bindings.push_back({index->second, vlan});
+                    if (!isKnown) return;
+                    const BindingKey key{index->second, vlan};
+                    if (before == nullptr) {
+                      bound_.push_back(key);
+                    } else if (after != nullptr || desired_.find(key) != nullptr) {
+                      changes_.bindings.push_back(key);
+                    }
                   });
 }
 
 void Replica::applyLogicalSwitch(const RowChange& change) {
   const auto found = logicalSwitches_.find(change.uuid);
-  if (found != logicalSwitches_.end()) {
+  const bool isKnown = found != logicalSwitches_.end();
+  if (isKnown) {
     mark(found->second);
     index(change.uuid, found->second, false);
   }
@@ -254,7 +268,12 @@ void Replica::applyLogicalSwitch(const RowChange& change) {
   const bool isOwned = mark != row->otherConfig.end() && mark->second == kOwner;
   row->id = isOwned ? LogicalSwitchId::parse(row->name) : std::nullopt;
   index(change.uuid, *row, true);
-  this->mark(*row);
+  if (!isKnown && row->id) {
+    changes_.logicalSwitches.push_back(*row->id);
+    added_.push_back(*row->id);
+  } else {
+    this->mark(*row);
+  }
 }
 
 void Replica::applyLocator(const RowChange& change) {
@@ -406,13 +425,51 @@ void Replica::mark(const Uuid& logicalSwitch) {
   if (const auto id = LogicalSwitchId::parse(row->name)) changes_.logicalSwitches.push_back(*id);
 }
 
+// Every VLAN that a port is to have, or has; in order, and each once.
 void Replica::markPort(uint32_t port) {
-  for (const auto& [vlan, id] : desired_.ports[port].bindings) {
+  static const decltype(Port::bindings) kNone;
+  const auto& wanted = desired_.ports[port].bindings;
+  const Port* row = this->port(port);
+  const auto& present = row == nullptr ? kNone : row->bindings;
+  auto next = wanted.begin();
+  for (const auto& [vlan, target] : present) {
+    for (; next != wanted.end() && next->first < vlan; ++next) {
+      changes_.bindings.push_back({port, next->first});
+    }
+    if (next != wanted.end() && next->first == vlan) ++next;
     changes_.bindings.push_back({port, vlan});
   }
-  if (const Port* row = this->port(port)) {
-    for (const auto& [vlan, target] : row->bindings) changes_.bindings.push_back({port, vlan});
+  for (; next != wanted.end(); ++next) changes_.bindings.push_back({port, next->first});
+}
+
+// Marks new bindings that are not as is desired.
+void Replica::markBound() {
+  for (const BindingKey& key : bound_) {
+    const LogicalSwitchId* wanted = desired_.find(key);
+    const Port* row = port(key.port);
+    const Uuid* present = row == nullptr ? nullptr : row->find(key.vlan);
+    const LogicalSwitch* target = present == nullptr ? nullptr : logicalSwitch(*present);
+    const bool isAsWanted = wanted != nullptr && target != nullptr && target->id == *wanted;
+    if (!isAsWanted) changes_.bindings.push_back(key);
   }
+  bound_.clear();
+}
+
+// Marks the bindings that lack to Logical_Switches that are new.
+void Replica::markAdded() {
+  for (const LogicalSwitchId id : added_) {
+    const auto desired = desired_.logicalSwitches.find(id);
+    if (desired == desired_.logicalSwitches.end()) continue;
+    const Uuid* uuid = logicalSwitchNamed(id.name());
+    for (const BindingKey& key : desired->second) {
+      const Port* row = port(key.port);
+      if (row == nullptr) continue;
+      const Uuid* present = row->find(key.vlan);
+      const bool isBound = uuid != nullptr && present != nullptr && *present == *uuid;
+      if (!isBound) changes_.bindings.push_back(key);
+    }
+  }
+  added_.clear();
 }
 
 }  // namespace vnagent

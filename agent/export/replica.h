@@ -43,6 +43,12 @@ class Replica {
   struct Port {
     std::string name;
     boost::container::flat_map<uint16_t, Uuid> bindings;
+
+    // The Logical_Switch that a VLAN is bound to, or null.
+    const Uuid* find(uint16_t vlan) const {
+      const auto found = bindings.find(vlan);
+      return found == bindings.end() ? nullptr : &found->second;
+    }
   };
   // What refers to a Logical_Switch.
   struct References {
@@ -122,6 +128,9 @@ class Replica {
   void mark(const LogicalSwitch& row);
   void mark(const Uuid& logicalSwitch);
   void markPort(uint32_t port);
+  void markBound();
+  void markAdded();
+  void settlePorts();
 
   const std::string physicalSwitch_;
   DesiredSwitch& desired_;
@@ -145,6 +154,11 @@ class Replica {
   std::vector<std::optional<Uuid>> portRows_;  // by index in the desired switch
   std::unordered_map<Uuid, uint32_t> portIndexOfRow_;
   bool arePortsStale_ = true;
+
+  // What settle() has yet to compare: bindings of ports that had none for the VLAN, and rows that
+  // are new and owned. Most of them are what the exporter has just written.
+  std::vector<BindingKey> bound_;
+  std::vector<LogicalSwitchId> added_;
 };
 
 }  // namespace vnagent

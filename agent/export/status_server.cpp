@@ -2,7 +2,6 @@
 
 #include <chrono>
 #include <cstdio>
-#include <stdexcept>
 
 #include <unistd.h>
 #include <boost/asio/ip/tcp.hpp>
@@ -95,13 +94,13 @@ class StatusServer::Impl {
       Local::socket probe(context_);
       beast::error_code error;
       probe.connect(endpoint, error);
-      if (!error) throw std::runtime_error(path + ": another exporter listens there");
+      if (!error) throw CannotListen(path + ": another exporter listens there");
       if (error == asio::error::connection_refused) ::unlink(path.c_str());
       local_.open(endpoint.protocol());
       local_.bind(endpoint);
       local_.listen();
     } catch (const boost::system::system_error& error) {
-      throw std::runtime_error(path + ": " + error.code().message());
+      throw CannotListen(path + ": " + error.code().message());
     }
     path_ = path;
     acceptNext<Local>(local_, pages_);
@@ -122,7 +121,7 @@ class StatusServer::Impl {
       tcp_.bind(endpoint);
       tcp_.listen();
     } catch (const boost::system::system_error& error) {
-      throw std::runtime_error(address + ": " + error.code().message());
+      throw CannotListen(address + ": " + error.code().message());
     }
     acceptNext<Tcp>(tcp_, pages_);
     return tcp_.local_endpoint().port();

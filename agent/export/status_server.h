@@ -5,11 +5,18 @@
 
 #include <functional>
 #include <memory>
+#include <stdexcept>
 #include <string>
 
 #include <boost/asio/io_context.hpp>
 
 namespace vnagent {
+
+// A socket or an address cannot be listened on. what() names it and says why.
+class CannotListen : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
 
 class StatusServer {
  public:
@@ -22,7 +29,7 @@ class StatusServer {
   ~StatusServer();
 
   // Begins to listen. A socket that nobody listens on any more is replaced. Both throw
-  // std::runtime_error with what does not work.
+  // CannotListen.
   void listenOnSocket(const std::string& path);
   // "ADDRESS:PORT"; port 0 chooses one. Returns the port.
   unsigned short listenOnTcp(const std::string& address);

@@ -49,13 +49,9 @@ void Client::unlock() {
 }
 
 void Client::transact(std::string_view operations, Session::Reply reply) {
-  std::string params = "[";
-  params.reserve(operations.size() + settings_.database.size() + 8);
-  params += Json(settings_.database).dump();
-  if (!operations.empty()) params += ',';
-  params += operations;
-  params += ']';
-  session_.call("transact", params, std::move(reply));
+  const std::string database = Json(settings_.database).dump();
+  const std::string_view comma = operations.empty() ? "" : ",";
+  session_.call("transact", {"[", database, comma, operations, "]"}, std::move(reply));
 }
 
 bool Client::hasColumn(const std::string& table, const std::string& column) const {

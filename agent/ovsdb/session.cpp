@@ -64,15 +64,17 @@ class Session::Impl : public std::enable_shared_from_this<Impl> {
 
   bool isOpen() const { return isOpen_; }
 
-  void call(std::string_view method, std::string_view params, Reply reply) {
+  void call(std::string_view method, std::initializer_list<std::string_view> params, Reply reply) {
     const uint64_t id = ++lastId_;
     calls_.emplace(id, std::move(reply));
+    size_t size = 0;
+    for (const std::string_view piece : params) size += piece.size();
     std::string text;
-    text.reserve(params.size() + method.size() + 48);
+    text.reserve(size + method.size() + 48);
     text += R"({"method":")";
     text += method;
     text += R"(","params":)";
-    text += params;
+    for (const std::string_view piece : params) text += piece;
     text += R"(,"id":)";
     text += std::to_string(id);
     text += '}';
@@ -288,7 +290,8 @@ bool Session::isOpen() const {
   return impl_->isOpen();
 }
 
-void Session::call(std::string_view method, std::string_view params, Reply reply) {
+void Session::call(std::string_view method, std::initializer_list<std::string_view> params,
+                   Reply reply) {
   impl_->call(method, params, std::move(reply));
 }
 

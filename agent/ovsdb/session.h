@@ -14,9 +14,11 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <initializer_list>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include <boost/asio/io_context.hpp>
 
@@ -66,9 +68,12 @@ class Session {
 
   bool isOpen() const;
 
-  // Sends a request; `params` is a JSON array. What `reply` throws ends the session.
-  // REQUIRES: isOpen().
-  void call(std::string_view method, std::string_view params, Reply reply);
+  // Sends a request; `params` is a JSON array, in one or more pieces. What `reply` throws ends the
+  // session. REQUIRES: isOpen().
+  void call(std::string_view method, std::string_view params, Reply reply) {
+    call(method, {params}, std::move(reply));
+  }
+  void call(std::string_view method, std::initializer_list<std::string_view> params, Reply reply);
 
   // Since the start, over all connections.
   uint64_t bytesSent() const;
