@@ -385,8 +385,8 @@ class Planner::Run {
     pairs += ']';
   }
 
-  // Of a row that is there and owned, or of one that this plan makes; else empty. REQUIRES: rows are
-  // planned already.
+  // Of a row that is there and owned, or of one that this plan makes; else empty.
+  // REQUIRES: the rows are planned.
   const std::string& referenceTo(LogicalSwitchId id) {
     const auto [found, isNew] = references_.try_emplace(id);
     if (!isNew) return found->second;

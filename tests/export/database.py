@@ -22,7 +22,7 @@ PACKAGED = Path("usr/share/openvswitch/vtep.ovsschema")
 SCHEMAS = (Path("/") / PACKAGED,
            Path(__file__).resolve().parents[2] / "build" / "openvswitch-vtep" / PACKAGED)
 SCHEMA = next((path for path in SCHEMAS if path.exists()), SCHEMAS[0])
-PROGRAMS = ("ovsdb-server", "ovsdb-tool")
+PROGRAMS = ("ovsdb-server", "ovsdb-tool", "openssl")
 PATIENCE_SECONDS = 60.0
 
 
@@ -108,6 +108,7 @@ class Database:
         self.file = self.folder / "vtep.db"
         subprocess.run([program("ovsdb-tool"), "create", self.file, SCHEMA], check=True)
         self.process: subprocess.Popen[bytes] | None = None
+        self.remotes: list[str] = []
         self.start()
         self.make_switch(name if switch is None else switch, ports, tunnel_ip)
 
@@ -115,9 +116,22 @@ class Database:
     def address(self) -> str:
         return f"unix:{self.socket}"
 
+    def listen(self, kind: str, *options: str) -> str:
+        """Listens on a port of this machine too, by "tcp" or "ssl", also after further starts.
+
+        The address to connect to.
+        """
+        with socket.create_server(("127.0.0.1", 0)) as probe:
+            port = probe.getsockname()[1]
+        self.kill()
+        self.remotes = [f"--remote=p{kind}:{port}:127.0.0.1", *options]
+        self.start()
+        return f"{kind}:127.0.0.1:{port}"
+
     def start(self) -> None:
         self.process = subprocess.Popen(
-            [program("ovsdb-server"), self.file, f"--remote=punix:{self.socket}", "--no-chdir",
+            [program("ovsdb-server"), self.file, f"--remote=punix:{self.socket}",
+             *self.remotes, "--no-chdir",
              f"--unixctl={self.folder / 'ctl'}", "-vconsole:emer", "-vsyslog:off"],
             cwd=self.folder)
         wait_for(f"the database of {self.name}", self.answers)

@@ -47,8 +47,8 @@ class Exporter:
     """One exporter process."""
 
     def __init__(self, folder: Path, the_map: Json, *options: str, name: str = "exporter",
-                 source: list[str] | None = None) -> None:
-        self.control = folder / f"{name}.sock"
+                 source: list[str] | None = None, control: Path | None = None) -> None:
+        self.control = control or folder / f"{name}.sock"
         self.log = folder / f"{name}.log"
         (folder / "map.json").write_text(json.dumps(the_map), encoding="utf-8")
         self.command = [str(BINARY), "export", "hardware-vtep", "--map", str(folder / "map.json"),
@@ -156,9 +156,10 @@ class ExportTest(unittest.TestCase):
         for name, ports in self.renamed.items():
             self.map["switches"][name]["ports"] = ports
 
-    def exporter(self, *options: str, name: str = "exporter",
-                 source: list[str] | None = None) -> Exporter:
-        exporter = Exporter(self.folder, self.map, *options, name=name, source=source)
+    def exporter(self, *options: str, name: str = "exporter", source: list[str] | None = None,
+                 control: Path | None = None) -> Exporter:
+        exporter = Exporter(self.folder, self.map, *options, name=name, source=source,
+                            control=control)
         self.addCleanup(exporter.kill)
         return exporter
 

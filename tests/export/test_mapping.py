@@ -51,6 +51,28 @@ class MappingTest(ExportTest):
         for name in ("leaf-1", "leaf-2"):
             self.assertEqual({"swp2": {100: "vni10001"}}, self.databases[name].view()["bindings"])
 
+    def test_a_bond_changes_with_its_host_and_beside_others(self) -> None:
+        exporter = self.exporter()
+        bond, one = host({100: [1], 101: []}), host({100: [1]})
+        leaf = {"leaf-1": {"swp2": port({7: [2]}, native=7)}}
+        for document in (output({"bonded": bond}),
+                         output({"bonded": bond, "compute-1": one}),
+                         # A VLAN of its own on one of the links.
+                         output({"bonded": bond, "compute-1": one}, leaf),
+                         output({"bonded": host({100: [2]})}, leaf),
+                         output({"bonded": host({100: [2], 7: [2]}), "compute-2": one}, leaf),
+                         output(ports=leaf)):
+            self.export(exporter, document)
+
+    def test_both_links_of_a_bond_may_be_on_one_switch(self) -> None:
+        self.map["hosts"] = {**self.hosts, "bonded": [{"switch": "leaf-1", "port": "swp2"},
+                                                      {"switch": "leaf-1", "port": "swp3"}]}
+        exporter = self.exporter()
+        self.export(exporter, output({"bonded": host({100: [1]}), "compute-2": host({5: [1]})}))
+        self.assertEqual({"swp2": {100: "vni1"}, "swp3": {100: "vni1"}},
+                         self.databases["leaf-1"].view()["bindings"])
+        self.export(exporter, output({"compute-2": host({5: [1]})}))
+
     def test_vlans_differ_from_port_to_port_of_one_vni(self) -> None:
         exporter = self.exporter()
         self.export(exporter, output({"compute-1": host({100: [10001]})},

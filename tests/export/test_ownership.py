@@ -4,7 +4,7 @@ import subprocess
 import unittest
 
 from database import Connection, wait_for
-from exporter import BINARY, ExportTest, host, output
+from exporter import BINARY, ExportTest, host, output, port
 
 LOCK = "vnagent_hardware_vtep"
 
@@ -164,6 +164,25 @@ class RepairTest(ExportTest):
         text, _ = exporter.process.communicate(timeout=60)
         return exporter.process.returncode, text.decode()
 
+    def test_a_report_is_made_beside_the_exporter(self) -> None:
+        exporter = self.exporter()
+        self.export(exporter, self.document)
+        beside = self.exporter("--report", "--deadline", "60", name="beside",
+                               control=exporter.control)
+        beside.send(self.document)
+        beside.process.communicate(timeout=60)
+        self.assertEqual((0, ""), (beside.process.returncode, beside.log.read_text()))
+        self.assertTrue(exporter.status()["synced"])
+
+    def test_a_control_socket_that_is_in_use_is_an_error(self) -> None:
+        exporter = self.exporter()
+        self.export(exporter, self.document)
+        second = self.exporter(name="second", control=exporter.control)
+        self.assertEqual(4, second.process.wait(60))
+        self.assertEqual(f"vnagent: error: {exporter.control}: another exporter listens there\n",
+                         second.log.read_text())
+        self.assertTrue(exporter.status()["synced"])
+
     def test_add_only_adds_and_never_removes(self) -> None:
         exporter = self.exporter()
         self.export(exporter, self.document)
@@ -175,6 +194,31 @@ class RepairTest(ExportTest):
         self.assertEqual({100: "vni1", 101: "vlan101", 102: "vni1"}, view["bindings"]["swp1"])
         self.assertEqual({"vni1", "vni2", "vlan101"}, set(view["switches"]))
         self.assertEqual({("vni1", "unknown-dst"): ["192.0.2.2"]}, view["flood"])
+
+    def test_add_only_leaves_a_binding_where_it_leads(self) -> None:
+        exporter = self.exporter()
+        self.export(exporter, self.document)
+        exporter.stop()
+        adding = self.exporter("--add-only", name="adding")
+        # VLAN 100 is to lead elsewhere, and a third switch is to be flooded to.
+        moved = output({"compute-1": host({100: [3]}), "bonded": host({7: [1]}),
+                        "compute-2": host({5: [1]})},
+                       {"leaf-3": {"swp1": port({9: [1]})}})
+        for _ in range(2):
+            adding.send(moved)
+            status = adding.wait()
+            self.assertEqual({100: "vni1", 101: "vlan101"},
+                             self.databases["leaf-1"].view()["bindings"]["swp1"])
+            self.assertEqual({("vni1", "unknown-dst"): ["192.0.2.2", "192.0.2.3"]},
+                             self.databases["leaf-1"].view()["flood"])
+        # The second time there is nothing left to add, and it does not try for ever either.
+        again = adding.wait()
+        self.assertEqual(status["switches"]["leaf-1"]["transactions"],
+                         again["switches"]["leaf-1"]["transactions"])
+        adding.stop()
+        # Repairing removes what was left.
+        repairing = self.exporter(name="repairing")
+        self.export(repairing, moved)
 
     def test_a_second_start_writes_nothing(self) -> None:
         exporter = self.exporter()

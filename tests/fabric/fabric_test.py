@@ -52,8 +52,13 @@ def database_of(switch: Switch) -> Database:
 
 
 class FabricTest(unittest.TestCase):
-    """Each rack has a host of virtual machines, host-N, and a bare server, metal-N."""
+    """Each rack has a host of virtual machines, host-N, and a bare server, metal-N.
 
+    `bonds` are more hosts, and the servers that are their links; `options` are for the exporter.
+    """
+
+    bonds: dict[str, list[str]] = {}
+    options: tuple[str, ...] = ()
     fabric: Fabric
     agent: Agent
     exporter: Exporter
@@ -66,7 +71,8 @@ class FabricTest(unittest.TestCase):
         cls.addClassCleanup(cls.fabric.down)
         cls.agent = Agent(cls.fabric, vnagent).start()
         cls.exporter = Exporter(cls.fabric, vnagent, cls.agent,
-                                {f"host-{n}": [f"host-{n}"] for n in (1, 2, 3)}).start()
+                                {f"host-{n}": [f"host-{n}"] for n in (1, 2, 3)}
+                                | cls.bonds).start(*cls.options)
 
     def setUp(self) -> None:
         self.tenants = Tenants(self.fabric, self.agent)
@@ -79,8 +85,9 @@ class FabricTest(unittest.TestCase):
             print(f"--- {program.name}\n{program.messages()[-3000:]}")
         for switch in self.fabric.switches.values():
             for file in ("emulator.log", "emulator.out"):
-                text = (switch.folder / file).read_text(errors="replace")
-                print(f"--- {switch.name} {file}\n{text[-2000:]}")
+                with contextlib.suppress(FileNotFoundError):  # it has said nothing yet
+                    text = (switch.folder / file).read_text(errors="replace")
+                    print(f"--- {switch.name} {file}\n{text[-2000:]}")
             with contextlib.suppress(Failure):  # its database may be the one that was killed
                 print(f"--- {switch.name}\n{switch.vtep_ctl('show')}")
 

@@ -2,9 +2,10 @@
 """Runs the tests with frames: three switches in network namespaces, programmed by the exporter.
 
 They need root, network namespaces and the packages openvswitch-switch and openvswitch-vtep. Where
-something is missing, one line says what, and the exit status is 77: skipped. With --must, or with
-FABRIC_MUST=1 in the environment, that is a failure. One line is printed for each test, and the
-output of those that failed; the exit status is 1 when one failed.
+something is missing, one line says what, and the exit status is 77: skipped. One test needs
+neutron-server too, and is skipped alone. With --must, or with FABRIC_MUST=1 in the environment,
+both are failures. One line is printed for each test, and the output of those that failed; the exit
+status is 1 when one failed.
 """
 
 import argparse
@@ -36,12 +37,16 @@ class Lines(unittest.TestResult):
 
     def line(self, word: str, test: unittest.TestCase, trace: str = "") -> None:
         print(f"{word:6} {time.monotonic() - self.began:6.1f} s  {test.id()}{trace}", flush=True)
-        if trace and isinstance(test, FabricTest):
+        if "\n" in trace and isinstance(test, FabricTest):
             test.explain()
 
     def addSuccess(self, test: unittest.TestCase) -> None:
         super().addSuccess(test)
         self.line("ok", test)
+
+    def addSkip(self, test: unittest.TestCase, reason: str) -> None:
+        super().addSkip(test, reason)
+        self.line("skip", test, f": {reason}")
 
     def addFailure(self, test: unittest.TestCase, err: ErrorInfo) -> None:
         super().addFailure(test, err)
@@ -62,8 +67,8 @@ def main() -> int:
     parser.add_argument("--must", action="store_true",
                         help="fail where the tests cannot run, instead of skipping them")
     arguments = parser.parse_args()
+    must = arguments.must or os.environ.get("FABRIC_MUST") == "1"
     if why := namespaces.missing():
-        must = arguments.must or os.environ.get("FABRIC_MUST") == "1"
         print(f"{'FAILED' if must else 'skipped'}: no frames can be sent here: {why}")
         return 1 if must else SKIPPED
     sys.dont_write_bytecode = True
@@ -77,7 +82,11 @@ def main() -> int:
         sys.exit("\n".join(map(str, loader.errors)))
     result = Lines()
     suite.run(result)
-    print(f"{result.testsRun} tests, {len(result.failures) + len(result.errors)} failed")
+    print(f"{result.testsRun} tests, {len(result.failures) + len(result.errors)} failed, "
+          f"{len(result.skipped)} skipped")
+    if must and result.skipped:
+        print("FAILED: with --must nothing may be skipped")
+        return 1
     return 0 if result.testsRun and result.wasSuccessful() else 1
 
 
