@@ -38,8 +38,8 @@ const Json& objectOf(const Json& value, const Place& place) {
   return value;
 }
 
-// The members of an object whose names are VLANs, in the order of the VLANs: a map that is filled in
-// its order grows at its end.
+// The members of an object whose names are VLANs, in the order of the VLANs: a map that is filled
+// in its order grows at its end.
 template <class Place>
 std::vector<std::pair<uint16_t, const Json*>> inOrder(const Json& value, const Place& place) {
   std::vector<std::pair<uint16_t, const Json*>> members;
