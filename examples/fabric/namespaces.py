@@ -94,7 +94,12 @@ def make(namespace: str) -> None:
             setting = Path(f"/proc/sys/net/ipv6/conf/{which}/disable_ipv6")
             if setting.exists():
                 setting.write_text("1", encoding="ascii")
-    run("ip", "-n", namespace, "link", "set", "lo", "up")
+    ip(namespace, "link", "set", "lo", "up")
+
+
+def ip(namespace: str, *words: str) -> str:
+    """Runs `ip` in the namespace. `ip -n` would remount the root, which is not always possible."""
+    return run("nsenter", f"--net={NAMED / namespace}", "ip", *words)
 
 
 def cable(one: tuple[str, str], other: tuple[str, str]) -> None:
@@ -102,7 +107,7 @@ def cable(one: tuple[str, str], other: tuple[str, str]) -> None:
     run("ip", "link", "add", one[1], "netns", one[0], "type", "veth",
         "peer", "name", other[1], "netns", other[0])
     for namespace, interface in (one, other):
-        run("ip", "-n", namespace, "link", "set", interface, "up")
+        ip(namespace, "link", "set", interface, "up")
 
 
 def start(namespace: str, command: Sequence[str | Path], log: Path,

@@ -93,13 +93,13 @@ class Fabric:
         namespaces.make(self.control)
         core = f"{self.name}-core"
         namespaces.make(core)
-        namespaces.run("ip", "-n", core, "link", "add", "core", "type", "bridge")
-        namespaces.run("ip", "-n", core, "link", "set", "core", "up")
+        namespaces.ip(core, "link", "add", "core", "type", "bridge")
+        namespaces.ip(core, "link", "set", "core", "up")
         for number, rack in enumerate(self.plan, 1):
             there = f"{self.name}-{rack.switch}"
             namespaces.make(there)
             namespaces.cable((there, "uplink"), (core, rack.switch))
-            namespaces.run("ip", "-n", core, "link", "set", rack.switch, "master", "core")
+            namespaces.ip(core, "link", "set", rack.switch, "master", "core")
             for port, server in rack.servers.items():
                 place = f"{self.name}-{server}"
                 namespaces.make(place)

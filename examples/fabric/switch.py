@@ -74,7 +74,7 @@ class Switch:
 
     def hardware(self) -> str:
         """The hardware address of its end of the tunnels."""
-        link = json.loads(run("ip", "-json", "-n", self.namespace, "link", "show", UNDERLAY))
+        link = json.loads(namespaces.ip(self.namespace, "-json", "link", "show", UNDERLAY))
         return str(link[0]["address"])
 
     # Its processes.
@@ -123,8 +123,8 @@ class Switch:
                    "--", "add-br", self.name, "--", "set", "Bridge", self.name,
                    "datapath_type=netdev", "fail_mode=secure",
                    *(word for port in ports for word in ("--", "add-port", self.name, port)))
-        run("ip", "-n", self.namespace, "addr", "add", f"{self.tunnel_ip}/24", "dev", UNDERLAY)
-        run("ip", "-n", self.namespace, "link", "set", UNDERLAY, "up")
+        namespaces.ip(self.namespace, "addr", "add", f"{self.tunnel_ip}/24", "dev", UNDERLAY)
+        namespaces.ip(self.namespace, "link", "set", UNDERLAY, "up")
         self.vtep_ctl("add-ps", self.name, "--", "set", "Physical_Switch", self.name,
                       f"tunnel_ips={self.tunnel_ip}",
                       *(word for port in ports for word in ("--", "add-port", self.name, port)))
