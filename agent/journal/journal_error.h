@@ -2,13 +2,14 @@
 #pragma once
 
 #include <cstdint>
-#include <stdexcept>
 #include <string>
+
+#include "agent/live/storage.h"
 
 namespace vnagent {
 
 // The text is for the operator, and may name files.
-class JournalError final : public std::runtime_error {
+class JournalError final : public StorageError {
  public:
   enum class Kind : uint8_t {
     kHeld,     // another process has it open; the text has its process id
@@ -18,7 +19,7 @@ class JournalError final : public std::runtime_error {
     kNoSpace,  // the disk is full
   };
 
-  JournalError(Kind kind, const std::string& text) : std::runtime_error(text), kind_(kind) {}
+  JournalError(Kind kind, const std::string& text) : StorageError(text), kind_(kind) {}
   Kind kind() const { return kind_; }
 
  private:

@@ -149,6 +149,8 @@ void LiveCloud::start(const Recovered& recovered) {
   if (sequence_ == 0) return;
   durableRevision_ = revision_;
   durableCheck_ = check_;
+  // Also where the record of the restart cannot be written.
+  session_->restartTimers();
   for (const auto& [name, region] : document().region) keepTimers(timersOf({name}));
   // The record of the restart follows the last one that was played back at once.
   lastTime_ = durableTime_ = clock_.now();

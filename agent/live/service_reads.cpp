@@ -111,7 +111,12 @@ void Service::Impl::answerWatch(const Exchange& exchange) {
   if (auto refusal = readSince(exchange, settings.since)) return refuse(exchange, *refusal);
   Reply reply;
   reply.headers = {{"content-type", "text/event-stream"}, {"cache-control", "no-store"}};
-  reply.stream = std::make_unique<Watch>(watches_, std::move(settings));
+  try {
+    reply.stream = std::make_unique<Watch>(watches_, std::move(settings));
+  } catch (const StorageError& error) {
+    return refuse(exchange,
+                  {"not-ready", std::string("the history cannot be read: ") + error.what()});
+  }
   // The stream shows nothing that is not durable, so that it may begin at once.
   deliver(exchange.ticket, std::move(reply));
 }

@@ -7,12 +7,20 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <stdexcept>
+#include <string>
 #include <utility>
 #include <vector>
 
 #include "agent/live/record.h"
 
 namespace vnagent {
+
+// The history cannot be read; the text is for the operator.
+class StorageError : public std::runtime_error {
+ public:
+  explicit StorageError(const std::string& text) : std::runtime_error(text) {}
+};
 
 class Storage {
  public:
@@ -27,7 +35,7 @@ class Storage {
 
   // Reads durable records of revisions first..last in ascending order of sequence; stops
   // when `take` returns false. The service asks for what is too old or too large for its memory.
-  // Throws a std::exception when the disk cannot be read.
+  // Throws StorageError when the disk cannot be read.
   virtual void read(uint64_t first, uint64_t last,
                     const std::function<bool(const Record&)>& take) const = 0;
 

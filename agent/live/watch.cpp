@@ -99,6 +99,9 @@ void Watch::resume() {
       const auto existed = delta.existedBefore(place);
       exists_.push_back(existed ? *existed : read(place).has_value());
     }
+  } else if (watches_.visible_ > position_) {
+    // Kept for the first call of next(); here a failure can still be answered.
+    watches_.patchEvent(settings_.document, position_, watches_.visible_);
   }
 }
 
@@ -108,7 +111,7 @@ void Watch::goneBack() {
 }
 
 bool Watch::ended() const {
-  return watches_.ended_ || isBehind_;
+  return watches_.ended_ || isCut_;
 }
 
 double Watch::bookmarkTime() const {
@@ -124,7 +127,12 @@ void Watch::wake() {
 // Events.
 
 std::shared_ptr<const std::string> Watch::next() {
-  Bytes bytes = watches_.ended_ ? nullptr : nextEvent();
+  Bytes bytes;
+  try {
+    if (!watches_.ended_) bytes = nextEvent();
+  } catch (const StorageError&) {
+    isCut_ = true;  // it comes back, and is told why
+  }
   if (bytes == nullptr) {
     asked_ = true;
   } else {
@@ -138,8 +146,8 @@ Watch::Bytes Watch::nextEvent() {
     if (position_ > watches_.visible_) return nullptr;
     return std::move(snapshot_);
   }
-  if (position_ < watches_.cloud_.history().first()) isBehind_ = true;
-  if (isBehind_) return nullptr;
+  if (position_ < watches_.cloud_.history().first()) isCut_ = true;
+  if (isCut_) return nullptr;
   Bytes bytes;
   if (isRestricted()) {
     bytes = nextPatchOfView();

@@ -32,7 +32,8 @@ class Watches;
 
 class Watch final : public EventStream {
  public:
-  // REQUIRES: `since` is a revision of the history. The watches outlive it.
+  // REQUIRES: `since` is a revision of the history. The watches outlive it. Throws StorageError
+  // where what has changed since cannot be read.
   Watch(Watches& watches, WatchSettings settings);
   Watch(const Watch&) = delete;
   Watch& operator=(const Watch&) = delete;
@@ -81,7 +82,7 @@ class Watch final : public EventStream {
   Json sent_;
   std::optional<std::pair<uint64_t, Json>> waiting_;  // to be sent next, when it is durable
   double lastSent_ = 0;
-  bool isBehind_ = false;  // what it has to send next is not kept any more
+  bool isCut_ = false;  // what it has to send next is not kept any more, or cannot be read
   bool asked_ = false;     // next() had nothing, and the connection waits for a call
 };
 

@@ -30,6 +30,7 @@ class MemoryStorage final : public Storage {
   }
   void read(uint64_t first, uint64_t last,
             const std::function<bool(const Record&)>& take) const override {
+    if (!isReadable) throw StorageError("the disk does not answer");
     for (const Record& record : appended) {
       if (record.revision >= first && record.revision <= last && !take(record)) return;
     }
@@ -39,6 +40,7 @@ class MemoryStorage final : public Storage {
   std::vector<Record> appended;
   std::vector<size_t> sizes;  // of each call of append()
   std::optional<Snapshot> kept;
+  bool isReadable = true;
 };
 
 class ServiceTest : public ::testing::Test {
@@ -539,6 +541,51 @@ TEST_F(ServiceTest, RestartKeepsDocumentsRevisionAndWhatCanBeResumed) {
   follower.read();
   Json whole = follower.document;
   EXPECT_EQ(follower.events.size(), 1U);
+}
+
+TEST_F(ServiceTest, RestartGivesEachSyncAWholeTimeoutAlsoWhileTheDiskFails) {
+  MemoryStorage storage;
+  start(&storage);
+  send("PATCH", "/v1/cloud", R"({"region": {"R": {}}})");
+  send("POST", "/v1/region/R/sync/lock", R"({"requester": "d", "requestId": "r"})");
+  send("POST", "/v1/region/R/sync/start", "", {{"sync-request-id", "r"}});
+  pass(50);
+  send("PATCH", "/v1/cloud", R"({"region": {"S": {}}})");
+  Recovered recovered;
+  recovered.records = storage.appended;
+  service_.reset();
+  start(&storage, recovered);
+  service_->storageFailed(recovered.records.back().sequence, "no space is left");
+  EXPECT_EQ(get("/v1/region/R/sync")["expiresIn"], 60);
+}
+
+// The patches are too large for the memory, so that a watch that is behind reads them.
+TEST_F(ServiceTest, WatchEndsWhileTheHistoryCannotBeRead) {
+  MemoryStorage storage;
+  start(&storage);
+  Json ports = Json::object();
+  for (int i = 0; i < 4000; ++i) ports["port-" + std::to_string(i)] = Json::object();
+  send("PATCH", "/v1/cloud", Json{{"region", {{"R", {{"port", ports}}}}}}.dump());
+  send("PATCH", "/v1/cloud", R"({"region": {"R": {"port": null}}})");
+  Follower follower = watch("?of=cloud");
+  service_->durableIs(storage.appended.back().sequence);
+  follower.read();
+  Follower later = watch("?of=cloud");
+  later.read();
+  const Waiting change =
+      send("PATCH", "/v1/cloud", Json{{"region", {{"R", {{"port", ports}}}}}}.dump());
+  storage.isReadable = false;
+  service_->durableIs(storage.appended.back().sequence);
+  EXPECT_EQ((*change)->status, 200U);
+  later.read();
+  EXPECT_TRUE(later.stream->ended());
+  const Reply refused = request("GET", "/v1/watch?of=cloud&since=1");
+  EXPECT_EQ(refused.status, 503U);
+  EXPECT_NE(refused.body->find("the disk does not answer"), std::string::npos);
+  storage.isReadable = true;
+  Follower back = watch("?of=cloud&since=1");
+  back.read();
+  EXPECT_FALSE(back.stream->ended());
 }
 
 TEST_F(ServiceTest, RestartsDoNotMoveTheRecordedTime) {
