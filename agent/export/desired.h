@@ -24,7 +24,6 @@
 
 #include <boost/container/flat_map.hpp>
 #include <boost/container/flat_set.hpp>
-#include <boost/container/small_vector.hpp>
 #include <nlohmann/json.hpp>
 
 #include "agent/export/logical_switch_id.h"
@@ -112,7 +111,7 @@ class Desired {
  private:
   enum class SourceKind : uint8_t { kHost, kSwitchPort, kInterface };
   using SourceKey = std::tuple<SourceKind, std::string, std::string>;
-  using Vnis = boost::container::small_flat_set<uint32_t, 2>;
+  using Vnis = boost::container::flat_set<uint32_t>;
   struct Place {
     size_t switchIndex;
     uint32_t port;

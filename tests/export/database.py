@@ -100,17 +100,22 @@ class Database:
     """One ovsdb-server with the database of one switch."""
 
     def __init__(self, folder: Path, name: str, ports: list[str], tunnel_ip: str | None,
-                 switch: str | None = None) -> None:
+                 switch: str | None = None, file: Path | None = None) -> None:
+        """A new database with one switch, or a copy of a database's file."""
         self.folder = folder / name
         self.folder.mkdir()
         self.name = name
         self.socket = self.folder / "db.sock"
         self.file = self.folder / "vtep.db"
-        subprocess.run([program("ovsdb-tool"), "create", self.file, SCHEMA], check=True)
+        if file:
+            shutil.copy(file, self.file)
+        else:
+            subprocess.run([program("ovsdb-tool"), "create", self.file, SCHEMA], check=True)
         self.process: subprocess.Popen[bytes] | None = None
         self.remotes: list[str] = []
         self.start()
-        self.make_switch(name if switch is None else switch, ports, tunnel_ip)
+        if not file:
+            self.make_switch(name if switch is None else switch, ports, tunnel_ip)
 
     @property
     def address(self) -> str:
