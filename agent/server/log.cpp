@@ -4,17 +4,15 @@
 #include <cstdlib>
 
 #include <fmt/format.h>
-#include <spdlog/async.h>
-#include <spdlog/async_logger.h>
+#include <spdlog/logger.h>
 #include <spdlog/pattern_formatter.h>
-#include <spdlog/sinks/stdout_sinks.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "agent/server/log_writer.h"
+
 namespace vnagent {
 namespace {
-
-constexpr size_t kQueuedLines = 8192;
 
 // The priority of journald, which a line begins with: <6> for what is normal.
 class Priority final : public spdlog::custom_flag_formatter {
@@ -101,10 +99,8 @@ std::string logLine(std::string_view what, Log::Fields fields) {
 }
 
 Log::Log()
-    : pool_(std::make_shared<spdlog::details::thread_pool>(kQueuedLines, 1)),
-      logger_(std::make_shared<spdlog::async_logger>(
-          "vnagent", std::make_shared<spdlog::sinks::stderr_sink_mt>(), pool_,
-          spdlog::async_overflow_policy::overrun_oldest)) {
+    : logger_(
+          std::make_unique<spdlog::logger>("vnagent", std::make_shared<LogWriter>(STDERR_FILENO))) {
   logger_->set_formatter(formatter());
 }
 

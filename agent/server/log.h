@@ -2,8 +2,7 @@
 // happens to the process. Lines are `key=value` after a word for what happened; values that need it
 // are quoted. Never a token or a body.
 //
-// Lines are written by a thread of their own: who logs never waits. When the reader of standard
-// error is too slow, the oldest lines are dropped.
+// Lines are written a moment later by a thread of their own (log_writer.h): who logs never waits.
 #pragma once
 
 #include <initializer_list>
@@ -15,11 +14,8 @@
 #include "agent/live/service_observer.h"
 
 namespace spdlog {
-class async_logger;
-namespace details {
-class thread_pool;
+class logger;
 }
-}  // namespace spdlog
 
 namespace vnagent {
 
@@ -42,8 +38,7 @@ class Log {
   void error(std::string_view what, Fields fields = {}) { write(Level::kError, what, fields); }
 
  private:
-  std::shared_ptr<spdlog::details::thread_pool> pool_;
-  std::shared_ptr<spdlog::async_logger> logger_;
+  std::unique_ptr<spdlog::logger> logger_;
 };
 
 // The line of an entry, without time and level.

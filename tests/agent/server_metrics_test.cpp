@@ -1,12 +1,22 @@
 // What the live agent says of itself: its metrics page and its log.
+#include <array>
+#include <memory>
+#include <optional>
 #include <regex>
 #include <set>
 #include <sstream>
+#include <string>
+#include <thread>
+#include <utility>
 
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <spdlog/logger.h>
+#include <unistd.h>
 
 #include "agent/server/log.h"
+#include "agent/server/log_writer.h"
 #include "agent/server/metrics.h"
 
 namespace vnagent {
@@ -130,6 +140,43 @@ TEST(LogTest, writesToStandardErrorBeforeItEnds) {
   EXPECT_THAT(text, HasSubstr("info applied revision=9 principal=driver what=\"PATCH /v1/cloud\""));
   EXPECT_THAT(text, HasSubstr("lock decision=granted region=R"));
   EXPECT_THAT(text, HasSubstr("error trouble\n"));
+}
+
+// Logging goes on while nobody reads; what was not kept is counted.
+TEST(LogTest, dropsTheOldestLinesForAReaderThatIsTooSlow) {
+  constexpr size_t kLines = 50'000;
+  std::array<int, 2> ends{};
+  ASSERT_EQ(pipe(ends.data()), 0);
+  auto writer = std::make_shared<LogWriter>(ends[1]);
+  std::optional<spdlog::logger> logger(std::in_place, "test", writer);
+  logger->set_pattern("%v");
+  for (size_t i = 0; i < kLines; ++i) logger->info("line {:050}", i);
+  std::string text;
+  std::thread reader([&] {
+    std::array<char, 4096> buffer{};
+    for (ssize_t size = 0; (size = read(ends[0], buffer.data(), buffer.size())) > 0;) {
+      text.append(buffer.data(), static_cast<size_t>(size));
+    }
+  });
+  logger.reset();
+  writer.reset();
+  close(ends[1]);
+  reader.join();
+  close(ends[0]);
+  EXPECT_TRUE(text.ends_with(fmt::format("line {:050}\n", kLines - 1)));
+  size_t read = 0;
+  size_t dropped = 0;
+  std::istringstream lines(text);
+  for (std::string line; std::getline(lines, line);) {
+    if (line.starts_with("line ")) {
+      ++read;
+    } else {
+      EXPECT_THAT(line, HasSubstr(" lines of the log were dropped"));
+      dropped += std::stoul(line);
+    }
+  }
+  EXPECT_GT(dropped, 0U);
+  EXPECT_EQ(read + dropped, kLines);
 }
 
 }  // namespace
