@@ -7,6 +7,8 @@
   driver binds, with a VLAN of the rack below.
 - effect: from the API's answer to the agent's durable output, at a fixed rate of changes.
 - sync: a full sync of many ports into an agent that has lost its state.
+- churn: ports that are made, bound, moved and deleted as fast as the server can; the memory of its
+  processes meanwhile.
 """
 
 from __future__ import annotations
@@ -63,18 +65,48 @@ def make_network(api: Api, kind: str, rack: str) -> str:
     return str(api.post("/networks", {"network": body})["network"]["id"])
 
 
-def life_of_a_port(api: Api, network: str, host: str, times: dict[str, list[float]]) -> None:
+class Times:
+    """Of the calls of one kind of ports: how long each took, and the processor's time that the
+    processes that answer calls have used for it, both in seconds."""
+
+    def __init__(self, world: World) -> None:
+        self.pids = processes(world, "api worker")
+        self.elapsed: dict[str, list[float]] = {"create": [], "bind": [], "delete": []}
+        self.used: dict[str, list[float]] = {"create": [], "bind": [], "delete": []}
+
+    def timed(self, step: str, call: Any, *arguments: Any) -> Any:
+        used = sum(processor_time(pid) for pid in self.pids)
+        seconds, result = timed(call, *arguments)
+        self.elapsed[step].append(seconds)
+        self.used[step].append(sum(processor_time(pid) for pid in self.pids) - used)
+        return result
+
+
+def processes(world: World, title: str) -> list[int]:
+    """Those of the servers with this in their title."""
+    return [pid for server in world.servers for pid in server.workers()
+            if title in Path(f"/proc/{pid}/cmdline").read_text()]
+
+
+def processor_time(pid: int) -> float:
+    return int(Path(f"/proc/{pid}/schedstat").read_text().split()[0]) / 1e9
+
+
+def resident(pid: int) -> int:
+    """MiB in memory."""
+    return int(Path(f"/proc/{pid}/statm").read_text().split()[1]) * os.sysconf(
+        "SC_PAGE_SIZE") >> 20
+
+
+def life_of_a_port(api: Api, network: str, host: str, times: Times) -> None:
     """Create, bind, delete."""
-    seconds, made = timed(api.post, "/ports", {"port": {
+    made = times.timed("create", api.post, "/ports", {"port": {
         "network_id": network, "device_owner": "compute:nova", "device_id": str(uuid.uuid4())}})
-    times["create"].append(seconds)
     port = made["port"]["id"]
-    seconds, made = timed(api.put, f"/ports/{port}", {"port": {"binding:host_id": host}})
-    times["bind"].append(seconds)
+    made = times.timed("bind", api.put, f"/ports/{port}", {"port": {"binding:host_id": host}})
     if made["port"]["binding:vif_type"] != "ovs":
         raise Failed(f"the port was not bound: {made}")
-    seconds, _ = timed(api.delete, f"/ports/{port}")
-    times["delete"].append(seconds)
+    times.timed("delete", api.delete, f"/ports/{port}")
 
 
 def measure_latency(binary: Path, ports: int) -> None:
@@ -87,29 +119,32 @@ def measure_latency(binary: Path, ports: int) -> None:
             "with, vlan": (with_driver, make_network(with_driver, "vlan", rack.name)),
             "with, vxlan": (with_driver, make_network(with_driver, "vxlan", rack.name)),
         }
-        times: dict[str, dict[str, list[float]]] = {
-            case: {"create": [], "bind": [], "delete": []} for case in cases}
-        warm: dict[str, list[float]] = {"create": [], "bind": [], "delete": []}
+        times = {case: Times(plain if api is without else site)
+                 for case, (api, _) in cases.items()}
         for api, network in cases.values():
             # A port that stays keeps the rack's VLAN from going with the last port.
             api.post("/ports", {"port": {"network_id": network, "device_owner": "compute:nova",
                                          "device_id": "stays", "binding:host_id": rack.hosts[0]}})
             for _ in range(10):
-                life_of_a_port(api, network, rack.hosts[0], warm)
+                life_of_a_port(api, network, rack.hosts[0], Times(plain))
         for number in range(ports):
             for case in random.sample(sorted(cases), len(cases)):
                 api, network = cases[case]
                 life_of_a_port(api, network, rack.hosts[number % len(rack.hosts)], times[case])
         print(f"latency of the API, {ports} ports each, {load()}:")
         for step in ("create", "bind", "delete"):
-            plain_times = times["without, vlan"][step]
-            print(f"  {step:7} without:       {in_milliseconds(plain_times)}")
+            base = times["without, vlan"]
+            print(f"  {step:7} without:       {in_milliseconds(base.elapsed[step])}; processor"
+                  f" {1e3 * statistics.median(base.used[step]):.1f} ms")
             for case in ("with, vlan", "with, vxlan"):
-                ours = times[case][step]
-                ratio = statistics.median(ours) / statistics.median(plain_times)
-                tail = percentile(ours, 0.99) / percentile(plain_times, 0.99)
-                print(f"  {step:7} {case:14} {in_milliseconds(ours)};"
-                      f" {ratio:.2f} and {tail:.2f} times")
+                ours = times[case]
+                ratio = statistics.median(ours.elapsed[step]) / statistics.median(
+                    base.elapsed[step])
+                tail = percentile(ours.elapsed[step], 0.99) / percentile(base.elapsed[step], 0.99)
+                used = statistics.median(ours.used[step])
+                print(f"  {step:7} {case:14} {in_milliseconds(ours.elapsed[step])};"
+                      f" {ratio:.2f} and {tail:.2f} times; processor {1e3 * used:.1f} ms,"
+                      f" {used / statistics.median(base.used[step]):.2f} times")
 
 
 def events(agent: Agent) -> Iterator[tuple[float, str]]:
@@ -213,11 +248,43 @@ def measure_sync(binary: Path, ports: int) -> None:
         print(f"sync: in the list of agents: {json.dumps(listed[0]['configurations'])}")
 
 
+def measure_churn(binary: Path, minutes: float, clients: int) -> None:
+    topology = standard()
+    with World(topology, binary, 1) as world:
+        networks = [make_network(world.api(random.Random(4)), "vxlan", "") for _ in range(10)]
+        end = time.monotonic() + 60 * minutes
+        done: list[int] = []
+
+        def client(api: Api, rng: random.Random) -> None:
+            while time.monotonic() < end:
+                host, other = rng.sample([host for host, _ in topology.hosts()], 2)
+                port = api.post("/ports", {"port": {
+                    "network_id": rng.choice(networks), "device_owner": "compute:nova",
+                    "device_id": str(uuid.uuid4()), "binding:host_id": host}})["port"]["id"]
+                api.put(f"/ports/{port}", {"port": {"binding:host_id": other}})
+                api.delete(f"/ports/{port}")
+                done.append(1)
+
+        rngs = [random.Random(number) for number in range(clients)]
+        threads = [threading.Thread(target=client, args=(world.api(rng), rng)) for rng in rngs]
+        for thread in threads:
+            thread.start()
+        while any(thread.is_alive() for thread in threads):
+            print(f"churn: {len(done)} lives of a port: publisher"
+                  f" {[resident(pid) for pid in processes(world, 'vnagent publisher')]} MiB,"
+                  f" answering calls {[resident(pid) for pid in processes(world, 'api worker')]}"
+                  " MiB", flush=True)
+            for thread in threads:
+                thread.join(6 * minutes / clients)
+        print(f"churn: {len(done)} lives of a port, each made, bound, moved and deleted, in"
+              f" {minutes:g} minutes, {load()}")
+
+
 def main() -> int:
     parser = argparse.ArgumentParser(
         description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--binary", type=Path, required=True, help="the program vnagent")
-    parser.add_argument("--only", choices=["latency", "effect", "sync"])
+    parser.add_argument("--only", choices=["latency", "effect", "sync", "churn"])
     parser.add_argument("--ports", type=int, default=300,
                         help="of each kind, for the latency (default: %(default)s)")
     parser.add_argument("--changes", type=int, default=600,
@@ -226,6 +293,8 @@ def main() -> int:
                         help="changes in a second (default: %(default)s)")
     parser.add_argument("--clients", type=int, default=12, help="(default: %(default)s)")
     parser.add_argument("--sync-ports", type=int, default=10000, help="(default: %(default)s)")
+    parser.add_argument("--minutes", type=float, default=60,
+                        help="of the churn, which runs with --only only (default: %(default)s)")
     options = parser.parse_args()
     binary = options.binary.resolve()
     try:
@@ -235,6 +304,8 @@ def main() -> int:
             measure_effect(binary, options.changes, options.rate, options.clients)
         if options.only in (None, "sync"):
             measure_sync(binary, options.sync_ports)
+        if options.only == "churn":
+            measure_churn(binary, options.minutes, options.clients)
     except Failed as error:
         print(f"FAILED: {error}", file=sys.stderr)
         return 1

@@ -15,6 +15,7 @@ from sqlalchemy import event
 from sqlalchemy import orm
 
 from networking_vnagent import handover
+from networking_vnagent import mapping
 
 _KEY = "networking_vnagent"
 # What of a port is described to agents, besides its bindings.
@@ -25,12 +26,15 @@ Flushed = collections.abc.Callable[[typing.Any, handover.Change], None]
 
 _handlers: list[Handler] = []
 _is_listening = False
+_are_unbound_noted = False
 
 
-def subscribe(handler: Handler) -> None:
-    """Calls the handler after each commit that changed something; it must not block."""
-    global _is_listening
+def subscribe(handler: Handler, are_unbound_noted: bool = True) -> None:
+    """Calls the handler after each commit that changed something; it must not block. New ports,
+    which are bound nowhere yet, are noted where one handler wants them."""
+    global _is_listening, _are_unbound_noted
     _handlers.append(handler)
+    _are_unbound_noted = _are_unbound_noted or are_unbound_noted
     if _is_listening:
         return
     _is_listening = True
@@ -85,12 +89,19 @@ def _has_changed(row: typing.Any, columns: tuple[str, ...]) -> bool:
 
 
 def _port_flushed(row: typing.Any, change: handover.Change) -> None:
+    if not _are_unbound_noted and orm.attributes.instance_state(row).key is None:
+        # It is being added.
+        return
     change.work.ports.add(row.id)
     history = orm.attributes.get_history(row, "device_id")
     change.work.devices.update(name for names in history for name in names or () if name)
 
 
 def _binding_flushed(row: typing.Any, change: handover.Change) -> None:
+    if row.vif_type in mapping.UNBOUND and not orm.attributes.get_history(
+            row, "vif_type").has_changes():
+        # Of another host, or gone: it was not bound before either.
+        return
     change.work.ports.add(row.port_id)
 
 

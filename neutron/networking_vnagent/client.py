@@ -21,6 +21,9 @@ LATER = frozenset({408, 429, 502, 503, 504, 507})
 LONGEST_REGION = 1 << 30
 LONGEST_ANSWER = 4 << 20
 
+# What an agent answers with its revision.
+DOCUMENTS = ("/v1/cloud", "/v1/output")
+
 Document = dict[str, typing.Any]
 Places = collections.abc.Iterable[tuple[str, str]]
 
@@ -88,6 +91,11 @@ class _DeadlineReader(io.RawIOBase):
         self._owner.limit()
         return self._owner.sock.recv_into(buffer)
 
+    def close(self) -> None:
+        if not self.closed:
+            self._owner.reader_closed()
+        super().close()
+
 
 class _DeadlineSocket:
     """What http.client needs of a socket, with one deadline for all of a request."""
@@ -95,6 +103,8 @@ class _DeadlineSocket:
     def __init__(self, sock: socket.socket) -> None:
         self.sock = sock
         self.deadline = 0.0
+        self._readers = 0
+        self._is_closing = False
 
     def limit(self) -> None:
         left = self.deadline - time.monotonic()
@@ -107,10 +117,19 @@ class _DeadlineSocket:
         self.sock.sendall(data)
 
     def makefile(self, mode: str) -> io.BufferedReader:
+        self._readers += 1
         return io.BufferedReader(_DeadlineReader(self), 65536)
 
+    def reader_closed(self) -> None:
+        self._readers -= 1
+        if self._is_closing and self._readers == 0:
+            self.sock.close()
+
     def close(self) -> None:
-        self.sock.close()
+        """As of a socket: it stays open for an answer that is being read."""
+        self._is_closing = True
+        if self._readers == 0:
+            self.sock.close()
 
 
 def hint(error: Exception) -> str:
@@ -181,6 +200,9 @@ class Client:
     def close(self) -> None:
         if self._connection is not None:
             self._connection.close()
+        if self._socket is not None:
+            # Whatever is being read.
+            self._socket.sock.close()
         self._connection = self._socket = None
 
     @property
@@ -295,6 +317,11 @@ class Client:
             raise Nonsense(f"{self.url}: {method} {path} was answered {status} with what is no "
                            "JSON object: is that address a live agent's?")
         if 200 <= status < 300:
+            if method == "GET" and path.startswith(DOCUMENTS) and not response.getheader(
+                    "Vnagent-Revision"):
+                self.close()
+                raise Nonsense(f"{self.url}: GET {path} was answered without a revision: is that "
+                               "address a live agent's?")
             return Answer(status, body, etag)
         name = str(body.get("type", "")).rpartition("/")[2] or str(status)
         detail = str(body.get("detail") or body.get("title") or "no reason given")

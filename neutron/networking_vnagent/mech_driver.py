@@ -47,7 +47,8 @@ class VnagentMechanismDriver(api.MechanismDriver):
         self._process = process.ServerProcess(self._agents, options, self._segments)
         # SQLite has one writer: there, the process that answers the API publishes too.
         self._has_publisher = not str(cfg.CONF.database.connection or "").startswith("sqlite")
-        changes.subscribe(self._process.changed)
+        changes.subscribe(self._process.changed, are_unbound_noted=not all(
+            agent.physical_networks for agent in self._agents))
         registry.subscribe(self._spawning, resources.PROCESS, events.BEFORE_SPAWN)
         registry.subscribe(self._started, resources.PROCESS, events.AFTER_INIT)
         self._trunks = trunk.register()

@@ -117,13 +117,12 @@ class Patcher:
                                        wanted.devices)
             made = mapping.Mapping(rows, self._agent.physical_networks)
             desired = made.document()
-            places = places_of(wanted, desired)
-            present = self._present(places)
+            present = self._present(places_of(wanted, desired, with_devices=False))
             beside = self._ports_on_links_of(present, desired)
             if not beside <= wanted.ports:
                 wanted.ports |= beside
                 continue
-            patch = self._patch(wanted, places, present, desired, rows)
+            patch = self._patch(wanted, present, desired, rows)
             if not patch:
                 return Applied(made.left_out)
             displaced = mapping.displaced_natives(present, desired)
@@ -197,35 +196,21 @@ class Patcher:
                 found.setdefault(collection, {})[name] = present[collection][name]
         return found
 
-    def _patch(self, work: backlog.Work, places: list[tuple[str, str]], present: mapping.Document,
-               desired: mapping.Document, rows: mapping.Rows) -> mapping.Document:
-        before: mapping.Document = {}
-        after: mapping.Document = {}
-        for collection, name in places:
-            for side, source in ((before, present), (after, desired)):
-                if name in source.get(collection, {}):
-                    side.setdefault(collection, {})[name] = source[collection][name]
-        patch = mapping.difference(before, after)
-        # A collection that becomes empty here may have other members: null its members, not it.
-        for collection, members in before.items():
-            if patch.get(collection, {}) is None:
-                patch[collection] = {name: None for name in members}
+    def _patch(self, work: backlog.Work, present: mapping.Document, desired: mapping.Document,
+               rows: mapping.Rows) -> mapping.Document:
+        patch = _patch_of(places_of(work, desired, with_devices=False), present, desired)
+        devices = work.devices | {row.device_id for row in rows.ports if row.id in work.ports}
         if patch:
             self._add_segments(patch, desired)
-            self._add_devices(patch, desired, {
-                row.device_id for row in rows.ports if row.id in work.ports} - work.devices)
-        return patch
-
-    @staticmethod
-    def _add_devices(patch: mapping.Document, desired: mapping.Document,
-                     devices: set[str]) -> None:
-        """Names the devices of the ports: a port that left may have been the last of its device."""
-        for name in devices:
-            if mapping.fault_of_name(name):
-                continue
-            for collection in mapping.DEVICE_COLLECTIONS:
+            # Without a look whether they are there, which costs more than to name them: a port that
+            # left may have been the last of its device.
+            for collection, name in _places_of_devices(devices):
                 is_there = name in desired.get(collection, {})
                 patch.setdefault(collection, {})[name] = {} if is_there else None
+        elif work.devices:
+            places = _places_of_devices(work.devices)
+            patch = _patch_of(places, self._present(places), desired)
+        return patch
 
     @staticmethod
     def _add_segments(patch: mapping.Document, desired: mapping.Document) -> None:
@@ -248,7 +233,8 @@ def _segments_of(binding: mapping.Document) -> set[str]:
     return {name for level in levels for name in level.values()}
 
 
-def places_of(work: backlog.Work, desired: mapping.Document) -> list[tuple[str, str]]:
+def places_of(work: backlog.Work, desired: mapping.Document,
+              with_devices: bool = True) -> list[tuple[str, str]]:
     """The members that the work is about, in an order that does not depend on it."""
     places = [("segment", name) for name in work.segments]
     places += [("network", name) for name in work.networks]
@@ -256,9 +242,31 @@ def places_of(work: backlog.Work, desired: mapping.Document) -> list[tuple[str, 
         # A network's segments are made and renumbered with it.
         places += [("segment", name) for name in desired.get("segment", {})]
     places += [(collection, name) for name in work.ports for collection in ("port", "portBinding")]
-    places += [(collection, name) for name in work.devices
-               for collection in mapping.DEVICE_COLLECTIONS if not mapping.fault_of_name(name)]
+    if with_devices:
+        places += _places_of_devices(work.devices)
     return sorted(set(places))
+
+
+def _places_of_devices(devices: typing.Iterable[str]) -> list[tuple[str, str]]:
+    return [(collection, name) for name in sorted(devices)
+            for collection in mapping.DEVICE_COLLECTIONS if not mapping.fault_of_name(name)]
+
+
+def _patch_of(places: list[tuple[str, str]], present: mapping.Document,
+              desired: mapping.Document) -> mapping.Document:
+    """What makes these members, which are the present ones, the desired ones."""
+    before: mapping.Document = {}
+    after: mapping.Document = {}
+    for collection, name in places:
+        for side, source in ((before, present), (after, desired)):
+            if name in source.get(collection, {}):
+                side.setdefault(collection, {})[name] = source[collection][name]
+    patch = mapping.difference(before, after)
+    # A collection that becomes empty here may have other members: null its members, not it.
+    for collection, members in before.items():
+        if patch.get(collection, {}) is None:
+            patch[collection] = {name: None for name in members}
+    return patch
 
 
 def work_of(places: list[tuple[str, str]]) -> backlog.Work:

@@ -126,6 +126,9 @@ class Publisher:
         elif isinstance(error, patcher.RegionMissing):
             self._patcher.etag = None
             self._want_sync(str(error))
+        elif isinstance(error, agent_client.TryLater):
+            self._say("Agent %s takes no changes now; it is tried again with growing pauses. %s",
+                      self.agent.name, error)
         elif isinstance(error, agent_client.NoAnswer):
             self._went_down(error)
         elif isinstance(error, agent_client.Refused):

@@ -31,7 +31,7 @@ class Router:
                 or racks.intersection(agent.physical_networks)]
 
     def _racks_of(self, change: handover.Change) -> set[str] | None:
-        """The physical networks; None where they cannot be told."""
+        """The physical networks; None where they are not known."""
         work = change.work
         places = database.places_of(work.ports, work.networks)
         if places.is_anywhere or (work.devices and not work.ports) or (

@@ -11,6 +11,7 @@ from neutron.conf.plugins.ml2.drivers import driver_type
 from neutron.tests.unit.plugins.ml2 import test_plugin
 from oslo_config import cfg
 
+from networking_vnagent import changes
 from networking_vnagent import client as agent_client
 from networking_vnagent import config
 from networking_vnagent import process
@@ -146,6 +147,7 @@ class PluginTestCase(test_plugin.Ml2PluginV2TestCase):
         super().setUp()
         self.mechanism = self.driver.mechanism_manager.mech_drivers["vnagent"].obj
         self.server = self.mechanism._process
+        self.addCleanup(changes.unsubscribe, self.server.changed)
         # As after its start.
         self.server._pid = os.getpid()
         self.publisher = self.publisher_of(self.mechanism._agents[0])

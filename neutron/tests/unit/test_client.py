@@ -26,8 +26,9 @@ class BadAgent:
 
             def answer(handler):
                 length = int(handler.headers.get("Content-Length") or 0)
-                body = handler.rfile.read(length)
-                self.requests.append((handler.command, handler.path, dict(handler.headers), body))
+                handler.body = handler.rfile.read(length)
+                self.requests.append((handler.command, handler.path, dict(handler.headers),
+                                      handler.body))
                 (remaining.pop(0) if len(remaining) > 1 else remaining[0])(handler)
 
             do_GET = do_PATCH = do_PUT = do_POST = do_DELETE = answer
@@ -116,6 +117,11 @@ class ClientTest(unittest.TestCase):
     def test_another_program_is_nonsense(self):
         self.fails(agent_client.Nonsense, says(200, {"hello": "world"}))
 
+    def test_a_document_without_a_revision_is_nonsense(self):
+        client = self.client(says(200, {"hello": "world"}))
+        with self.assertRaises(agent_client.Nonsense):
+            client.region_document()
+
     def test_a_redirection_is_nonsense(self):
         self.fails(agent_client.Nonsense, says(302, {}))
 
@@ -152,9 +158,25 @@ class ClientTest(unittest.TestCase):
         self.assertEqual("other", client.hello()["instance"])
 
     def test_a_connection_that_was_idle_is_made_again(self):
-        client = self.client(says(200, HELLO), closes, says(200, HELLO), says(200, {"a": 1}))
+        client = self.client(says(200, HELLO), closes, says(200, HELLO),
+                             says(200, {"a": 1}, **{"Vnagent-Revision": "7"}))
         client.hello()
         self.assertEqual({"a": 1}, client.request("GET", "/v1/cloud").body)
+
+    def test_the_last_answer_of_a_connection_is_read_whole(self):
+        def says_slowly(handler):
+            data = json.dumps(HELLO | {"revision": 8}).encode()
+            handler.send_response(200)
+            handler.send_header("Connection", "close")
+            handler.send_header("Content-Length", str(len(data)))
+            handler.end_headers()
+            handler.wfile.flush()
+            time.sleep(0.1)
+            handler.wfile.write(data)
+        client = self.client(says_slowly, says(200, HELLO))
+        self.assertEqual(8, client.hello()["revision"])
+        self.assertFalse(client.is_connected)
+        self.assertEqual(7, client.hello()["revision"])
 
     def test_a_change_is_sent_again_with_its_key_only_to_the_same_instance(self):
         client = self.client(says(200, HELLO), closes, says(200, HELLO | {"instance": "other"}))
@@ -201,6 +223,42 @@ class TlsTest(unittest.TestCase):
             trusting.close()
 
     def test_a_certificate_that_is_not_valid_yet_points_to_the_clock(self):
-        error = ssl.SSLCertVerificationError()
-        error.verify_code, error.verify_message = 9, "certificate is not yet valid"
-        self.assertIn("clock", agent_client.hint(error))
+        with tempfile.TemporaryDirectory() as folder:
+            self.make_certificate(folder, "20980101000000Z", "20990101000000Z")
+            text = self.refused(folder)
+        self.assertIn("not yet valid", text)
+        self.assertIn("compare the clocks", text)
+
+    def test_a_certificate_that_has_expired_is_to_be_renewed(self):
+        with tempfile.TemporaryDirectory() as folder:
+            self.make_certificate(folder, "20000101000000Z", "20010101000000Z")
+            self.assertIn("renew the agent's certificate", self.refused(folder))
+
+    @staticmethod
+    def make_certificate(folder, first, last):
+        """Signed by itself, for 127.0.0.1."""
+        with open(f"{folder}/ca.cnf", "w", encoding="utf-8") as file:
+            file.write(f"[ca]\ndefault_ca=own\n[own]\nnew_certs_dir={folder}\n"
+                       f"database={folder}/index\nrand_serial=yes\ndefault_md=sha256\n"
+                       "policy=any\nx509_extensions=ext\n[any]\ncommonName=supplied\n"
+                       "[ext]\nsubjectAltName=IP:127.0.0.1\n")
+        open(f"{folder}/index", "w", encoding="utf-8").close()
+        for command in (
+                ["req", "-new", "-newkey", "rsa:2048", "-nodes", "-subj", "/CN=127.0.0.1",
+                 "-keyout", f"{folder}/key", "-out", f"{folder}/request"],
+                ["ca", "-batch", "-selfsign", "-notext", "-config", f"{folder}/ca.cnf",
+                 "-startdate", first, "-enddate", last, "-keyfile", f"{folder}/key",
+                 "-in", f"{folder}/request", "-out", f"{folder}/cert"]):
+            subprocess.run(["openssl", *command], check=True, capture_output=True)
+
+    def refused(self, folder):
+        """What a client says that trusts this certificate otherwise."""
+        context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+        context.load_cert_chain(f"{folder}/cert", f"{folder}/key")
+        bad = BadAgent(says(200, HELLO), context=context)
+        self.addCleanup(bad.stop)
+        client = agent_client.Client(f"https://127.0.0.1:{bad.port}", "R",
+                                     ca_file=f"{folder}/cert")
+        with self.assertRaises(agent_client.NoAnswer) as raised:
+            client.hello()
+        return str(raised.exception)

@@ -1,4 +1,6 @@
 """Publishers against a real agent that is killed, paused and changed by others."""
+import contextlib
+import threading
 import time
 import unittest
 from unittest import mock
@@ -17,6 +19,7 @@ from networking_vnagent import publisher
 from networking_vnagent import sync
 
 from . import base
+from . import test_client
 
 TOP = mapping.SegmentRow("top", "net", "vxlan", None, 10001, False)
 RACK = mapping.SegmentRow("rack", "net", "vlan", "physnet1", 100, True)
@@ -432,6 +435,87 @@ class PublisherTest(PublishingTestCase):
         self.bind("p", "h1")
         self.changed(one, "p")
         self.wait(lambda: self.bound() == {"p": {"h1"}})
+
+
+class BadEndTest(PublishingTestCase):
+    """An agent that cannot be used: one line that says what to do, and growing pauses. It can be
+    used again without a restart of anything."""
+
+    def lasts(self, level, text, *answers, timeout=5):
+        """Gives a publisher the answers until it has paused six times, then those of an agent."""
+        is_good = threading.Event()
+        remaining = list(answers)
+
+        def answer(handler):
+            if is_good.is_set():
+                self.pass_on(handler)
+            else:
+                (remaining.pop(0) if len(remaining) > 1 else remaining[0])(handler)
+        bad = test_client.BadAgent(answer)
+        self.addCleanup(bad.stop)
+        self.config = config.AgentConfig("one", f"http://127.0.0.1:{bad.port}", base.REGION,
+                                         request_timeout=timeout)
+        pauses = []
+
+        def sleep(one, seconds):
+            pauses.append(one._pause)
+            one._stopped.wait(0.001)
+        with mock.patch.object(publisher.Publisher, "_sleep", sleep):
+            with self.assertLogs("networking_vnagent.publisher", level) as logged:
+                one = self.publisher(max_pause=2)
+                one.start()
+                self.wait(lambda: len(pauses) >= 6, "six pauses")
+            self.assertTrue(one._thread.is_alive())
+            self.assertEqual(1, len(logged.output), logged.output)
+            self.assertIn(text, logged.output[0])
+            self.assertEqual([0.25, 0.5, 1, 2, 2], pauses[:5])
+            self.bind("p", "h1")
+            is_good.set()
+            self.wait(lambda: self.exists() and self.bound() == {"p": {"h1"}}, "the port")
+
+    def pass_on(self, handler):
+        """Lets the agent answer."""
+        with contextlib.closing(self.agent.client()) as client:
+            passed = {name: value for name, value in handler.headers.items()
+                      if name not in ("Host", "Content-Length", "Accept-Encoding")}
+            response, body = client._send(handler.command, handler.path, handler.body or None,
+                                          passed, 1 << 20, 10)
+        handler.send_response(response.status)
+        for name, value in response.getheaders():
+            if name.lower() in ("etag", "vnagent-revision", "content-type"):
+                handler.send_header(name, value)
+        handler.send_header("Content-Length", str(len(body)))
+        handler.end_headers()
+        handler.wfile.write(body)
+
+    def exists(self):
+        client = self.agent.client()
+        try:
+            return client.region_etag() is not None
+        finally:
+            client.close()
+
+    def test_another_program(self):
+        self.lasts("WARNING", "is that address a live agent's?",
+                   test_client.says(200, b"<html>"))
+
+    def test_a_connection_that_is_cut(self):
+        self.lasts("WARNING", "does not answer", test_client.cuts_off)
+
+    def test_an_answer_that_drips(self):
+        self.lasts("WARNING", "no whole answer in time", test_client.drips, timeout=0.2)
+
+    def test_a_token_that_is_unknown(self):
+        self.lasts("ERROR", "check token_file", test_client.says(
+            401, {"type": "/problems/unauthenticated", "detail": "unknown token"}))
+
+    def test_a_token_of_another_region(self):
+        self.lasts("ERROR", "check token_file", test_client.says(200, test_client.HELLO),
+                   test_client.says(403, {"type": "/problems/forbidden", "detail": "no"}))
+
+    def test_a_disk_that_is_full(self):
+        self.lasts("ERROR", "make room on the disk", test_client.says(200, test_client.HELLO),
+                   test_client.says(507, {"type": "/problems/no-space", "detail": "full"}))
 
 
 class BacklogTest(unittest.TestCase):

@@ -10,6 +10,7 @@ from pathlib import Path
 from typing import Any
 
 from .processes import Failed, Program, eventually
+from .wire import Wire
 
 Json = dict[str, Any]
 
@@ -37,6 +38,8 @@ class Agent:
         self.program = Program(f"agent {name}", [
             binary, "serve", "--socket", self.socket, "--state-dir", self.state,
         ], logs / f"agent-{name}.log")
+        # What the driver speaks to; the test itself asks the agent.
+        self.wire = Wire(directory / f"{name}.wire.sock", self.socket)
         self.vlans: list[int] = []
         self.losses = 0
 
@@ -105,4 +108,5 @@ class Agent:
         self.start()
 
     def stop(self) -> None:
+        self.wire.stop()
         self.program.stop()

@@ -10,6 +10,7 @@ from collections.abc import Callable
 from threading import Event
 
 from .processes import Failed
+from .wire import Mode
 from .world import World
 
 
@@ -35,6 +36,8 @@ class Faults:
             (self.pause_server, 2), (self.kill_agent, 4), (self.pause_agent, 3),
             (self.lose_agents_state, 1.5), (self.stop_agent_for_a_while, 2),
             (self.kill_database, 1), (self.pause_database, 2),
+            (self.cut_answers, 2), (self.answer_nonsense, 1), (self.answer_slowly, 1),
+            (self.fill_disk, 1),
         ]
 
     def run(self) -> None:
@@ -97,6 +100,24 @@ class Faults:
 
     def lose_agents_state(self) -> None:
         self.rng.choice(list(self.world.agents.values())).lose_state()
+
+    def spoil_wire(self, mode: Mode) -> None:
+        wire = self.rng.choice(list(self.world.agents.values())).wire
+        wire.mode = mode
+        self.hold(6)
+        wire.mode = Mode.FINE
+
+    def cut_answers(self) -> None:
+        self.spoil_wire(Mode.CUT)
+
+    def answer_nonsense(self) -> None:
+        self.spoil_wire(Mode.NONSENSE)
+
+    def answer_slowly(self) -> None:
+        self.spoil_wire(Mode.SLOW)
+
+    def fill_disk(self) -> None:
+        self.spoil_wire(Mode.FULL)
 
     def kill_database(self) -> None:
         self.world.database.kill()

@@ -7,12 +7,14 @@ compared with the database as after a round.
 from __future__ import annotations
 
 import random
+import time
 import uuid
 from collections.abc import Callable
 
 from .api import Api, Json
 from .processes import Failed, eventually
 from .topology import Node
+from .wire import Mode
 from .world import World
 
 
@@ -60,6 +62,40 @@ def hand_over_past_a_paused_server(world: World, node: Node) -> None:
                lambda: referrers(world, node) == [after], 60)
 
 
+def two_ports_on_one_link(world: World, node: Node) -> None:
+    """The second port of a node comes before the first one goes: it stays native."""
+    api = Api([server.port for server in world.servers], random.Random(0))
+    first, second = (bind_node(api, node, make_network(api, name), name)
+                     for name in ("first", "second"))
+    eventually("both ports are on the node's link",
+               lambda: set(referrers(world, node)) == {first, second}, 60)
+    api.delete(f"/ports/{first}")
+    eventually("the second port is alone on the node's link",
+               lambda: referrers(world, node) == [second], 60)
+
+
+def wires_that_are_bad(world: World, node: Node) -> None:
+    """While each of the faults of a connection lasts, a port is bound and another one goes: they
+    are on the switch, and gone, once the wire is fine."""
+    api = Api([server.port for server in world.servers], random.Random(0))
+    agent = world.agents[world.topology.agent_of_rack()[node.rack]]
+    network = make_network(api, "wires")
+    before: str | None = None
+    for mode in Mode:
+        agent.wire.mode = mode
+        try:
+            port = bind_node(api, node, network, "wires")
+            if before is not None:
+                api.delete(f"/ports/{before}")
+            # Long enough for several attempts.
+            time.sleep(2)
+        finally:
+            agent.wire.mode = Mode.FINE
+        eventually(f"only the new port is on its link after '{mode.value}'",
+                   lambda: referrers(world, node) == [port], 60)
+        before = port
+
+
 def vlan_of_a_new_port(world: World, api: Api, host: str) -> int:
     """The VLAN that a port of a new network gets on a host; both are deleted again."""
     network = make_network(api, "assigned")
@@ -96,4 +132,5 @@ def vlans_that_are_not_assigned_any_more(world: World, node: Node) -> None:
 
 
 SCENARIOS: list[Callable[[World, Node], None]] = [
-    hand_over_past_a_paused_server, vlans_that_are_not_assigned_any_more]
+    hand_over_past_a_paused_server, two_ports_on_one_link, wires_that_are_bad,
+    vlans_that_are_not_assigned_any_more]

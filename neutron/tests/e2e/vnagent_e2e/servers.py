@@ -80,7 +80,7 @@ def options_of_driver(topology: Topology, agents: Sequence[Agent], directory: Pa
     for agent in agents:
         racks = [rack for rack in topology.racks if rack.agent == agent.name]
         switches = [f"{switch}:{rack.name}" for rack in racks for switch in rack.switches]
-        lines += [f"[agent:{agent.name}]", f"url = unix://{agent.socket}",
+        lines += [f"[agent:{agent.name}]", f"url = unix://{agent.wire.socket}",
                   f"region = {agent.name}",
                   "physical_networks = " + ",".join(rack.name for rack in racks),
                   "switches = " + ",".join(switches), ""]
