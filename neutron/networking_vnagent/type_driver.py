@@ -15,6 +15,7 @@ import typing
 from neutron.db.models import agent as agent_models
 from neutron.db.models.plugins.ml2 import vlanallocation
 from neutron.plugins.ml2.drivers import type_vlan
+from neutron_lib import constants
 from neutron_lib import context as neutron_context
 from neutron_lib import exceptions
 from neutron_lib.db import api as db_api
@@ -85,6 +86,8 @@ def learn_assignment(agent: config.AgentConfig,
 class VnagentVlanTypeDriver(type_vlan.VlanTypeDriver):
     """VLANs by assignment. Its entry point is `vnagent_vlan`, its network type `vlan`."""
 
+    network_vlan_ranges: dict[str, Ranges]
+
     def __init__(self) -> None:
         global _driver
         config.register()
@@ -149,10 +152,22 @@ class VnagentVlanTypeDriver(type_vlan.VlanTypeDriver):
             for network, ranges in self.get_network_segment_ranges().items()})
 
     def initialize_network_segment_range_support(self) -> None:
-        LOG.warning("Network segment ranges do not count for VLANs: the agents assign them")
+        """Ranges choose among the VLANs that are assigned; the default ones leave the choice."""
+        self._delete_expired_default_network_segment_ranges()
+        self._populate_new_default_network_segment_ranges()
+
+    def _populate_new_default_network_segment_ranges(self) -> None:
+        configured = self.network_vlan_ranges
+        self.network_vlan_ranges = configured | {
+            network: [(constants.MIN_VLAN_TAG, constants.MAX_VLAN_TAG)]
+            for agent in self._agents for network in self._networks_of(agent)}
+        try:
+            super()._populate_new_default_network_segment_ranges()
+        finally:
+            self.network_vlan_ranges = configured
 
     def update_network_segment_range_allocations(self) -> None:
-        """Ranges do not count."""
+        """The table has what is assigned, whatever the ranges are."""
 
     def _sync_vlan_allocations(self) -> None:
         assigned = self._assigned_by_network()

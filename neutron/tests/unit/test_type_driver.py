@@ -2,6 +2,7 @@
 import unittest
 
 from neutron.db.models.plugins.ml2 import vlanallocation
+from neutron.objects import network_segment_range as range_objects
 from neutron_lib import exceptions
 from neutron_lib.db import api as db_api
 from neutron_lib.plugins.ml2 import api
@@ -102,3 +103,26 @@ class AssignmentTest(base.PluginTestCase):
         self.vlans._assigned.clear()
         self.vlans.initialize()
         self.assertEqual({700: False, 701: False}, self.table())
+
+
+class RangesOfProjectsTest(AssignmentTest):
+    """With Neutron's ranges, which choose among the VLANs that are assigned."""
+
+    def get_additional_service_plugins(self):
+        return {"network_segment_range": "network_segment_range"}
+
+    def range(self, first, last, **more):
+        with db_api.CONTEXT_WRITER.using(self.context):
+            range_objects.NetworkSegmentRange(
+                self.context, name="", network_type="vlan", physical_network="physnet1",
+                default=False, minimum=first, maximum=last, **more).create()
+
+    def test_a_range_of_a_project_counts_where_it_is_assigned(self):
+        self.assign(700, 701, 702)
+        self.range(701, 800, shared=False, project_id="project")
+        own = {self.vlans.allocate_tenant_segment(
+            self.context, filters={"project_id": "project"})[api.SEGMENTATION_ID] for _ in "12"}
+        self.assertEqual({701, 702}, own)
+        # The default range has the rest, for everybody.
+        self.assertEqual(700, self.allocate())
+        self.assertRaises(exceptions.NoNetworkAvailable, self.allocate)
