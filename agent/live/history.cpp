@@ -12,6 +12,9 @@ constexpr size_t kBytesInMemory = size_t{1} << 16;
 // All of them together take no more, where there is a storage.
 constexpr size_t kMostBytes = size_t{4} << 20;
 
+// A reader reads no more differences at once from the storage.
+constexpr size_t kReadAtOnce = 64;
+
 // Some watches are a few revisions behind others; each of them asks for the same patches.
 constexpr size_t kMergedPatches = 16;
 
@@ -44,7 +47,14 @@ size_t History::Entry::bytes() const {
 }
 
 void History::add(const Record& record) {
-  Entry entry{record.sequence, record.check, record.onDisk, {}, {}};
+  Entry entry;
+  entry.sequence = record.sequence;
+  entry.check = record.check;
+  entry.stored = record.onDisk;
+  if (!record.onDisk) {
+    entry.changesCloud = !record.cloud.empty();
+    entry.changesOutput = !record.output.empty();
+  }
   const size_t bytes = record.output.size() + record.outputBefore.size() + record.cloud.size() +
                        record.cloudBefore.size();
   if (storage_ != nullptr && bytes > kBytesInMemory) entry.stored = true;
@@ -109,6 +119,14 @@ Delta History::storedDelta(Document document, uint64_t first, uint64_t last) con
   return delta;
 }
 
+uint64_t History::portionEnd(Document document, uint64_t from, uint64_t to) const {
+  size_t read = 0;
+  for (uint64_t revision = from + 1; revision <= to; ++revision) {
+    if (entry(revision).isRead(document) && ++read > kReadAtOnce) return revision - 1;
+  }
+  return to;
+}
+
 Delta History::between(Document document, uint64_t from, uint64_t to) const {
   Delta delta;
   for (uint64_t revision = from + 1; revision <= to; ++revision) {
@@ -118,6 +136,7 @@ Delta History::between(Document document, uint64_t from, uint64_t to) const {
       delta.then(Delta::of(*difference.forward, difference.backward));
       continue;
     }
+    if (!entry(revision).isRead(document)) continue;
     // Those that follow each other are read together.
     const uint64_t first = revision;
     while (revision < to && entry(revision + 1).stored) ++revision;

@@ -49,6 +49,10 @@ class History {
   // The sequence of its record; 0 of the first.
   uint64_t sequence(uint64_t revision) const;
 
+  // How far a reader goes at once, on the way from one of them to a later one: so far that it keeps
+  // nobody waiting while the storage is read.
+  uint64_t portionEnd(Document document, uint64_t from, uint64_t to) const;
+
   // What changed from one of them to a later one.
   Delta between(Document document, uint64_t from, uint64_t to) const;
 
@@ -62,9 +66,11 @@ class History {
     std::string backward;
   };
   struct Entry {
-    uint64_t sequence;
+    uint64_t sequence = 0;
     std::string check;
-    bool stored = false;  // is to be read from the storage
+    bool stored = false;        // is to be read from the storage
+    bool changesCloud = true;   // or may do so
+    bool changesOutput = true;  // likewise
     Difference cloud;
     Difference output;
 
@@ -73,6 +79,9 @@ class History {
 
     const Difference& of(Document document) const {
       return document == Document::kCloud ? cloud : output;
+    }
+    bool isRead(Document document) const {
+      return stored && (document == Document::kCloud ? changesCloud : changesOutput);
     }
   };
   // The last patches that were put together from several revisions.

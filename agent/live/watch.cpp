@@ -101,7 +101,8 @@ void Watch::resume() {
     }
   } else if (watches_.visible_ > position_) {
     // Kept for the first call of next(); here a failure can still be answered.
-    watches_.patchEvent(settings_.document, position_, watches_.visible_);
+    watches_.patchEvent(settings_.document, position_,
+                        watches_.portionEnd(settings_.document, position_));
   }
 }
 
@@ -161,9 +162,13 @@ Watch::Bytes Watch::nextEvent() {
 }
 
 Watch::Bytes Watch::nextPatch() {
-  const uint64_t from = position_;
-  position_ = watches_.visible_;
-  return watches_.patchEvent(settings_.document, from, position_);
+  Bytes bytes;
+  while (bytes == nullptr && position_ < watches_.visible_) {
+    const uint64_t from = position_;
+    position_ = watches_.portionEnd(settings_.document, from);
+    bytes = watches_.patchEvent(settings_.document, from, position_);
+  }
+  return bytes;
 }
 
 Watch::Bytes Watch::nextPatchOfPlaces() {
@@ -293,6 +298,10 @@ uint64_t Watches::largestLag() const {
   for (const auto& [number, watch] : all_)
     lag = std::max(lag, visible_ - std::min(visible_, watch->position()));
   return lag;
+}
+
+uint64_t Watches::portionEnd(Document document, uint64_t from) const {
+  return cloud_.history().portionEnd(document, from, visible_);
 }
 
 std::shared_ptr<const std::string> Watches::patchEvent(Document document, uint64_t from,

@@ -83,7 +83,7 @@ class Watch final : public EventStream {
   std::optional<std::pair<uint64_t, Json>> waiting_;  // to be sent next, when it is durable
   double lastSent_ = 0;
   bool isCut_ = false;  // what it has to send next is not kept any more, or cannot be read
-  bool asked_ = false;     // next() had nothing, and the connection waits for a call
+  bool asked_ = false;  // next() had nothing, and the connection waits for a call
 };
 
 // All watches, and what they read from.
@@ -122,6 +122,8 @@ class Watches {
     uint64_t to;
     std::shared_ptr<const std::string> event;  // null: nothing differs
   };
+  // How far an event goes that begins after this revision.
+  uint64_t portionEnd(Document document, uint64_t from) const;
   std::shared_ptr<const std::string> patchEvent(Document document, uint64_t from, uint64_t to);
   std::shared_ptr<const std::string> snapshotEvent(Document document);
   void wakeAll();

@@ -588,6 +588,30 @@ TEST_F(ServiceTest, WatchEndsWhileTheHistoryCannotBeRead) {
   EXPECT_FALSE(back.stream->ended());
 }
 
+// What is in the storage only is read in portions, with time for others in between.
+TEST_F(ServiceTest, WatchThatIsFarBehindIsSentSeveralPatches) {
+  MemoryStorage storage;
+  start(&storage);
+  const Json empty = get("/v1/cloud");
+  Json networks = Json::object();
+  for (int i = 0; i < 400; ++i)
+    networks["a network of a region " + std::to_string(i)] = Json::object();
+  for (int i = 0; i < 300; ++i) {
+    const Json port{{"port-" + std::to_string(i), Json::object()}};
+    const Json region{{"network", networks}, {"port", port}};
+    send("PATCH", "/v1/cloud", Json{{"region", {{"R", region}}}}.dump());
+    send("PATCH", "/v1/cloud", R"({"region": {"R": {"network": null}}})");
+  }
+  service_->durableIs(storage.appended.back().sequence);
+  ASSERT_EQ(get("/v1")["revision"], 600);
+  const Json now = get("/v1/cloud");
+  Follower follower = watch("?of=cloud&since=0");
+  follower.document = empty;
+  follower.read();
+  EXPECT_GT(follower.events.size(), 1U);
+  EXPECT_EQ(follower.document, now);
+}
+
 TEST_F(ServiceTest, RestartsDoNotMoveTheRecordedTime) {
   MemoryStorage storage;
   start(&storage);
