@@ -6,7 +6,9 @@ compared with the database as after a round.
 
 from __future__ import annotations
 
+import os
 import random
+import signal
 import time
 import uuid
 from collections.abc import Callable
@@ -96,6 +98,22 @@ def wires_that_are_bad(world: World, node: Node) -> None:
         before = port
 
 
+def publishers_that_are_killed(world: World, node: Node) -> None:
+    """What changes while no server has a publisher waits for the next one."""
+    api = Api([server.port for server in world.servers], random.Random(0))
+    network = make_network(api, "publishers")
+    killed = [pid for server in world.servers for pid in server.workers("vnagent publisher")]
+    if len(killed) != len(world.servers):
+        raise Failed(f"{len(killed)} processes publish for {len(world.servers)} servers")
+    for pid in killed:
+        os.kill(pid, signal.SIGKILL)
+    port = bind_node(api, node, network, "publishers")
+    eventually("the port is on its link", lambda: referrers(world, node) == [port], 60)
+    left = [pid for server in world.servers for pid in server.workers("vnagent publisher")]
+    if len(left) != len(world.servers) or set(left) & set(killed):
+        raise Failed(f"the publishers {killed} were killed, and now there are {left}")
+
+
 def vlan_of_a_new_port(world: World, api: Api, host: str) -> int:
     """The VLAN that a port of a new network gets on a host; both are deleted again."""
     network = make_network(api, "assigned")
@@ -133,4 +151,4 @@ def vlans_that_are_not_assigned_any_more(world: World, node: Node) -> None:
 
 SCENARIOS: list[Callable[[World, Node], None]] = [
     hand_over_past_a_paused_server, two_ports_on_one_link, wires_that_are_bad,
-    vlans_that_are_not_assigned_any_more]
+    publishers_that_are_killed, vlans_that_are_not_assigned_any_more]

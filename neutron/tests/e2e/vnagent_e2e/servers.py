@@ -151,9 +151,10 @@ class Server:
 
         eventually(f"{self.name} answers", answers, seconds)
 
-    def workers(self) -> list[int]:
-        """The process ids of its workers; the parent starts a new one where one dies."""
-        return children(self.program.pid)
+    def workers(self, title: str = "") -> list[int]:
+        """The process ids of its workers, of those with this in their title; the parent starts a
+        new one where one dies."""
+        return [pid for pid in children(self.program.pid) if title in title_of(pid)]
 
     def memory(self) -> int:
         """The largest resident set among its processes, in MiB."""
@@ -169,3 +170,11 @@ class Server:
     def stop(self) -> None:
         self.program.stop(15)
         shutil.rmtree(self.directory / "lock", ignore_errors=True)
+
+
+def title_of(pid: int) -> str:
+    """What a process calls itself; empty where there is none."""
+    try:
+        return Path(f"/proc/{pid}/cmdline").read_text(errors="replace")
+    except OSError:
+        return ""
