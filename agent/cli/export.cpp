@@ -4,6 +4,7 @@
 #include <csignal>
 #include <cstdio>
 #include <fstream>
+#include <future>
 #include <iostream>
 #include <memory>
 #include <mutex>
@@ -63,12 +64,20 @@ class SourceThread {
 
   // The thread waits for input that may never come, so that nobody waits for its end.
   void start(const ExportOptions& options) {
-    const auto deliver = [shared = shared_](OutputEvent event) {
-      const std::lock_guard guard(shared->mutex);
-      if (shared->context == nullptr) return false;
-      asio::post(*shared->context, [shared, event = std::move(event)]() mutable {
-        if (shared->context != nullptr) shared->exporter->take(std::move(event));
-      });
+    // Returns when the event was taken, so that only one is in memory. It is this thread that frees
+    // it: the other one has a database to talk to.
+    const auto deliver = [shared = shared_](const OutputEvent& event) {
+      std::promise<void> taken;
+      const std::future<void> isTaken = taken.get_future();
+      {
+        const std::lock_guard guard(shared->mutex);
+        if (shared->context == nullptr) return false;
+        asio::post(*shared->context, [shared, &event, taken = std::move(taken)]() mutable {
+          if (shared->context != nullptr) shared->exporter->take(event);
+          taken.set_value();
+        });
+      }
+      isTaken.wait();  // also ends when the context does
       return true;
     };
     if (options.outputs.empty()) {

@@ -88,9 +88,10 @@ RequestRefused::RequestRefused(const HttpResponse& response)
 }
 
 void EventReader::feed(std::string_view bytes, const std::function<void(LiveEvent)>& take) {
-  rest_ += bytes;
   size_t begin = 0;
-  for (size_t end = rest_.find('\n'); end != rest_.npos; end = rest_.find('\n', begin)) {
+  const size_t looked = rest_.size();
+  rest_ += bytes;
+  for (size_t end = rest_.find('\n', looked); end != rest_.npos; end = rest_.find('\n', begin)) {
     std::string_view line = std::string_view(rest_).substr(begin, end - begin);
     if (line.ends_with('\r')) line.remove_suffix(1);
     takeLine(line, take);
@@ -102,7 +103,7 @@ void EventReader::feed(std::string_view bytes, const std::function<void(LiveEven
 void EventReader::takeLine(std::string_view line, const std::function<void(LiveEvent)>& take) {
   if (line.empty()) {
     if (!data_.empty()) {
-      event_.data = Json::parse(data_, nullptr, false);
+      event_.data = parse_(data_);
       take(std::move(event_));
     }
     event_ = {};
@@ -154,7 +155,7 @@ void LiveAgent::follow(const Following& following,
       if (!last.empty()) request.headers.emplace_back("Last-Event-ID", last);
       const auto stream = client_.open(request);
       if (stream->response().status != 200) throw RequestRefused(stream->response());
-      EventReader reader;
+      EventReader reader(following.parse);
       bool isWanted = true;
       for (std::string bytes = stream->read(silence); !bytes.empty() && isWanted;) {
         pause = kFirstPause;

@@ -91,7 +91,7 @@ void Exporter::stop() {
   for (const auto& one : switches_) one->stop();
 }
 
-void Exporter::take(OutputEvent event) {
+void Exporter::take(const OutputEvent& event) {
   switch (event.kind) {
     case Kind::kDocument:
     case Kind::kPatch:

@@ -36,7 +36,7 @@ class Exporter {
 
   void start();
   void stop();
-  void take(OutputEvent event);
+  void take(const OutputEvent& event);
 
   // Lookup.
 

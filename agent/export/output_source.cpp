@@ -4,6 +4,8 @@
 #include <iterator>
 #include <thread>
 
+#include "agent/export/output_reader.h"
+
 namespace vnagent {
 namespace {
 
@@ -39,12 +41,13 @@ void followAgent(const LiveAgent& agent, const DeliverOutput& deliver) {
     std::string fault;
     try {
       // One connection at a time, so that each failure is seen.
-      agent.follow({.target = "/v1/watch?of=output", .since = last, .patience = 0},
-                   [&](LiveEvent event) {
-                     if (!event.id.empty()) last = event.id;
-                     isWanted = deliver(eventOf(std::move(event)));
-                     return isWanted;
-                   });
+      agent.follow(
+          {.target = "/v1/watch?of=output", .since = last, .patience = 0, .parse = readOutput},
+          [&](LiveEvent event) {
+            if (!event.id.empty()) last = event.id;
+            isWanted = deliver(eventOf(std::move(event)));
+            return isWanted;
+          });
     } catch (const RequestRefused& refused) {
       fault = refused.what();
       if (refused.status() == kGone) {
@@ -64,12 +67,12 @@ void readOutputs(std::istream& in, const DeliverOutput& deliver) {
   std::string text;
   for (uint64_t number = 1; std::getline(in, text); ++number) {
     if (text.find_first_not_of(" \t\r") == text.npos) continue;
-    json line = json::parse(text, nullptr, false);
+    json line = readOutput(text);
     if (line.is_discarded() && number == 1) {
       // Not a line by itself: the file is one document.
       text += '\n';
       text.append(std::istreambuf_iterator<char>(in), {});
-      line = json::parse(text, nullptr, false);
+      line = readOutput(text);
     }
     if (line.is_discarded()) {
       deliver({Kind::kFault, {}, {}, "line " + std::to_string(number) + " is not JSON"});

@@ -25,8 +25,8 @@ struct OutputEvent {
   };
 
   Kind kind;
-  nlohmann::json data = {};
-  std::string id = {};  // the revision; the number of the line in a file
+  nlohmann::json data = {};  // as readOutput() reads it
+  std::string id = {};       // the revision; the number of the line in a file
   std::string text = {};
 };
 

@@ -89,6 +89,7 @@ void Replica::reset() {
   arePortsStale_ = true;
   bound_.clear();
   added_.clear();
+  isBoundAsWanted_ = true;
   for (const auto& [id, bindings] : desired_.logicalSwitches) {
     changes_.logicalSwitches.push_back(id);
   }
@@ -235,6 +236,7 @@ void Replica::applyPort(const RowChange& change) {
                   [&](uint16_t vlan, const Uuid* before, const Uuid* after) {
                     if (before != nullptr) countBinding(*before, false);
                     if (after != nullptr) countBinding(*after, true);
+                    if (!isKnown || before != nullptr) isBoundAsWanted_ = false;
                     if (!isKnown) return;
                     const BindingKey key{index->second, vlan};
                     if (before == nullptr) {
@@ -450,7 +452,9 @@ void Replica::markBound() {
     const Uuid* present = row == nullptr ? nullptr : row->find(key.vlan);
     const LogicalSwitch* target = present == nullptr ? nullptr : logicalSwitch(*present);
     const bool isAsWanted = wanted != nullptr && target != nullptr && target->id == *wanted;
-    if (!isAsWanted) changes_.bindings.push_back(key);
+    if (isAsWanted) continue;
+    isBoundAsWanted_ = false;
+    changes_.bindings.push_back(key);
   }
   bound_.clear();
 }
@@ -461,6 +465,10 @@ void Replica::markAdded() {
     const auto desired = desired_.logicalSwitches.find(id);
     if (desired == desired_.logicalSwitches.end()) continue;
     const Uuid* uuid = logicalSwitchNamed(id.name());
+    // All that is bound to it is as new as itself: with so many, and all as wanted, none is missing.
+    const bool isComplete = isBoundAsWanted_ && uuid != nullptr &&
+                            referencesTo(*uuid).bindings == desired->second.size();
+    if (isComplete) continue;
     for (const BindingKey& key : desired->second) {
       const Port* row = port(key.port);
       if (row == nullptr) continue;
@@ -470,6 +478,7 @@ void Replica::markAdded() {
     }
   }
   added_.clear();
+  isBoundAsWanted_ = true;
 }
 
 }  // namespace vnagent

@@ -159,6 +159,7 @@ class Replica {
   // are new and owned. Most of them are what the exporter has just written.
   std::vector<BindingKey> bound_;
   std::vector<LogicalSwitchId> added_;
+  bool isBoundAsWanted_ = true;  // so are all bindings that changed since settle()
 };
 
 }  // namespace vnagent
