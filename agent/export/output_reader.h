@@ -1,6 +1,6 @@
 // Reads the text of output documents, and of merge patches on them, as far as an export looks at
-// them. Lists say who asked for something; they are not kept, and `true` stands in their place. That
-// saves most of the time and the memory that a large document takes.
+// them. Lists say who asked for something; they are not kept, and `true` is in their place. That
+// saves much of the time and the memory that a large document takes.
 //
 // Any thread.
 #pragma once

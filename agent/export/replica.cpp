@@ -465,7 +465,7 @@ void Replica::markAdded() {
     const auto desired = desired_.logicalSwitches.find(id);
     if (desired == desired_.logicalSwitches.end()) continue;
     const Uuid* uuid = logicalSwitchNamed(id.name());
-    // All that is bound to it is as new as itself: with so many, and all as wanted, none is missing.
+    // All that is bound to it is as new as itself: so many, and all as wanted, means all of them.
     const bool isComplete = isBoundAsWanted_ && uuid != nullptr &&
                             referencesTo(*uuid).bindings == desired->second.size();
     if (isComplete) continue;
