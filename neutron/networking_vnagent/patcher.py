@@ -115,9 +115,13 @@ class Patcher:
             etag = self._present_etag()
             rows = database.read_about(wanted.ports, wanted.networks, wanted.segments,
                                        wanted.devices)
+            # A network's segments are made and renumbered with it, and go with it where the rack's
+            # segment was the last one that the agent serves.
+            wanted.segments.update(
+                row.id for row in rows.segments if row.network_id in wanted.networks)
             made = mapping.Mapping(rows, self._agent.physical_networks)
             desired = made.document()
-            present = self._present(places_of(wanted, desired, with_devices=False))
+            present = self._present(places_of(wanted, with_devices=False))
             beside = self._ports_on_links_of(present, desired)
             if not beside <= wanted.ports:
                 wanted.ports |= beside
@@ -198,7 +202,7 @@ class Patcher:
 
     def _patch(self, work: backlog.Work, present: mapping.Document, desired: mapping.Document,
                rows: mapping.Rows) -> mapping.Document:
-        patch = _patch_of(places_of(work, desired, with_devices=False), present, desired)
+        patch = _patch_of(places_of(work, with_devices=False), present, desired)
         devices = work.devices | {row.device_id for row in rows.ports if row.id in work.ports}
         if patch:
             self._add_segments(patch, desired)
@@ -233,14 +237,10 @@ def _segments_of(binding: mapping.Document) -> set[str]:
     return {name for level in levels for name in level.values()}
 
 
-def places_of(work: backlog.Work, desired: mapping.Document,
-              with_devices: bool = True) -> list[tuple[str, str]]:
+def places_of(work: backlog.Work, with_devices: bool = True) -> list[tuple[str, str]]:
     """The members that the work is about, in an order that does not depend on it."""
     places = [("segment", name) for name in work.segments]
     places += [("network", name) for name in work.networks]
-    if work.networks:
-        # A network's segments are made and renumbered with it.
-        places += [("segment", name) for name in desired.get("segment", {})]
     places += [(collection, name) for name in work.ports for collection in ("port", "portBinding")]
     if with_devices:
         places += _places_of_devices(work.devices)

@@ -66,7 +66,7 @@ class Look:
 
     def without(self, work: backlog.Work) -> "Look":
         """The same without what is to be sent anyway."""
-        known = set(patcher.places_of(work, {}))
+        known = set(patcher.places_of(work))
         if work.networks:
             # A network's segments are made and renumbered with it.
             known |= {place for place in self.differing if place[0] == "segment"}

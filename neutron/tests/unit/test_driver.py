@@ -379,6 +379,18 @@ class SegmentsTest(DriverTestCase):
         self.assertEqual(1, self.held.give_back_unused())
         self.assertEqual([], self.dynamic())
 
+    def test_a_network_without_a_vlan_any_more_is_gone_with_all_its_segments(self):
+        port = self.port()
+        self.publish()
+        self.driver.delete_port(self.context, port["id"])
+        self.publish()
+        self.assertEqual(2, len(self.agent.region()["segment"]))
+        self.held.give_back_unused()
+        self.held.give_back_unused()
+        self.publish()
+        self.agrees()
+        self.assertEqual({}, self.agent.region())
+
     def test_a_vlan_in_use_stays(self):
         self.port()
         self.held.give_back_unused()
