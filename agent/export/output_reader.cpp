@@ -33,7 +33,10 @@ class OutputReader final : public json::json_sax_t {
   }
 
   bool key(std::string& name) override {
-    if (depthInList_ == 0) place_ = &(*objects_.back())[std::move(name)];
+    if (depthInList_ > 0) return true;
+    // The members of the agent's documents are sorted.
+    auto& members = objects_.back()->get_ref<json::object_t&>();
+    place_ = &members.emplace_hint(members.end(), std::move(name), nullptr)->second;
     return true;
   }
 

@@ -135,7 +135,7 @@ class Measurement:
 
     def take(self, process: Exporter, line: Json) -> tuple[float, Json]:
         """Seconds until the switch is synced, and what the exporter's figures grew by."""
-        text = json.dumps(line).encode() + b"\n"
+        text = json.dumps(line, sort_keys=True, separators=(",", ":")).encode() + b"\n"
         pid = process.process.pid
         before, used = process.status()["switches"]["leaf-1"], cpu(pid)
         begin = time.perf_counter()
@@ -193,9 +193,10 @@ class Measurement:
         for number in range(self.changes):
             new = VLANS + 1 + number
             old = new - 1 if number else 100
-            entry = {"vlan": {"100": {"mappedVni": {str(old): None, str(new): ["p"]}}}}
-            change = ({"resourcesForHostname": {"full": entry}} if self.source == "host" else
-                      {"resourcesForSwitchport": {"leaf-1": dict.fromkeys(self.ports, entry)}})
+            entry: Json = {"vlan": {"100": {"mappedVni": {str(old): None, str(new): ["p"]}}}}
+            ports = {name: entry for name in self.ports}
+            change: Json = ({"resourcesForHostname": {"full": entry}} if self.source == "host"
+                            else {"resourcesForSwitchport": {"leaf-1": ports}})
             _, one = self.take(process, {"step": number, "ok": True,
                                           "change": {"requestedResources": change}})
             single.append(one)

@@ -49,6 +49,7 @@ class TransportTest(ExportTest):
         super().setUp()
         self.authority = Authority(self.folder, "fabric-ca")
         certificate, key = self.authority.issue("leaf-3")
+        options: list[str]
         for name, options in (("leaf-2", []),
                               ("leaf-3", [f"--certificate={certificate}", f"--private-key={key}",
                                           f"--ca-cert={self.authority.certificate}"])):
