@@ -19,6 +19,7 @@ import json
 import os
 import queue
 import random
+import signal
 import statistics
 import sys
 import threading
@@ -295,6 +296,9 @@ def main() -> int:
     parser.add_argument("--minutes", type=float, default=60,
                         help="of the churn, which runs with --only only (default: %(default)s)")
     options = parser.parse_args()
+    for caught in (signal.SIGTERM, signal.SIGHUP):
+        # Unwinds the stack, so that everything that was started is stopped.
+        signal.signal(caught, lambda got, _: sys.exit(128 + got))
     binary = options.binary.resolve()
     try:
         if options.only in (None, "latency"):
