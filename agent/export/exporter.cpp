@@ -76,7 +76,14 @@ Exporter::Exporter(boost::asio::io_context& context, const ExportMap& map, Expor
     switches_.push_back(std::make_unique<SwitchExporter>(
         context, map, desired_, i, mode, problems_,
         SwitchExporter::Hooks{.log = hooks_.log,
-                              .desiredChanged = [this, later] { later([this] { kickAll(); }); },
+                              .desiredChanged =
+                                  [this, later] {
+                                    ++kicksDue_;
+                                    later([this] {
+                                      --kicksDue_;
+                                      kickAll();
+                                    });
+                                  },
                               .settled = [this] { hooks_.settled(); }}));
   }
 }
@@ -137,7 +144,7 @@ void Exporter::kickAll() {
 }
 
 bool Exporter::isSettled(bool atEnd) const {
-  return events_ > 0 && (isEnded_ || !atEnd) &&
+  return events_ > 0 && (isEnded_ || !atEnd) && kicksDue_ == 0 &&
          std::ranges::all_of(switches_, [](const auto& one) { return one->isSynced(); });
 }
 

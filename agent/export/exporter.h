@@ -63,6 +63,7 @@ class Exporter {
   std::vector<std::unique_ptr<SwitchExporter>> switches_;
   std::string revision_;  // of the last event
   uint64_t events_ = 0;   // documents and patches
+  size_t kicksDue_ = 0;   // posted: what one switch's address changed for others
   bool isEnded_ = false;
 };
 
