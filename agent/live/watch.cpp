@@ -132,7 +132,7 @@ std::shared_ptr<const std::string> Watch::next() {
   try {
     if (!watches_.ended_) bytes = nextEvent();
   } catch (const StorageError&) {
-    isCut_ = true;  // it comes back, and is told why
+    isCut_ = true;  // the client comes back, and the reply says why
   }
   if (bytes == nullptr) {
     asked_ = true;
