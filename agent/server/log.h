@@ -2,7 +2,7 @@
 // happens to the process. Lines are `key=value` after a word for what happened; values that need it
 // are quoted. Never a token or a body.
 //
-// Lines are written a moment later by a thread of their own (log_writer.h): who logs never waits.
+// Lines are written by a thread of their own (log_writer.h): who logs never waits.
 #pragma once
 
 #include <initializer_list>

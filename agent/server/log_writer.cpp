@@ -12,7 +12,7 @@
 namespace vnagent {
 namespace {
 
-// How long lines are gathered.
+// How long the lines are gathered that follow one that was written.
 constexpr std::chrono::milliseconds kGathered{5};
 // What waits for a slow reader, at most.
 constexpr size_t kMostBytes = size_t{1} << 20;
@@ -63,7 +63,6 @@ void LogWriter::run() {
   std::unique_lock lock(waitingMutex_);
   for (;;) {
     wake_.wait(lock, [this] { return isStopping_ || waiting_.size() > 0; });
-    wake_.wait_for(lock, kGathered, [this] { return isStopping_; });
     spdlog::memory_buf_t lines;
     std::swap(lines, waiting_);
     const size_t dropped = std::exchange(dropped_, 0);
@@ -73,6 +72,7 @@ void LogWriter::run() {
     }
     writeAll(descriptor_, {lines.data(), lines.size()});
     lock.lock();
+    wake_.wait_for(lock, kGathered, [this] { return isStopping_; });
     if (isStopping_ && waiting_.size() == 0) return;
   }
 }

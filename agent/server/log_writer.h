@@ -1,6 +1,6 @@
-// Writes the lines of the log to standard error, many at a time: a thread of its own gathers them
-// for a moment. Who logs never waits for the reader; where that is too slow, the oldest lines are
-// dropped, and a line says how many.
+// Writes the lines of the log to standard error, many at a time: a thread of its own gathers for a
+// moment those that follow each other. Who logs never waits for the reader; where that is too slow,
+// the oldest lines are dropped, and a line says how many.
 #pragma once
 
 #include <condition_variable>

@@ -191,7 +191,7 @@ class WithoutStateDirectory(LiveTest):
     def test_a_restart_begins_anew_and_the_agent_says_so(self) -> None:
         self.load()
         instance = self.client.get("/v1").json["instance"]
-        self.assertIn("memory", self.agent.log.read_text().lower())
+        poll(lambda: "memory" in self.agent.log.read_text().lower(), "it says so")
         self.agent.kill()
         self.agent.start()
         info = self.client.get("/v1").json

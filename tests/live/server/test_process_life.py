@@ -73,7 +73,7 @@ class Starting(ProcessTest):
 
     def test_says_where_everything_is_in_memory_only(self) -> None:
         agent = self.start()
-        self.assertIn("in memory only", agent.log.read_text())
+        poll(lambda: "in memory only" in agent.log.read_text(), "it says so")
         self.assertFalse(self.ok(agent.client.get("/v1"))["durable"])
 
     def test_begins_with_the_cloud_that_it_is_given(self) -> None:
