@@ -80,8 +80,15 @@ class PublishingTestCase(base.AgentTestCase):
     def publisher(self, **changed):
         one = publisher.Publisher(self.config, base.settings(**changed), self.acknowledgements,
                                   lambda *_: None)
-        self.addCleanup(one.stop)
+        self.addCleanup(self.end, one)
         return one
+
+    def end(self, one):
+        """Waits for its thread, which could take part in the next test."""
+        one.stop()
+        if one._thread.is_alive():
+            one._thread.join(30)
+        self.assertFalse(one._thread.is_alive())
 
     def bind(self, port, host):
         self.world.hosts[port] = host
