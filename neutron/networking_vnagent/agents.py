@@ -8,6 +8,8 @@ from neutron_lib.plugins import directory
 from oslo_serialization import jsonutils
 from oslo_utils import timeutils
 
+from networking_vnagent import retries
+
 AGENT_TYPE = "vnagent"
 BINARY = "vnagent"
 
@@ -20,7 +22,7 @@ class Known(typing.NamedTuple):
     seconds_since_heartbeat: float
 
 
-@db_api.retry_db_errors
+@retries.retry_db_errors
 def read(name: str) -> Known | None:
     """What the list says of an agent; None where it is not in it."""
     context = neutron_context.get_admin_context()
@@ -49,6 +51,7 @@ def configurations_on(context: neutron_context.Context, host: str) -> list[Confi
     return [_parsed(row.configurations) for row in rows]
 
 
+@retries.retry_db_errors
 def report(name: str, changed: Configurations) -> None:
     """A heartbeat: the agent is alive. What is not named among the configurations stays."""
     known = read(name)
@@ -58,7 +61,7 @@ def report(name: str, changed: Configurations) -> None:
         "configurations": configurations, "start_flag": known is None})
 
 
-@db_api.retry_db_errors
+@retries.retry_db_errors
 def amend(name: str, changed: Configurations) -> None:
     """Changes configurations without a heartbeat; nothing where the agent is not in the list."""
     context = neutron_context.get_admin_context()

@@ -12,6 +12,7 @@ from networking_vnagent import agents as listed_agents
 from networking_vnagent import config
 from networking_vnagent import mapping
 from networking_vnagent import segments as dynamic_segments
+from networking_vnagent import type_driver
 
 LOG = log.getLogger(__name__)
 
@@ -91,8 +92,8 @@ class Binder:
             try:
                 segment = self._segments.allocate(context, rack)
             except exceptions.NoNetworkAvailable:
-                LOG.error("Port %s cannot be bound on host %s: no VLAN is free in %s. Give it more "
-                          "VLANs, or free some.", context.current["id"], context.host, rack)
+                LOG.error("Port %s cannot be bound on host %s: %s", context.current["id"],
+                          context.host, _without_vlan(rack))
                 continue
             if segment is not None:
                 return segment
@@ -149,6 +150,14 @@ class Binder:
                 if len(self._agents) == 1:
                     return agent.physical_networks[0]
         return None
+
+
+def _without_vlan(rack: str) -> str:
+    """Why a rack has no VLAN for a network."""
+    if silent := type_driver.silent_agents(rack):
+        return (f"agent(s) {', '.join(silent)} have not said yet which VLANs are assigned in "
+                f"{rack}. See whether they are alive in the list of agents, and bind it again.")
+    return f"no VLAN is free in {rack}. Give it more VLANs, or free some."
 
 
 def _tops(candidates: list[Segment]) -> list[Segment]:

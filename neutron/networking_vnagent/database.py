@@ -14,6 +14,7 @@ from neutron_lib.db import api as db_api
 import sqlalchemy as sa
 
 from networking_vnagent import mapping
+from networking_vnagent import retries
 
 # Rows in a page of a whole table, and names in an IN (...).
 PAGE = 1000
@@ -61,7 +62,7 @@ def _pages(session: Session, columns: tuple[Column, ...],
         last = tuple(page[-1])[len(columns):]
 
 
-@db_api.retry_db_errors
+@retries.retry_db_errors
 def read_everything() -> mapping.Rows:
     """All rows, in pages of one transaction: the database at one moment."""
     context = neutron_context.get_admin_context()
@@ -81,7 +82,7 @@ def read_everything() -> mapping.Rows:
                       _pages(session, (models_v2.Network.id,), (models_v2.Network.id,))])
 
 
-@db_api.retry_db_errors
+@retries.retry_db_errors
 def read_about(ports: collections.abc.Collection[str] = (),
                networks: collections.abc.Collection[str] = (),
                segments: collections.abc.Collection[str] = (),
@@ -114,7 +115,7 @@ def read_about(ports: collections.abc.Collection[str] = (),
                 session, (models_v2.Network.id,), models_v2.Network.id, wanted)])
 
 
-@db_api.retry_db_errors
+@retries.retry_db_errors
 def now() -> str:
     """The database's time, in UTC: texts that compare as the times do."""
     context = neutron_context.get_admin_context()
@@ -135,7 +136,7 @@ class Places(typing.NamedTuple):
     is_anywhere: bool
 
 
-@db_api.retry_db_errors
+@retries.retry_db_errors
 def places_of(ports: collections.abc.Collection[str],
               networks: collections.abc.Collection[str]) -> Places:
     """Where these ports are bound, and these networks have segments."""
@@ -152,7 +153,7 @@ def places_of(ports: collections.abc.Collection[str],
                       any(row.vif_type not in mapping.UNBOUND for row in bindings))
 
 
-@db_api.retry_db_errors
+@retries.retry_db_errors
 def racks_of(segments: collections.abc.Collection[str]) -> dict[str, str | None]:
     """The physical network of each of the segments that exist."""
     context = neutron_context.get_admin_context()

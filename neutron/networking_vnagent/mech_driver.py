@@ -26,6 +26,7 @@ from networking_vnagent import config
 from networking_vnagent import mapping
 from networking_vnagent import process
 from networking_vnagent import provisioning
+from networking_vnagent import retries
 from networking_vnagent import segments
 from networking_vnagent import trunk
 from networking_vnagent import worker as publisher_worker
@@ -51,6 +52,7 @@ class VnagentMechanismDriver(api.MechanismDriver):
             agent.physical_networks for agent in self._agents))
         registry.subscribe(self._spawning, resources.PROCESS, events.BEFORE_SPAWN)
         registry.subscribe(self._started, resources.PROCESS, events.AFTER_INIT)
+        registry.subscribe(self._spawned, resources.PROCESS, events.AFTER_SPAWN)
         self._trunks = trunk.register()
         LOG.info("%d agent(s) of %s: %s", len(self._agents), options.agents_file,
                  ", ".join(agent.name for agent in self._agents))
@@ -73,12 +75,20 @@ class VnagentMechanismDriver(api.MechanismDriver):
                  payload: object = None) -> None:
         """In each process of the server, after it was forked."""
         owner = getattr(trigger, "__self__", None)
-        if not self._has_publisher or isinstance(owner, publisher_worker.PublisherWorker):
+        if isinstance(owner, publisher_worker.PublisherWorker):
             return
-        if isinstance(owner, wsgi.WorkerService):
+        is_api = isinstance(owner, wsgi.WorkerService)
+        if self._has_publisher and is_api:
             # Of neutron-server, too: it is forked before the announcement.
             self._process.hand_over()
-        self._process.begin()
+        if self._has_publisher or is_api:
+            self._process.begin()
+
+    def _spawned(self, resource: str, event: str, trigger: typing.Any,
+                 payload: object = None) -> None:
+        """In neutron-server, when all other processes run: it may be the one that answers."""
+        if not self._has_publisher and cfg.CONF.api_workers == 0:
+            self._process.begin()
 
     # What the driver can do.
 
@@ -96,7 +106,10 @@ class VnagentMechanismDriver(api.MechanismDriver):
 
     # Binding.
 
+    @retries.retry_db_errors
     def bind_port(self, context: api.PortContext) -> None:
+        # Outside any transaction. Neutron takes what is raised for a failed binding: what would
+        # succeed a moment later must not be.
         self._binder.bind(context)
 
     # Has it taken effect?

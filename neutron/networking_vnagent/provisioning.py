@@ -21,6 +21,7 @@ from oslo_log import log
 import sqlalchemy as sa
 
 from networking_vnagent import mapping
+from networking_vnagent import retries
 
 LOG = log.getLogger(__name__)
 
@@ -101,7 +102,7 @@ def remove_block(port: str) -> None:
         provisioning_blocks.remove_provisioning_component(context, port, resources.PORT, ENTITY)
 
 
-@db_api.retry_db_errors
+@retries.retry_db_errors
 def _is_bound(context: neutron_context.Context, port: str) -> bool:
     with db_api.CONTEXT_READER.using(context):
         row = context.session.query(ml2_models.PortBinding.vif_type).filter_by(
@@ -109,7 +110,7 @@ def _is_bound(context: neutron_context.Context, port: str) -> bool:
     return row is not None and row.vif_type not in mapping.UNBOUND
 
 
-@db_api.retry_db_errors
+@retries.retry_db_errors
 def blocked_ports() -> set[str]:
     """The ports that wait for agents, of all processes."""
     context = neutron_context.get_admin_context()

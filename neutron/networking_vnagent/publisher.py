@@ -206,10 +206,11 @@ class Publisher:
             raise patcher.LostState(f"its revision is {hello['revision']} and was {known}")
         self._patcher.revision = hello["revision"]
         self._came_up()
-        self._next_check = time.monotonic() + self._settings.check_interval
         if self._sync_wanted == "":
             self._sync_wanted = database.now()
         self._look_at_list(hello)
+        # Not before: what could not be read or written is tried again soon.
+        self._next_check = time.monotonic() + self._settings.check_interval
         if len(self._aside):
             work, self._aside = self._aside, backlog.Work()
             self.backlog.add(work)

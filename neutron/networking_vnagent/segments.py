@@ -22,6 +22,8 @@ from neutron_lib.plugins.ml2 import api
 from oslo_log import log
 import sqlalchemy as sa
 
+from networking_vnagent import retries
+
 LOG = log.getLogger(__name__)
 
 # Attempts to get a segment that is not being given back at the same time.
@@ -104,7 +106,7 @@ def _present(context: Context, network: str, physical_network: str) -> Segment |
         api.NETWORK_ID: network}
 
 
-@db_api.retry_db_errors
+@retries.retry_db_errors
 def _raise_revision(context: Context, segment: str) -> bool:
     with db_api.CONTEXT_WRITER.using(context):
         ids = sa.select(_segment.standard_attr_id).where(_segment.id == segment).scalar_subquery()
@@ -115,7 +117,7 @@ def _raise_revision(context: Context, segment: str) -> bool:
         return bool(changed == 1)
 
 
-@db_api.retry_db_errors
+@retries.retry_db_errors
 def _without_user() -> dict[str, int]:
     """The dynamic VLAN segments that no binding has, with their revision numbers."""
     context = neutron_context.get_admin_context()
@@ -131,7 +133,7 @@ def _without_user() -> dict[str, int]:
     return {row[0]: row[1] for row in rows}
 
 
-@db_api.retry_db_errors
+@retries.retry_db_errors
 def _release(segment: str, revision: int) -> bool:
     """Gives a segment back unless somebody has taken it since the revision number was read."""
     context = neutron_context.get_admin_context()

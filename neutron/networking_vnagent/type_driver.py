@@ -27,6 +27,7 @@ import sqlalchemy as sa
 
 from networking_vnagent import agents as listed_agents
 from networking_vnagent import config
+from networking_vnagent import retries
 
 LOG = log.getLogger(__name__)
 
@@ -83,6 +84,12 @@ def learn_assignment(agent: config.AgentConfig,
         _driver.learn(agent.name, vlans)
 
 
+def silent_agents(network: str) -> list[str]:
+    """The agents that assign VLANs in a physical network and have never said which; none where this
+    type driver is not in use."""
+    return _driver.silent_agents(network) if _driver is not None else []
+
+
 class VnagentVlanTypeDriver(type_vlan.VlanTypeDriver):
     """VLANs by assignment. Its entry point is `vnagent_vlan`, its network type `vlan`."""
 
@@ -119,6 +126,11 @@ class VnagentVlanTypeDriver(type_vlan.VlanTypeDriver):
                 assigned[network] = assigned.get(network, vlans) & vlans
         return assigned
 
+    def silent_agents(self, network: str) -> list[str]:
+        """The agents of a physical network of which it is not known what they have assigned."""
+        return [agent.name for agent in self._agents
+                if agent.name not in self._assigned and network in self._networks_of(agent)]
+
     def get_network_segment_ranges(self) -> dict[str, Ranges]:
         """By physical network: what may be allocated."""
         ranges: dict[str, Ranges] = dict(self.network_vlan_ranges)
@@ -134,6 +146,8 @@ class VnagentVlanTypeDriver(type_vlan.VlanTypeDriver):
             now = time.monotonic()
             if before == vlans and now < self._compared.get(agent, 0):
                 return
+            # Until the table agrees.
+            self._compared.pop(agent, None)
             if before != vlans:
                 LOG.info("Agent %s has assigned the VLANs %s", agent, text_of(vlans) or "none")
             for one in self._agents:
@@ -182,7 +196,7 @@ class VnagentVlanTypeDriver(type_vlan.VlanTypeDriver):
                     vlans = frozenset(v for a, b in ranges for v in range(a, b + 1))
                 self._compare(network, vlans)
 
-    @db_api.retry_db_errors
+    @retries.retry_db_errors
     def _compare(self, network: str, vlans: Vlans) -> None:
         """Makes the free VLANs of the table those that may be allocated."""
         context = neutron_context.get_admin_context()

@@ -7,11 +7,13 @@ from __future__ import annotations
 import contextlib
 import importlib.util
 import json
+import re
 import sqlite3
 import subprocess
 import tempfile
 import unittest
 import uuid
+from collections.abc import Callable
 from importlib.machinery import SourceFileLoader
 from pathlib import Path
 from typing import Any
@@ -52,6 +54,9 @@ class Neutron(FabricTest):
     """Each rack is a physical network: its host of virtual machines is a compute host with an L2
     agent, its bare server is known by its switch port."""
 
+    log: Path | None = None
+    said = "it was not started"
+
     def setUp(self) -> None:
         if why := missing():
             self.skipTest(why)
@@ -65,6 +70,8 @@ class Neutron(FabricTest):
         self.folder = Path(folder.name)
         stack = contextlib.ExitStack()
         self.addCleanup(stack.close)
+        self.log = self.folder / "neutron-server.log"
+        self.addCleanup(self.remember)
         self.start(stack)
         self.networks: dict[str, str] = {}
         self.ports: dict[str, tuple[str, str]] = {}  # id -> network, server
@@ -92,28 +99,42 @@ class Neutron(FabricTest):
         port = self.quickstart.free_port()
         (self.folder / "neutron.conf").write_text(
             self.quickstart.NEUTRON.format(folder=self.folder, port=port))
-        self.log = self.folder / "neutron-server.log"
         self.quickstart.start(["/usr/bin/neutron-server", "--config-file",
                                str(self.folder / "neutron.conf")], self.log, stack)
         self.api = self.quickstart.Api(port)
         poll(self.api.answers, "neutron-server answers", STARTING)
+        # Before that there are no VLANs to bind to.
+        poll(self.api.is_agent_known, "the agent is in step, in Neutron's list of agents", DEADLINE)
 
     def explain(self) -> None:
+        self.remember()
+        print(f"--- neutron-server\n{self.said}")
         super().explain()
-        if getattr(self, "log", None) and self.log.exists():
-            print(f"--- neutron-server\n{self.log.read_text(errors='replace')[-4000:]}")
+
+    def remember(self) -> None:
+        """Keeps what the server said of trouble, and last: its folder may go before a failure is
+        explained."""
+        if self.log is None or not self.log.exists():
+            return
+        lines = self.log.read_text(errors="replace").splitlines()
+        trouble = [line for line in lines if re.search(r" (WARNING|ERROR|CRITICAL) \S+ \[", line)]
+        self.said = "\n".join(line[:500] for line in [*trouble[-100:], "...", *lines[-40:]])
 
     # What the tests do, with Neutron's API.
 
-    def call(self, method: str, path: str, body: Json = None) -> Json:
-        """Again while another writer has SQLite."""
+    def call(self, method: str, path: str, body: Json = None,
+             undo: Callable[[], None] | None = None) -> Json:
+        """Again while another writer has SQLite; `undo` takes back what is there of a call that
+        failed."""
         def done() -> list[Json]:
             try:
                 return [self.api.call(method, path, body)]
             except self.quickstart.Failed as failure:
                 if ": 50" not in str(failure):
                     raise
-                return []
+            if undo is not None:
+                undo()
+            return []
         return poll(done, f"Neutron takes {method} {path}", DEADLINE)[0]
 
     def network(self, name: str) -> None:
@@ -122,8 +143,9 @@ class Neutron(FabricTest):
 
     def bind(self, network: str, server: str) -> str:
         """A port of the network at a server; its id."""
+        device = str(uuid.uuid4())
         body: Json = {"project_id": "demo", "network_id": self.networks[network],
-                      "device_id": str(uuid.uuid4()), "binding:host_id": server}
+                      "device_id": device, "binding:host_id": server}
         if server.startswith("host"):
             body["device_owner"] = "compute:nova"
         else:
@@ -131,7 +153,11 @@ class Neutron(FabricTest):
             body |= {"device_owner": "baremetal:none", "binding:vnic_type": "baremetal",
                      "binding:profile": {"local_link_information": [
                          {"switch_info": switch.name, "port_id": interface}]}}
-        port = self.call("POST", "ports", {"port": body})["port"]
+
+        def undo() -> None:
+            for port in self.call("GET", f"ports?device_id={device}")["ports"]:
+                self.call("DELETE", f"ports/{port['id']}")
+        port = self.call("POST", "ports", {"port": body}, undo)["port"]
         self.assertNotEqual(port["binding:vif_type"], "binding_failed", port)
         self.ports[port["id"]] = (network, server)
         return str(port["id"])

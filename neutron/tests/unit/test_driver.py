@@ -10,6 +10,8 @@ from neutron_lib import constants
 from neutron_lib.api.definitions import portbindings
 from neutron_lib.callbacks import resources
 from neutron_lib.plugins import directory
+from oslo_db import exception as db_exc
+from sqlalchemy import exc as sql_exc
 
 from networking_vnagent import backlog
 from networking_vnagent import client as agent_client
@@ -127,6 +129,23 @@ class BindingTest(DriverTestCase):
     def test_no_free_vlan_is_a_failed_binding_and_nothing_else(self):
         with mock.patch.object(segments.Segments, "allocate", return_value=None):
             self.assertEqual("binding_failed", self.port()[portbindings.VIF_TYPE])
+
+    def test_a_transient_error_of_the_database_is_no_failed_binding(self):
+        """Neither a deadlock nor a lock of SQLite, wherever it meets the driver."""
+        for error in (db_exc.DBDeadlock(),
+                      sql_exc.OperationalError("", {}, Exception("database is locked"))):
+            for name in ("_present", "_raise_revision"):
+                met = []
+
+                def at_first(*arguments, real=getattr(segments, name), error=error, met=met):
+                    if not met:
+                        met.append(True)
+                        raise error
+                    return real(*arguments)
+                net = self._make_network(self.fmt, "net", True)["network"]["id"]
+                with mock.patch.object(segments, name, at_first):
+                    port = self.port(net=net)
+                self.assertEqual(("ovs", [True]), (port[portbindings.VIF_TYPE], met))
 
 
 class PublishingTest(DriverTestCase):

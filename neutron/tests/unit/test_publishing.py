@@ -407,6 +407,22 @@ class PublisherTest(PublishingTestCase):
             self.wait(lambda: bool(one._said))
         self.wait(lambda: self.bound() == {"p": {"h1"}})
 
+    def test_a_look_that_the_database_interrupts_is_repeated_at_once(self):
+        """What the agent has assigned must be known before anything else."""
+        one = self.publisher(check_interval=3600)
+        real, failures = agents.report, [db_exc.DBDeadlock()]
+
+        def at_first(*arguments):
+            if failures:
+                raise failures.pop()
+            real(*arguments)
+        with mock.patch.object(agents, "report", at_first), \
+                mock.patch.object(one, "_on_status") as heard:
+            one.start()
+            self.wait(lambda: "full_sync_read_at" in self.world.listed.get("one", {}))
+        self.assertEqual([], failures)
+        heard.assert_called()
+
     def test_a_report_says_what_differs_and_changes_are_sent_all_the_same(self):
         self.bind("p", "h1")
         one = self.publisher(full_sync_mode="report")

@@ -1,11 +1,13 @@
 """VLANs that agents have assigned."""
 import unittest
+from unittest import mock
 
 from neutron.db.models.plugins.ml2 import vlanallocation
 from neutron.objects import network_segment_range as range_objects
 from neutron_lib import exceptions
 from neutron_lib.db import api as db_api
 from neutron_lib.plugins.ml2 import api
+from oslo_db import exception as db_exc
 
 from networking_vnagent import agents
 from networking_vnagent import type_driver
@@ -94,6 +96,19 @@ class AssignmentTest(base.PluginTestCase):
                 physical_network="physnet1", vlan_id=800, allocated=False))
         self.assertEqual(700, self.allocate())
         self.assertRaises(exceptions.NoNetworkAvailable, self.allocate)
+
+    def test_an_assignment_that_could_not_be_written_is_written_at_the_next_look(self):
+        self.assign(700)
+        with mock.patch.object(self.vlans, "_compare", side_effect=db_exc.DBDeadlock()):
+            self.assertRaises(db_exc.DBDeadlock, self.assign, 701)
+        self.assign(701)
+        self.assertEqual({701: False}, self.table())
+
+    def test_an_agent_that_has_not_said_anything_is_named(self):
+        self.assertEqual(["one"], type_driver.silent_agents("physnet1"))
+        self.assertEqual([], type_driver.silent_agents("physnet2"))
+        self.assign()
+        self.assertEqual([], type_driver.silent_agents("physnet1"))
 
     def test_other_physical_networks_have_their_ranges(self):
         self.assertEqual([(200, 300)], self.vlans.get_network_segment_ranges()["physnet2"])
