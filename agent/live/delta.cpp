@@ -1,5 +1,7 @@
 #include "agent/live/delta.h"
 
+#include <algorithm>
+#include <iterator>
 #include <utility>
 
 namespace vnagent {
@@ -10,6 +12,18 @@ std::optional<Json> difference(const Json& before, const Json& after) {
   if (before == after) return std::nullopt;
   if (before.is_object() && after.is_object()) return mergePatch(before, after);
   return after;
+}
+
+// A value of a patch back: where it has the difference of an array only, that array.
+Json valueBefore(const Json& back, const Json& after) {
+  if (!back.is_array() || back.empty() || !back.front().is_array()) return back;
+  const Json& added = back.at(0);
+  const Json& removed = back.at(1);
+  Json::array_t stays;
+  std::ranges::set_difference(after, removed, std::back_inserter(stays));
+  Json::array_t before;
+  std::ranges::set_union(stays, added, std::back_inserter(before));
+  return before;
 }
 
 }  // namespace
@@ -61,7 +75,7 @@ Delta::Node Delta::nodeOf(const Json& forward, const Json& backward) {
       continue;
     }
     member.whole = true;
-    if (existed) member.before = *before;
+    if (existed) member.before = valueBefore(*before, after);
     if (!after.is_null()) member.after = after;
   }
   return node;

@@ -33,7 +33,9 @@ class Delta {
   // No difference.
   Delta() = default;
 
-  // From the exact merge patches forward and back; empty texts for none.
+  // From the exact merge patches forward and back; empty texts for none. In the one back an array
+  // may have the difference to that of the one forward: two arrays, of what comes back and of what
+  // goes. (No document has arrays in arrays.)
   static Delta of(std::string_view forward, std::string_view backward);
 
   // Adds a difference that starts where this one ends.

@@ -10,10 +10,16 @@ namespace {
   throw std::runtime_error("cannot compute SHA-256");
 }
 
+// Fetched once: OpenSSL looks EVP_sha256() up each time that it is used.
+const EVP_MD* sha256() {
+  static const EVP_MD* const kDigest = EVP_MD_fetch(nullptr, "SHA256", nullptr);
+  return kDigest;
+}
+
 }  // namespace
 
 Digest::Digest() : context_(EVP_MD_CTX_new()) {
-  if (!context_ || EVP_DigestInit_ex(context_.get(), EVP_sha256(), nullptr) != 1) fail();
+  if (!context_ || EVP_DigestInit_ex(context_.get(), sha256(), nullptr) != 1) fail();
 }
 
 void Digest::addBytes(std::string_view bytes) {

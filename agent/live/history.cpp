@@ -6,7 +6,7 @@
 namespace vnagent {
 namespace {
 
-// A difference that takes more is left to the storage.
+// A record that takes more is left to the storage.
 constexpr size_t kBytesInMemory = size_t{1} << 16;
 
 // All of them together take no more, where there is a storage.
@@ -18,8 +18,18 @@ constexpr size_t kReadAtOnce = 64;
 // Some watches are a few revisions behind others; each of them asks for the same patches.
 constexpr size_t kMergedPatches = 16;
 
-std::shared_ptr<const std::string> shared(const std::string& text) {
-  return text.empty() ? nullptr : std::make_shared<const std::string>(text);
+size_t patchBytes(const Record& record) {
+  return record.output.size() + record.outputBefore.size() + record.cloud.size() +
+         record.cloudBefore.size();
+}
+
+const std::string& forward(const Record& record, Document document) {
+  return document == Document::kCloud ? record.cloud : record.output;
+}
+
+Delta deltaOf(const Record& record, Document document) {
+  return document == Document::kCloud ? Delta::of(record.cloud, record.cloudBefore)
+                                      : Delta::of(record.output, record.outputBefore);
 }
 
 const std::shared_ptr<const std::string>& noPatch() {
@@ -39,28 +49,19 @@ void History::startIs(uint64_t revision, std::string check) {
 }
 
 size_t History::Entry::bytes() const {
-  const auto of = [](const Difference& difference) {
-    return (difference.forward == nullptr ? 0 : difference.forward->size()) +
-           difference.backward.size();
-  };
-  return of(cloud) + of(output);
+  return record == nullptr ? 0 : sizeof(Record) + record->event.size() + patchBytes(*record);
 }
 
-void History::add(const Record& record) {
+void History::add(std::shared_ptr<const Record> record) {
   Entry entry;
-  entry.sequence = record.sequence;
-  entry.check = record.check;
-  entry.stored = record.onDisk;
-  if (!record.onDisk) {
-    entry.changesCloud = !record.cloud.empty();
-    entry.changesOutput = !record.output.empty();
-  }
-  const size_t bytes = record.output.size() + record.outputBefore.size() + record.cloud.size() +
-                       record.cloudBefore.size();
-  if (storage_ != nullptr && bytes > kBytesInMemory) entry.stored = true;
-  if (!entry.stored) {
-    entry.cloud = {shared(record.cloud), record.cloudBefore};
-    entry.output = {shared(record.output), record.outputBefore};
+  entry.sequence = record->sequence;
+  entry.check = record->check;
+  if (!record->onDisk) {
+    entry.changesCloud = !record->cloud.empty();
+    entry.changesOutput = !record->output.empty();
+    if (storage_ == nullptr || record->event.size() + patchBytes(*record) <= kBytesInMemory) {
+      entry.record = std::move(record);
+    }
   }
   bytes_ += entry.bytes();
   entries_.push_back(std::move(entry));
@@ -92,9 +93,7 @@ void History::trim() {
   while (bytes_ > kMostBytes && trimmed_ < std::min(durable_, last())) {
     Entry& oldest = entries_[++trimmed_ - first_ - 1];
     bytes_ -= oldest.bytes();
-    oldest.stored = true;
-    oldest.cloud = {};
-    oldest.output = {};
+    oldest.record = nullptr;
   }
 }
 
@@ -109,11 +108,7 @@ uint64_t History::sequence(uint64_t revision) const {
 Delta History::storedDelta(Document document, uint64_t first, uint64_t last) const {
   Delta delta;
   storage_->read(first, last, [&](const Record& record) {
-    const bool isCloud = document == Document::kCloud;
-    const std::string& forward = isCloud ? record.cloud : record.output;
-    if (!forward.empty()) {
-      delta.then(Delta::of(forward, isCloud ? record.cloudBefore : record.outputBefore));
-    }
+    if (!forward(record, document).empty()) delta.then(deltaOf(record, document));
     return true;
   });
   return delta;
@@ -130,16 +125,15 @@ uint64_t History::portionEnd(Document document, uint64_t from, uint64_t to) cons
 Delta History::between(Document document, uint64_t from, uint64_t to) const {
   Delta delta;
   for (uint64_t revision = from + 1; revision <= to; ++revision) {
-    if (!entry(revision).stored) {
-      const Difference& difference = entry(revision).of(document);
-      if (difference.forward == nullptr) continue;
-      delta.then(Delta::of(*difference.forward, difference.backward));
+    if (!entry(revision).isStored()) {
+      const Record& record = *entry(revision).record;
+      if (!forward(record, document).empty()) delta.then(deltaOf(record, document));
       continue;
     }
     if (!entry(revision).isRead(document)) continue;
     // Those that follow each other are read together.
     const uint64_t first = revision;
-    while (revision < to && entry(revision + 1).stored) ++revision;
+    while (revision < to && entry(revision + 1).isStored()) ++revision;
     delta.then(storedDelta(document, first, revision));
   }
   return delta;
@@ -147,9 +141,10 @@ Delta History::between(Document document, uint64_t from, uint64_t to) const {
 
 std::shared_ptr<const std::string> History::patch(Document document, uint64_t from,
                                                   uint64_t to) const {
-  if (to == from + 1 && !entry(to).stored) {
-    const auto& forward = entry(to).of(document).forward;
-    return forward == nullptr ? noPatch() : forward;
+  if (to == from + 1 && !entry(to).isStored()) {
+    const auto& record = entry(to).record;
+    const std::string& text = forward(*record, document);
+    return text.empty() ? noPatch() : std::shared_ptr<const std::string>(record, &text);
   }
   const auto known = std::ranges::find_if(merged_, [&](const Merged& merged) {
     return merged.document == document && merged.from == from && merged.to == to;

@@ -1,6 +1,6 @@
 // What changed at each of the last revisions: what a watch is fed from, and resumes from.
 //
-// Where there is a storage, only the last differences are kept in memory, so many as take a few
+// Where there is a storage, only the last records are kept in memory, so many as take a few
 // megabytes, and none that is large; the others are read from it. Activity thread only.
 #pragma once
 
@@ -31,7 +31,7 @@ class History {
   void startIs(uint64_t revision, std::string check);
 
   // Adds the record of the next revision.
-  void add(const Record& record);
+  void add(std::shared_ptr<const Record> record);
   // Forgets the revisions after this one, which never became durable.
   void truncate(uint64_t revision);
 
@@ -61,27 +61,19 @@ class History {
   std::shared_ptr<const std::string> patch(Document document, uint64_t from, uint64_t to) const;
 
  private:
-  struct Difference {
-    std::shared_ptr<const std::string> forward;  // null: none
-    std::string backward;
-  };
   struct Entry {
     uint64_t sequence = 0;
     std::string check;
-    bool stored = false;        // is to be read from the storage
-    bool changesCloud = true;   // or may do so
-    bool changesOutput = true;  // likewise
-    Difference cloud;
-    Difference output;
+    bool changesCloud = true;              // or may do so
+    bool changesOutput = true;             // likewise
+    std::shared_ptr<const Record> record;  // null: it is to be read from the storage
 
-    // Of the differences; 0 where they are left to the storage.
+    // Of the record; 0 where it is left to the storage.
     size_t bytes() const;
 
-    const Difference& of(Document document) const {
-      return document == Document::kCloud ? cloud : output;
-    }
+    bool isStored() const { return record == nullptr; }
     bool isRead(Document document) const {
-      return stored && (document == Document::kCloud ? changesCloud : changesOutput);
+      return isStored() && (document == Document::kCloud ? changesCloud : changesOutput);
     }
   };
   // The last patches that were put together from several revisions.
@@ -101,7 +93,7 @@ class History {
   uint64_t first_ = 0;
   std::string firstCheck_{kFirstCheck};
   std::deque<Entry> entries_;  // of first_ + 1, ...
-  size_t bytes_ = 0;           // of the differences in memory
+  size_t bytes_ = 0;           // of the records in memory
   uint64_t trimmed_ = 0;       // the differences up to this revision are left to the storage
   uint64_t durable_ = 0;
   mutable std::deque<Merged> merged_;

@@ -20,9 +20,6 @@
 namespace vnagent {
 namespace {
 
-// To ask for the timers of all regions takes less than to read an event that is larger.
-constexpr size_t kLargeEventBytes = size_t{64} << 10;
-
 int64_t wallTime() {
   using std::chrono::duration_cast;
   using std::chrono::milliseconds;
@@ -127,7 +124,7 @@ void LiveCloud::start(const Recovered& recovered) {
     if (history_.last() == 0 && record.revision > 0 && record.revision <= from) {
       history_.startIs(record.revision - 1, record.revision == 1 ? std::string(kFirstCheck) : "");
     }
-    if (record.revision > history_.last()) history_.add(record);
+    if (record.revision > history_.last()) history_.add(std::make_shared<const Record>(record));
   }
   if (history_.last() != from) history_.startIs(from, fromCheck);
   if (snapshot.sequence > 0) {
@@ -200,7 +197,7 @@ void LiveCloud::replay(const Record& record) {
                                " has another outcome when it is played back");
     }
     etags_.revisionIs(record.revision);
-    history_.add(record);
+    history_.add(std::make_shared<const Record>(record));
   }
   revision_ = record.revision;
   sequence_ = record.sequence;
@@ -214,8 +211,9 @@ void LiveCloud::replay(const Record& record) {
 void LiveCloud::describe(const StepOutcome& outcome, Record& record, LiveStep& step) {
   record.output = patchText(scratch_, [&](JsonWriter& json) { writeOutput(outcome.output, json); });
   if (!record.output.empty()) {
-    record.outputBefore =
-        written(scratch_, [&](JsonWriter& json) { writeOutput(outcome.outputBefore, json); });
+    record.outputBefore = written(scratch_, [&](JsonWriter& json) {
+      writeOutputBack(outcome.outputBefore, outcome.output, json);
+    });
   }
   if (outcome.cloud != nullptr) {
     const CloudState& document = session_->document();
@@ -251,7 +249,7 @@ LiveStep LiveCloud::apply(std::string patch, const JsonValue* tree, const Comple
   describe(outcome, record, step);
   record.event = std::move(patch);
   record.revision = revision_ + 1;
-  append(std::move(record), step, complete);
+  append(std::move(record), step, complete, outcome.cloud);
   return step;
 }
 
@@ -279,7 +277,8 @@ LiveStep LiveCloud::remember(const Complete& complete) {
   return step;
 }
 
-void LiveCloud::append(Record record, LiveStep& step, const Complete& complete) {
+void LiveCloud::append(Record record, LiveStep& step, const Complete& complete,
+                       const Change* changed) {
   record.sequence = ++sequence_;
   if (record.kind == Record::Kind::kRestart) record.revision = revision_;
   const double now = clock_.now();
@@ -291,18 +290,21 @@ void LiveCloud::append(Record record, LiveStep& step, const Complete& complete) 
   check_ = record.check;
   step.revision = record.revision;
   step.sequence = record.sequence;
-  if (record.revision > revision_) {
+  const bool isRevision = record.revision > revision_;
+  if (isRevision) {
     revision_ = record.revision;
     etags_.revisionIs(revision_);
-    history_.add(record);
   }
   if (complete) complete(record);
   ++recordsSinceSnapshot_;
   bytesSinceSnapshot_ += record.event.size();
+  // Only the storage reads it.
+  if (storage_ == nullptr) record.event = {};
+  const auto shared = std::make_shared<const Record>(std::move(record));
+  if (isRevision) history_.add(shared);
   if (storage_ == nullptr) return;
-  auto shared = std::make_shared<const Record>(std::move(record));
-  pending_.push_back({shared, lastTime_, timersAfter(*shared)});
-  held_.push_back(std::move(shared));
+  pending_.push_back({shared, lastTime_, timersAfter(*shared, changed)});
+  held_.push_back(shared);
   if (!holdsRecords_) appendHeld();
 }
 
@@ -341,17 +343,12 @@ std::vector<std::string> LiveCloud::regionsWithTimers() const {
   return {regions.begin(), regions.end()};
 }
 
-LiveCloud::Timers LiveCloud::timersAfter(const Record& record) const {
+LiveCloud::Timers LiveCloud::timersAfter(const Record& record, const Change* changed) const {
   if (record.kind == Record::Kind::kExpiry) return timersOf(expired_);
   if (record.kind == Record::Kind::kReply) return {};
   if (record.kind == Record::Kind::kRestart) return timersOf(regionsWithTimers());
-  if (record.event.size() > kLargeEventBytes) return timersOf(regionsWithTimers());
-  const JsonTree event = JsonTree::parse(record.event);
-  const JsonValue* named = event.root().find("region");
-  if (named == nullptr) return {};
-  if (!named->isObject()) return timersOf(regionsWithTimers());
   std::vector<std::string> regions;
-  for (const JsonValue* region : named->all()) regions.emplace_back(region->key);
+  for (const DirtyRegion& region : changed->regions) regions.push_back(region.key());
   return timersOf(regions);
 }
 
@@ -394,8 +391,8 @@ void LiveCloud::goBackTo(uint64_t sequence) {
   etags_.goBackTo(revision_);
   for (auto pending = pending_.rbegin(); pending != pending_.rend(); ++pending) {
     const Record& record = *pending->record;
-    if (!record.output.empty()) output.merge_patch(Json::parse(record.outputBefore));
-    if (!record.cloud.empty()) cloud.merge_patch(Json::parse(record.cloudBefore));
+    Delta::of(record.output, record.outputBefore).undoIn(output);
+    Delta::of(record.cloud, record.cloudBefore).undoIn(cloud);
   }
   Json session = Json::parse(session_->state());
   session["timers"] = durableTimers_;

@@ -140,7 +140,9 @@ class LiveCloud {
   void replay(const Record& record);
   StepOutcome step(Record& record, const std::function<StepOutcome()>& run);
   void describe(const StepOutcome& outcome, Record& record, LiveStep& step);
-  void append(Record record, LiveStep& step, const Complete& complete);
+  // `changed`: what a patch changed of the document; null of other records.
+  void append(Record record, LiveStep& step, const Complete& complete,
+              const Change* changed = nullptr);
   void appendHeld();
   std::unique_ptr<Session> newSession();
 
@@ -148,7 +150,7 @@ class LiveCloud {
   using Timers = std::vector<std::pair<std::string, std::optional<double>>>;
   Timers timersOf(const std::vector<std::string>& regions) const;
   // Of the regions whose timers a record may have moved.
-  Timers timersAfter(const Record& record) const;
+  Timers timersAfter(const Record& record, const Change* changed) const;
   void keepTimers(const Timers& timers);
   // Those that are there, and those that were and had a timer.
   std::vector<std::string> regionsWithTimers() const;

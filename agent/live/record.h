@@ -31,7 +31,7 @@ struct Record {
   std::string check;
 
   // Exact merge patches between this revision and the one before, one line of JSON each; empty
-  // where the document did not change.
+  // where the document did not change. See Delta::of() for the one back of the output.
   std::string output;        // from the one before to this one
   std::string outputBefore;  // from this one back to the one before
   std::string cloud;

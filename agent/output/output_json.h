@@ -10,4 +10,9 @@ namespace vnagent {
 // merge patch: null for what is removed, {} when there is none.
 void writeOutput(const OutputDocument& output, JsonWriter& json);
 
+// Writes the merge patch back of a change, `now` being the change. A set of which few keys differ
+// has these only, in an array of two: [[keys that come back], [keys that go]]. Delta::of() reads
+// it.
+void writeOutputBack(const OutputDocument& before, const OutputDocument& now, JsonWriter& json);
+
 }  // namespace vnagent

@@ -58,6 +58,17 @@ TEST(Delta, ChangedAndChangedBackIsNothing) {
   EXPECT_EQ(delta.patch(), Json::object());
 }
 
+TEST(Delta, APatchBackMayHaveTheDifferenceOfAnArray) {
+  const Json before = Json::parse(R"({"a": {"s": ["p1", "p2", "p4"], "n": [2, 10]}})");
+  const Json after = Json::parse(R"({"a": {"s": ["p1", "p3", "p4"], "n": []}})");
+  const Delta delta = Delta::of(R"({"a": {"s": ["p1", "p3", "p4"], "n": []}})",
+                                R"({"a": {"s": [["p2"], ["p3"]], "n": [[2, 10], []]}})");
+  Json undone = after;
+  delta.undoIn(undone);
+  EXPECT_EQ(undone, before);
+  EXPECT_EQ(delta.patch(), after);
+}
+
 TEST(Delta, ASequenceOfDifferencesIsTheDifferenceOfItsEnds) {
   std::mt19937 random(1);
   for (int round = 0; round < 500; ++round) {

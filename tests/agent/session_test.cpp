@@ -9,6 +9,7 @@
 #include <nlohmann/json.hpp>
 
 #include "agent/document/write_change.h"
+#include "agent/live/delta.h"
 #include "agent/output/output_json.h"
 #include "tests/agent/merge_patch.h"
 
@@ -56,11 +57,18 @@ class SessionTest : public ::testing::Test {
     std::string text = json(outcome.output);
     EXPECT_EQ(nlohmann::json::parse(text), difference(before, after));
     EXPECT_EQ(nlohmann::json::parse(json(outcome.outputBefore)), difference(after, before));
+    back_.clear();
+    JsonWriter writer(back_, JsonWriter::Style::kOneLine);
+    writeOutputBack(outcome.outputBefore, outcome.output, writer);
+    auto undone = after;
+    Delta::of(text, back_).undoIn(undone);
+    EXPECT_EQ(undone, before) << back_;
     return text;
   }
 
   std::string shown() const { return json(session_.output()); }
 
+  std::string back_;  // of the last change, as it is recorded
   VirtualClock clock_;
   Session session_{{.regionSyncTimeout = 60, .changes = true, .changesBack = true}, clock_};
 };
@@ -105,6 +113,32 @@ TEST_F(SessionTest, AWholeDocumentIsPublished) {
   EXPECT_THAT(output,
               HasSubstr(R"("leaf": {"e1": {"vlan": {"10": {"referrer": ["q"], "mappedVni": )"
                         R"({}}}, "nativeVlan": 10, "remoteHost": ["b"], "referrer": ["bm-q"]}})"));
+}
+
+TEST_F(SessionTest, ARecordedChangeBackHasOfALargeSetWhatDiffersOnly) {
+  const auto onHost = [](std::string_view ports) {
+    return "{'region': {'R': {'portBinding': {" + std::string(ports) + "}}}}";
+  };
+  const std::string bound = "{'portToHostBinding': {'h': {'segment': {'0': 'v'}}}}";
+  patch(R"({'region': {'R': {'segment': {'v': {'segmentationType': 'vlan', 'segmentationId': 10}},
+            'port': {'p1': {}, 'p2': {}, 'p3': {}, 'p4': {}, 'p5': {}}}},
+            'config': {'vlanAssignment': {'R': {'vlan':
+              {'2': true, '3': true, '10': true, '11': true, '100': true}}}}})");
+  patch(onHost("'p1': " + bound + ", 'p2': " + bound + ", 'p4': " + bound + ", 'p5': " + bound));
+  patch(onHost("'p2': null, 'p3': " + bound));
+  EXPECT_EQ(back_, R"({"requestedResources": {"resourcesForHostname": {"h": {)"
+                   R"("domain": {"R": [["p2"], ["p3"]]}, )"
+                   R"("vlan": {"10": {"referrer": [["p2"], ["p3"]]}}}}}})");
+  patch("{'config': {'vlanAssignment': {'R': {'vlan': {'3': null, '100': null, '50': true}}}}}");
+  EXPECT_THAT(back_, HasSubstr(R"("assignedVlan": [[3, 100], [50]])"));
+  // Shorter as a whole.
+  patch(onHost("'p1': null, 'p3': null, 'p4': null"));
+  EXPECT_THAT(back_, HasSubstr(R"("domain": {"R": [["p1", "p3", "p4"], []]})"));
+  patch(onHost("'p5': null, 'p1': " + bound));
+  EXPECT_THAT(back_, HasSubstr(R"("domain": {"R": ["p5"]})"));
+  // Nothing of it is left: the host's VLAN is whole.
+  patch(onHost("'p1': null"));
+  EXPECT_THAT(back_, HasSubstr(R"("vlan": {"10": {"referrer": ["p1"], "mappedVni": {}}})"));
 }
 
 TEST_F(SessionTest, AllWithdrawnIsEmptyButForTheHostsKnown) {
