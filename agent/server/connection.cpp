@@ -1,6 +1,7 @@
 #include "agent/server/connection.h"
 
 #include <limits>
+#include <utility>
 
 #include <fmt/format.h>
 #include <boost/asio/dispatch.hpp>
@@ -31,6 +32,7 @@ std::shared_ptr<const std::string> shared(std::string text) {
 
 // A request that the service has. Activity thread only.
 struct Connection::Exchange {
+  std::shared_ptr<BodyShare> body;  // any thread
   uint64_t ticket = 0;
   bool isTaken = false;
   bool isAnswered = false;
@@ -126,6 +128,7 @@ void Connection::close() {
   phase_ = Phase::kClosed;
   expectNothing();
   dropRequest();
+  body_ = nullptr;
   hub_->leaveShare(share_);
   hub_->leave(this);
   hub_->observer().onDisconnected();
@@ -208,7 +211,8 @@ void Connection::receive() {
     if (!wasInside && reader_.isInside()) expectWithin(hub_->limits().request);
     switch (status) {
       case RequestReader::Status::kMore:
-        if (hasInputEnded_) close();
+        if (hasInputEnded_) return close();
+        if (!hasMemoryForBody()) refuseBody();
         return;
       case RequestReader::Status::kRefused:
         method_ = reader_.request().method;
@@ -218,10 +222,25 @@ void Connection::receive() {
         if (!takeHeader()) return;
         break;
       case RequestReader::Status::kComplete:
+        if (!hasMemoryForBody()) return refuseBody();
         submit(reader_.takeRequest());
         break;
     }
   }
+}
+
+bool Connection::hasMemoryForBody() {
+  const size_t size = reader_.bodySize();
+  if (size <= BodyShare::kFreeBytes) return true;
+  if (!body_) body_ = std::make_shared<BodyShare>(hub_->bodies());
+  return body_->grow(size);
+}
+
+// The requests of others have the memory for bodies.
+void Connection::refuseBody() {
+  refuse({503, "not-ready", "The agent does not take this now",
+          "the bodies of other requests take the memory for them"},
+         {{"retry-after", "1"}});
 }
 
 bool Connection::takeHeader() {
@@ -313,6 +332,7 @@ void Connection::submit(Request request) {
   request.principal = principal_;
   phase_ = Phase::kWaiting;
   exchange_ = std::make_shared<Exchange>();
+  exchange_->body = std::exchange(body_, nullptr);
   net::post(hub_->activity(), [self = shared_from_this(), exchange = exchange_,
                                request = std::move(request)]() mutable {
     if (exchange->isAnswered) return;
@@ -352,10 +372,14 @@ void Connection::submit(Request request) {
 // Replies.
 
 // The connection cannot go on after this reply.
-void Connection::refuse(const Problem& problem) {
+void Connection::refuse(const Problem& problem, const Headers& headers) {
   form_.isHead = method_ == "HEAD";
   form_.closes = true;
-  reply(problemReply(problem));
+  Reply refusal = problemReply(problem);
+  refusal.headers.insert(refusal.headers.end(), headers.begin(), headers.end());
+  reader_.discard();
+  body_ = nullptr;
+  reply(std::move(refusal));
 }
 
 void Connection::reply(Reply reply, std::shared_ptr<EventFeed> feed) {

@@ -96,13 +96,15 @@ class Connection : public std::enable_shared_from_this<Connection> {
   bool enterShare();
   bool isProbe() const;
   Reply probe(const Request& request) const;
+  bool hasMemoryForBody();
+  void refuseBody();
   void submit(Request request);
   bool mayWait() const;
   void inputEnded();
   void dropRequest();
 
   // Replies.
-  void refuse(const Problem& problem);
+  void refuse(const Problem& problem, const Headers& headers = {});
   void reply(Reply reply, std::shared_ptr<EventFeed> feed = nullptr);
   void eventsAre(Bytes bytes);
   void send(Bytes bytes);
@@ -137,6 +139,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
   std::string method_;
   std::string target_;
   ReplyForm form_;
+  std::shared_ptr<BodyShare> body_;     // where it has a body
   std::shared_ptr<Exchange> exchange_;  // while the service has it
   std::shared_ptr<EventFeed> feed_;
 

@@ -22,15 +22,63 @@ namespace vnagent {
 
 class Connection;
 
+// The memory for the bodies of all requests that are not answered yet. Any thread.
+class BodyMemory {
+ public:
+  explicit BodyMemory(uint64_t limit) : limit_(limit) {}
+
+  // Takes so many bytes, all or none of them.
+  bool take(uint64_t bytes) {
+    if (taken_.fetch_add(bytes, std::memory_order_relaxed) + bytes <= limit_) return true;
+    giveBack(bytes);
+    return false;
+  }
+  void giveBack(uint64_t bytes) { taken_.fetch_sub(bytes, std::memory_order_relaxed); }
+
+ private:
+  const uint64_t limit_;
+  std::atomic<uint64_t> taken_{0};
+};
+
+// What one request has of it, until its end. One thread at a time.
+class BodyShare {
+ public:
+  // So much is always free: what is this small is bounded by the number of connections.
+  static constexpr uint64_t kFreeBytes = uint64_t{64} << 10;
+
+  explicit BodyShare(BodyMemory& memory) : memory_(memory) {}
+  ~BodyShare() { memory_.giveBack(taken_); }
+  BodyShare(const BodyShare&) = delete;
+  BodyShare& operator=(const BodyShare&) = delete;
+
+  // The body has grown to so many bytes; returns whether there is memory for it.
+  bool grow(uint64_t bytes) {
+    if (bytes <= kFreeBytes + taken_) return true;
+    const uint64_t more = bytes - kFreeBytes - taken_;
+    if (!memory_.take(more)) return false;
+    taken_ += more;
+    return true;
+  }
+
+ private:
+  BodyMemory& memory_;
+  uint64_t taken_ = 0;
+};
+
 class Hub {
  public:
   Hub(const NetworkLimits& limits, boost::asio::io_context& activity, Probes probes,
       NetworkObserver& observer)
-      : limits_(limits), activity_(activity), probes_(std::move(probes)), observer_(observer) {}
+      : limits_(limits),
+        bodies_(limits.bodiesBytes),
+        activity_(activity),
+        probes_(std::move(probes)),
+        observer_(observer) {}
   Hub(const Hub&) = delete;
   Hub& operator=(const Hub&) = delete;
 
   const NetworkLimits& limits() const { return limits_; }
+  BodyMemory& bodies() { return bodies_; }
   boost::asio::io_context& activity() { return activity_; }
   const Probes& probes() const { return probes_; }
   NetworkObserver& observer() { return observer_; }
@@ -71,6 +119,7 @@ class Hub {
   std::vector<std::shared_ptr<Connection>> all() const;
 
   const NetworkLimits limits_;
+  BodyMemory bodies_;
   boost::asio::io_context& activity_;
   const Probes probes_;
   NetworkObserver& observer_;

@@ -17,6 +17,7 @@ namespace vnagent {
 struct NetworkLimits {
   size_t headerBytes = 16 * 1024;
   uint64_t bodyBytes = uint64_t{64} << 20;
+  uint64_t bodiesBytes = uint64_t{256} << 20;  // of all requests that are not answered yet
   size_t connections = 1024;
   std::chrono::milliseconds request{30'000};   // from its first byte to its last
   std::chrono::milliseconds idle{600'000};     // between the requests of a known principal

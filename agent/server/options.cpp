@@ -107,6 +107,13 @@ constexpr std::array kOptions{
                   return setNumber(options.maxBody, text, uint64_t{1}, kMaxCount,
                                    "a number of bytes, 1 or more");
                 }},
+    ServeOption{"max-bodies", "BYTES",
+                "the largest sum of the bodies of requests that are not answered yet, but for the "
+                "first 65536 bytes of each; at least --max-body [four times --max-body]",
+                [](ServeOptions& options, const std::string& text) {
+                  return setNumber(options.maxBodies, text, uint64_t{1}, kMaxCount,
+                                   "a number of bytes, 1 or more");
+                }},
     ServeOption{"max-connections", "N", "how many connections are served at once [1024]",
                 [](ServeOptions& options, const std::string& text) {
                   return setNumber(options.maxConnections, text, uint64_t{1}, uint64_t{1'000'000},
@@ -139,6 +146,9 @@ std::span<const ServeOption> serveOptions() {
 std::string faultOf(const ServeOptions& options) {
   if (options.socket.empty() && options.listen.empty()) {
     return "there is neither a socket nor an address to listen on";
+  }
+  if (options.maxBodies > 0 && options.maxBodies < options.maxBody) {
+    return "--max-bodies is less than --max-body: no body could be so large";
   }
   if (options.tlsCertificate.empty() != options.tlsKey.empty()) {
     return "--tls-cert and --tls-key go together";

@@ -26,6 +26,7 @@ struct ServeOptions {
   uint64_t keepRevisions = 10'000;
   bool requireLock = false;
   uint64_t maxBody = uint64_t{64} << 20;
+  uint64_t maxBodies = 0;  // 0: four times maxBody
   uint64_t maxConnections = 1024;
   double regionSyncTimeout = 60;
   bool toggle = true;

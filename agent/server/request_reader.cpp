@@ -145,6 +145,10 @@ RequestReader::Status RequestReader::advanceBody() {
   return Status::kMore;
 }
 
+size_t RequestReader::bodySize() const {
+  return parser_ ? parser_->http.get().body().size() : 0;
+}
+
 Request RequestReader::takeRequest() {
   request_.body = std::move(parser_->http.get().body());
   parser_ = nullptr;
@@ -152,6 +156,12 @@ Request RequestReader::takeRequest() {
   begin_ = 0;
   if (input_.empty() && input_.capacity() > kKeptBytes) input_.shrink_to_fit();
   return std::move(request_);
+}
+
+void RequestReader::discard() {
+  parser_ = nullptr;
+  input_ = {};
+  begin_ = 0;
 }
 
 RequestReader::Status RequestReader::refuse(unsigned status, std::string_view name,

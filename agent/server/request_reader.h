@@ -37,6 +37,9 @@ class RequestReader {
 
   Status advance();
 
+  // How much of the body has arrived.
+  size_t bodySize() const;
+
   // After kHeader, until takeRequest(). The body is empty until kComplete.
   const Request& request() const { return request_; }
   bool isHttp10() const { return isHttp10_; }
@@ -46,6 +49,9 @@ class RequestReader {
 
   // After kComplete, or after kHeader where the body does not matter.
   Request takeRequest();
+
+  // Frees what has arrived. Nothing more is read.
+  void discard();
 
   // After kRefused.
   const Problem& problem() const { return problem_; }

@@ -1,10 +1,12 @@
 #include "agent/server/server.h"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <exception>
+#include <limits>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -104,8 +106,12 @@ std::shared_ptr<boost::asio::ssl::context> readTls(const ServeOptions& options) 
 }
 
 NetworkLimits limitsOf(const ServeOptions& options) {
+  constexpr uint64_t kTimes = 4;
+  constexpr auto kMost = std::numeric_limits<uint64_t>::max();
   NetworkLimits limits;
   limits.bodyBytes = options.maxBody;
+  limits.bodiesBytes = options.maxBodies > 0 ? options.maxBodies
+                                             : kTimes * std::min(options.maxBody, kMost / kTimes);
   limits.connections = options.maxConnections;
   return limits;
 }

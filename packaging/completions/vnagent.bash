@@ -17,7 +17,7 @@ _vnagent() {
     --trace | --level) mapfile -t COMPREPLY < <(compgen -W '0 1 2 3 4 5 6 7 8 9' -- "$word") && return ;;
     --of) mapfile -t COMPREPLY < <(compgen -W 'output cloud' -- "$word") && return ;;
     --region | --region-sync-timeout | --inspect | --max-input) return ;;
-    --listen | --keep-seconds | --keep-revisions | --max-body | --max-connections) return ;;
+    --listen | --keep-seconds | --keep-revisions | --max-body | --max-bodies | --max-connections) return ;;
     --until | --url | --deadline | --at | --if-match | --request-id | --key | --since | --count | --timeout | --requester | --wait) return ;;
     --ports | --regions | --hosts | --prefix | --seed | --drivers | --connections | --rate | --sync-interval | --watchers | --readers | --read-rate | --seconds) return ;;
     --watch) mapfile -t COMPREPLY < <(compgen -W 'hosts output cloud' -- "$word") && return ;;
@@ -41,7 +41,7 @@ _vnagent() {
     lock) words='--help --requester --request-id --wait --sync --force --socket --url --token-file --ca --deadline --json' ;;
     trace) words='--help --level --tail --socket --url --token-file --ca --deadline --json' ;;
     load) words='--help --ports --regions --hosts --prefix --seed --drivers --connections --rate --sync-interval --watchers --watch --readers --read-rate --seconds --overwrite --keep --socket --url --token-file --ca --deadline --json' ;;
-    serve) words='--help --config --socket --socket-role --listen --tls-cert --tls-key --client-ca --tokens --state-dir --keep-seconds --keep-revisions --require-lock --max-body --max-connections --region-sync-timeout --toggle --cloud' ;;
+    serve) words='--help --config --socket --socket-role --listen --tls-cert --tls-key --client-ca --tokens --state-dir --keep-seconds --keep-revisions --require-lock --max-body --max-bodies --max-connections --region-sync-timeout --toggle --cloud' ;;
     journal) words='--help' ;;
     *) words='run check import-neutron schema serve show get patch replace diff apply watch wait export lock trace load journal --help --version' ;;
   esac

@@ -196,6 +196,7 @@ complete -c vnagent -n "__fish_seen_subcommand_from serve" -l keep-seconds -x -d
 complete -c vnagent -n "__fish_seen_subcommand_from serve" -l keep-revisions -x -d "How many revisions of history are kept"
 complete -c vnagent -n "__fish_seen_subcommand_from serve" -l require-lock -d "Refuse changes of a region without its lock"
 complete -c vnagent -n "__fish_seen_subcommand_from serve" -l max-body -x -d "The largest body of a request"
+complete -c vnagent -n "__fish_seen_subcommand_from serve" -l max-bodies -x -d "The largest sum of the bodies of requests"
 complete -c vnagent -n "__fish_seen_subcommand_from serve" -l max-connections -x -d "How many connections are served at once"
 complete -c vnagent -n "__fish_seen_subcommand_from serve" -l region-sync-timeout -x -d "Region sync timeout to start with"
 complete -c vnagent -n "__fish_seen_subcommand_from serve" -l toggle -x -a "on off" -d "Publish switch ports or network elements"

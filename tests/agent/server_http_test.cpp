@@ -177,6 +177,47 @@ TEST(ServerHttpTest, refusesALargeBodyBeforeItIsSent) {
   EXPECT_THAT(fits.readReply(), StartsWith("HTTP/1.1 200 "));
 }
 
+TEST(ServerHttpTest, boundsTheBodiesOfAllRequestsTogether) {
+  TestNetwork net({.bodyBytes = 1'000'000, .bodiesBytes = 1'500'000});
+  const std::string large = TestNetwork::post("/", std::string(1'000'000, 'b'));
+  const auto reply = [&](const std::string& request) {
+    Client client = net.client();
+    client.send(request);
+    return client.readReply();
+  };
+  Client first = net.client();
+  first.send(std::string_view(large).substr(0, 900'000));
+  std::string refusal;
+  EXPECT_TRUE(eventually([&] {
+    refusal = reply(large);
+    return refusal.starts_with("HTTP/1.1 503 ");
+  }));
+  EXPECT_THAT(refusal, HasSubstr("Retry-After: 1
+"));
+  EXPECT_THAT(refusal, HasSubstr("Connection: close
+"));
+  EXPECT_THAT(refusal, HasSubstr("/problems/not-ready"));
+  EXPECT_THAT(reply(TestNetwork::post("/", std::string(60'000, 's'))), StartsWith("HTTP/1.1 200 "));
+  first.send(std::string_view(large).substr(900'000));
+  EXPECT_THAT(first.readReply(), StartsWith("HTTP/1.1 200 "));
+  EXPECT_TRUE(eventually([&] {
+    return reply(large).starts_with("HTTP/1.1 200 "); }));
+}
+
+TEST(ServerHttpTest, aClientThatGoesAwayGivesTheMemoryOfItsBodyBack) {
+  TestNetwork net({.bodyBytes = 1'000'000, .bodiesBytes = 1'000'000});
+  const std::string large = TestNetwork::post("/", std::string(1'000'000, 'b'));
+  for (int i = 0; i < 3; ++i) {
+    Client leaves = net.client();
+    leaves.send(std::string_view(large).substr(0, 900'000));
+  }
+  EXPECT_TRUE(eventually([&] {
+    Client client = net.client();
+    client.send(large);
+    return client.readReply().starts_with("HTTP/1.1 200 ");
+  }));
+}
+
 // Whoever sends a large body first and reads then must still read why it was refused.
 TEST(ServerHttpTest, letsAClientReadWhyItsBodyIsRefused) {
   TestNetwork net({.bodyBytes = 1000});

@@ -40,6 +40,7 @@ TEST_F(ConfigurationTest, hasTheNamesOfTheOptions) {
       "socket = \"/tmp/a\"\nsocket-role = \"write\"\nlisten = \"[::1]:80\"\n"
       "tls-cert = \"c\"\ntls-key = \"k\"\nclient-ca = \"a\"\ntokens = \"t\"\nstate-dir = \"d\"\n"
       "keep-seconds = 5\nkeep-revisions = 20000\nrequire-lock = true\nmax-body = 1\n"
+      "max-bodies = 3\n"
       "max-connections = 2\nregion-sync-timeout = 0.5\ntoggle = \"off\"\ncloud = \"f\"\n");
   EXPECT_EQ(options.socket, "/tmp/a");
   EXPECT_EQ(options.socketRole, Role::kWrite);
@@ -53,6 +54,7 @@ TEST_F(ConfigurationTest, hasTheNamesOfTheOptions) {
   EXPECT_EQ(options.keepRevisions, 20000u);
   EXPECT_TRUE(options.requireLock);
   EXPECT_EQ(options.maxBody, 1u);
+  EXPECT_EQ(options.maxBodies, 3u);
   EXPECT_EQ(options.maxConnections, 2u);
   EXPECT_EQ(options.regionSyncTimeout, 0.5);
   EXPECT_FALSE(options.toggle);

@@ -149,7 +149,7 @@ class Options(ProcessTest):
             "tokens": token_file(agent.folder, {"a": "read"}),
             "state-dir": str(agent.folder / "state"), "keep-seconds": 1.5,
             "keep-revisions": 20_000, "require-lock": True, "max-body": 1000,
-            "max-connections": 7, "region-sync-timeout": 12.5, "toggle": "off",
+            "max-bodies": 2000, "max-connections": 7, "region-sync-timeout": 12.5, "toggle": "off",
             "cloud": str(cloud)}
         text = subprocess.run([program(), "serve", "--help"], capture_output=True, text=True,
                               check=True).stdout
