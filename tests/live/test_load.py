@@ -1,9 +1,17 @@
 """vnagent load, against the real process."""
 
 import signal
+import socket
 import subprocess
+import sys
+import threading
+from pathlib import Path
 
-from api.agent import DEADLINE, LiveTest, poll, program  # noqa: I001
+sys.path.insert(0, str(Path(__file__).resolve().parent / "server"))
+
+from process import Authority  # noqa: E402
+from api.agent import (DEADLINE, Agent, LiveTest, free_port, poll, program,
+                       token_file)  # noqa: I001
 from test_client import CommandTest
 
 SMALL = ("--ports", "60", "--hosts", "8", "--seconds", "1")
@@ -108,3 +116,115 @@ class Refused(LiveTest):
                                 timeout=DEADLINE, check=False)
         self.assertEqual(result.returncode, 3, result.stderr)
         self.assertIn("at most 12", result.stderr)
+
+
+class AlteringProxy:
+    """Stands between a client and the agent, and puts other names into the events of watches."""
+
+    def __init__(self, agent: Agent) -> None:
+        self.agent = agent
+        self.socket = str(agent.folder / "proxy")
+        self.listener = socket.socket(socket.AF_UNIX)
+        self.listener.bind(self.socket)
+        self.listener.listen(64)
+        self.ends: list[socket.socket] = []
+        self.altered = 0
+        threading.Thread(target=self.accept, daemon=True).start()
+
+    def accept(self) -> None:
+        while True:
+            try:
+                client, _ = self.listener.accept()
+            except OSError:
+                return
+            upstream = socket.socket(socket.AF_UNIX)
+            upstream.connect(self.agent.socket)
+            self.ends += [client, upstream]
+            threading.Thread(target=self.forward, args=(client, upstream), daemon=True).start()
+
+    def forward(self, client: socket.socket, upstream: socket.socket) -> None:
+        try:
+            request = client.recv(65536)
+            upstream.sendall(request)
+            watches = request.startswith(b"GET /v1/watch")
+            threading.Thread(target=self.copy, args=(upstream, client, watches),
+                             daemon=True).start()
+            self.copy(client, upstream, False)
+        except OSError:
+            pass
+
+    def copy(self, source: socket.socket, target: socket.socket, alters: bool) -> None:
+        try:
+            while data := source.recv(65536):
+                if alters and b"referrer" in data:
+                    self.altered += 1
+                    data = data.replace(b"referrer", b"REFERRER")
+                target.sendall(data)
+        except OSError:
+            pass
+        finally:
+            try:
+                target.shutdown(socket.SHUT_WR)
+            except OSError:
+                pass
+
+    def close(self) -> None:
+        self.listener.shutdown(socket.SHUT_RDWR)
+        for end in [self.listener, *self.ends]:
+            end.close()
+
+
+class Differing(CommandTest):
+    def test_documents_that_differ_are_an_error(self) -> None:
+        proxy = AlteringProxy(self.agent)
+        self.addCleanup(proxy.close)
+        result = self.run_command("load", *SMALL, "--socket", proxy.socket, "--watch", "output",
+                                  "--watchers", "2", status=5)
+        self.assertGreater(proxy.altered, 0)
+        self.assertIn("a watcher's document is not what the agent says of", result.stderr)
+        self.assertIn("REFERRER", result.stderr)
+        self.assertRegex(result.stdout, r"of which [1-9]\d* differed")
+        # It has tidied up none the less.
+        self.assertEqual(self.client.cloud().get("region", {}), {})
+
+
+class OverTcp(CommandTest):
+    def listening(self, *options: str) -> tuple[str, list[str], Agent]:
+        """An agent on TCP: its port, and the options that name the token."""
+        agent = Agent()
+        self.addCleanup(agent.close)
+        port = str(free_port())
+        tokens = token_file(agent.folder, {"boss": "write", "eye": "read"})
+        agent.options = ["--listen", f"127.0.0.1:{port}", "--tokens", tokens, *options]
+        for name in ("boss", "eye"):
+            (agent.folder / name).write_text(f"token-of-{name}\n")
+        agent.start()
+        return port, ["--token-file", str(agent.folder / "boss")], agent
+
+    def test_a_url_and_a_token(self) -> None:
+        port, token, agent = self.listening()
+        url = ("--url", f"http://127.0.0.1:{port}")
+        result = self.json("load", *SMALL, *url, *token, "--watchers", "3")
+        self.assertEqual((result["mismatches"], result["refused"]), ([], {}))
+        self.assertGreater(result["change"]["count"], 0)
+        self.assertGreaterEqual(result["comparisons"], 3)
+        self.assertEqual(agent.client.cloud().get("region", {}), {})
+        # Without a token, with one that may only read, and where nobody listens.
+        self.run_command("load", *SMALL, *url, status=3)
+        self.run_command("load", *SMALL, *url, "--token-file", str(agent.folder / "eye"), status=3)
+        self.run_command("load", *SMALL, "--url", f"http://127.0.0.1:{free_port()}", *token,
+                         status=4)
+
+    def test_tls(self) -> None:
+        authority = Authority(self.agent.folder)
+        certificate, key = authority.sign("server")
+        port, token, agent = self.listening("--tls-cert", certificate, "--tls-key", key)
+        url = ("--url", f"https://127.0.0.1:{port}")
+        result = self.json("load", *SMALL, *url, *token, "--ca", str(authority.certificate),
+                           "--watchers", "3")
+        self.assertEqual((result["mismatches"], result["refused"]), ([], {}))
+        self.assertGreaterEqual(result["comparisons"], 3)
+        self.assertEqual(agent.client.cloud().get("region", {}), {})
+        # An authority that is not known, and no TLS at all.
+        self.run_command("load", *SMALL, *url, *token, status=4)
+        self.run_command("load", *SMALL, "--url", f"http://127.0.0.1:{port}", *token, status=4)
