@@ -142,7 +142,10 @@ class Server {
     std::signal(SIGXFSZ, SIG_IGN);
     raiseDescriptorLimit();
     listen();
-    activity_.onBeatIs([] { sd_notify(0, "WATCHDOG=1"); });
+    activity_.onBeatIs([this] {
+      sd_notify(0, "WATCHDOG=1");
+      if (service_) service_->beat();
+    });
     activity_.start();
     network_.start();
     awaitSignal();

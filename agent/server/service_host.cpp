@@ -5,6 +5,7 @@
 #include <cmath>
 #include <utility>
 
+#include <malloc.h>
 #include <boost/asio/post.hpp>
 
 namespace vnagent {
@@ -12,6 +13,10 @@ namespace {
 
 // Longer times of sleep than this are slept in parts: the clock's unit has a largest value.
 constexpr double kLongestSleep = 86'400;
+
+// What a request counts beside its body, and after how much memory is worth giving back.
+constexpr size_t kRequestBytes = 4096;
+constexpr size_t kMuchWork = size_t{8} << 20;
 
 }  // namespace
 
@@ -57,6 +62,7 @@ Post ServiceHost::poster(ActivityThread& activity) {
 }
 
 uint64_t ServiceHost::handle(Request request, Answer answer) {
+  work_ += kRequestBytes + request.body.size();
   const uint64_t ticket = service_.handle(
       std::move(request), [weak = std::weak_ptr(self_), answer = std::move(answer)](Reply reply) {
         if (reply.stream) {
@@ -92,6 +98,16 @@ void ServiceHost::stop() {
   isStopping_ = true;
   service_.stop();
   update();
+}
+
+// It takes some milliseconds when there is much, so not while there is work.
+void ServiceHost::beat() {
+  if (work_ != workAtBeat_) {
+    workAtBeat_ = work_;
+  } else if (work_ >= kMuchWork) {
+    ::malloc_trim(0);
+    work_ = workAtBeat_ = 0;
+  }
 }
 
 void ServiceHost::update() {

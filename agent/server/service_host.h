@@ -32,6 +32,9 @@ class ServiceHost final : public RequestHandler {
   void storageIsWritable();
   void stop();
 
+  // To be called about once a second: at rest, gives the system back what much work has left free.
+  void beat();
+
   ServiceFigures figures() const { return service_.figures(); }
   // Everything is answered after stop(). Any thread.
   bool isIdle() const { return isIdle_.load(std::memory_order_acquire); }
@@ -51,6 +54,8 @@ class ServiceHost final : public RequestHandler {
   Service service_;
   boost::asio::steady_timer timer_;
   double armed_ = std::numeric_limits<double>::infinity();
+  size_t work_ = 0;        // since memory was given back, in bytes of requests
+  size_t workAtBeat_ = 0;  // when beat() was called last
   bool isStopping_ = false;
   std::atomic<bool> isIdle_{false};
 };
