@@ -343,6 +343,7 @@ class Publisher:
                      self.agent.name, sent, report.members)
         self._log_left_out(report.left_out)
         self._went_well()
+        self._learn_assignment()
         hello = self._client.hello()
         agents.report(self.agent.name, self._configurations(hello) | {
             "full_sync_read_at": report.read_at, "full_sync_drift": len(report.differing)})
@@ -354,8 +355,17 @@ class Publisher:
         self.backlog.add(self.backlog.take_region())
         self._sync_wanted = None
         self._is_drift = True
+        self._learn_assignment()
         agents.amend(self.agent.name, {"full_sync_read_at": report.read_at,
                                        "full_sync_drift": len(report.differing)})
+
+    def _learn_assignment(self) -> None:
+        """The region may be new, and had assigned nothing before. After that ports can be bound,
+        and the list of agents may say that the agent is in step."""
+        self._status = self._region_status()
+        if assigned := self._assigned():
+            agents.amend(self.agent.name, assigned)
+        self._on_status(self.agent, self._status)
 
     # Trouble.
 

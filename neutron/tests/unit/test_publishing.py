@@ -407,6 +407,21 @@ class PublisherTest(PublishingTestCase):
             self.wait(lambda: bool(one._said))
         self.wait(lambda: self.bound() == {"p": {"h1"}})
 
+    def test_what_is_assigned_is_known_when_the_first_full_sync_is_complete(self):
+        """Also where the region is made by it."""
+        for mode in ("repair", "report"):
+            self.agent.kill()
+            self.agent.start(state=mode)
+            self.world.listed.clear()
+            one, heard = self.publisher(check_interval=3600, full_sync_mode=mode), []
+            one._on_status = lambda _, status, heard=heard: heard.append(
+                ("vlanPool" in status, "full_sync_read_at" in self.world.listed["one"]))
+            one._turn()
+            self.sync_now(one)
+            self.assertEqual([(False, False), (True, False)], heard)
+            self.assertEqual("", self.world.listed["one"]["assigned_vlans"])
+            one._client.close()
+
     def test_a_look_that_the_database_interrupts_is_repeated_at_once(self):
         """What the agent has assigned must be known before anything else."""
         one = self.publisher(check_interval=3600)
