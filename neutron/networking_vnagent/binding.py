@@ -5,6 +5,7 @@ import typing
 from neutron_lib import constants
 from neutron_lib import exceptions
 from neutron_lib.api.definitions import portbindings
+from neutron_lib.db import api as db_api
 from neutron_lib.plugins.ml2 import api
 from oslo_log import log
 
@@ -20,6 +21,8 @@ Segment = dict[str, typing.Any]
 
 # Segments whose physical network is remembered.
 REMEMBERED = 100_000
+# Dynamic segments that are remembered as a whole.
+REMEMBERED_DYNAMIC = 10_000
 
 
 class Binder:
@@ -31,8 +34,10 @@ class Binder:
         self._segments = segments
         # Whether a baremetal port becomes ACTIVE without waiting for anybody.
         self._is_active_at_once = is_active_at_once
-        # The physical networks of segments that ports were bound to, which never change.
+        # The physical networks of segments that ports were bound to, which never change; and the
+        # dynamic ones of these segments.
         self._racks: dict[str, str | None] = {}
+        self._dynamic: dict[str, Segment] = {}
 
     def bind(self, context: api.PortContext) -> None:
         """One level of one attempt to bind a port. Makes no binding where it is not ours."""
@@ -43,16 +48,24 @@ class Binder:
         if not is_baremetal and not _tops(candidates):
             # The VLAN of a virtual machine is bound by the driver of its host, below this one.
             return
-        if is_baremetal:
-            rack = self._rack_of_links(context)
-            racks = [rack] if rack else []
+        # All that most bindings read, in one transaction.
+        with db_api.CONTEXT_READER.using(context._plugin_context):
+            if is_baremetal:
+                rack = self._rack_of_links(context)
+                racks = [rack] if rack else []
+            else:
+                racks = self.racks_of_host(context)
+            vlans = [s for s in candidates if s[api.NETWORK_TYPE] == constants.TYPE_VLAN
+                     and s[api.PHYSICAL_NETWORK] in racks]
+            present = {}
+            if racks and not vlans and _tops(candidates):
+                present = dynamic_segments.present(
+                    context._plugin_context, context.network.current["id"], racks)
+        if racks:
+            self._bind_in(context, racks, vlans, present, is_baremetal)
         else:
-            racks = self.racks_of_host(context)
-        if not racks:
             LOG.debug("Port %s is not bound here: no agent serves a physical network of host %s",
                       port["id"], context.host)
-            return
-        self._bind_in(context, racks, is_baremetal)
 
     def racks_of_levels(self, context: api.PortContext) -> set[str]:
         """The physical networks that a port has a level in."""
@@ -62,6 +75,13 @@ class Binder:
         racks = {self._racks.get(segment) for segment in levels}
         return {rack for rack in racks if rack is not None}
 
+    def complete(self, context: api.PortContext) -> None:
+        """Lets Neutron find the dynamic segments of a port's levels in what it has of the network.
+        It would ask the database for each of them, each time with five statements."""
+        for level in context._binding_levels:
+            if segment := self._dynamic.get(level.segment_id):
+                _add(context.network, segment)
+
     def _remember(self, segments: collections.abc.Iterable[Segment | None]) -> None:
         if len(self._racks) > REMEMBERED:
             self._racks.clear()
@@ -69,14 +89,12 @@ class Binder:
             if segment is not None:
                 self._racks[segment[api.ID]] = segment[api.PHYSICAL_NETWORK]
 
-    def _bind_in(self, context: api.PortContext, racks: list[str], is_baremetal: bool) -> None:
-        candidates: list[Segment] = context.segments_to_bind or []
-        tops = _tops(candidates)
-        vlans = [s for s in candidates if s[api.NETWORK_TYPE] == constants.TYPE_VLAN
-                 and s[api.PHYSICAL_NETWORK] in racks]
+    def _bind_in(self, context: api.PortContext, racks: list[str], vlans: list[Segment],
+                 present: dict[str, Segment], is_baremetal: bool) -> None:
+        tops = _tops(context.segments_to_bind or [])
         if tops:
             # A segment that an operator gave the network in this rack is the rack's VLAN.
-            bottom = vlans[0] if vlans else self._allocate(context, racks)
+            bottom = vlans[0] if vlans else self._allocate(context, racks, present)
             if bottom is not None:
                 self._remember([bottom])
                 context.continue_binding(tops[0][api.ID], [bottom])
@@ -87,15 +105,20 @@ class Binder:
                 {portbindings.VIF_DETAILS_CONNECTIVITY: portbindings.CONNECTIVITY_L2,
                  portbindings.CAP_PORT_FILTER: False}, status)
 
-    def _allocate(self, context: api.PortContext, racks: list[str]) -> Segment | None:
+    def _allocate(self, context: api.PortContext, racks: list[str],
+                  present: dict[str, Segment]) -> Segment | None:
         for rack in racks:
             try:
-                segment = self._segments.allocate(context, rack)
+                segment = self._segments.allocate(context, rack, present.get(rack))
             except exceptions.NoNetworkAvailable:
                 LOG.error("Port %s cannot be bound on host %s: %s", context.current["id"],
                           context.host, _without_vlan(rack))
                 continue
             if segment is not None:
+                if len(self._dynamic) > REMEMBERED_DYNAMIC:
+                    self._dynamic.clear()
+                self._dynamic[segment[api.ID]] = segment
+                _add(context.network, segment)
                 return segment
         return None
 
@@ -158,6 +181,13 @@ def _without_vlan(rack: str) -> str:
         return (f"agent(s) {', '.join(silent)} have not said yet which VLANs are assigned in "
                 f"{rack}. See whether they are alive in the list of agents, and bind it again.")
     return f"no VLAN is free in {rack}. Give it more VLANs, or free some."
+
+
+def _add(network: api.NetworkContext, segment: Segment) -> None:
+    """Adds a segment to those of a network. The list of before stays: it is what drivers are
+    offered at the upper level."""
+    if all(known[api.ID] != segment[api.ID] for known in network.network_segments):
+        network._segments = [*network.network_segments, segment]
 
 
 def _tops(candidates: list[Segment]) -> list[Segment]:

@@ -118,6 +118,7 @@ class VnagentMechanismDriver(api.MechanismDriver):
         self._expect(context)
 
     def update_port_precommit(self, context: api.PortContext) -> None:
+        self._binder.complete(context)
         self._expect(context)
 
     def _expect(self, context: api.PortContext) -> None:

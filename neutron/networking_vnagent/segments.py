@@ -6,6 +6,7 @@ looks, `linger` seconds apart. A binding that is just being made is no user yet:
 segment's revision number first, which starts the wait anew, or finds that the segment is gone. The
 row is locked while it is given back, so that one server at a time does.
 """
+import collections.abc
 import threading
 import time
 import typing
@@ -46,16 +47,17 @@ class Segments:
         # Segments without a user at the last look: the revision number, and since when.
         self._unused: dict[str, tuple[int, float]] = {}
 
-    def allocate(self, context: api.PortContext, physical_network: str) -> Segment | None:
-        """The network's VLAN in a rack, made where there is none. It stays for `linger` seconds
-        and for as long as a binding has it. Raises what Neutron raises when no VLAN is left."""
+    def allocate(self, context: api.PortContext, physical_network: str,
+                 found: Segment | None) -> Segment | None:
+        """The network's VLAN in a rack: the one that was just found, or one that is made where
+        there is none. It stays for `linger` seconds and for as long as a binding has it. Raises
+        what Neutron raises when no VLAN is left."""
         wanted = {api.NETWORK_TYPE: constants.TYPE_VLAN, api.PHYSICAL_NETWORK: physical_network}
-        network = context.network.current["id"]
         for _ in range(ATTEMPTS):
-            segment: Segment = (_present(context._plugin_context, network, physical_network)
-                                or context.allocate_dynamic_segment(wanted))
+            segment: Segment = found or context.allocate_dynamic_segment(wanted)
             if self._hold(context._plugin_context, segment[api.ID]):
                 return segment
+            found = None
         return None
 
     def _hold(self, context: Context, segment: str) -> bool:
@@ -94,16 +96,20 @@ class Segments:
         return bool(_release(segment, revision))
 
 
-def _present(context: Context, network: str, physical_network: str) -> Segment | None:
-    """A network's dynamic VLAN in a rack, in one query: most bindings find it there."""
+def present(context: Context, network: str,
+            physical_networks: collections.abc.Collection[str]) -> dict[str, Segment]:
+    """A network's dynamic VLANs in some racks, by physical network. Within the transaction of the
+    context where there is one."""
     with db_api.CONTEXT_READER.using(context):
-        row = context.session.query(_segment.id, _segment.segmentation_id).filter_by(
-            network_id=network, network_type=constants.TYPE_VLAN,
-            physical_network=physical_network, is_dynamic=True).first()
-    return None if row is None else {
+        rows = context.session.query(
+            _segment.id, _segment.physical_network, _segment.segmentation_id).filter(
+                _segment.network_id == network, _segment.network_type == constants.TYPE_VLAN,
+                _segment.is_dynamic == sa.true(),
+                _segment.physical_network.in_(physical_networks)).all()
+    return {row.physical_network: {
         api.ID: row.id, api.NETWORK_TYPE: constants.TYPE_VLAN,
-        api.PHYSICAL_NETWORK: physical_network, api.SEGMENTATION_ID: row.segmentation_id,
-        api.NETWORK_ID: network}
+        api.PHYSICAL_NETWORK: row.physical_network, api.SEGMENTATION_ID: row.segmentation_id,
+        api.NETWORK_ID: network} for row in rows}
 
 
 @retries.retry_db_errors

@@ -130,11 +130,33 @@ class BindingTest(DriverTestCase):
         with mock.patch.object(segments.Segments, "allocate", return_value=None):
             self.assertEqual("binding_failed", self.port()[portbindings.VIF_TYPE])
 
+    def test_hosts_are_told_the_vlan_of_their_rack(self):
+        """The first bind makes it, the others find it; other processes have not seen it before."""
+        for is_known in (False, True, True):
+            if not is_known:
+                self.mechanism._binder._dynamic.clear()
+            port = self.port(host="")
+            with mock.patch.object(self.driver.notifier, "port_update") as told:
+                self.update(port, **{portbindings.HOST_ID: "h1"})
+            rack, = (s for s in self.segments().values() if s.is_dynamic)
+            self.assertEqual(("vlan", rack.segmentation_id, "physnet1"), told.call_args.args[2:])
+
+    def test_a_failed_binding_offers_nobody_the_vlan_of_the_rack_alone(self):
+        offered = []
+
+        def bind_port(context):
+            offered.append([s["network_type"] for s in context.segments_to_bind])
+        wiring = self.driver.mechanism_manager.mech_drivers["openvswitch"].obj
+        with mock.patch.object(wiring, "bind_port", bind_port):
+            self.assertEqual("binding_failed", self.port()[portbindings.VIF_TYPE])
+        self.assertEqual([["vlan"], ["vxlan"]], offered[:2])
+        self.assertEqual(20, len(offered))
+
     def test_a_transient_error_of_the_database_is_no_failed_binding(self):
         """Neither a deadlock nor a lock of SQLite, wherever it meets the driver."""
         for error in (db_exc.DBDeadlock(),
                       sql_exc.OperationalError("", {}, Exception("database is locked"))):
-            for name in ("_present", "_raise_revision"):
+            for name in ("present", "_raise_revision"):
                 met = []
 
                 def at_first(*arguments, real=getattr(segments, name), error=error, met=met):
