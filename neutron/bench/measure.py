@@ -4,7 +4,8 @@
 - latency: the API's answers to port create, bind and delete, with the driver and without. Two
   sites run at the same time and take turns, request by request, so that the machine's load is the
   same for both. "vlan" is a network that both bind in the same way; "vxlan" one that only the
-  driver binds, with a VLAN of the rack below.
+  driver binds, with a VLAN of the rack below; "two levels" the same where the VLAN is a segment of
+  the network and all that is done is to name it.
 - effect: from the API's answer to the agent's durable output, at a fixed rate of changes.
 - sync: a full sync of many ports into an agent that has lost its state.
 - churn: ports that are made, bound, moved and deleted as fast as the server can; the memory of its
@@ -14,6 +15,7 @@
 from __future__ import annotations
 
 import argparse
+import contextlib
 import http.client
 import json
 import os
@@ -22,6 +24,7 @@ import random
 import signal
 import statistics
 import sys
+import tempfile
 import threading
 import time
 import uuid
@@ -29,14 +32,20 @@ from collections.abc import Iterator
 from pathlib import Path
 from typing import Any
 
+import continuing
 from vnagent_e2e.agents import Agent, SocketConnection
-from vnagent_e2e.api import Api, Refused
+from vnagent_e2e.api import Api, Refused, Unreachable
 from vnagent_e2e.population import clone_ports
 from vnagent_e2e.processes import Failed, eventually
+from vnagent_e2e.servers import title_of
 from vnagent_e2e.topology import standard
 from vnagent_e2e.world import World
 
 Json = dict[str, Any]
+
+# Of the churn: ports of a network before it is deleted, and seconds between two looks at memory.
+LIVES_OF_NETWORK = 25
+SAMPLE_INTERVAL = 60
 
 
 def percentile(values: list[float], share: float) -> float:
@@ -64,6 +73,13 @@ def make_network(api: Api, kind: str, rack: str) -> str:
     if kind == "vlan":
         body["provider:physical_network"] = rack
     return str(api.post("/networks", {"network": body})["network"]["id"])
+
+
+def make_network_of_both(api: Api, rack: str) -> str:
+    """A VXLAN segment and a VLAN of the rack."""
+    return str(api.post("/networks", {"network": {"name": "bench", "segments": [
+        {"provider:network_type": "vxlan"},
+        {"provider:network_type": "vlan", "provider:physical_network": rack}]}})["network"]["id"])
 
 
 class Times:
@@ -98,6 +114,14 @@ def resident(pid: int) -> int:
         "SC_PAGE_SIZE") >> 20
 
 
+def proportional(pid: int) -> int:
+    """MiB in memory, where a page of several processes counts in parts."""
+    for line in Path(f"/proc/{pid}/smaps_rollup").read_text().splitlines():
+        if line.startswith("Pss:"):
+            return int(line.split()[1]) >> 10
+    return 0
+
+
 def life_of_a_port(api: Api, network: str, host: str, times: Times) -> None:
     """Create, bind, delete."""
     made = times.timed("create", api.post, "/ports", {"port": {
@@ -112,10 +136,17 @@ def life_of_a_port(api: Api, network: str, host: str, times: Times) -> None:
 def measure_latency(binary: Path, ports: int) -> None:
     topology = standard()
     rack = topology.racks[0]
-    with World(topology, binary, 1, True) as site, World(topology, binary, 1, False) as plain:
+    with contextlib.ExitStack() as stack:
+        folder = stack.enter_context(tempfile.TemporaryDirectory(prefix="vnagent-bench-"))
+        os.environ["PYTHONPATH"] = ":".join([
+            continuing.install(Path(folder)), *filter(None, [os.environ.get("PYTHONPATH")])])
+        site = stack.enter_context(World(topology, binary, 1, True))
+        plain = stack.enter_context(World(topology, binary, 1, False,
+                                          without=f"{continuing.NAME},openvswitch"))
         with_driver, without = (world.api(random.Random(1)) for world in (site, plain))
         cases = {
             "without, vlan": (without, make_network(without, "vlan", rack.name)),
+            "without, two levels": (without, make_network_of_both(without, rack.name)),
             "with, vlan": (with_driver, make_network(with_driver, "vlan", rack.name)),
             "with, vxlan": (with_driver, make_network(with_driver, "vxlan", rack.name)),
         }
@@ -134,15 +165,15 @@ def measure_latency(binary: Path, ports: int) -> None:
         print(f"latency of the API, {ports} ports each, {load()}:")
         for step in ("create", "bind", "delete"):
             base = times["without, vlan"]
-            print(f"  {step:7} without:       {in_milliseconds(base.elapsed[step])}; processor"
+            print(f"  {step:7} without, vlan:      {in_milliseconds(base.elapsed[step])}; processor"
                   f" {1e3 * statistics.median(base.used[step]):.1f} ms")
-            for case in ("with, vlan", "with, vxlan"):
+            for case in ("without, two levels", "with, vlan", "with, vxlan"):
                 ours = times[case]
                 ratio = statistics.median(ours.elapsed[step]) / statistics.median(
                     base.elapsed[step])
                 tail = percentile(ours.elapsed[step], 0.99) / percentile(base.elapsed[step], 0.99)
                 used = statistics.median(ours.used[step])
-                print(f"  {step:7} {case:14} {in_milliseconds(ours.elapsed[step])};"
+                print(f"  {step:7} {case:19} {in_milliseconds(ours.elapsed[step])};"
                       f" {ratio:.2f} and {tail:.2f} times; processor {1e3 * used:.1f} ms,"
                       f" {used / statistics.median(base.used[step]):.2f} times")
 
@@ -248,36 +279,79 @@ def measure_sync(binary: Path, ports: int) -> None:
         print(f"sync: in the list of agents: {json.dumps(listed[0]['configurations'])}")
 
 
-def measure_churn(binary: Path, minutes: float, clients: int) -> None:
+class Memory:
+    """Of the processes of one server, in MiB: what is resident, and the share of each of that."""
+
+    def __init__(self, world: World, samples: Path | None) -> None:
+        self._server = world.servers[0]
+        self._begin = time.monotonic()
+        self._samples = samples
+        if samples is not None:
+            samples.write_text("seconds\tlives\tpid\tprocess\trss\tpss\n")
+
+    def sample(self, lives: int) -> None:
+        """Prints what is in memory now, and adds a line for each process to the file."""
+        seconds = int(time.monotonic() - self._begin)
+        texts = []
+        for pid in [self._server.program.pid, *self._server.workers()]:
+            name = title_of(pid).replace("\0", " ").partition("(")[0].strip()
+            name = name.rpartition("neutron-server: ")[2] if ":" in name else "parent"
+            rss, pss = resident(pid), proportional(pid)
+            texts.append(f"{name} {rss} ({pss})")
+            if self._samples is not None:
+                with self._samples.open("a", encoding="utf-8") as file:
+                    file.write(f"{seconds}\t{lives}\t{pid}\t{name}\t{rss}\t{pss}\n")
+        print(f"churn: {seconds} s, {lives} lives of a port: resident (share) MiB:"
+              f" {', '.join(texts)}", flush=True)
+
+
+def measure_churn(binary: Path, minutes: float, clients: int, samples: Path | None) -> None:
     topology = standard()
     with World(topology, binary, 1) as world:
-        networks = [make_network(world.api(random.Random(4)), "vxlan", "") for _ in range(10)]
+        hosts = [host for host, _ in topology.hosts()]
         end = time.monotonic() + 60 * minutes
         done: list[int] = []
+        networks: list[int] = []
+        failed: list[str] = []
+
+        def live(api: Api, rng: random.Random, network: str) -> None:
+            host, other = rng.sample(hosts, 2)
+            port = api.post("/ports", {"port": {
+                "network_id": network, "device_owner": "compute:nova",
+                "device_id": str(uuid.uuid4()), "binding:host_id": host}})["port"]["id"]
+            api.put(f"/ports/{port}", {"port": {"binding:host_id": other}})
+            api.delete(f"/ports/{port}")
+            done.append(1)
 
         def client(api: Api, rng: random.Random) -> None:
+            """Each of its networks goes after a while, too, with the VLANs of the racks."""
             while time.monotonic() < end:
-                host, other = rng.sample([host for host, _ in topology.hosts()], 2)
-                port = api.post("/ports", {"port": {
-                    "network_id": rng.choice(networks), "device_owner": "compute:nova",
-                    "device_id": str(uuid.uuid4()), "binding:host_id": host}})["port"]["id"]
-                api.put(f"/ports/{port}", {"port": {"binding:host_id": other}})
-                api.delete(f"/ports/{port}")
-                done.append(1)
+                try:
+                    network = make_network(api, "vxlan", "")
+                    networks.append(1)
+                    for _ in range(LIVES_OF_NETWORK):
+                        if time.monotonic() < end:
+                            live(api, rng, network)
+                    api.delete(f"/networks/{network}")
+                except (Refused, Unreachable) as error:
+                    failed.append(str(error))
 
         rngs = [random.Random(number) for number in range(clients)]
         threads = [threading.Thread(target=client, args=(world.api(rng), rng)) for rng in rngs]
+        memory = Memory(world, samples)
+        memory.sample(0)
         for thread in threads:
             thread.start()
         while any(thread.is_alive() for thread in threads):
-            print(f"churn: {len(done)} lives of a port: publisher"
-                  f" {[resident(pid) for pid in processes(world, 'vnagent publisher')]} MiB,"
-                  f" answering calls {[resident(pid) for pid in processes(world, 'api worker')]}"
-                  " MiB", flush=True)
+            until = time.monotonic() + SAMPLE_INTERVAL
             for thread in threads:
-                thread.join(6 * minutes / clients)
+                thread.join(max(0.0, until - time.monotonic()))
+            memory.sample(len(done))
         print(f"churn: {len(done)} lives of a port, each made, bound, moved and deleted, in"
-              f" {minutes:g} minutes, {load()}")
+              f" {len(networks)} networks and {minutes:g} minutes, {len(failed)} calls failed,"
+              f" {load()}")
+        for text in sorted(set(failed))[:10]:
+            print(f"  {text}")
 
 
 def main() -> int:
@@ -295,6 +369,8 @@ def main() -> int:
     parser.add_argument("--sync-ports", type=int, default=10000, help="(default: %(default)s)")
     parser.add_argument("--minutes", type=float, default=60,
                         help="of the churn, which runs with --only only (default: %(default)s)")
+    parser.add_argument("--samples", type=Path, metavar="FILE",
+                        help="where the churn writes the memory of each process, once a minute")
     options = parser.parse_args()
     for caught in (signal.SIGTERM, signal.SIGHUP):
         # Unwinds the stack, so that everything that was started is stopped.
@@ -308,7 +384,7 @@ def main() -> int:
         if options.only in (None, "sync"):
             measure_sync(binary, options.sync_ports)
         if options.only == "churn":
-            measure_churn(binary, options.minutes, options.clients)
+            measure_churn(binary, options.minutes, options.clients, options.samples)
     except Failed as error:
         print(f"FAILED: {error}", file=sys.stderr)
         return 1

@@ -100,11 +100,12 @@ segment_linger = 8
 
 
 class Server:
-    """One neutron-server with two API workers, and the file that configures it."""
+    """One neutron-server with two API workers, and the file that configures it. `without` names the
+    mechanism drivers of one that has not the driver."""
 
     def __init__(self, name: str, directory: Path, logs: Path, database: str, topology: Topology,
                  agents: Sequence[Agent], with_driver: bool = True, debug: bool = False,
-                 vlan_type: str = "vnagent_vlan") -> None:
+                 vlan_type: str = "vnagent_vlan", without: str = "openvswitch") -> None:
         self.name = name
         self.port = free_port()
         self.directory = directory / name
@@ -116,7 +117,7 @@ class Server:
             port=self.port, directory=self.directory, name=name, database=database, debug=debug,
             types=f"vxlan,{vlan_type}" if with_driver else "vxlan,vlan",
             default_type="vxlan" if with_driver else "vlan",
-            drivers="vnagent,openvswitch" if with_driver else "openvswitch", vlan_ranges=ranges)
+            drivers="vnagent,openvswitch" if with_driver else without, vlan_ranges=ranges)
         if with_driver:
             text += options_of_driver(topology, agents, self.directory)
         self.config.write_text(text)

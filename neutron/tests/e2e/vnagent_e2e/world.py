@@ -24,7 +24,7 @@ class World:
 
     def __init__(self, topology: Topology, binary: Path, servers: int = 2,
                  with_driver: bool = True, debug: bool = False, keep: bool = False,
-                 vlan_type: str = "vnagent_vlan") -> None:
+                 vlan_type: str = "vnagent_vlan", without: str = "openvswitch") -> None:
         self.topology = topology
         self.keep = keep
         self.logs = Path(tempfile.mkdtemp(prefix="vnagent-e2e-logs-"))
@@ -35,7 +35,7 @@ class World:
         self.database = Database(self.directory, self.logs)
         self.servers = [
             Server(f"neutron-{number}", self.directory, self.logs, self.database.url, topology,
-                   list(self.agents.values()), with_driver, debug, vlan_type)
+                   list(self.agents.values()), with_driver, debug, vlan_type, without)
             for number in range(1, servers + 1)]
         self.times: dict[str, float] = {}
         self._ending = threading.Event()
