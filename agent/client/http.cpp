@@ -6,8 +6,9 @@
 #include <cstdint>
 #include <limits>
 #include <optional>
+#include <vector>
 
-#include <boost/asio/connect.hpp>
+#include <boost/asio/generic/stream_protocol.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/local/stream_protocol.hpp>
@@ -23,10 +24,10 @@ namespace asio = boost::asio;
 namespace beast = boost::beast;
 namespace http = beast::http;
 
-using Local = asio::local::stream_protocol;
-using LocalStream = beast::basic_stream<Local>;
-using TcpStream = beast::tcp_stream;
-using TlsStream = beast::ssl_stream<TcpStream>;
+// One type of stream for local sockets and TCP: what is made from the templates is large.
+using Generic = asio::generic::stream_protocol;
+using PlainStream = beast::basic_stream<Generic, asio::io_context::executor_type>;
+using TlsStream = beast::ssl_stream<PlainStream>;
 using Parser = http::response_parser<http::string_body>;
 
 std::chrono::nanoseconds toDuration(double seconds) {
@@ -73,20 +74,14 @@ class Connection final : public HttpStream {
   }
 
   void connect(const Endpoint& endpoint) {
-    if constexpr (std::is_same_v<Stream, LocalStream>) {
-      wait([&](auto done) { stream_->async_connect(Local::endpoint(endpoint.socket), done); });
-    } else {
-      beast::error_code error;
-      const auto found =
-          asio::ip::tcp::resolver(context_).resolve(endpoint.host, endpoint.port, error);
-      check(error);
-      wait([&](auto done) {
-        beast::get_lowest_layer(*stream_).async_connect(
-            found, [done](beast::error_code result, const auto&) { done(result); });
-      });
-      beast::get_lowest_layer(*stream_).socket().set_option(asio::ip::tcp::no_delay(true));
-      if constexpr (std::is_same_v<Stream, TlsStream>) shakeHands(endpoint);
-    }
+    const std::vector<Generic::endpoint> addresses = addressesOf(endpoint);
+    PlainStream& plain = beast::get_lowest_layer(*stream_);
+    wait([&](auto done) {
+      plain.async_connect(addresses,
+                          [done](beast::error_code result, const auto&) { done(result); });
+    });
+    if (endpoint.socket.empty()) plain.socket().set_option(asio::ip::tcp::no_delay(true));
+    if constexpr (std::is_same_v<Stream, TlsStream>) shakeHands(endpoint);
   }
 
   void send(const HttpRequest& request, const Endpoint& endpoint) {
@@ -123,6 +118,17 @@ class Connection final : public HttpStream {
   }
 
  private:
+  std::vector<Generic::endpoint> addressesOf(const Endpoint& endpoint) {
+    if (!endpoint.socket.empty()) return {asio::local::stream_protocol::endpoint(endpoint.socket)};
+    beast::error_code error;
+    const auto found =
+        asio::ip::tcp::resolver(context_).resolve(endpoint.host, endpoint.port, error);
+    check(error);
+    std::vector<Generic::endpoint> addresses;
+    for (const auto& entry : found) addresses.emplace_back(entry.endpoint());
+    return addresses;
+  }
+
   void shakeHands(const Endpoint& endpoint) {
     beast::error_code error;
     if (endpoint.authorities.empty()) {
@@ -194,9 +200,8 @@ std::unique_ptr<HttpStream> opened(const Endpoint& endpoint, const HttpRequest& 
 
 std::unique_ptr<HttpStream> opened(const Endpoint& endpoint, const HttpRequest& request,
                                    bool whole) {
-  if (!endpoint.socket.empty()) return opened<LocalStream>(endpoint, request, whole);
   if (endpoint.tls) return opened<TlsStream>(endpoint, request, whole);
-  return opened<TcpStream>(endpoint, request, whole);
+  return opened<PlainStream>(endpoint, request, whole);
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include <unistd.h>
+#include <boost/asio/generic/stream_protocol.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/local/stream_protocol.hpp>
 #include <boost/beast/core.hpp>
@@ -17,20 +18,20 @@ namespace beast = boost::beast;
 namespace http = beast::http;
 using Local = asio::local::stream_protocol;
 using Tcp = asio::ip::tcp;
+using Generic = asio::generic::stream_protocol;
 
 constexpr auto kPatience = std::chrono::seconds(10);
 
-// One connection, with one request on it.
-template <class Protocol>
-class Visit : public std::enable_shared_from_this<Visit<Protocol>> {
+// One connection, local or by TCP, with one request on it.
+class Visit : public std::enable_shared_from_this<Visit> {
  public:
-  Visit(typename Protocol::socket socket, const StatusServer::Pages& pages)
+  Visit(Generic::socket socket, const StatusServer::Pages& pages)
       : stream_(std::move(socket)), pages_(pages) {}
 
   void start() {
     stream_.expires_after(kPatience);
     http::async_read(stream_, buffer_, request_,
-                     [self = this->shared_from_this()](beast::error_code error, size_t) {
+                     [self = shared_from_this()](beast::error_code error, size_t) {
                        if (!error) self->answer();
                      });
   }
@@ -55,14 +56,13 @@ class Visit : public std::enable_shared_from_this<Visit<Protocol>> {
     }
     response_.keep_alive(false);
     response_.prepare_payload();
-    http::async_write(stream_, response_,
-                      [self = this->shared_from_this()](beast::error_code, size_t) {
-                        beast::error_code ignored;
-                        self->stream_.socket().shutdown(Protocol::socket::shutdown_send, ignored);
-                      });
+    http::async_write(stream_, response_, [self = shared_from_this()](beast::error_code, size_t) {
+      beast::error_code ignored;
+      self->stream_.socket().shutdown(Generic::socket::shutdown_send, ignored);
+    });
   }
 
-  beast::basic_stream<Protocol> stream_;
+  beast::basic_stream<Generic> stream_;
   const StatusServer::Pages& pages_;
   beast::flat_buffer buffer_;
   http::request<http::string_body> request_;
@@ -74,7 +74,7 @@ void acceptNext(typename Protocol::acceptor& acceptor, const StatusServer::Pages
   acceptor.async_accept(
       [&acceptor, &pages](beast::error_code error, typename Protocol::socket socket) {
         if (error == asio::error::operation_aborted) return;
-        if (!error) std::make_shared<Visit<Protocol>>(std::move(socket), pages)->start();
+        if (!error) std::make_shared<Visit>(std::move(socket), pages)->start();
         acceptNext<Protocol>(acceptor, pages);
       });
 }
