@@ -192,16 +192,13 @@ TEST(ServerHttpTest, boundsTheBodiesOfAllRequestsTogether) {
     refusal = reply(large);
     return refusal.starts_with("HTTP/1.1 503 ");
   }));
-  EXPECT_THAT(refusal, HasSubstr("Retry-After: 1
-"));
-  EXPECT_THAT(refusal, HasSubstr("Connection: close
-"));
+  EXPECT_THAT(refusal, HasSubstr("Retry-After: 1\r\n"));
+  EXPECT_THAT(refusal, HasSubstr("Connection: close\r\n"));
   EXPECT_THAT(refusal, HasSubstr("/problems/not-ready"));
   EXPECT_THAT(reply(TestNetwork::post("/", std::string(60'000, 's'))), StartsWith("HTTP/1.1 200 "));
   first.send(std::string_view(large).substr(900'000));
   EXPECT_THAT(first.readReply(), StartsWith("HTTP/1.1 200 "));
-  EXPECT_TRUE(eventually([&] {
-    return reply(large).starts_with("HTTP/1.1 200 "); }));
+  EXPECT_TRUE(eventually([&] { return reply(large).starts_with("HTTP/1.1 200 "); }));
 }
 
 TEST(ServerHttpTest, aClientThatGoesAwayGivesTheMemoryOfItsBodyBack) {
