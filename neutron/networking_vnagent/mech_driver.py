@@ -46,8 +46,7 @@ class VnagentMechanismDriver(api.MechanismDriver):
         self._segments = segments.Segments(options.segment_linger)
         self._binder = binding.Binder(self._agents, self._segments, self._timeout == 0)
         self._process = process.ServerProcess(self._agents, options, self._segments)
-        # SQLite has one writer: there, the process that answers the API publishes too.
-        self._has_publisher = not str(cfg.CONF.database.connection or "").startswith("sqlite")
+        self._has_publisher = not process.uses_sqlite()
         changes.subscribe(self._process.changed, are_unbound_noted=not all(
             agent.physical_networks for agent in self._agents))
         registry.subscribe(self._spawning, resources.PROCESS, events.BEFORE_SPAWN)

@@ -2,7 +2,8 @@
 
 neutron-server has a process of its own for it; the processes that answer calls hand over to it what
 they change. Where Neutron's API runs in another web server, and with SQLite, each process that
-changes something publishes it itself.
+changes something publishes it itself. Other web servers run its threads only while they answer a
+call, so that this is late there.
 """
 import collections.abc
 import os
@@ -11,6 +12,7 @@ import threading
 import time
 import typing
 
+from oslo_config import cfg
 from oslo_db import exception as db_exc
 from oslo_log import log
 from sqlalchemy import exc as sql_exc
@@ -30,6 +32,11 @@ LOG = log.getLogger(__name__)
 ORPHAN_AGE = 5
 # Seconds for which a full sync is left to other servers, when a process was started.
 RESTART_DELAY = 5
+
+
+def uses_sqlite() -> bool:
+    """Whether the database takes one writer: there, the process that answers calls publishes."""
+    return str(cfg.CONF.database.connection or "").startswith("sqlite")
 
 
 class ServerProcess:
@@ -63,7 +70,11 @@ class ServerProcess:
 
     def changed(self, change: handover.Change) -> None:
         """Hands a change on; it does not wait for anything."""
-        if not self._hands_over:
+        if not self._hands_over and self._pid != os.getpid():
+            if not uses_sqlite():
+                LOG.warning("This process is not one of neutron-server: it sends what it changes "
+                            "only while it answers calls, and what it deletes may wait for the "
+                            "next full sync. Let neutron-server answer the calls.")
             self._publish_itself()
         self._handover.send(change)
 
