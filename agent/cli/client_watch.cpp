@@ -11,18 +11,19 @@ namespace {
 
 void printEvent(const LiveEvent& event, Json& document, bool json) {
   if (json) {
-    printJson({{"id", event.id}, {"event", event.name}, {"data", event.data}}, true);
+    printJson({{"id", event.id}, {"event", event.name}, {"data", event.json()}}, true);
     return;
   }
   const std::string revision = event.id.substr(0, event.id.find('-'));
   if (event.name == "snapshot") {
     printOut(fmt::format("revision {}\n", revision));
-    document = event.data;
+    document = event.json();
     printJson(document, false);
   } else if (event.name == "patch") {
     printOut(fmt::format("revision {}\n", revision));
-    printChanges(document, event.data);
-    if (!document.is_null()) document.merge_patch(event.data);
+    const Json patch = event.json();
+    printChanges(document, patch);
+    if (!document.is_null()) document.merge_patch(patch);
   }
 }
 
@@ -80,13 +81,13 @@ ExitStatus trace(const TraceOptions& options) {
   }
   if (options.tail) {
     agent.follow({.target = "/v1/trace/tail", .resumes = false}, [&](const LiveEvent& event) {
-      if (options.json || !event.data.is_object()) {
-        printJson(event.data, true);
+      const Json entry = event.json();
+      if (options.json || !entry.is_object()) {
+        printJson(entry, true);
       } else {
-        printOut(fmt::format("{} {}:{} {}\n", textOf(memberOf(event.data, "level")),
-                             textOf(memberOf(event.data, "file")),
-                             textOf(memberOf(event.data, "line")),
-                             textOf(memberOf(event.data, "text"))));
+        printOut(fmt::format("{} {}:{} {}\n", textOf(memberOf(entry, "level")),
+                             textOf(memberOf(entry, "file")), textOf(memberOf(entry, "line")),
+                             textOf(memberOf(entry, "text"))));
       }
       return true;
     });

@@ -87,7 +87,7 @@ RequestRefused::RequestRefused(const HttpResponse& response)
   name_.erase(0, name_.rfind('/') + 1);
 }
 
-void EventReader::feed(std::string_view bytes, const std::function<void(LiveEvent)>& take) {
+void EventReader::feed(std::string_view bytes, const std::function<void(const LiveEvent&)>& take) {
   size_t begin = 0;
   const size_t looked = rest_.size();
   rest_ += bytes;
@@ -100,14 +100,11 @@ void EventReader::feed(std::string_view bytes, const std::function<void(LiveEven
   rest_.erase(0, begin);
 }
 
-void EventReader::takeLine(std::string_view line, const std::function<void(LiveEvent)>& take) {
+void EventReader::takeLine(std::string_view line,
+                           const std::function<void(const LiveEvent&)>& take) {
   if (line.empty()) {
-    if (!data_.empty()) {
-      event_.data = parse_(data_);
-      take(std::move(event_));
-    }
+    if (!event_.data.empty()) take(event_);
     event_ = {};
-    data_.clear();
     return;
   }
   const size_t colon = line.find(':');
@@ -116,7 +113,7 @@ void EventReader::takeLine(std::string_view line, const std::function<void(LiveE
   if (value.starts_with(' ')) value.remove_prefix(1);
   if (name == "id") event_.id = value;
   if (name == "event") event_.name = value;
-  if (name == "data") (data_.empty() ? data_ : data_ += '\n') += value;
+  if (name == "data") (event_.data.empty() ? event_.data : event_.data += '\n') += value;
 }
 
 HttpResponse LiveAgent::request(std::string method, std::string target, std::string body,
@@ -144,7 +141,7 @@ Reading LiveAgent::read(std::string target) const {
 }
 
 void LiveAgent::follow(const Following& following,
-                       const std::function<bool(LiveEvent)>& take) const {
+                       const std::function<bool(const LiveEvent&)>& take) const {
   const double silence = following.resumes ? kSilence : kNoLimit;
   std::string last = following.since;
   double pause = kFirstPause;
@@ -155,13 +152,13 @@ void LiveAgent::follow(const Following& following,
       if (!last.empty()) request.headers.emplace_back("Last-Event-ID", last);
       const auto stream = client_.open(request);
       if (stream->response().status != 200) throw RequestRefused(stream->response());
-      EventReader reader(following.parse);
+      EventReader reader;
       bool isWanted = true;
       for (std::string bytes = stream->read(silence); !bytes.empty() && isWanted;) {
         pause = kFirstPause;
-        reader.feed(bytes, [&](LiveEvent event) {
+        reader.feed(bytes, [&](const LiveEvent& event) {
           if (!event.id.empty()) last = event.id;
-          isWanted = isWanted && take(std::move(event));
+          isWanted = isWanted && take(event);
         });
         if (isWanted) bytes = stream->read(silence);
         reached = steadySeconds();

@@ -43,30 +43,23 @@ struct Reading {
 struct LiveEvent {
   std::string id;
   std::string name;
-  Json data;
-};
+  std::string data;  // JSON text
 
-// What makes the data of an event of its text; a discarded value where that is not JSON.
-using ParseJson = std::function<Json(std::string_view)>;
-inline Json parseWhole(std::string_view text) {
-  return Json::parse(text, nullptr, false);
-}
+  // `data`; a discarded value where that is not JSON.
+  Json json() const { return Json::parse(data, nullptr, false); }
+};
 
 // Reads events from the bytes of a stream, in pieces of any size.
 class EventReader {
  public:
-  explicit EventReader(ParseJson parse = parseWhole) : parse_(std::move(parse)) {}
-
   // Calls `take` for each event that `bytes` completes.
-  void feed(std::string_view bytes, const std::function<void(LiveEvent)>& take);
+  void feed(std::string_view bytes, const std::function<void(const LiveEvent&)>& take);
 
  private:
-  void takeLine(std::string_view line, const std::function<void(LiveEvent)>& take);
+  void takeLine(std::string_view line, const std::function<void(const LiveEvent&)>& take);
 
-  const ParseJson parse_;
   std::string rest_;  // what belongs to no whole line yet
   LiveEvent event_;
-  std::string data_;
 };
 
 class LiveAgent {
@@ -88,9 +81,8 @@ class LiveAgent {
     std::string since = {};  // empty: from a snapshot on
     double patience = 60;
     bool resumes = true;  // events have ids
-    ParseJson parse = parseWhole;
   };
-  void follow(const Following& following, const std::function<bool(LiveEvent)>& take) const;
+  void follow(const Following& following, const std::function<bool(const LiveEvent&)>& take) const;
 
  private:
   HttpClient client_;

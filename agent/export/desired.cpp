@@ -10,6 +10,7 @@ namespace vnagent {
 namespace {
 
 using Json = Desired::Json;
+using Object = simdjson::dom::object;
 
 // A place is a text, or something that makes it: there are many places, and few faults.
 const std::string& textOf(const std::string& place) {
@@ -22,7 +23,7 @@ auto textOf(const Place& place) -> decltype(std::string(place())) {
 }
 
 template <class Place>
-uint32_t numberOf(const std::string& key, uint32_t largest, const char* what, const Place& place) {
+uint32_t numberOf(std::string_view key, uint32_t largest, const char* what, const Place& place) {
   uint32_t number = 0;
   const auto result = std::from_chars(key.data(), key.data() + key.size(), number);
   const bool isWhole = result.ec == std::errc() && result.ptr == key.data() + key.size();
@@ -33,37 +34,40 @@ uint32_t numberOf(const std::string& key, uint32_t largest, const char* what, co
 }
 
 template <class Place>
-const Json& objectOf(const Json& value, const Place& place) {
-  if (!value.is_object()) throw InvalidOutput(textOf(place) + ": an object is expected");
-  return value;
+Object objectOf(Json value, const Place& place) {
+  Object members;
+  if (value.get(members)) throw InvalidOutput(textOf(place) + ": an object is expected");
+  return members;
 }
 
 // The members of an object whose names are VLANs, in the order of the VLANs: a map that is filled
 // in its order grows at its end.
 template <class Place>
-std::vector<std::pair<uint16_t, const Json*>> inOrder(const Json& value, const Place& place) {
-  std::vector<std::pair<uint16_t, const Json*>> members;
-  members.reserve(value.size());
-  for (const auto& [key, member] : objectOf(value, place).items()) {
+std::vector<std::pair<uint16_t, Json>> inOrder(Json value, const Place& place) {
+  const Object all = objectOf(value, place);
+  std::vector<std::pair<uint16_t, Json>> members;
+  members.reserve(all.size());
+  for (const auto [key, member] : all) {
     const uint32_t vlan = numberOf(key, LogicalSwitchId::kLargestVlan, "a VLAN", place);
-    members.emplace_back(static_cast<uint16_t>(vlan), &member);
+    members.emplace_back(static_cast<uint16_t>(vlan), member);
   }
-  std::ranges::sort(members, {}, &std::pair<uint16_t, const Json*>::first);
+  std::ranges::sort(members, {}, &std::pair<uint16_t, Json>::first);
   return members;
 }
 
-const Json* memberOf(const Json& object, const char* name) {
-  const auto found = object.find(name);
-  return found == object.end() ? nullptr : &*found;
+std::optional<Json> memberOf(Object object, std::string_view name) {
+  Json value;
+  return object[name].get(value) ? std::nullopt : std::optional(value);
 }
 
 // 0 where there is none.
-uint16_t nativeVlanOf(const Json& value, const std::string& place) {
+uint16_t nativeVlanOf(Json value, const std::string& place) {
   if (value.is_null()) return 0;
-  if (!value.is_number_unsigned() || value.get<uint64_t>() > LogicalSwitchId::kLargestVlan) {
+  uint64_t vlan = 0;
+  if (value.get(vlan) || vlan > LogicalSwitchId::kLargestVlan) {
     throw InvalidOutput(place + "/nativeVlan: a VLAN is expected");
   }
-  return value.get<uint16_t>();
+  return static_cast<uint16_t>(vlan);
 }
 
 }  // namespace
@@ -113,7 +117,7 @@ Desired::Desired(const ExportMap& map, Problems& problems) : map_(map), problems
 
 Desired::~Desired() = default;
 
-void Desired::replace(const Json& document) {
+void Desired::replace(Json document) {
   isWhole_ = true;
   seen_.clear();
   try {
@@ -131,16 +135,14 @@ void Desired::replace(const Json& document) {
   seen_.clear();
 }
 
-void Desired::merge(const Json& patch) {
-  objectOf(patch, "");
-  if (const Json* requested = memberOf(patch, "requestedResources")) {
-    objectOf(*requested, "/requestedResources");
-    if (const Json* hosts = memberOf(*requested, "resourcesForHostname")) mergeHosts(*hosts);
-    if (const Json* ports = memberOf(*requested, "resourcesForSwitchport")) {
-      mergeSwitchPorts(*ports);
-    }
+void Desired::merge(Json patch) {
+  const Object document = objectOf(patch, "");
+  if (const auto requested = memberOf(document, "requestedResources")) {
+    const Object resources = objectOf(*requested, "/requestedResources");
+    if (const auto hosts = memberOf(resources, "resourcesForHostname")) mergeHosts(*hosts);
+    if (const auto ports = memberOf(resources, "resourcesForSwitchport")) mergeSwitchPorts(*ports);
   }
-  if (const Json* elements = memberOf(patch, "networkElement")) mergeElements(*elements);
+  if (const auto elements = memberOf(document, "networkElement")) mergeElements(*elements);
 }
 
 void Desired::tunnelAddressIs(size_t index, const std::string& address) {
@@ -224,47 +226,46 @@ void Desired::removeAll(SourceKind kind, const std::string& name) {
   for (const SourceKey& key : keys) remove(key);
 }
 
-void Desired::mergeHosts(const Json& patch) {
-  for (const auto& [name, host] :
-       objectOf(patch, "/requestedResources/resourcesForHostname").items()) {
-    mergeSource({SourceKind::kHost, name, ""}, host);
+void Desired::mergeHosts(Json patch) {
+  for (const auto [name, host] : objectOf(patch, "/requestedResources/resourcesForHostname")) {
+    mergeSource({SourceKind::kHost, std::string(name), ""}, host);
   }
 }
 
-void Desired::mergeSwitchPorts(const Json& patch) {
-  for (const auto& [name, ports] :
-       objectOf(patch, "/requestedResources/resourcesForSwitchport").items()) {
-    mergeInterfaces(SourceKind::kSwitchPort, name, ports);
+void Desired::mergeSwitchPorts(Json patch) {
+  for (const auto [name, ports] : objectOf(patch, "/requestedResources/resourcesForSwitchport")) {
+    mergeInterfaces(SourceKind::kSwitchPort, std::string(name), ports);
   }
 }
 
-void Desired::mergeElements(const Json& patch) {
-  for (const auto& [name, element] : objectOf(patch, "/networkElement").items()) {
+void Desired::mergeElements(Json patch) {
+  for (const auto [key, element] : objectOf(patch, "/networkElement")) {
+    const std::string name(key);
     if (element.is_null()) {
       removeAll(SourceKind::kInterface, name);
-    } else if (const Json* interfaces =
+    } else if (const auto interfaces =
                    memberOf(objectOf(element, "/networkElement/" + name), "physicalInterface")) {
       mergeInterfaces(SourceKind::kInterface, name, *interfaces);
     }
   }
 }
 
-void Desired::mergeInterfaces(SourceKind kind, const std::string& name, const Json& patch) {
+void Desired::mergeInterfaces(SourceKind kind, const std::string& name, Json patch) {
   if (patch.is_null()) return removeAll(kind, name);
-  for (const auto& [port, value] : objectOf(patch, "/" + name).items()) {
-    mergeSource({kind, name, port}, value);
+  for (const auto [port, value] : objectOf(patch, "/" + name)) {
+    mergeSource({kind, name, std::string(port)}, value);
   }
 }
 
-void Desired::mergeSource(const SourceKey& key, const Json& patch) {
+void Desired::mergeSource(const SourceKey& key, Json patch) {
   if (isWhole_) return replaceSource(key, patch);
   if (patch.is_null()) return remove(key);
   const std::string place = fmt::format("/{}/{}", std::get<1>(key), std::get<2>(key));
-  objectOf(patch, place);
+  const Object members = objectOf(patch, place);
   Source& source = sourceOf(key);
   Touched touched;
-  if (const Json* vlans = memberOf(patch, "vlan")) mergeVlans(source, *vlans, place, touched);
-  if (const Json* native = memberOf(patch, "nativeVlan")) {
+  if (const auto vlans = memberOf(members, "vlan")) mergeVlans(source, *vlans, place, touched);
+  if (const auto native = memberOf(members, "nativeVlan")) {
     source.native = nativeVlanOf(*native, place);
     touched.isNative = true;
   }
@@ -272,30 +273,29 @@ void Desired::mergeSource(const SourceKey& key, const Json& patch) {
   reportPlace(key, !source.vlans.empty());
 }
 
-void Desired::mergeVlans(Source& source, const Json& patch, const std::string& place,
-                         Touched& touched) {
+void Desired::mergeVlans(Source& source, Json patch, const std::string& place, Touched& touched) {
   if (patch.is_null()) {
     for (const auto& [vlan, vnis] : source.vlans) touched.vlans.push_back(vlan);
     source.vlans.clear();
     return;
   }
-  touched.vlans.reserve(patch.size());
-  for (const auto& [vlan, value] : inOrder(patch, [&] { return place + "/vlan"; })) {
+  const auto members = inOrder(patch, [&] { return place + "/vlan"; });
+  touched.vlans.reserve(members.size());
+  for (const auto& [vlan, value] : members) {
     touched.vlans.push_back(vlan);
-    if (value->is_null()) {
+    if (value.is_null()) {
       source.vlans.erase(vlan);
       continue;
     }
     Vnis& vnis = source.vlans[vlan];
     const auto here = [&place, number = vlan] { return fmt::format("{}/vlan/{}", place, number); };
-    const Json* mapped = memberOf(objectOf(*value, here), "mappedVni");
-    if (mapped == nullptr) continue;
+    const auto mapped = memberOf(objectOf(value, here), "mappedVni");
+    if (!mapped) continue;
     if (mapped->is_null()) {
       vnis.clear();
       continue;
     }
-    const auto& byVni = objectOf(*mapped, [&] { return here() + "/mappedVni"; });
-    for (const auto& [text, ports] : byVni.items()) {
+    for (const auto [text, ports] : objectOf(*mapped, [&] { return here() + "/mappedVni"; })) {
       const uint32_t vni = numberOf(text, LogicalSwitchId::kLargestVni, "a VNI", here);
       if (ports.is_null()) {
         vnis.erase(vni);
@@ -307,16 +307,16 @@ void Desired::mergeVlans(Source& source, const Json& patch, const std::string& p
 }
 
 // Of a whole document: only what differs from before is touched.
-void Desired::replaceSource(const SourceKey& key, const Json& value) {
+void Desired::replaceSource(const SourceKey& key, Json value) {
   seen_.insert(key);
   const std::string place = fmt::format("/{}/{}", std::get<1>(key), std::get<2>(key));
   Source next;
   Touched ignored;
-  if (const Json* vlans = memberOf(objectOf(value, place), "vlan")) {
-    mergeVlans(next, *vlans, place, ignored);
+  const Object members = objectOf(value, place);
+  if (const auto vlans = memberOf(members, "vlan")) mergeVlans(next, *vlans, place, ignored);
+  if (const auto native = memberOf(members, "nativeVlan")) {
+    next.native = nativeVlanOf(*native, place);
   }
-  const Json* native = memberOf(value, "nativeVlan");
-  if (native != nullptr) next.native = nativeVlanOf(*native, place);
 
   Source& source = sourceOf(key);
   Touched touched{{}, next.native != source.native};
@@ -461,8 +461,8 @@ std::optional<LogicalSwitchId> Desired::resolve(const Place& place, uint16_t vla
 void Desired::setBinding(const Place& place, uint16_t vlan, std::optional<LogicalSwitchId> id) {
   DesiredSwitch& one = switches_[place.switchIndex];
   auto& bindings = one.ports[place.port].bindings;
-  const auto found = bindings.find(vlan);
-  const bool isThere = found != bindings.end();
+  const auto found = bindings.lower_bound(vlan);
+  const bool isThere = found != bindings.end() && found->first == vlan;
   if (isThere ? id == found->second : !id.has_value()) return;
 
   const BindingKey key{place.port, vlan};
@@ -487,7 +487,11 @@ void Desired::setBinding(const Place& place, uint16_t vlan, std::optional<Logica
     bindings.erase(found);
     return;
   }
-  bindings.insert_or_assign(vlan, *id);
+  if (isThere) {
+    found->second = *id;
+  } else {
+    bindings.emplace_hint(found, vlan, *id);
+  }
   auto& bound = one.logicalSwitches[*id];
   if (bound.empty()) {
     changes.logicalSwitches.push_back(*id);
@@ -496,7 +500,7 @@ void Desired::setBinding(const Place& place, uint16_t vlan, std::optional<Logica
       markOthers(place.switchIndex, *id);
     }
   }
-  bound.insert(key);
+  bound.insert(bound.end(), key);  // documents are read in the order of ports and VLANs
 }
 
 void Desired::markOthers(size_t index, LogicalSwitchId id) {

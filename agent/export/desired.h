@@ -20,11 +20,12 @@
 #include <stdexcept>
 #include <string>
 #include <tuple>
+#include <unordered_map>
 #include <vector>
 
+#include <simdjson.h>
 #include <boost/container/flat_map.hpp>
 #include <boost/container/flat_set.hpp>
-#include <nlohmann/json.hpp>
 
 #include "agent/export/logical_switch_id.h"
 #include "agent/export/map.h"
@@ -60,7 +61,8 @@ struct DesiredSwitch {
   std::string tunnelAddress;  // empty while it is unknown
   std::vector<Port> ports;    // all that were ever named, here or in the database
   std::map<std::string, uint32_t, std::less<>> portIndex;
-  std::map<LogicalSwitchId, std::set<BindingKey>> logicalSwitches;  // with what is bound to each
+  // With what is bound to each.
+  std::unordered_map<LogicalSwitchId, std::set<BindingKey>> logicalSwitches;
 
   // The index of a port by its name in the database; a new one where there is none.
   uint32_t portOf(std::string_view name);
@@ -76,7 +78,7 @@ class InvalidOutput : public std::runtime_error {
 
 class Desired {
  public:
-  using Json = nlohmann::json;
+  using Json = simdjson::dom::element;
 
   // Both are kept by the caller, for as long as this lives.
   Desired(const ExportMap& map, Problems& problems);
@@ -87,8 +89,8 @@ class Desired {
   // Change.
 
   // Throws InvalidOutput; what was read before the fault is applied.
-  void replace(const Json& document);
-  void merge(const Json& patch);
+  void replace(Json document);
+  void merge(Json patch);
 
   // The address that others send to; empty: it is unknown.
   void tunnelAddressIs(size_t index, const std::string& address);
@@ -131,13 +133,13 @@ class Desired {
   Source& sourceOf(const SourceKey& key);
   void remove(const SourceKey& key);
   void removeAll(SourceKind kind, const std::string& name);
-  void mergeSource(const SourceKey& key, const Json& patch);
-  void mergeVlans(Source& source, const Json& patch, const std::string& place, Touched& touched);
-  void mergeHosts(const Json& patch);
-  void mergeSwitchPorts(const Json& patch);
-  void mergeElements(const Json& patch);
-  void mergeInterfaces(SourceKind kind, const std::string& name, const Json& patch);
-  void replaceSource(const SourceKey& key, const Json& value);
+  void mergeSource(const SourceKey& key, Json patch);
+  void mergeVlans(Source& source, Json patch, const std::string& place, Touched& touched);
+  void mergeHosts(Json patch);
+  void mergeSwitchPorts(Json patch);
+  void mergeElements(Json patch);
+  void mergeInterfaces(SourceKind kind, const std::string& name, Json patch);
+  void replaceSource(const SourceKey& key, Json value);
   void reportPlace(const SourceKey& key, bool hasVlans);
 
   // Consequences.

@@ -8,7 +8,7 @@
 #include <istream>
 #include <string>
 
-#include <nlohmann/json.hpp>
+#include <simdjson.h>
 
 #include "agent/client/live_agent.h"
 
@@ -25,12 +25,12 @@ struct OutputEvent {
   };
 
   Kind kind;
-  nlohmann::json data = {};  // as readOutput() reads it
-  std::string id = {};       // the revision; the number of the line in a file
+  simdjson::dom::element data = {};  // lasts for the call of DeliverOutput
+  std::string id = {};               // the revision; the number of the line in a file
   std::string text = {};
 };
 
-using DeliverOutput = std::function<bool(OutputEvent event)>;
+using DeliverOutput = std::function<bool(const OutputEvent& event)>;
 
 // Follows the output of a live agent, over restarts of the agent, until `deliver` returns false.
 void followAgent(const LiveAgent& agent, const DeliverOutput& deliver);

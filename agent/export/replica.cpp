@@ -12,14 +12,14 @@ using ovsdb::Json;
 using ovsdb::RowChange;
 using ovsdb::textOf;
 
-uint16_t vlanOf(const Json& atom) {
+uint16_t vlanOf(Json atom) {
   const int64_t vlan = integerOf(atom);
   if (vlan < 0 || vlan > 4095) throw ovsdb::ProtocolError("a binding of no VLAN");
   return static_cast<uint16_t>(vlan);
 }
 
 void applyText(const RowChange& change, const char* column, std::string& target) {
-  if (const Json* value = change.find(column)) target = textOf(*value);
+  if (const auto value = change.find(column)) target = textOf(*value);
 }
 
 // An optional value: its new one stands in a modification too, where it has one; but for a
@@ -27,10 +27,10 @@ void applyText(const RowChange& change, const char* column, std::string& target)
 template <class Element, class Read>
 void applyOptional(const RowChange& change, const char* column, std::set<Element>& target,
                    const Read& read) {
-  const Json* value = change.find(column);
-  if (value == nullptr) return;
+  const auto value = change.find(column);
+  if (!value) return;
   std::set<Element> named;
-  ovsdb::forEachElement(*value, [&](const Json& atom) { named.insert(read(atom)); });
+  ovsdb::forEachElement(*value, [&](Json atom) { named.emplace(read(atom)); });
   if (change.kind == Kind::kModify && named.size() > 1) {
     for (const Element& element : target) named.erase(element);
   } else if (change.kind == Kind::kModify && named == target) {
@@ -40,7 +40,7 @@ void applyOptional(const RowChange& change, const char* column, std::set<Element
 }
 
 void applyReference(const RowChange& change, const char* column, std::optional<Uuid>& target) {
-  if (const Json* value = change.find(column)) target = Uuid::of(*value);
+  if (const auto value = change.find(column)) target = Uuid::of(*value);
 }
 
 // The row that a change is about: a new one for an insertion; null where it is unknown.
@@ -217,7 +217,7 @@ void Replica::applySwitch(const RowChange& change) {
 }
 
 void Replica::applyPort(const RowChange& change) {
-  if (change.isNew() || change.kind == Kind::kDelete || change.find("name") != nullptr) {
+  if (change.isNew() || change.kind == Kind::kDelete || change.find("name")) {
     arePortsStale_ = true;
   }
   if (change.kind == Kind::kDelete) {
@@ -328,10 +328,10 @@ void Replica::applyMac(MacTable table, const RowChange& change) {
   const auto found = rows.find(change.uuid);
   if (found != rows.end()) {
     countMac(table, change.uuid, found->second, false);
-    if (change.kind == Kind::kDelete || change.find("logical_switch") != nullptr) rows.erase(found);
+    if (change.kind == Kind::kDelete || change.find("logical_switch")) rows.erase(found);
   }
   if (change.kind == Kind::kDelete) return;
-  if (const Json* value = change.find("logical_switch")) rows[change.uuid] = Uuid::of(*value);
+  if (const auto value = change.find("logical_switch")) rows[change.uuid] = Uuid::of(*value);
   const auto now = rows.find(change.uuid);
   if (now != rows.end()) countMac(table, change.uuid, now->second, true);
 }

@@ -14,8 +14,11 @@
 #pragma once
 
 #include <functional>
+#include <map>
 #include <memory>
+#include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "agent/ovsdb/session.h"
@@ -87,24 +90,25 @@ class Client final : private Session::Observer {
   // Session::Observer.
   void onOpen() override;
   void onClosed(const std::string& reason) override;
-  void onNotification(const std::string& method, Json& params) override;
+  void onNotification(std::string_view method, Json params) override;
 
-  void takeSchema(const Json& schema);
+  void takeSchema(Json schema);
   void monitor(Method method);
-  void takeInitial(Method method, Json& result);
-  void takeRows(const Json& updates, UpdateForm form);
+  void takeInitial(Method method, Json result);
+  void takeRows(Json updates, UpdateForm form);
   void askForLock(const char* method);
 
   const ClientSettings settings_;
   Client::Observer& observer_;
   Session session_;
-  Json schema_;  // the tables of the server's schema
+  std::string schema_;  // the tables of the server's schema, as JSON
+  std::map<std::string, std::set<std::string>, std::less<>> columns_;  // of these tables
   std::string lastTransaction_;
   bool isReady_ = false;
   bool isFilled_ = false;  // rows were read, of this connection or one before
 };
 
 // The first error of a reply to a transaction, as text; empty without one. `result` may be null.
-std::string errorOfTransaction(const Json* result, const Json& error);
+std::string errorOfTransaction(const Json* result, Json error);
 
 }  // namespace vnagent::ovsdb

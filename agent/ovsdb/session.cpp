@@ -162,39 +162,44 @@ class Session::Impl : public std::enable_shared_from_this<Impl> {
   }
 
   void takeMessage(std::string_view text) {
-    Json message = Json::parse(text, nullptr, false);
-    if (message.is_discarded()) throw ProtocolError("the server sent what is not JSON");
-    const auto method = message.find("method");
-    if (method == message.end()) {
+    simdjson::dom::parser parser;
+    Json message;
+    if (const auto fault = parser.parse(text.data(), text.size()).get(message)) {
+      throw ProtocolError(std::string("the server sent what is not JSON: ") +
+                          simdjson::error_message(fault));
+    }
+    Json method;
+    if (message["method"].get(method)) {
       takeReply(message);
       return;
     }
-    auto params = message.find("params");
-    if (!method->is_string() || params == message.end()) {
+    std::string_view name;
+    Json params;
+    if (method.get(name) || message["params"].get(params)) {
       throw ProtocolError("the server sent a request without method or params");
     }
-    if (*method == "echo") {
-      const auto id = message.find("id");
-      send(Json{{"result", *params}, {"error", nullptr}, {"id", id == message.end() ? Json() : *id}}
-               .dump(-1, ' ', false, Json::error_handler_t::replace));
+    if (name == "echo") {
+      Json id;
+      const bool hasId = !message["id"].get(id);
+      send(R"({"result":)" + simdjson::minify(params) + R"(,"error":null,"id":)" +
+           (hasId ? simdjson::minify(id) : "null") + "}");
     } else {
-      observer_.onNotification(method->get<std::string>(), *params);
+      observer_.onNotification(name, params);
     }
   }
 
-  void takeReply(Json& message) {
-    const auto id = message.find("id");
-    const auto result = message.find("result");
-    const auto error = message.find("error");
-    if (id == message.end() || result == message.end() || error == message.end()) {
+  void takeReply(Json message) {
+    Json id, result, error;
+    if (message["id"].get(id) || message["result"].get(result) || message["error"].get(error)) {
       throw ProtocolError("the server sent what is neither a request nor a reply");
     }
-    if (!id->is_number_unsigned()) return;  // of an echo
-    const auto found = calls_.find(id->get<uint64_t>());
+    uint64_t number = 0;
+    if (id.get(number)) return;  // of an echo
+    const auto found = calls_.find(number);
     if (found == calls_.end()) return;
     const Reply reply = std::move(found->second);
     calls_.erase(found);
-    reply(error->is_null() ? &*result : nullptr, *error);
+    reply(error.is_null() ? &result : nullptr, error);
   }
 
   void send(std::string text) {

@@ -3,47 +3,43 @@
 namespace vnagent::ovsdb {
 namespace {
 
-const Json& noColumns() {
-  static const Json kNone = Json::object();
-  return kNone;
+using simdjson::dom::object;
+using Take = std::function<void(const RowChange&)>;
+
+object objectOf(Json value) {
+  object members;
+  if (value.get(members)) throw ProtocolError("an object is expected in an update");
+  return members;
 }
 
-const Json& objectIn(const Json& value) {
-  if (!value.is_object()) throw ProtocolError("an object is expected in an update");
-  return value;
+std::optional<Json> memberOf(object members, std::string_view name) {
+  Json value;
+  return members[name].get(value) ? std::nullopt : std::optional(value);
 }
 
-const Json* memberOf(const Json& object, const char* name) {
-  const auto found = object.find(name);
-  return found == object.end() ? nullptr : &*found;
-}
-
-void readOldAndNew(std::string_view table, const Uuid& uuid, const Json& update,
-                   const std::function<void(const RowChange&)>& take) {
-  const Json* before = memberOf(update, "old");
-  const Json* after = memberOf(update, "new");
-  if (after != nullptr) {
-    const auto kind = before != nullptr ? RowChange::Kind::kReplace : RowChange::Kind::kInsert;
-    take({kind, table, uuid, objectIn(*after)});
-  } else if (before != nullptr) {
-    take({RowChange::Kind::kDelete, table, uuid, noColumns()});
+void readOldAndNew(std::string_view table, const Uuid& uuid, object update, const Take& take) {
+  const auto before = memberOf(update, "old");
+  if (const auto after = memberOf(update, "new")) {
+    const auto kind = before ? RowChange::Kind::kReplace : RowChange::Kind::kInsert;
+    take({kind, table, uuid, objectOf(*after)});
+  } else if (before) {
+    take({RowChange::Kind::kDelete, table, uuid, {}});
   } else {
     throw ProtocolError("an update of a row without old and new");
   }
 }
 
-void readDifferences(std::string_view table, const Uuid& uuid, const Json& update,
-                     const std::function<void(const RowChange&)>& take) {
+void readDifferences(std::string_view table, const Uuid& uuid, object update, const Take& take) {
   for (const char* name : {"initial", "insert"}) {
-    if (const Json* row = memberOf(update, name)) {
-      take({RowChange::Kind::kInsert, table, uuid, objectIn(*row)});
+    if (const auto row = memberOf(update, name)) {
+      take({RowChange::Kind::kInsert, table, uuid, objectOf(*row)});
       return;
     }
   }
-  if (const Json* row = memberOf(update, "modify")) {
-    take({RowChange::Kind::kModify, table, uuid, objectIn(*row)});
-  } else if (update.contains("delete")) {
-    take({RowChange::Kind::kDelete, table, uuid, noColumns()});
+  if (const auto row = memberOf(update, "modify")) {
+    take({RowChange::Kind::kModify, table, uuid, objectOf(*row)});
+  } else if (memberOf(update, "delete")) {
+    take({RowChange::Kind::kDelete, table, uuid, {}});
   } else {
     throw ProtocolError("an update of a row that says nothing");
   }
@@ -51,20 +47,19 @@ void readDifferences(std::string_view table, const Uuid& uuid, const Json& updat
 
 }  // namespace
 
-const Json* RowChange::find(const char* column) const {
-  return memberOf(columns, column);
+std::optional<Json> RowChange::find(std::string_view column) const {
+  return columns ? memberOf(*columns, column) : std::nullopt;
 }
 
-void forEachRow(const Json& updates, UpdateForm form,
-                const std::function<void(const RowChange&)>& take) {
-  for (const auto& [table, rows] : objectIn(updates).items()) {
-    for (const auto& [text, update] : objectIn(rows).items()) {
-      const auto uuid = Uuid::parse(text);
+void forEachRow(Json updates, UpdateForm form, const Take& take) {
+  for (const auto table : objectOf(updates)) {
+    for (const auto row : objectOf(table.value)) {
+      const auto uuid = Uuid::parse(row.key);
       if (!uuid) throw ProtocolError("an update of a row without a UUID");
       if (form == UpdateForm::kOldAndNew) {
-        readOldAndNew(table, *uuid, objectIn(update), take);
+        readOldAndNew(table.key, *uuid, objectOf(row.value), take);
       } else {
-        readDifferences(table, *uuid, objectIn(update), take);
+        readDifferences(table.key, *uuid, objectOf(row.value), take);
       }
     }
   }

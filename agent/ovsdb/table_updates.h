@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
 #include <string_view>
@@ -33,11 +34,11 @@ struct RowChange {
   Kind kind;
   std::string_view table;
   Uuid uuid;
-  const Json& columns;  // an object; empty for kDelete
+  std::optional<simdjson::dom::object> columns;  // nothing for kDelete
 
   bool isNew() const { return kind == Kind::kInsert; }
-  // The value of a column, or null where it is not named.
-  const Json* find(const char* column) const;
+  // The value of a column, or nothing where it is not named.
+  std::optional<Json> find(std::string_view column) const;
 };
 
 enum class UpdateForm : uint8_t {
@@ -46,20 +47,19 @@ enum class UpdateForm : uint8_t {
 };
 
 // Calls `take` for each row, table by table. Throws ProtocolError.
-void forEachRow(const Json& updates, UpdateForm form,
-                const std::function<void(const RowChange&)>& take);
+void forEachRow(Json updates, UpdateForm form, const std::function<void(const RowChange&)>& take);
 
 // Applies a column to a set of atoms, which `read` makes of JSON. Does nothing where the change
 // does not name it. Returns whether it does.
 template <class Element, class Read>
 bool applySet(const RowChange& change, const char* column, std::set<Element>& target,
               const Read& read) {
-  const Json* value = change.find(column);
-  if (value == nullptr) return false;
+  const auto value = change.find(column);
+  if (!value) return false;
   const bool isDifference = change.kind == RowChange::Kind::kModify;
   if (!isDifference) target.clear();
-  forEachElement(*value, [&](const Json& atom) {
-    const Element element = read(atom);
+  forEachElement(*value, [&](Json atom) {
+    const Element element(read(atom));
     if (!target.insert(element).second && isDifference) target.erase(element);
   });
   return true;
@@ -70,10 +70,11 @@ bool applySet(const RowChange& change, const char* column, std::set<Element>& ta
 template <class Map, class ReadKey, class ReadValue, class Changed>
 bool applyMap(const RowChange& change, const char* column, Map& target, const ReadKey& readKey,
               const ReadValue& readValue, const Changed& changed) {
+  using Key = typename Map::key_type;
   using Value = typename Map::mapped_type;
-  const Json* value = change.find(column);
-  if (value == nullptr) return false;
-  const auto set = [&](const auto& key, const Value& now) {
+  const auto value = change.find(column);
+  if (!value) return false;
+  const auto set = [&](const Key& key, const Value& now) {
     const auto [place, isNew] = target.try_emplace(key, now);
     if (isNew) {
       changed(key, static_cast<const Value*>(nullptr), &now);
@@ -86,9 +87,9 @@ bool applyMap(const RowChange& change, const char* column, Map& target, const Re
     return true;
   };
   if (change.kind == RowChange::Kind::kModify) {
-    forEachPair(*value, [&](const Json& keyJson, const Json& valueJson) {
-      const auto key = readKey(keyJson);
-      const Value now = readValue(valueJson);
+    forEachPair(*value, [&](Json keyJson, Json valueJson) {
+      const Key key(readKey(keyJson));
+      const Value now(readValue(valueJson));
       if (set(key, now)) return;
       // The same pair again: it is in the value before only.
       target.erase(key);
@@ -97,8 +98,8 @@ bool applyMap(const RowChange& change, const char* column, Map& target, const Re
     return true;
   }
   Map whole;
-  forEachPair(*value, [&](const Json& keyJson, const Json& valueJson) {
-    whole.insert_or_assign(readKey(keyJson), readValue(valueJson));
+  forEachPair(*value, [&](Json keyJson, Json valueJson) {
+    whole.insert_or_assign(Key(readKey(keyJson)), Value(readValue(valueJson)));
   });
   std::swap(target, whole);
   for (const auto& [key, before] : whole) {

@@ -1,5 +1,7 @@
 #include "agent/ovsdb/value.h"
 
+#include <array>
+
 namespace vnagent::ovsdb {
 namespace {
 
@@ -9,16 +11,31 @@ bool isDash(size_t index) {
   return index == 8 || index == 13 || index == 18 || index == 23;
 }
 
-int digitOf(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
+// The value of each hexadecimal digit, and kNoDigit of every other byte.
+constexpr uint8_t kNoDigit = 16;
+constexpr auto kDigitOf = [] {
+  std::array<uint8_t, 256> digits{};
+  digits.fill(kNoDigit);
+  for (uint8_t i = 0; i < 10; ++i) digits[size_t{'0'} + i] = i;
+  for (uint8_t i = 0; i < 6; ++i) {
+    digits[size_t{'a'} + i] = digits[size_t{'A'} + i] = static_cast<uint8_t>(10 + i);
+  }
+  return digits;
+}();
+
+// X of [tag, X].
+std::optional<Json> tagged(Json value, std::string_view tag) {
+  simdjson::dom::array pair;
+  std::string_view first;
+  if (value.get(pair) || pair.size() != 2) return std::nullopt;
+  auto at = pair.begin();
+  if ((*at).get(first) || first != tag) return std::nullopt;
+  return *++at;
 }
 
-bool isTagged(const Json& value, const char* tag) {
-  return value.is_array() && value.size() == 2 && value[0].is_string() &&
-         value[0].get_ref<const std::string&>() == tag;
+ProtocolError unexpected(const char* what, Json value) {
+  return ProtocolError(std::string(what) + " is expected in place of " +
+                       simdjson::minify(value).substr(0, 80));
 }
 
 }  // namespace
@@ -31,19 +48,20 @@ std::optional<Uuid> Uuid::parse(std::string_view text) {
       if (text[i] != '-') return std::nullopt;
       continue;
     }
-    const int digit = digitOf(text[i]);
-    if (digit < 0) return std::nullopt;
+    const uint8_t digit = kDigitOf[static_cast<uint8_t>(text[i])];
+    if (digit == kNoDigit) return std::nullopt;
     uint64_t& half = i < 18 ? uuid.high : uuid.low;
-    half = half << 4 | static_cast<uint64_t>(digit);
+    half = half << 4 | digit;
   }
   return uuid;
 }
 
-Uuid Uuid::of(const Json& value) {
-  if (isTagged(value, "uuid") && value[1].is_string()) {
-    if (const auto uuid = parse(value[1].get_ref<const std::string&>())) return *uuid;
+Uuid Uuid::of(Json value) {
+  std::string_view text;
+  if (const auto tail = tagged(value, "uuid"); tail && !tail->get(text)) {
+    if (const auto uuid = parse(text)) return *uuid;
   }
-  throw ProtocolError("a UUID is expected in place of " + value.dump().substr(0, 80));
+  throw unexpected("a UUID", value);
 }
 
 std::string Uuid::text() const {
@@ -65,36 +83,40 @@ void Uuid::appendTo(std::string& json) const {
   json += "\"]";
 }
 
-void forEachElement(const Json& set, const std::function<void(const Json&)>& take) {
-  if (!isTagged(set, "set")) {
+void forEachElement(Json set, const std::function<void(Json)>& take) {
+  const auto tail = tagged(set, "set");
+  if (!tail) {
     take(set);
     return;
   }
-  if (!set[1].is_array()) throw ProtocolError("a set without its elements");
-  for (const Json& element : set[1]) take(element);
+  simdjson::dom::array elements;
+  if (tail->get(elements)) throw ProtocolError("a set without its elements");
+  for (const Json element : elements) take(element);
 }
 
-void forEachPair(const Json& map,
-                 const std::function<void(const Json& key, const Json& value)>& take) {
-  if (!isTagged(map, "map") || !map[1].is_array()) {
-    throw ProtocolError("a map is expected in place of " + map.dump().substr(0, 80));
-  }
-  for (const Json& pair : map[1]) {
-    if (!pair.is_array() || pair.size() != 2) throw ProtocolError("a map with an incomplete pair");
-    take(pair[0], pair[1]);
+void forEachPair(Json map, const std::function<void(Json key, Json value)>& take) {
+  const auto tail = tagged(map, "map");
+  simdjson::dom::array pairs;
+  if (!tail || tail->get(pairs)) throw unexpected("a map", map);
+  for (const Json one : pairs) {
+    simdjson::dom::array pair;
+    if (one.get(pair) || pair.size() != 2) throw ProtocolError("a map with an incomplete pair");
+    auto at = pair.begin();
+    const Json key = *at;
+    take(key, *++at);
   }
 }
 
-const std::string& textOf(const Json& atom) {
-  if (!atom.is_string()) throw ProtocolError("a string is expected in place of " + atom.dump());
-  return atom.get_ref<const std::string&>();
+std::string_view textOf(Json atom) {
+  std::string_view text;
+  if (atom.get(text)) throw unexpected("a string", atom);
+  return text;
 }
 
-int64_t integerOf(const Json& atom) {
-  if (!atom.is_number_integer()) {
-    throw ProtocolError("an integer is expected in place of " + atom.dump());
-  }
-  return atom.get<int64_t>();
+int64_t integerOf(Json atom) {
+  int64_t number = 0;
+  if (atom.get(number)) throw unexpected("an integer", atom);
+  return number;
 }
 
 }  // namespace vnagent::ovsdb

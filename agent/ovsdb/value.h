@@ -15,11 +15,12 @@
 #include <string>
 #include <string_view>
 
-#include <nlohmann/json.hpp>
+#include <simdjson.h>
 
 namespace vnagent::ovsdb {
 
-using Json = nlohmann::json;
+// A value of a message; lasts as long as the message.
+using Json = simdjson::dom::element;
 
 // The server sent what the protocol does not know.
 class ProtocolError : public std::runtime_error {
@@ -34,7 +35,7 @@ struct Uuid {
   // Nothing for other text than 8-4-4-4-12 hexadecimal digits.
   static std::optional<Uuid> parse(std::string_view text);
   // Of ["uuid", TEXT].
-  static Uuid of(const Json& value);
+  static Uuid of(Json value);
 
   std::string text() const;
   // Appends ["uuid", TEXT].
@@ -44,14 +45,14 @@ struct Uuid {
 };
 
 // Calls `take` for each element of a set; an atom is a set of one.
-void forEachElement(const Json& set, const std::function<void(const Json&)>& take);
+void forEachElement(Json set, const std::function<void(Json)>& take);
 
 // Calls `take` for each pair of a map.
-void forEachPair(const Json& map, const std::function<void(const Json& key, const Json& value)>&);
+void forEachPair(Json map, const std::function<void(Json key, Json value)>& take);
 
 // Atoms.
-const std::string& textOf(const Json& atom);
-int64_t integerOf(const Json& atom);
+std::string_view textOf(Json atom);
+int64_t integerOf(Json atom);
 
 }  // namespace vnagent::ovsdb
 

@@ -15,7 +15,7 @@ std::vector<std::string> events(std::string_view bytes, size_t piece) {
   std::vector<std::string> found;
   for (size_t begin = 0; begin < bytes.size(); begin += piece) {
     reader.feed(bytes.substr(begin, piece), [&](const LiveEvent& event) {
-      found.push_back(event.id + " " + event.name + " " + event.data.dump());
+      found.push_back(event.id + " " + event.name + " " + event.json().dump());
     });
   }
   return found;

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
@@ -37,6 +38,12 @@ json documentOf(const char* text) {
 
 class DesiredTest : public testing::Test {
  protected:
+  void replace(const json& document) { desired_.replace(read(document)); }
+  void merge(const json& patch) { desired_.merge(read(patch)); }
+
+  // Lasts until the next call.
+  simdjson::dom::element read(const json& document) { return parser_.parse(document.dump()); }
+
   // "swp1 100 vni1" of each binding of a switch.
   std::vector<std::string> bindings(size_t index) const {
     std::vector<std::string> lines;
@@ -56,6 +63,7 @@ class DesiredTest : public testing::Test {
     return count;
   }
 
+  simdjson::dom::parser parser_;
   Problems problems_;
   const ExportMap map_ = ExportMap::parse(kMap);
   Desired desired_{map_, problems_};
@@ -92,7 +100,7 @@ TEST(LogicalSwitchIdTest, NamesAreOneToOne) {
 }
 
 TEST_F(DesiredTest, AHostIsWhereTheMapSays) {
-  desired_.replace(documentOf(R"({"h": {"100": ["1"], "101": []}, "bond": {"7": ["1"]}})"));
+  replace(documentOf(R"({"h": {"100": ["1"], "101": []}, "bond": {"7": ["1"]}})"));
   EXPECT_EQ(bindings(0),
             (std::vector<std::string>{"e2 7 vni1", "swp1 100 vni1", "swp1 101 vlan101"}));
   EXPECT_EQ(bindings(1), (std::vector<std::string>{"e2 7 vni1"}));
@@ -102,21 +110,51 @@ TEST_F(DesiredTest, AHostIsWhereTheMapSays) {
 
 TEST_F(DesiredTest, TheSameDocumentChangesNothing) {
   const json document = documentOf(R"({"h": {"100": ["1"], "101": []}, "bond": {"7": ["1"]}})");
-  desired_.replace(document);
+  replace(document);
   EXPECT_GT(changes(0), 0u);
-  desired_.replace(document);
+  replace(document);
   EXPECT_EQ(changes(0), 0u);
+}
+
+TEST_F(DesiredTest, NamesThePlaceOfAFault) {
+  const auto faultOf = [&](const char* text) -> std::string {
+    try {
+      replace(json::parse(text));
+    } catch (const InvalidOutput& fault) {
+      return fault.what();
+    }
+    return "none";
+  };
+  EXPECT_EQ(faultOf("[]"), ": an object is expected");
+  EXPECT_EQ(faultOf(R"({"requestedResources": 1})"), "/requestedResources: an object is expected");
+  EXPECT_EQ(faultOf(R"({"networkElement": {"a": []}})"),
+            "/networkElement/a: an object is expected");
+  const auto faultOfPort = [&](const std::string& port) {
+    return faultOf(
+        (R"({"requestedResources": {"resourcesForSwitchport": {"a": {"p": )" + port + "}}}}")
+            .c_str());
+  };
+  EXPECT_EQ(faultOfPort("{}"), "none");
+  EXPECT_EQ(faultOfPort("1"), "/a/p: an object is expected");
+  EXPECT_EQ(faultOfPort(R"({"nativeVlan": 4095})"), "/a/p/nativeVlan: a VLAN is expected");
+  EXPECT_EQ(faultOfPort(R"({"nativeVlan": -1})"), "/a/p/nativeVlan: a VLAN is expected");
+  EXPECT_EQ(faultOfPort(R"({"vlan": {"4095": {}}})"), "/a/p/vlan: \"4095\" is not a VLAN");
+  EXPECT_EQ(faultOfPort(R"({"vlan": {"1x": {}}})"), "/a/p/vlan: \"1x\" is not a VLAN");
+  EXPECT_EQ(faultOfPort(R"({"vlan": {"7": {"mappedVni": {"0": []}}}})"),
+            "/a/p/vlan/7: \"0\" is not a VNI");
+  EXPECT_EQ(faultOfPort(R"({"vlan": {"7": {"mappedVni": []}}})"),
+            "/a/p/vlan/7/mappedVni: an object is expected");
 }
 
 TEST_F(DesiredTest, OneVlanMarksOneBinding) {
   json all = json::object();
   for (int vlan = 1; vlan < 4095; ++vlan) all[std::to_string(vlan)] = json::array({"1"});
-  desired_.replace(documentOf(json{{"h", all}}.dump().c_str()));
+  replace(documentOf(json{{"h", all}}.dump().c_str()));
   changes(0);
-  desired_.merge(documentOf(R"({"h": {"100": ["2"]}})"));
+  merge(documentOf(R"({"h": {"100": ["2"]}})"));
   EXPECT_TRUE(problems_.any(ProblemKind::kTwoVnis));
   EXPECT_EQ(changes(0), 1u);
-  desired_.merge(json::parse(R"({"requestedResources": {"resourcesForHostname": {"h": {"vlan":
+  merge(json::parse(R"({"requestedResources": {"resourcesForHostname": {"h": {"vlan":
       {"100": {"mappedVni": {"1": null}}}}}}})"));
   EXPECT_FALSE(problems_.any(ProblemKind::kTwoVnis));
   EXPECT_EQ(changes(0), 2u);  // and the Logical_Switch of VNI 2
@@ -133,7 +171,7 @@ class PlannerTest : public DesiredTest {
 
   void row(const char* table, int number, const json& columns) {
     const json updates{{table, {{uuid(number), {{"initial", columns}}}}}};
-    ovsdb::forEachRow(updates, ovsdb::UpdateForm::kDifferences,
+    ovsdb::forEachRow(read(updates), ovsdb::UpdateForm::kDifferences,
                       [this](const auto& change) { replica_.apply(change); });
   }
 
@@ -158,7 +196,7 @@ class PlannerTest : public DesiredTest {
 
 TEST_F(PlannerTest, AnEmptyDatabaseIsFilledInOnePlan) {
   makeSwitch();
-  desired_.replace(documentOf(R"({"h": {"100": ["1"]}, "bond": {"7": ["1"]}})"));
+  replace(documentOf(R"({"h": {"100": ["1"]}, "bond": {"7": ["1"]}})"));
   const json operations = planned();
   EXPECT_EQ(plan_.logicalSwitchesAdded, 1u);
   EXPECT_EQ(plan_.floodsChanged, 1u);
@@ -174,7 +212,7 @@ TEST_F(PlannerTest, WhatIsThereIsNotPlanned) {
   row("Logical_Switch", 3,
       {{"name", "vlan5"}, {"replication_mode", "source_node"}, {"other_config", owned()}});
   row("Physical_Port", 2, {{"name", "swp1"}, {"vlan_bindings", {"map", {{5, {"uuid", uuid(3)}}}}}});
-  desired_.replace(documentOf(R"({"h": {"5": []}})"));
+  replace(documentOf(R"({"h": {"5": []}})"));
   EXPECT_EQ(planned(), json::array());
 }
 

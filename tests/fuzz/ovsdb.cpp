@@ -1,6 +1,7 @@
 // Fuzz target: what an OVSDB server sends. The first byte says how the rest is cut into pieces; the
 // rest is a stream of JSON-RPC objects, whose last parameter is an update of rows. The rows go to
 // the replica of a hardware_vtep database, and the planner compares them with an output document.
+#include <cstring>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
@@ -45,21 +46,21 @@ class Database {
       : map_(vnagent::ExportMap::parse(kMap)),
         desired_(map_, problems_),
         replica_("a", desired_.at(0), desired_.changesOf(0)) {
-    desired_.replace(json::parse(kOutput));
+    simdjson::dom::parser parser;
+    desired_.replace(parser.parse(kOutput, std::strlen(kOutput)));
     replica_.reset();
   }
 
-  void take(const json& message) {
-    const auto method = message.find("method");
-    const auto params = message.find("params");
-    if (method == message.end() || params == message.end() || !params->is_array() ||
-        params->empty()) {
-      return;
-    }
+  void take(vnagent::ovsdb::Json message) {
+    std::string_view method;
+    simdjson::dom::array params;
+    if (message["params"].get(params) || params.size() == 0) return;
+    vnagent::ovsdb::Json updates;
+    if (message["method"].get(method) || params.at(params.size() - 1).get(updates)) return;
     using vnagent::ovsdb::UpdateForm;
-    const auto form = *method == "update" ? UpdateForm::kOldAndNew : UpdateForm::kDifferences;
+    const auto form = method == "update" ? UpdateForm::kOldAndNew : UpdateForm::kDifferences;
     try {
-      vnagent::ovsdb::forEachRow(params->back(), form,
+      vnagent::ovsdb::forEachRow(updates, form,
                                  [this](const auto& change) { replica_.apply(change); });
     } catch (const vnagent::ovsdb::ProtocolError&) {
       // The connection ends, and the copy is thrown away.
@@ -94,8 +95,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   require(whole.objects == pieces.objects, "the pieces do not matter");
   Database database;
   for (const std::string& object : whole.objects) {
-    const json message = json::parse(object, nullptr, false);
-    if (message.is_object()) database.take(message);
+    simdjson::dom::parser parser;
+    vnagent::ovsdb::Json message;
+    if (!parser.parse(object).get(message)) database.take(message);
   }
   return 0;
 }
