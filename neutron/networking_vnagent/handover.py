@@ -6,8 +6,13 @@ not mix, and none is cut by a process that is killed. What was written survives 
 reads; what that one took and did not send is part of the full sync with which its successor begins.
 Writing never waits: where the pipe is full, all that is left is that something was lost, in memory
 that the processes share, and a full sync follows.
+
+Where another web server answers the calls, its processes are not children of the server that
+publishes: they share a pipe with a name, in a folder of Neutron. What a process lost there it says
+itself, with the next that it writes.
 """
 import collections.abc
+import contextlib
 import dataclasses
 import fcntl
 import io
@@ -57,11 +62,30 @@ class Received(typing.NamedTuple):
     lost: str
 
 
-class Handover:
-    """One pipe. Any thread and any child process may write; one process reads."""
+def is_read(path: str) -> bool:
+    """Whether a process has a pipe of this name open, to read what others write."""
+    try:
+        os.close(os.open(path, os.O_WRONLY | os.O_NONBLOCK | os.O_CLOEXEC))
+    except OSError:
+        return False
+    return True
 
-    def __init__(self) -> None:
-        reader, writer = os.pipe2(os.O_NONBLOCK | os.O_CLOEXEC)
+
+class Handover:
+    """One pipe. Any thread and any child process may write; one process reads, or several of which
+    each takes a part."""
+
+    def __init__(self, path: str | None = None) -> None:
+        """With a path: a pipe of this name, which is made where there is none. Raises OSError."""
+        self._is_named = path is not None
+        if path is None:
+            reader, writer = os.pipe2(os.O_NONBLOCK | os.O_CLOEXEC)
+        else:
+            with contextlib.suppress(FileExistsError):
+                os.mkfifo(path, 0o600)
+            # Both ends, so that writing never finds the other one closed, and reading neither.
+            reader = os.open(path, os.O_RDWR | os.O_NONBLOCK | os.O_CLOEXEC)
+            writer = os.dup(reader)
         try:
             fcntl.fcntl(writer, fcntl.F_SETPIPE_SZ, CAPACITY)
         except OSError:
@@ -81,6 +105,9 @@ class Handover:
 
     def send(self, change: Change) -> None:
         """Hands a change on. Never waits, and raises nothing."""
+        if self._is_named and self._lost[0]:
+            self._lost[0] = 0
+            self.restarted()
         for part in _parts(change):
             line = json.dumps(_encoded(part), separators=(",", ":")).encode() + b"\n"
             self._write(line)

@@ -1,9 +1,9 @@
 """What runs in the process that publishes: publishers, and the looks at the database.
 
 neutron-server has a process of its own for it; the processes that answer calls hand over to it what
-they change. Where Neutron's API runs in another web server, and with SQLite, each process that
-changes something publishes it itself. Other web servers run its threads only while they answer a
-call, so that this is late there.
+they change. Where another web server answers the calls, its processes hand over to those of
+neutron-rpc-server on the same host, through a pipe with a name: another web server runs Neutron's
+threads only while it answers a call. With SQLite the process that answers calls publishes itself.
 """
 import collections.abc
 import os
@@ -30,6 +30,8 @@ LOG = log.getLogger(__name__)
 
 # A block of a port that was there at two looks so far apart, in seconds, is nobody else's.
 ORPHAN_AGE = 5
+# The pipe with a name, in Neutron's state_path.
+PIPE = "vnagent-changes"
 # Seconds for which a full sync is left to other servers, when a process was started.
 RESTART_DELAY = 5
 
@@ -50,6 +52,9 @@ class ServerProcess:
         self._lock = threading.Lock()
         self._pid = 0
         self._hands_over = False
+        # Whether this is a process of another web server that has nobody to hand over to.
+        self._is_alone = False
+        self._path = os.path.join(cfg.CONF.state_path, PIPE)
         self._handover = handover.Handover()
         self._router = routing.Router(agents)
         self._publishers: list[publisher.Publisher] = []
@@ -66,26 +71,48 @@ class ServerProcess:
         if self._hands_over:
             self._handover.restarted()
         else:
-            self._publish_itself()
+            self._publish_itself(None if uses_sqlite() else self._path)
 
     def changed(self, change: handover.Change) -> None:
         """Hands a change on; it does not wait for anything."""
-        if not self._hands_over and self._pid != os.getpid():
-            if not uses_sqlite():
-                LOG.warning("This process is not one of neutron-server: it sends what it changes "
-                            "only while it answers calls, and what it deletes may wait for the "
-                            "next full sync. Let neutron-server answer the calls.")
-            self._publish_itself()
+        if not self._hands_over and (self._pid != os.getpid() or self._is_alone):
+            self._find_publisher()
         self._handover.send(change)
 
-    def _publish_itself(self) -> None:
+    def _find_publisher(self) -> None:
+        """In a process of another web server, which no event has announced."""
+        if not uses_sqlite():
+            if handover.is_read(self._path):
+                self._handover = handover.Handover(self._path)
+                self._hands_over, self._is_alone = True, False
+                # As when a process of neutron-server begins.
+                self._handover.restarted()
+                return
+            if not self._is_alone:
+                self._is_alone = True
+                LOG.warning("No neutron-rpc-server on this host has opened %s: this process sends "
+                            "what it changes only while it answers calls, and what it deletes may "
+                            "wait for the next full sync. Start neutron-rpc-server.", self._path)
+        self._publish_itself()
+
+    def _publish_itself(self, path: str | None = None) -> None:
         if self._pid == os.getpid():
             return
         with self._lock:
             if self._pid != os.getpid():
                 # That of before is shared with the other processes.
-                self._handover = handover.Handover()
+                self._handover = self._opened(path)
         self.start()
+
+    @staticmethod
+    def _opened(path: str | None) -> handover.Handover:
+        try:
+            return handover.Handover(path)
+        except OSError as error:
+            LOG.warning("Other processes cannot hand over what they change, since %s cannot be "
+                        "opened: %s. See to it where another web server answers the calls.", path,
+                        error)
+            return handover.Handover()
 
     # The process that publishes.
 

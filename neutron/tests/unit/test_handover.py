@@ -1,5 +1,6 @@
 """What one process hands to another, and which agents it is for."""
 import os
+import tempfile
 import unittest
 from unittest import mock
 
@@ -55,6 +56,28 @@ class HandoverTest(unittest.TestCase):
         self.assertIn("more has changed", lost)
         self.pipe.send(change("p"))
         self.assertEqual((change("p"), ""), self.received())
+
+    def test_a_pipe_with_a_name_joins_processes_of_different_servers(self):
+        with tempfile.TemporaryDirectory() as folder:
+            path = os.path.join(folder, "changes")
+            self.assertFalse(handover.is_read(path))
+            os.mkfifo(path)
+            self.assertFalse(handover.is_read(path))
+            self.pipe.close()
+            self.pipe = handover.Handover(path)
+            self.assertTrue(handover.is_read(path))
+            other = handover.Handover(path)
+            self.addCleanup(other.close)
+            other.send(change("p"))
+            self.assertEqual((change("p"), ""), self.received())
+            # What was lost while the pipe was full is said with the next change.
+            ports = [f"{number:036}" for number in range(50)]
+            for _ in range(1000):
+                other.send(change(*ports))
+            self.received()
+            other.send(change("p"))
+            self.assertEqual((change("p"), "a process of this server was started"),
+                             self.received())
 
     def test_what_is_too_long_for_a_message_is_a_loss(self):
         self.pipe.send(handover.Change(backlog.Work(devices={"d" * handover.LONGEST})))
