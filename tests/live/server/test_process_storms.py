@@ -282,3 +282,33 @@ class Stops(StormTest):
             # A request of which nothing is known is at most one more.
             self.assertLessEqual(set(counts), there)
             self.assertLessEqual(len(there), len(counts) + 1)
+
+
+class LargeBodies(StormTest):
+    """The limit of each body alone would let them take 160 MiB."""
+
+    options = ("--max-body", "4194304", "--max-bodies", "8388608")
+
+    def test_many_large_bodies_at_once(self) -> None:
+        size = 4 << 20
+        pid = self.agent.process.pid
+        before = resident(pid)
+        connections = [UnixConnection(self.agent.socket) for _ in range(40)]
+        with contextlib.ExitStack() as stack:
+            for connection in connections:
+                stack.callback(connection.close)
+                connection.connect()
+                with contextlib.suppress(OSError):
+                    connection.sock.sendall(PATCH + b"Content-Length: %d\r\n\r\n" % size)
+                    connection.sock.sendall(b" " * (size - 1))
+            poll(lambda: self.refused_bodies() >= 38, "all but two are refused")
+            self.assertLess(resident(pid), before + (48 << 20) + ALLOWANCE)
+            # Small ones get through.
+            self.ok(self.client.patch({}))
+        poll(lambda: self.client.request("PATCH", "/v1/cloud", b" " * (size - 2) + b"{}").status
+             == 200, "there is room for a large body again")
+
+    def refused_bodies(self) -> int:
+        page = self.client.get("/metrics").body.decode()
+        return sum(int(line.split()[-1]) for line in page.splitlines()
+                   if line.startswith("vnagent_http_requests_total{") and 'status="503"' in line)
