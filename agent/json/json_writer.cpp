@@ -23,7 +23,7 @@ bool needsEscape(char c) {
 }
 
 // Whether one of eight bytes may need an escape; it says so of few others.
-bool mayNeedEscape(uint64_t bytes) {
+[[gnu::always_inline]] inline bool mayNeedEscape(uint64_t bytes) {
   constexpr uint64_t kOnes = 0x0101010101010101;
   constexpr uint64_t kHighs = 0x8080808080808080;
   const auto hasZero = [](uint64_t word) { return (word - kOnes) & ~word & kHighs; };

@@ -1,5 +1,7 @@
 #include "agent/live/target.h"
 
+#include <algorithm>
+
 #include "agent/json/utf8.h"
 
 namespace vnagent {
@@ -23,6 +25,9 @@ bool isUtf8(std::string_view text) {
 
 // Decodes percent-encoding; nothing where it is broken, or the result is not UTF-8.
 std::optional<std::string> decoded(std::string_view text, bool plusIsSpace) {
+  const bool isPlain = std::ranges::all_of(
+      text, [](char c) { return c != '%' && c != '+' && static_cast<unsigned char>(c) < 0x80; });
+  if (isPlain) return std::string(text);
   std::string out;
   for (size_t i = 0; i < text.size(); ++i) {
     if (text[i] == '+' && plusIsSpace) {

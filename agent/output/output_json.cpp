@@ -5,17 +5,37 @@
 namespace vnagent {
 namespace {
 
-// What of `keys` is not in `others`; both are sorted.
-template <class Keys>
-Keys without(const Keys& keys, const Keys& others) {
-  Keys rest;
-  auto other = others.begin();
-  for (const auto& key : keys) {
-    while (other != others.end() && *other < key) ++other;
-    if (other == others.end() || *other != key) rest.push_back(key);
-  }
-  return rest;
+bool isSame(uint16_t a, uint16_t b) {
+  return a == b;
 }
+// Mostly they are views of the same text.
+bool isSame(std::string_view a, std::string_view b) {
+  return a.size() == b.size() && (a.data() == b.data() || a == b);
+}
+
+// The difference of two sets, both sorted.
+template <class Keys>
+struct Difference {
+  Keys added;    // to the first, by the second
+  Keys removed;  // from the first
+
+  Difference(const Keys& before, const Keys& after) {
+    auto was = before.begin();
+    auto is = after.begin();
+    while (was != before.end() && is != after.end()) {
+      if (isSame(*was, *is)) {
+        ++was;
+        ++is;
+      } else if (*was < *is) {
+        removed.push_back(*was++);
+      } else {
+        added.push_back(*is++);
+      }
+    }
+    removed.insert(removed.end(), was, before.end());
+    added.insert(added.end(), is, after.end());
+  }
+};
 
 // Writes a document or a change. Of a change back each value may come with the one of the change
 // forward, `now`, which is null where there is none.
@@ -51,12 +71,11 @@ class OutputWriter {
   requires std::is_same_v<Key, std::string_view> || std::is_same_v<Key, uint16_t>
   void write(const std::vector<Key>& keys, const std::vector<Key>* now) {
     if (now == nullptr) return writeKeys(keys);
-    const auto added = without(keys, *now);
-    const auto removed = without(*now, keys);
-    if (added.size() + removed.size() >= keys.size()) return writeKeys(keys);
+    const Difference back(*now, keys);
+    if (back.added.size() + back.removed.size() >= keys.size()) return writeKeys(keys);
     json_.open('[');
-    writeKeys(added);
-    writeKeys(removed);
+    writeKeys(back.added);
+    writeKeys(back.removed);
     json_.close(']');
   }
 
