@@ -1,6 +1,8 @@
 """Each kind of output, as it appears in the databases."""
 
+import re
 import unittest
+import urllib.request
 
 from exporter import ExportTest, host, output, port
 
@@ -157,6 +159,28 @@ class ProblemTest(ExportTest):
         exporter = self.exporter()
         self.export(exporter, output(ports={"leaf-1": {"swp1": port({100: []}, native=7)}}))
         self.assertEqual({("native-without-vlan", "leaf-1/swp1")}, exporter.problems())
+
+    def test_two_natives_of_a_port_are_reported_and_none_is_native(self) -> None:
+        exporter = self.exporter()
+        ports = {"leaf-1": {"swp1": port({100: [1]}, native=100)}}
+        interfaces = {"leaf-1": {"physicalInterface": {"swp1": port({7: []}, native=7)}}}
+        exporter.send(output(ports=ports, elements=interfaces))
+        exporter.wait()
+        self.assertEqual({("two-natives", "leaf-1/swp1")}, exporter.problems())
+        self.assertEqual({100: "vni1", 7: "vlan7"},
+                         self.databases["leaf-1"].view()["bindings"]["swp1"])
+        self.export(exporter, output(ports=ports))
+        self.assertEqual(set(), exporter.problems())
+
+    def test_the_metrics_are_served_on_tcp_too(self) -> None:
+        exporter = self.exporter("--metrics", "127.0.0.1:0")
+        self.export(exporter, output({"compute-1": host({100: [1]})}))
+        found = re.search(r"metrics on port (\d+)", exporter.log.read_text())
+        assert found
+        with urllib.request.urlopen(f"http://127.0.0.1:{found[1]}/metrics", timeout=60) as reply:
+            page = reply.read().decode()
+        self.assertIn('vnagent_export_synced{switch="leaf-1"} 1\n', page)
+        self.assertIn('vnagent_export_logical_switches{switch="leaf-1"} 1\n', page)
 
 
 if __name__ == "__main__":
