@@ -1,5 +1,5 @@
-"""The client of the database against servers that know less, cut what they send into pieces, end the
-connection at any message, refuse a change, or send what the protocol does not know."""
+"""The client of the database against servers that know less, cut what they send into pieces, end
+the connection at any message, refuse a change, or send what the protocol does not know."""
 
 import json
 import socket
