@@ -1,5 +1,6 @@
 """What the exporter owns, what it leaves alone, and what it says about it."""
 
+import json
 import subprocess
 import unittest
 
@@ -158,8 +159,29 @@ class RepairTest(ExportTest):
         self.assertIn("leaf-2: + unknown-dst of vni1: 192.0.2.1", text)
         self.assertEqual(before, [database.view() for database in self.databases.values()])
 
-    def report(self) -> tuple[int, str]:
-        exporter = self.exporter("--report", "--deadline", "60", name="report")
+    def test_a_report_as_json_has_the_differences_of_each_switch(self) -> None:
+        exporter = self.exporter()
+        self.export(exporter, self.document)
+        exporter.stop()
+        status, text = self.report("--json")
+        self.assertEqual(0, status)
+        self.assertEqual({name: [] for name in self.databases}, self.differences(text))
+        self.damage()
+        _, lines = self.report()
+        status, text = self.report("--json")
+        self.assertEqual(5, status)
+        self.assertEqual([line for line in lines.splitlines()
+                          if not line.endswith(": no difference")],
+                         [f"{name}: {line}" for name, found in self.differences(text).items()
+                          for line in found])
+        self.assertEqual("report", json.loads(text)["mode"])
+
+    @staticmethod
+    def differences(text: str) -> dict[str, list[str]]:
+        return {name: one["differences"] for name, one in json.loads(text)["switches"].items()}
+
+    def report(self, *options: str) -> tuple[int, str]:
+        exporter = self.exporter("--report", "--deadline", "60", *options, name="report")
         exporter.send(self.document)
         text, _ = exporter.process.communicate(timeout=60)
         return exporter.process.returncode, text.decode()
