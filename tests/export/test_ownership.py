@@ -261,9 +261,18 @@ class LockTest(ExportTest):
         wait_for("the second is locked out",
                  lambda: {("locked", name) for name in self.switches} <= second.problems())
         self.expect(document)
-        self.assertEqual(5, subprocess.run(
-            [BINARY, "export", "hardware-vtep", "--status", "--control", second.control],
-            stdout=subprocess.DEVNULL, check=False).returncode)
+        for exporter, status, locked in ((first, 0, "yes"), (second, 5, "no")):
+            done = subprocess.run([BINARY, "export", "hardware-vtep", "--status", "--control",
+                                   exporter.control],
+                                  stdout=subprocess.PIPE, text=True, check=False)
+            self.assertEqual(status, done.returncode)
+            first_line, header, *lines = done.stdout.splitlines()
+            self.assertRegex(first_line, "^mode repair, revision ")
+            self.assertEqual(["switch", "connected", "locked", "synced"], header.split()[:4])
+            self.assertEqual([[name, "yes", locked, locked] for name in self.switches],
+                             [line.split()[:4] for line in lines[:3]])
+            self.assertEqual(0 if status == 0 else 3,
+                             sum(line.endswith("(locked)") for line in lines[3:]))
         first.kill()
         second.wait()
         self.expect(output())
