@@ -238,7 +238,7 @@ class ExportRun {
     if (isReport() || (options_.control.empty() && endsWhenSettled_)) return;
     try {
       server_.listenOnSocket(controlOf(options_));
-    } catch (const CannotListen& error) {
+    } catch (const CannotServeStatus& error) {
       if (!options_.control.empty()) throw;
       reportNote(fmt::format("no status is served: {}", error.what()));
     }
@@ -290,7 +290,7 @@ ExitStatus exportHardwareVtep(const ExportOptions& options) {
   } catch (const InvalidMap& error) {
     reportError(error.what());
     return ExitStatus::kRefused;
-  } catch (const CannotListen& error) {
+  } catch (const CannotServeStatus& error) {
     reportError(error.what());
     return ExitStatus::kUnreadable;
   }

@@ -72,13 +72,13 @@ uint16_t nativeVlanOf(Json value, const std::string& place) {
 
 }  // namespace
 
-void Changes::append(const Changes& more) {
+void SwitchChanges::append(const SwitchChanges& more) {
   bindings.insert(bindings.end(), more.bindings.begin(), more.bindings.end());
   logicalSwitches.insert(logicalSwitches.end(), more.logicalSwitches.begin(),
                          more.logicalSwitches.end());
 }
 
-void Changes::normalise() {
+void SwitchChanges::normalise() {
   const auto unique = [](auto& items) {
     if (!std::ranges::is_sorted(items)) std::ranges::sort(items);
     items.erase(std::unique(items.begin(), items.end()), items.end());
@@ -466,7 +466,7 @@ void Desired::setBinding(const Place& place, uint16_t vlan, std::optional<Logica
   if (isThere ? id == found->second : !id.has_value()) return;
 
   const BindingKey key{place.port, vlan};
-  Changes& changes = changes_[place.switchIndex];
+  SwitchChanges& changes = changes_[place.switchIndex];
   changes.bindings.push_back(key);
   if (isThere) {
     const LogicalSwitchId before = found->second;

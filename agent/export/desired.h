@@ -42,12 +42,12 @@ struct BindingKey {
 };
 
 // What is to be compared with the database again. May name a thing more than once.
-struct Changes {
+struct SwitchChanges {
   std::vector<BindingKey> bindings;
   std::vector<LogicalSwitchId> logicalSwitches;
 
   bool empty() const { return bindings.empty() && logicalSwitches.empty(); }
-  void append(const Changes& more);
+  void append(const SwitchChanges& more);
   void normalise();  // sorts, and removes repetitions
 };
 
@@ -100,7 +100,7 @@ class Desired {
   size_t size() const { return switches_.size(); }
   const DesiredSwitch& at(size_t index) const { return switches_[index]; }
   DesiredSwitch& at(size_t index) { return switches_[index]; }
-  Changes& changesOf(size_t index) { return changes_[index]; }
+  SwitchChanges& changesOf(size_t index) { return changes_[index]; }
 
   // The other switches that have a Logical_Switch, by their addresses; `isComplete` is false where
   // the address of one is unknown.
@@ -154,7 +154,7 @@ class Desired {
   const ExportMap& map_;
   Problems& problems_;
   std::vector<DesiredSwitch> switches_;
-  std::vector<Changes> changes_;
+  std::vector<SwitchChanges> changes_;
   std::map<std::string, size_t, std::less<>> switchIndex_;
   std::map<SourceKey, Source> sources_;
   std::vector<std::vector<std::vector<const Source*>>> sourcesAt_;  // by switch and port

@@ -37,7 +37,7 @@ std::string counted(size_t count, const char* what, const char* done) {
 
 }  // namespace
 
-std::string Plan::summary() const {
+std::string SwitchPlan::summary() const {
   std::vector<std::string> parts;
   const auto add = [&parts](size_t count, const char* what, const char* done) {
     if (count != 0) parts.push_back(counted(count, what, done));
@@ -63,7 +63,7 @@ class Planner::Run {
         isReport_(planner.mode_ == ExportMode::kReport),
         hasReplicationMode_(hasReplicationMode) {}
 
-  Plan plan(const Changes& changes) {
+  SwitchPlan plan(const SwitchChanges& changes) {
     // Most of a large plan are bindings: a VLAN, and a reference.
     plan_.operations.reserve(64 * changes.bindings.size());
     std::vector<BindingKey> more;
@@ -405,7 +405,7 @@ class Planner::Run {
   const bool mayRemove_;
   const bool isReport_;
   const bool hasReplicationMode_;
-  Plan plan_;
+  SwitchPlan plan_;
   std::set<LogicalSwitchId> inserted_;
   std::unordered_map<LogicalSwitchId, std::string> references_;  // empty: there is no row
   std::string removals_;                                         // of one port
@@ -418,7 +418,7 @@ Planner::Planner(const Desired& desired, size_t index, const Replica& replica, E
                  Problems& problems)
     : desired_(desired), index_(index), replica_(replica), mode_(mode), problems_(problems) {}
 
-Plan Planner::plan(const Changes& changes, bool hasReplicationMode) {
+SwitchPlan Planner::plan(const SwitchChanges& changes, bool hasReplicationMode) {
   return Run(*this, hasReplicationMode).plan(changes);
 }
 

@@ -18,7 +18,7 @@
 
 namespace vnagent {
 
-struct Plan {
+struct SwitchPlan {
   std::string operations;  // JSON, separated by commas; empty where nothing is to be done
   size_t logicalSwitchesAdded = 0;
   size_t logicalSwitchesChanged = 0;
@@ -43,7 +43,7 @@ class Planner {
 
   // `hasReplicationMode` is whether the database's schema has that column.
   // REQUIRES: changes.normalise() was called, and replica.settle().
-  Plan plan(const Changes& changes, bool hasReplicationMode);
+  SwitchPlan plan(const SwitchChanges& changes, bool hasReplicationMode);
 
  private:
   class Run;

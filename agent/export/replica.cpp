@@ -67,7 +67,7 @@ std::vector<ovsdb::MonitoredTable> Replica::tables() {
   };
 }
 
-Replica::Replica(std::string physicalSwitch, DesiredSwitch& desired, Changes& changes)
+Replica::Replica(std::string physicalSwitch, DesiredSwitch& desired, SwitchChanges& changes)
     : physicalSwitch_(std::move(physicalSwitch)), desired_(desired), changes_(changes) {}
 
 void Replica::reset() {

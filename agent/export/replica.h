@@ -64,7 +64,7 @@ class Replica {
 
   // `desired` and `changes` are those of the switch; kept by the caller. `physicalSwitch` is its
   // name in the database.
-  Replica(std::string physicalSwitch, DesiredSwitch& desired, Changes& changes);
+  Replica(std::string physicalSwitch, DesiredSwitch& desired, SwitchChanges& changes);
 
   // Change.
 
@@ -134,7 +134,7 @@ class Replica {
 
   const std::string physicalSwitch_;
   DesiredSwitch& desired_;
-  Changes& changes_;
+  SwitchChanges& changes_;
 
   std::unordered_map<Uuid, SwitchRow> switches_;
   std::unordered_map<Uuid, Port> ports_;

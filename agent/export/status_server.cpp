@@ -94,13 +94,13 @@ class StatusServer::Impl {
       Local::socket probe(context_);
       beast::error_code error;
       probe.connect(endpoint, error);
-      if (!error) throw CannotListen(path + ": another exporter listens there");
+      if (!error) throw CannotServeStatus(path + ": another exporter listens there");
       if (error == asio::error::connection_refused) ::unlink(path.c_str());
       local_.open(endpoint.protocol());
       local_.bind(endpoint);
       local_.listen();
     } catch (const boost::system::system_error& error) {
-      throw CannotListen(path + ": " + error.code().message());
+      throw CannotServeStatus(path + ": " + error.code().message());
     }
     path_ = path;
     acceptNext<Local>(local_, pages_);
@@ -121,7 +121,7 @@ class StatusServer::Impl {
       tcp_.bind(endpoint);
       tcp_.listen();
     } catch (const boost::system::system_error& error) {
-      throw CannotListen(address + ": " + error.code().message());
+      throw CannotServeStatus(address + ": " + error.code().message());
     }
     acceptNext<Tcp>(tcp_, pages_);
     return tcp_.local_endpoint().port();

@@ -13,7 +13,7 @@
 namespace vnagent {
 
 // A socket or an address cannot be listened on. what() names it and says why.
-class CannotListen : public std::runtime_error {
+class CannotServeStatus : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
@@ -29,7 +29,7 @@ class StatusServer {
   ~StatusServer();
 
   // Begins to listen. A socket that nobody listens on any more is replaced. Both throw
-  // CannotListen.
+  // CannotServeStatus.
   void listenOnSocket(const std::string& path);
   // "ADDRESS:PORT"; port 0 chooses one. Returns the port.
   unsigned short listenOnTcp(const std::string& address);

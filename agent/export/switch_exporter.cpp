@@ -30,13 +30,13 @@ ovsdb::ClientSettings settingsOf(const ExportMap& map, const ExportMap::Switch& 
   return settings;
 }
 
-size_t sizeOf(const Changes& changes) {
+size_t sizeOf(const SwitchChanges& changes) {
   return changes.bindings.size() + changes.logicalSwitches.size();
 }
 
 // The second half of the changes, which the first loses.
-Changes halved(Changes& changes) {
-  Changes second;
+SwitchChanges halved(SwitchChanges& changes) {
+  SwitchChanges second;
   const auto move = [](auto& from, auto& to, size_t keep) {
     to.assign(from.begin() + static_cast<std::ptrdiff_t>(keep), from.end());
     from.erase(from.begin() + static_cast<std::ptrdiff_t>(keep), from.end());
@@ -82,7 +82,7 @@ void SwitchExporter::stop() {
 
 void SwitchExporter::kick() {
   isKicked_ = true;
-  Changes& marked = desired_.changesOf(index_);
+  SwitchChanges& marked = desired_.changesOf(index_);
   if (sizeOf(marked) > mostMarked_) {
     // It repeats itself while nothing can be sent.
     marked.normalise();
@@ -155,7 +155,7 @@ void SwitchExporter::onLost(const std::string& reason) {
   hasLock_ = false;
   problems_.clear(ProblemKind::kLocked, problemPlace());
   // What was under way may be done or not, and what waits is compared again.
-  Changes& marked = desired_.changesOf(index_);
+  SwitchChanges& marked = desired_.changesOf(index_);
   if (isInFlight_) marked.append(inFlight_.changes);
   for (const auto* batches : {&queue_, &waiting_}) {
     for (const Batch& batch : *batches) marked.append(batch.changes);
@@ -198,10 +198,10 @@ bool SwitchExporter::mayWrite() const {
 }
 
 void SwitchExporter::report() {
-  Changes& marked = desired_.changesOf(index_);
+  SwitchChanges& marked = desired_.changesOf(index_);
   marked.normalise();
   // The marks stay: with a second report all is compared again.
-  const Plan plan = planner_.plan(marked, hasReplicationMode_);
+  const SwitchPlan plan = planner_.plan(marked, hasReplicationMode_);
   differences_ = plan.differences;
   isReported_ = true;
   hooks_.settled();
@@ -220,7 +220,7 @@ bool SwitchExporter::sendNext() {
 bool SwitchExporter::send(Batch batch) {
   const auto begin = Clock::now();
   batch.changes.normalise();
-  Plan plan = planner_.plan(batch.changes, hasReplicationMode_);
+  SwitchPlan plan = planner_.plan(batch.changes, hasReplicationMode_);
   if (plan.empty()) {
     figures_.planned += secondsSince(begin);
     return false;

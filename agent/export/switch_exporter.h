@@ -65,7 +65,7 @@ class SwitchExporter final : private ovsdb::Client::Observer {
 
  private:
   struct Batch {
-    Changes changes;
+    SwitchChanges changes;
     unsigned failures = 0;
   };
 
@@ -106,7 +106,7 @@ class SwitchExporter final : private ovsdb::Client::Observer {
   bool isInFlight_ = false;
   bool hasReplicationMode_ = false;
   Batch inFlight_;
-  Plan inFlightPlan_;
+  SwitchPlan inFlightPlan_;
   std::deque<Batch> queue_;    // to be sent at once
   std::deque<Batch> waiting_;  // for the timer
   boost::asio::steady_timer retry_;

@@ -142,7 +142,7 @@ class Load {
     awaitWatchers();
   }
 
-  std::unique_ptr<Watcher> newWatcher(uint32_t number) {
+  std::unique_ptr<DocumentWatcher> newWatcher(uint32_t number) {
     const bool isHost = settings_.watched == LoadSettings::Watched::kHosts && number >= 2;
     const bool isCloud = settings_.watched == LoadSettings::Watched::kCloud ||
                          (settings_.watched == LoadSettings::Watched::kHosts && number == 1);
@@ -151,7 +151,8 @@ class Load {
       pointer = "/requestedResources/resourcesForHostname/" +
                 context_.cloud.hostName((number - 2) % context_.cloud.hosts());
     }
-    return std::make_unique<Watcher>(context_, replicas_, isCloud ? "cloud" : "output", pointer);
+    return std::make_unique<DocumentWatcher>(context_, replicas_, isCloud ? "cloud" : "output",
+                                             pointer);
   }
 
   void awaitWatchers() {
@@ -239,7 +240,7 @@ class Load {
   }
 
   void checkNext() {
-    Watcher& watcher = *watchers_[nextCheck_];
+    DocumentWatcher& watcher = *watchers_[nextCheck_];
     nextCheck_ = (nextCheck_ + 1) % watchers_.size();
     isChecking_ = true;
     const int64_t began = steadyNanoseconds();
@@ -263,12 +264,13 @@ class Load {
     });
   }
 
-  void note(const Watcher& watcher, Replica::Verdict verdict, const std::string& difference) {
+  void note(const DocumentWatcher& watcher, Replica::Verdict verdict,
+            const std::string& difference) {
     if (verdict == Replica::Verdict::kEqual) ++context_.report.checks;
     if (verdict == Replica::Verdict::kDifferent) mismatch(watcher, difference);
   }
 
-  void mismatch(const Watcher& watcher, const std::string& difference) {
+  void mismatch(const DocumentWatcher& watcher, const std::string& difference) {
     auto& mismatches = context_.report.mismatches;
     if (mismatches.size() == kMostMismatches) return;
     mismatches.push_back("a watcher's document is not what the agent says of " + watcher.name() +
@@ -346,7 +348,7 @@ class Load {
   std::vector<std::unique_ptr<Driver>> drivers_;
   std::vector<std::shared_ptr<HttpChannel>> readers_;
   std::vector<std::unique_ptr<Lane>> reads_;
-  std::vector<std::unique_ptr<Watcher>> watchers_;
+  std::vector<std::unique_ptr<DocumentWatcher>> watchers_;
   std::shared_ptr<HttpChannel> checker_;
   size_t nextCheck_ = 0;
   bool isChecking_ = false;

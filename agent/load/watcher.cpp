@@ -9,14 +9,14 @@ constexpr uint64_t kMostMerged = 10'000;
 
 }  // namespace
 
-Watcher::Watcher(LoadContext& context, ReplicaThread& thread, std::string document,
-                 std::string pointer)
+DocumentWatcher::DocumentWatcher(LoadContext& context, ReplicaThread& thread, std::string document,
+                                 std::string pointer)
     : context_(context),
       document_(std::move(document)),
       pointer_(std::move(pointer)),
       replica_(std::make_shared<Replica>(thread, context.io, pointer_)) {}
 
-void Watcher::open() {
+void DocumentWatcher::open() {
   context_.open([this](const std::shared_ptr<HttpChannel>& channel) {
     std::string target = "/v1/watch?of=" + document_;
     if (!pointer_.empty()) target += "&at=" + percentEncoded(pointer_);
@@ -40,7 +40,7 @@ void Watcher::open() {
   });
 }
 
-void Watcher::take(const SplitEvent& event) {
+void DocumentWatcher::take(const SplitEvent& event) {
   const int64_t now = steadyNanoseconds();
   replica_->event(std::string(event.name), event.revision, std::string(event.data));
   if (event.name == "patch") {
@@ -52,7 +52,7 @@ void Watcher::take(const SplitEvent& event) {
   revision_ = event.revision;
 }
 
-void Watcher::check(const std::shared_ptr<HttpChannel>& channel, Replica::Compared done) {
+void DocumentWatcher::check(const std::shared_ptr<HttpChannel>& channel, Replica::Compared done) {
   channel->send(context_.head.request("GET", placeTarget(document_, pointer_)),
                 [this, done = std::move(done)](ChannelReply reply) mutable {
                   if (reply.status == 404) {

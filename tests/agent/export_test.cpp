@@ -56,7 +56,7 @@ class DesiredTest : public testing::Test {
   }
 
   size_t changes(size_t index) {
-    Changes& marked = desired_.changesOf(index);
+    SwitchChanges& marked = desired_.changesOf(index);
     marked.normalise();
     const size_t count = marked.bindings.size() + marked.logicalSwitches.size();
     marked = {};
@@ -182,7 +182,7 @@ class PlannerTest : public DesiredTest {
 
   json planned(ExportMode mode = ExportMode::kRepair) {
     replica_.settle();
-    Changes marked = std::exchange(desired_.changesOf(0), {});
+    SwitchChanges marked = std::exchange(desired_.changesOf(0), {});
     marked.normalise();
     plan_ = Planner(desired_, 0, replica_, mode, problems_).plan(marked, true);
     return json::parse("[" + plan_.operations + "]");
@@ -191,7 +191,7 @@ class PlannerTest : public DesiredTest {
   static json owned() { return json::parse(R"(["map", [["managed-by", "vnagent"]]])"); }
 
   Replica replica_{"a", desired_.at(0), desired_.changesOf(0)};
-  Plan plan_;
+  SwitchPlan plan_;
 };
 
 TEST_F(PlannerTest, AnEmptyDatabaseIsFilledInOnePlan) {
@@ -223,7 +223,7 @@ TEST_F(PlannerTest, OnlyWhatIsOwnedIsRemoved) {
   row("Physical_Port", 2,
       {{"name", "swp1"},
        {"vlan_bindings", {"map", {{5, {"uuid", uuid(3)}}, {6, {"uuid", uuid(4)}}}}}});
-  const Changes marked = desired_.changesOf(0);
+  const SwitchChanges marked = desired_.changesOf(0);
   EXPECT_EQ(planned(ExportMode::kAddOnly), json::array());
   desired_.changesOf(0) = marked;
   replica_.settle();

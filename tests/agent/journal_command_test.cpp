@@ -18,7 +18,7 @@ using ::testing::StartsWith;
 class JournalCommands : public Commands {
  protected:
   JournalCommands() : directory_((folder_ / "state").string()) {
-    History history;
+    JournalHistory history;
     Owner owner(directory_);
     owner.append(history, 4);
     owner.store(history.snapshot());

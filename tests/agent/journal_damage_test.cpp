@@ -44,9 +44,9 @@ void change(const std::string& directory, const std::string& sql) {
 }
 
 // A journal of some records with snapshots after the given ones.
-History make(const std::string& directory, uint64_t records,
-             const std::vector<uint64_t>& snapshots) {
-  History history;
+JournalHistory make(const std::string& directory, uint64_t records,
+                    const std::vector<uint64_t>& snapshots) {
+  JournalHistory history;
   Owner owner(directory);
   while (history.sequence() < records) {
     owner.append(history, 1);
@@ -108,10 +108,10 @@ TEST(DamagedJournal, IsFoundWhenARecordDoesNotFollowFromTheOneBefore) {
   const Folder folder;
   const std::string directory = folder.path();
   {
-    History history;
+    JournalHistory history;
     Owner owner(directory);
     owner.append(history, 3);
-    History other(3, 3, "1234567890123456");
+    JournalHistory other(3, 3, "1234567890123456");
     owner.append(other, 1);
   }
   EXPECT_THAT(faultsOf(directory), ElementsAre("record 4 (revision 4) has a check value that does "
@@ -209,7 +209,7 @@ void flipBytes(const Folder& folder, const char* name, int count) {
 
 TEST(DamagedJournal, IsFoundOrAsItWasWhereverAByteOfItsFileChanges) {
   const Folder folder;
-  History history;
+  JournalHistory history;
   {
     Owner owner(folder.path("good"));
     history.paddingIs(300);
@@ -222,7 +222,7 @@ TEST(DamagedJournal, IsFoundOrAsItWasWhereverAByteOfItsFileChanges) {
 
 TEST(DamagedJournal, IsFoundOrAsItWasWhereverAByteOfItsLogChanges) {
   const Folder folder;
-  History history;
+  JournalHistory history;
   history.paddingIs(300);
   Owner owner(folder.path());
   owner.append(history, 10);
@@ -262,7 +262,7 @@ TEST(Repair, KeepsTheRecordsBeforeADamagedOne) {
   ASSERT_THAT(report.copies, Contains(HasSubstr("journal.db.damaged-")));
   EXPECT_EQ(contentOf(report.copies.front()), damaged);
   EXPECT_THAT(faultsOf(folder.path()), IsEmpty());
-  History history;
+  JournalHistory history;
   for (int i = 0; i < 5; ++i) history.next();
   {
     Owner owner(folder.path());
@@ -305,7 +305,7 @@ TEST(Repair, GoesBackToAnOlderSnapshotWhenTheNewestIsDamaged) {
 
 TEST(Repair, OfATornLogKeepsWhatIsBeforeTheTear) {
   const Folder folder;
-  History history;
+  JournalHistory history;
   Owner owner(folder.path());
   owner.append(history, 3);
   const auto sizeOf = [&] { return std::filesystem::file_size(folder.path() + "/journal.db-wal"); };
@@ -326,7 +326,7 @@ TEST(Repair, OfATornLogKeepsWhatIsBeforeTheTear) {
 
 TEST(Compact, RemovesOldRecordsAndGivesSpaceBack) {
   const Folder folder;
-  History history;
+  JournalHistory history;
   history.paddingIs(5000);
   {
     Owner owner(folder.path());
@@ -352,7 +352,7 @@ TEST(Compact, RemovesOldRecordsAndGivesSpaceBack) {
 
 TEST(Tools, MayReadWhileAnAgentWrites) {
   const Folder folder;
-  History history;
+  JournalHistory history;
   Owner owner(folder.path());
   for (int i = 0; i < 20; ++i) {
     for (int j = 0; j < 20; ++j) owner.storage().append(history.next());
@@ -381,7 +381,7 @@ TEST(Tools, MakeNothingWhereThereIsNoJournal) {
                    .writable = {}});
   const Recovered recovered = journal.recover();
   const Snapshot& snapshot = recovered.snapshot;
-  History history(snapshot.sequence, snapshot.revision, snapshot.check);
+  JournalHistory history(snapshot.sequence, snapshot.revision, snapshot.check);
   for (size_t i = 0; i < recovered.records.size(); ++i) history.next();
   for (uint64_t i = 1;; ++i) {
     journal.storage().append(history.next());

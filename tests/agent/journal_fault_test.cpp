@@ -23,9 +23,10 @@ JournalSettings on(const FaultDisk& disk) {
   return settings;
 }
 
-// All records from the first to `last` and nothing else is in a journal, as History made them.
+// All records from the first to `last` and nothing else is in a journal, as JournalHistory made
+// them.
 void expectAllUpTo(uint64_t last, const Recovered& recovered) {
-  History history;
+  JournalHistory history;
   std::vector<const Record*> all;
   for (const Record& record : recovered.history) all.push_back(&record);
   for (const Record& record : recovered.records) all.push_back(&record);
@@ -37,7 +38,7 @@ TEST(JournalOnDisk, SyncsBetweenAnAppendAndItsCallback) {
   const Folder folder;
   FaultDisk disk("syncs");
   std::atomic<uint64_t> committedAtSync = 0;
-  History history;
+  JournalHistory history;
   Owner owner(folder.path(), on(disk));
   // The first commit of a process also writes the log of the one before again.
   owner.append(history, 1);
@@ -55,12 +56,12 @@ TEST(JournalOnDisk, SyncsBetweenAnAppendAndItsCallback) {
 TEST(JournalOnDisk, RefusesWritesWhileFullAndGoesOnWhenThereIsSpace) {
   const Folder folder;
   FaultDisk disk("full");
-  History history;
+  JournalHistory history;
   {
     Owner owner(folder.path(), on(disk));
     owner.append(history, 4);
     for (const Fault fault : {Fault::kFull, Fault::kTornFull}) {
-      History lost = history;
+      JournalHistory lost = history;
       disk.faultIs(fault);
       const uint64_t failures = owner.failures();
       owner.append(lost, 3);
@@ -85,13 +86,13 @@ TEST(JournalOnDisk, RefusesWritesWhileFullAndGoesOnWhenThereIsSpace) {
 TEST(JournalOnDisk, GoesOnAfterWritesAndSyncsThatFailed) {
   const Folder folder;
   FaultDisk disk("errors");
-  History history;
+  JournalHistory history;
   {
     Owner owner(folder.path(), on(disk));
     for (const Fault fault : {Fault::kWriteFails, Fault::kTornWrite, Fault::kSyncFails}) {
       for (const int spared : {0, 1, 2}) {
         owner.append(history, 1);
-        History lost = history;
+        JournalHistory lost = history;
         lost.paddingIs(20'000);  // of several pages
         disk.faultIs(fault, fault == Fault::kSyncFails ? 0 : spared);
         owner.append(lost, 1);
@@ -110,10 +111,10 @@ TEST(JournalOnDisk, GoesOnAfterWritesAndSyncsThatFailed) {
 TEST(JournalOnDisk, DoesNotBringBackWhatOnlyFailedToSync) {
   const Folder folder;
   FaultDisk disk("unsynced");
-  History history;
+  JournalHistory history;
   Owner owner(folder.path(), on(disk));
   owner.append(history, 3);
-  History lost = history;
+  JournalHistory lost = history;
   disk.faultIs(Fault::kSyncFails);
   owner.append(lost, 1);
   EXPECT_EQ(owner.failedAfter(), 3U);
@@ -141,11 +142,11 @@ void checkpoint(const std::string& folder, const FaultDisk& disk) {
 TEST(JournalOnDisk, DoesNotBringBackWhatFailedToSyncAtTheBeginningOfTheLog) {
   const Folder folder;
   FaultDisk disk("beginning");
-  History history;
+  JournalHistory history;
   Owner owner(folder.path(), on(disk));
   owner.append(history, 3);
   checkpoint(folder.path(), disk);
-  History lost = history;
+  JournalHistory lost = history;
   disk.faultIs(Fault::kSyncFails, 1);
   owner.append(lost, 1);
   EXPECT_EQ(owner.failedAfter(), 3U);
@@ -158,7 +159,7 @@ TEST(JournalOnDisk, DoesNotBringBackWhatFailedToSyncAtTheBeginningOfTheLog) {
 TEST(JournalOnDisk, LosesNothingThatFollowsWhatOnlyFailedToSync) {
   const Folder folder;
   FaultDisk disk("killed");
-  History history;
+  JournalHistory history;
   {
     Owner owner(folder.path(), on(disk));
     owner.append(history, 3);
@@ -198,14 +199,14 @@ TEST(JournalOnDisk, StartsOnADiskThatFails) {
     SCOPED_TRACE(static_cast<int>(fault));
     const Folder folder;
     FaultDisk disk("still-failing");
-    History history;
+    JournalHistory history;
     Owner owner(folder.path(), on(disk));
     owner.append(history, 3);
     std::filesystem::copy(folder.path(), folder.path("killed"));
     disk.faultIs(fault);
     Owner again(folder.path("killed"), on(disk));
     expectAllUpTo(3, again.recovered());
-    History lost = history;
+    JournalHistory lost = history;
     again.append(lost, 1);
     EXPECT_EQ(again.failedAfter(), 3U);
     EXPECT_EQ(again.isNoSpace(), fault == Fault::kFull);
@@ -219,7 +220,7 @@ TEST(JournalOnDisk, StartsOnADiskThatFails) {
 TEST(JournalOnDisk, GivesUpASnapshotThatCannotBeWritten) {
   const Folder folder;
   FaultDisk disk("snapshots");
-  History history;
+  JournalHistory history;
   {
     Owner owner(folder.path(), on(disk));
     owner.append(history, 2);
@@ -249,7 +250,7 @@ struct Crash {
 void use(const std::string& folder, uint32_t seed, std::vector<Crash>& crashes) {
   std::mt19937 random(seed);
   FaultDisk disk("crashes");
-  History history;
+  JournalHistory history;
   // Beside the journal's thread, as its callback runs there: no lock is needed.
   uint64_t acknowledged = 0;
   const auto crash = [&] {

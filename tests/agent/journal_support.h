@@ -47,11 +47,11 @@ inline void write(const std::string& path, const std::string& content) {
 }
 
 // Makes records that follow from each other. Everything in them depends on their sequence alone.
-class History {
+class JournalHistory {
  public:
-  History() = default;
+  JournalHistory() = default;
   // Goes on after a record.
-  History(uint64_t sequence, uint64_t revision, std::string check)
+  JournalHistory(uint64_t sequence, uint64_t revision, std::string check)
       : sequence_(sequence), revision_(revision), check_(std::move(check)) {}
 
   // How many bytes of padding each patch has from now on.
@@ -110,7 +110,7 @@ class History {
 
 // The record of a sequence, all of kind patch before it.
 inline Record patchOf(uint64_t sequence, size_t padding = 0) {
-  History history;
+  JournalHistory history;
   history.paddingIs(padding);
   while (history.sequence() + 1 < sequence) history.next();
   return *history.next();
@@ -167,7 +167,7 @@ class Owner {
   const Recovered& recovered() const { return recovered_; }
 
   // Appends records, and waits until they are committed or have failed.
-  void append(History& history, int count) {
+  void append(JournalHistory& history, int count) {
     for (int i = 0; i < count; ++i) storage().append(history.next());
     journal_.flush();
   }

@@ -50,7 +50,7 @@ TEST(Journal, KeepsItsUuid) {
 
 TEST(Journal, GivesBackEveryMemberOfARecord) {
   const Folder folder;
-  History history;
+  JournalHistory history;
   {
     Owner owner(folder.path());
     owner.append(history, 5);
@@ -60,7 +60,7 @@ TEST(Journal, GivesBackEveryMemberOfARecord) {
   }
   const Owner again(folder.path());
   ASSERT_EQ(again.recovered().records.size(), 8U);
-  History expected;
+  JournalHistory expected;
   for (size_t i = 0; i < 5; ++i) expectEqual(again.recovered().records[i], *expected.next());
   expectEqual(again.recovered().records[5], *expected.next(Record::Kind::kReply));
   expectEqual(again.recovered().records[6], *expected.next(Record::Kind::kRestart));
@@ -69,7 +69,7 @@ TEST(Journal, GivesBackEveryMemberOfARecord) {
 
 TEST(Journal, CommitsTogetherWhatArrivesDuringACommit) {
   const Folder folder;
-  History history;
+  JournalHistory history;
   Owner owner(folder.path());
   owner.append(history, 2000);
   EXPECT_EQ(owner.committed(), 2000U);
@@ -82,7 +82,7 @@ TEST(Journal, CommitsTogetherWhatArrivesDuringACommit) {
 
 TEST(Journal, WritesWhatWasAppendedBeforeItIsClosed) {
   const Folder folder;
-  History history;
+  JournalHistory history;
   {
     Owner owner(folder.path());
     for (int i = 0; i < 300; ++i) owner.storage().append(history.next());
@@ -92,7 +92,7 @@ TEST(Journal, WritesWhatWasAppendedBeforeItIsClosed) {
 
 TEST(Journal, StartsFromTheLatestSnapshotAndTheRecordsAfterIt) {
   const Folder folder;
-  History history;
+  JournalHistory history;
   Snapshot latest;
   {
     Owner owner(folder.path());
@@ -119,7 +119,7 @@ TEST(Journal, StartsFromTheLatestSnapshotAndTheRecordsAfterIt) {
 
 TEST(Journal, LeavesLargeRecordsOfTheHistoryOnTheDisk) {
   const Folder folder;
-  History history;
+  JournalHistory history;
   {
     Owner owner(folder.path());
     owner.append(history, 1);
@@ -154,7 +154,7 @@ TEST(Journal, LeavesLargeRecordsOfTheHistoryOnTheDisk) {
 
 TEST(Journal, ReadsRecordsByRevision) {
   const Folder folder;
-  History history;
+  JournalHistory history;
   Owner owner(folder.path());
   owner.append(history, 3);
   owner.storage().append(history.next(Record::Kind::kReply));
@@ -177,7 +177,7 @@ TEST(Journal, ReadsRecordsByRevision) {
 TEST(Journal, RemovesWhatIsTooOldButNotWhatAReplayNeeds) {
   const Folder folder;
   const JournalSettings settings{.keepSeconds = 0, .keepRevisions = 10, .keepKeys = 8};
-  History history;
+  JournalHistory history;
   {
     Owner owner(folder.path(), settings);
     for (int i = 0; i < 6; ++i) {
@@ -235,7 +235,7 @@ TEST(Journal, RefusesADirectoryThatCannotBeMade) {
 
 TEST(Journal, RefusesRecordsThatLeaveAGap) {
   const Folder folder;
-  History history;
+  JournalHistory history;
   Owner owner(folder.path());
   history.next();
   EXPECT_THROW(owner.storage().append(history.next()), std::logic_error);

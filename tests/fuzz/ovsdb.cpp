@@ -69,7 +69,7 @@ class Database {
     replica_.settle();
     desired_.tunnelAddressIs(0, replica_.tunnelAddress());
     for (const auto mode : {vnagent::ExportMode::kAddOnly, vnagent::ExportMode::kRepair}) {
-      vnagent::Changes changes = desired_.changesOf(0);
+      vnagent::SwitchChanges changes = desired_.changesOf(0);
       changes.normalise();
       vnagent::Planner planner(desired_, 0, replica_, mode, problems_);
       const auto plan = planner.plan(changes, true);

@@ -42,6 +42,8 @@ LAYERS = {
 }
 SOURCES = ("*.h", "*.cpp")
 INCLUDE = re.compile(r'^\s*#\s*include\s+"([^"]+)"', re.M)
+NAMESPACE = re.compile(r"^namespace ([\w:]+)", re.M)
+TYPE = re.compile(r"^(?:class|struct|union|enum(?: class)?) (?:\[\[.*?\]\] )?(\w+)(?![\w:<])[^;]*$", re.M)
 LEFTOVER = re.compile(r"\b(TODO|FIXME|XXX|HACK)\b")
 LONGEST_LINE = 100
 
@@ -114,6 +116,20 @@ def text_faults(path: str, text: str) -> list[str]:
     return faults
 
 
+def types_of(text: str) -> list[str]:
+    """The types that a header defines outside any other, with their namespace."""
+    namespace = NAMESPACE.search(text)
+    prefix = namespace[1] + "::" if namespace else ""
+    return [prefix + name for name in TYPE.findall(text)]
+
+
+def name_faults(types: dict[str, list[str]]) -> list[str]:
+    """Types that several headers define. In one program the linker keeps one of each of their
+    inline functions, for objects of both."""
+    return [f"{paths[-1]}: {name} is defined in {paths[0]} too; rename one of them"
+            for name, paths in sorted(types.items()) if len(paths) > 1]
+
+
 def dead_faults(includes: dict[str, list[str]]) -> list[str]:
     """Headers that nothing includes."""
     used = {target for targets in includes.values() for target in targets}
@@ -125,14 +141,19 @@ def check(root: Path) -> list[str]:
     """All faults of the tree."""
     faults: list[str] = []
     includes: dict[str, list[str]] = {}
+    types: dict[str, list[str]] = {}
     for folder in ("framework", "model", "OpenStackSm", "agent", "bench", "tests", "examples"):
         for pattern in SOURCES:
             for file in sorted((root / folder).rglob(pattern)):
                 path = file.relative_to(root).as_posix()
                 text = file.read_text(encoding="utf-8")
                 includes[path] = INCLUDE.findall(text)
+                # The simulations are programs of their own.
+                if path.endswith(".h") and not path.startswith("tests/sim/"):
+                    for name in set(types_of(text)):
+                        types.setdefault(name, []).append(path)
                 faults += include_faults(path, text) + text_faults(path, text)
-    return faults + cycle_faults(includes) + dead_faults(includes)
+    return faults + name_faults(types) + cycle_faults(includes) + dead_faults(includes)
 
 
 def main() -> int:

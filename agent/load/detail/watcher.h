@@ -11,10 +11,11 @@
 
 namespace vnagent::detail {
 
-class Watcher {
+class DocumentWatcher {
  public:
   // `document` is "output" or "cloud", `pointer` the place in it; empty: all of it.
-  Watcher(LoadContext& context, ReplicaThread& thread, std::string document, std::string pointer);
+  DocumentWatcher(LoadContext& context, ReplicaThread& thread, std::string document,
+                  std::string pointer);
 
   void open();
   // Has the document as it stood when it began.
