@@ -2,8 +2,9 @@
 """Checks the architecture of the tree: who may include whom, and what no file may contain.
 
 A file includes only from its own layer or a lower one, and never in a cycle. Headers in a layer's
-detail/ folder are private: only that layer includes them. Each fault is printed as one line: the
-place, the rule, the remedy. The last line is the number of faults; with any, the exit status is 1.
+detail/ folder are private: only that layer includes them. No two headers define a type of one name.
+Each fault is printed as one line: the place, the rule, the remedy. The last line is the number of
+faults; with any, the exit status is 1.
 """
 
 import argparse
@@ -35,7 +36,9 @@ LAYERS = {
     "agent/load": ["agent/json", "agent/client"],
     "agent/ovsdb": ["agent/json"],
     "agent/export": ["agent/json", "agent/client", "agent/ovsdb"],
-    "agent/cli": ["agent/client", "agent/export", "agent/load", "agent/server", "agent/journal", "agent/live", "agent/json", "agent/document", "agent/session", "agent/output", "agent/import"],
+    "agent/cli": ["agent/client", "agent/export", "agent/load", "agent/server", "agent/journal",
+                  "agent/live", "agent/json", "agent/document", "agent/session", "agent/output",
+                  "agent/import"],
     "agent": ["agent/cli"],
     "bench": LIBRARY,
     "bench/live": ["agent/client", "agent/load"],
@@ -43,7 +46,8 @@ LAYERS = {
 SOURCES = ("*.h", "*.cpp")
 INCLUDE = re.compile(r'^\s*#\s*include\s+"([^"]+)"', re.M)
 NAMESPACE = re.compile(r"^namespace ([\w:]+)", re.M)
-TYPE = re.compile(r"^(?:class|struct|union|enum(?: class)?) (?:\[\[.*?\]\] )?(\w+)(?![\w:<])[^;]*$", re.M)
+TYPE = re.compile(r"^(?:class|struct|union|enum(?: class)?) (?:\[\[.*?\]\] )?(\w+)(?![\w:<])[^;]*$",
+                  re.M)
 LEFTOVER = re.compile(r"\b(TODO|FIXME|XXX|HACK)\b")
 LONGEST_LINE = 100
 
