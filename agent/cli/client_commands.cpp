@@ -7,6 +7,7 @@
 #include <fmt/format.h>
 
 #include "agent/cli/client_support.h"
+#include "agent/cli/flag.h"
 #include "agent/cli/input_file.h"
 
 namespace vnagent {
@@ -68,10 +69,6 @@ void addSeconds(CLI::App& command, const char* name, double& target, const char*
       ->type_name("SECONDS")
       ->check(faultOfSeconds)
       ->default_str(fmt::format("{}", target));
-}
-
-CLI::Option* addFlag(CLI::App& command, const char* name, bool& flag, const char* about) {
-  return command.add_flag(name, flag, about)->disable_flag_override();
 }
 
 void addRequestId(CLI::App& command, std::string& requestId) {

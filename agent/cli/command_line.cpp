@@ -12,6 +12,7 @@
 
 #include "agent/cli/client_commands.h"
 #include "agent/cli/commands.h"
+#include "agent/cli/flag.h"
 #include "agent/cli/input_file.h"
 #include "agent/cli/nearest_word.h"
 #include "agent/cli/serve.h"
@@ -134,10 +135,6 @@ void addMaxInput(CLI::App& command, uint64_t& maxInputBytes) {
             "read no file, and no line of events, of more than so many bytes")
       ->type_name("BYTES")
       ->default_str(std::to_string(maxInputBytes));
-}
-
-CLI::Option* addFlag(CLI::App& command, const char* name, bool& flag, const char* about) {
-  return command.add_flag(name, flag, about)->disable_flag_override();
 }
 
 void addRun(CLI::App& app, RunOptions& options) {

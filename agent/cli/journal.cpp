@@ -5,13 +5,12 @@
 #include <fmt/format.h>
 
 #include "agent/cli/commands.h"
+#include "agent/cli/report.h"
 #include "agent/journal/journal_tools.h"
 #include "agent/json/json_writer.h"
 
 namespace vnagent {
 namespace {
-
-constexpr uint64_t kMaxReportedFaults = 100;
 
 // How much of an event a line shows.
 constexpr size_t kShownBytes = 100;

@@ -22,8 +22,6 @@ namespace {
 constexpr double kDelaySeconds = 1.0;
 constexpr double kIntervalSeconds = 0.2;
 
-constexpr uint64_t kMaxReportedFaults = 100;
-
 spdlog::logger& log() {
   static const auto logger = [] {
     const auto mode =

@@ -27,7 +27,10 @@ void reportError(std::string_view text);
 void reportNote(std::string_view text);
 void reportFault(std::string_view file, uint64_t line, const Fault& fault);
 
-// Reports many faults: the first hundred one by one, and then how many there are.
+// Of many faults so many are reported one by one.
+inline constexpr uint64_t kMaxReportedFaults = 100;
+
+// Reports many faults: the first ones one by one, and then how many there are.
 class FaultReport {
  public:
   void add(std::string_view file, uint64_t line, const Fault& fault);

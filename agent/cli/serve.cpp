@@ -13,7 +13,7 @@
 namespace vnagent {
 namespace {
 
-constexpr const char* kAbout =
+constexpr const char* kServeAbout =
     "Keep a cloud up to date for as long as it runs: drivers change it over HTTP, and what the\n"
     "switch must provide can be read and watched.";
 
@@ -68,7 +68,7 @@ ServeSettings settingsOf(const ServeArguments& arguments) {
 }  // namespace
 
 void addServe(CLI::App& app, ServeArguments& arguments) {
-  CLI::App* command = app.add_subcommand("serve", kAbout);
+  CLI::App* command = app.add_subcommand("serve", kServeAbout);
   command->footer(kFooter);
   command
       ->add_option("--config", arguments.config,

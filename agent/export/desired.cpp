@@ -9,16 +9,16 @@
 namespace vnagent {
 namespace {
 
-using Json = Desired::Json;
+using JsonElement = Desired::JsonElement;
 using Object = simdjson::dom::object;
 
 // A place is a text, or something that makes it: there are many places, and few faults.
-const std::string& textOf(const std::string& place) {
+const std::string& placeText(const std::string& place) {
   return place;
 }
 
 template <class Place>
-auto textOf(const Place& place) -> decltype(std::string(place())) {
+auto placeText(const Place& place) -> decltype(std::string(place())) {
   return place();
 }
 
@@ -28,40 +28,40 @@ uint32_t numberOf(std::string_view key, uint32_t largest, const char* what, cons
   const auto result = std::from_chars(key.data(), key.data() + key.size(), number);
   const bool isWhole = result.ec == std::errc() && result.ptr == key.data() + key.size();
   if (!isWhole || number == 0 || number > largest) {
-    throw InvalidOutput(fmt::format("{}: \"{}\" is not {}", textOf(place), key, what));
+    throw InvalidOutput(fmt::format("{}: \"{}\" is not {}", placeText(place), key, what));
   }
   return number;
 }
 
 template <class Place>
-Object objectOf(Json value, const Place& place) {
+Object objectOf(JsonElement value, const Place& place) {
   Object members;
-  if (value.get(members)) throw InvalidOutput(textOf(place) + ": an object is expected");
+  if (value.get(members)) throw InvalidOutput(placeText(place) + ": an object is expected");
   return members;
 }
 
 // The members of an object whose names are VLANs, in the order of the VLANs: a map that is filled
 // in its order grows at its end.
 template <class Place>
-std::vector<std::pair<uint16_t, Json>> inOrder(Json value, const Place& place) {
+std::vector<std::pair<uint16_t, JsonElement>> inOrder(JsonElement value, const Place& place) {
   const Object all = objectOf(value, place);
-  std::vector<std::pair<uint16_t, Json>> members;
+  std::vector<std::pair<uint16_t, JsonElement>> members;
   members.reserve(all.size());
   for (const auto [key, member] : all) {
     const uint32_t vlan = numberOf(key, LogicalSwitchId::kLargestVlan, "a VLAN", place);
     members.emplace_back(static_cast<uint16_t>(vlan), member);
   }
-  std::ranges::sort(members, {}, &std::pair<uint16_t, Json>::first);
+  std::ranges::sort(members, {}, &std::pair<uint16_t, JsonElement>::first);
   return members;
 }
 
-std::optional<Json> memberOf(Object object, std::string_view name) {
-  Json value;
+std::optional<JsonElement> memberOf(Object object, std::string_view name) {
+  JsonElement value;
   return object[name].get(value) ? std::nullopt : std::optional(value);
 }
 
 // 0 where there is none.
-uint16_t nativeVlanOf(Json value, const std::string& place) {
+uint16_t nativeVlanOf(JsonElement value, const std::string& place) {
   if (value.is_null()) return 0;
   uint64_t vlan = 0;
   if (value.get(vlan) || vlan > LogicalSwitchId::kLargestVlan) {
@@ -117,7 +117,7 @@ Desired::Desired(const ExportMap& map, Problems& problems) : map_(map), problems
 
 Desired::~Desired() = default;
 
-void Desired::replace(Json document) {
+void Desired::replace(JsonElement document) {
   isWhole_ = true;
   seen_.clear();
   try {
@@ -135,7 +135,7 @@ void Desired::replace(Json document) {
   seen_.clear();
 }
 
-void Desired::merge(Json patch) {
+void Desired::merge(JsonElement patch) {
   const Object document = objectOf(patch, "");
   if (const auto requested = memberOf(document, "requestedResources")) {
     const Object resources = objectOf(*requested, "/requestedResources");
@@ -226,19 +226,19 @@ void Desired::removeAll(SourceKind kind, const std::string& name) {
   for (const SourceKey& key : keys) remove(key);
 }
 
-void Desired::mergeHosts(Json patch) {
+void Desired::mergeHosts(JsonElement patch) {
   for (const auto [name, host] : objectOf(patch, "/requestedResources/resourcesForHostname")) {
     mergeSource({SourceKind::kHost, std::string(name), ""}, host);
   }
 }
 
-void Desired::mergeSwitchPorts(Json patch) {
+void Desired::mergeSwitchPorts(JsonElement patch) {
   for (const auto [name, ports] : objectOf(patch, "/requestedResources/resourcesForSwitchport")) {
     mergeInterfaces(SourceKind::kSwitchPort, std::string(name), ports);
   }
 }
 
-void Desired::mergeElements(Json patch) {
+void Desired::mergeElements(JsonElement patch) {
   for (const auto [key, element] : objectOf(patch, "/networkElement")) {
     const std::string name(key);
     if (element.is_null()) {
@@ -250,14 +250,14 @@ void Desired::mergeElements(Json patch) {
   }
 }
 
-void Desired::mergeInterfaces(SourceKind kind, const std::string& name, Json patch) {
+void Desired::mergeInterfaces(SourceKind kind, const std::string& name, JsonElement patch) {
   if (patch.is_null()) return removeAll(kind, name);
   for (const auto [port, value] : objectOf(patch, "/" + name)) {
     mergeSource({kind, name, std::string(port)}, value);
   }
 }
 
-void Desired::mergeSource(const SourceKey& key, Json patch) {
+void Desired::mergeSource(const SourceKey& key, JsonElement patch) {
   if (isWhole_) return replaceSource(key, patch);
   if (patch.is_null()) return remove(key);
   const std::string place = fmt::format("/{}/{}", std::get<1>(key), std::get<2>(key));
@@ -273,7 +273,8 @@ void Desired::mergeSource(const SourceKey& key, Json patch) {
   reportPlace(key, !source.vlans.empty());
 }
 
-void Desired::mergeVlans(Source& source, Json patch, const std::string& place, Touched& touched) {
+void Desired::mergeVlans(Source& source, JsonElement patch, const std::string& place,
+                         Touched& touched) {
   if (patch.is_null()) {
     for (const auto& [vlan, vnis] : source.vlans) touched.vlans.push_back(vlan);
     source.vlans.clear();
@@ -307,7 +308,7 @@ void Desired::mergeVlans(Source& source, Json patch, const std::string& place, T
 }
 
 // Of a whole document: only what differs from before is touched.
-void Desired::replaceSource(const SourceKey& key, Json value) {
+void Desired::replaceSource(const SourceKey& key, JsonElement value) {
   seen_.insert(key);
   const std::string place = fmt::format("/{}/{}", std::get<1>(key), std::get<2>(key));
   Source next;

@@ -78,7 +78,7 @@ class InvalidOutput : public std::runtime_error {
 
 class Desired {
  public:
-  using Json = simdjson::dom::element;
+  using JsonElement = simdjson::dom::element;
 
   // Both are kept by the caller, for as long as this lives.
   Desired(const ExportMap& map, Problems& problems);
@@ -89,8 +89,8 @@ class Desired {
   // Change.
 
   // Throws InvalidOutput; what was read before the fault is applied.
-  void replace(Json document);
-  void merge(Json patch);
+  void replace(JsonElement document);
+  void merge(JsonElement patch);
 
   // The address that others send to; empty: it is unknown.
   void tunnelAddressIs(size_t index, const std::string& address);
@@ -133,13 +133,13 @@ class Desired {
   Source& sourceOf(const SourceKey& key);
   void remove(const SourceKey& key);
   void removeAll(SourceKind kind, const std::string& name);
-  void mergeSource(const SourceKey& key, Json patch);
-  void mergeVlans(Source& source, Json patch, const std::string& place, Touched& touched);
-  void mergeHosts(Json patch);
-  void mergeSwitchPorts(Json patch);
-  void mergeElements(Json patch);
-  void mergeInterfaces(SourceKind kind, const std::string& name, Json patch);
-  void replaceSource(const SourceKey& key, Json value);
+  void mergeSource(const SourceKey& key, JsonElement patch);
+  void mergeVlans(Source& source, JsonElement patch, const std::string& place, Touched& touched);
+  void mergeHosts(JsonElement patch);
+  void mergeSwitchPorts(JsonElement patch);
+  void mergeElements(JsonElement patch);
+  void mergeInterfaces(SourceKind kind, const std::string& name, JsonElement patch);
+  void replaceSource(const SourceKey& key, JsonElement value);
   void reportPlace(const SourceKey& key, bool hasVlans);
 
   // Consequences.

@@ -11,8 +11,6 @@
 namespace vnagent {
 namespace {
 
-using Kind = JsonValue::Kind;
-
 class MapReader {
  public:
   explicit MapReader(const JsonTree& tree) : root_(tree.root()) {}
@@ -53,12 +51,12 @@ class MapReader {
 
   // A name of the output document may be empty.
   std::string name(const JsonValue& value) const {
-    if (value.kind != Kind::kString) fail(value, "a string is expected");
+    if (value.kind != JsonValue::Kind::kString) fail(value, "a string is expected");
     return std::string(value.text);
   }
 
   std::string text(const JsonValue& value) const {
-    if (value.kind != Kind::kString || value.text.empty()) {
+    if (value.kind != JsonValue::Kind::kString || value.text.empty()) {
       fail(value, "a string is expected that is not empty");
     }
     return std::string(value.text);
@@ -98,7 +96,8 @@ class MapReader {
   }
 
   std::vector<SwitchPortName> readPlaces(const JsonValue& array) const {
-    if (array.kind != Kind::kArray) fail(array, "an array of {\"switch\", \"port\"} is expected");
+    if (array.kind != JsonValue::Kind::kArray)
+      fail(array, "an array of {\"switch\", \"port\"} is expected");
     std::vector<SwitchPortName> places;
     for (const JsonValue* one : array.all()) {
       if (!one->isObject()) fail(*one, "an object is expected");

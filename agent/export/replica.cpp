@@ -6,13 +6,13 @@
 namespace vnagent {
 namespace {
 
-using Kind = ovsdb::RowChange::Kind;
+using RowKind = ovsdb::RowChange::Kind;
 using ovsdb::integerOf;
-using ovsdb::Json;
+using ovsdb::JsonElement;
 using ovsdb::RowChange;
 using ovsdb::textOf;
 
-uint16_t vlanOf(Json atom) {
+uint16_t vlanOf(JsonElement atom) {
   const int64_t vlan = integerOf(atom);
   if (vlan < 0 || vlan > 4095) throw ovsdb::ProtocolError("a binding of no VLAN");
   return static_cast<uint16_t>(vlan);
@@ -30,10 +30,10 @@ void applyOptional(const RowChange& change, const char* column, std::set<Element
   const auto value = change.find(column);
   if (!value) return;
   std::set<Element> named;
-  ovsdb::forEachElement(*value, [&](Json atom) { named.emplace(read(atom)); });
-  if (change.kind == Kind::kModify && named.size() > 1) {
+  ovsdb::forEachElement(*value, [&](JsonElement atom) { named.emplace(read(atom)); });
+  if (change.kind == RowKind::kModify && named.size() > 1) {
     for (const Element& element : target) named.erase(element);
-  } else if (change.kind == Kind::kModify && named == target) {
+  } else if (change.kind == RowKind::kModify && named == target) {
     named.clear();
   }
   target = std::move(named);
@@ -205,7 +205,7 @@ const Uuid* Replica::locatorOf(const std::string& address) const {
 void Replica::applySwitch(const RowChange& change) {
   arePortsStale_ = true;
   switchRow_ = nullptr;  // rows move in their table
-  if (change.kind == Kind::kDelete) {
+  if (change.kind == RowKind::kDelete) {
     switches_.erase(change.uuid);
     return;
   }
@@ -217,10 +217,10 @@ void Replica::applySwitch(const RowChange& change) {
 }
 
 void Replica::applyPort(const RowChange& change) {
-  if (change.isNew() || change.kind == Kind::kDelete || change.find("name")) {
+  if (change.isNew() || change.kind == RowKind::kDelete || change.find("name")) {
     arePortsStale_ = true;
   }
-  if (change.kind == Kind::kDelete) {
+  if (change.kind == RowKind::kDelete) {
     const auto found = ports_.find(change.uuid);
     if (found == ports_.end()) return;
     for (const auto& [vlan, target] : found->second.bindings) countBinding(target, false);
@@ -254,7 +254,7 @@ void Replica::applyLogicalSwitch(const RowChange& change) {
     mark(found->second);
     index(change.uuid, found->second, false);
   }
-  if (change.kind == Kind::kDelete) {
+  if (change.kind == RowKind::kDelete) {
     logicalSwitches_.erase(change.uuid);
     forgetUnused(change.uuid);
     return;
@@ -284,7 +284,7 @@ void Replica::applyLocator(const RowChange& change) {
     const auto indexed = byAddress_.find(found->second.address);
     if (indexed != byAddress_.end() && indexed->second == change.uuid) byAddress_.erase(indexed);
   }
-  if (change.kind == Kind::kDelete) {
+  if (change.kind == RowKind::kDelete) {
     locators_.erase(change.uuid);
     return;
   }
@@ -300,7 +300,7 @@ void Replica::applyLocator(const RowChange& change) {
 }
 
 void Replica::applyLocatorSet(const RowChange& change) {
-  if (change.kind == Kind::kDelete) {
+  if (change.kind == RowKind::kDelete) {
     locatorSets_.erase(change.uuid);
     return;
   }
@@ -311,7 +311,7 @@ void Replica::applyLocatorSet(const RowChange& change) {
 void Replica::applyMulticast(const RowChange& change) {
   const auto found = multicast_.find(change.uuid);
   if (found != multicast_.end()) countMulticast(change.uuid, found->second, false);
-  if (change.kind == Kind::kDelete) {
+  if (change.kind == RowKind::kDelete) {
     multicast_.erase(change.uuid);
     return;
   }
@@ -328,9 +328,9 @@ void Replica::applyMac(MacTable table, const RowChange& change) {
   const auto found = rows.find(change.uuid);
   if (found != rows.end()) {
     countMac(table, change.uuid, found->second, false);
-    if (change.kind == Kind::kDelete || change.find("logical_switch")) rows.erase(found);
+    if (change.kind == RowKind::kDelete || change.find("logical_switch")) rows.erase(found);
   }
-  if (change.kind == Kind::kDelete) return;
+  if (change.kind == RowKind::kDelete) return;
   if (const auto value = change.find("logical_switch")) rows[change.uuid] = Uuid::of(*value);
   const auto now = rows.find(change.uuid);
   if (now != rows.end()) countMac(table, change.uuid, now->second, true);

@@ -20,7 +20,7 @@ using Local = asio::local::stream_protocol;
 using Tcp = asio::ip::tcp;
 using Generic = asio::generic::stream_protocol;
 
-constexpr auto kPatience = std::chrono::seconds(10);
+constexpr auto kClientPatience = std::chrono::seconds(10);
 
 // One connection, local or by TCP, with one request on it.
 class Visit : public std::enable_shared_from_this<Visit> {
@@ -29,7 +29,7 @@ class Visit : public std::enable_shared_from_this<Visit> {
       : stream_(std::move(socket)), pages_(pages) {}
 
   void start() {
-    stream_.expires_after(kPatience);
+    stream_.expires_after(kClientPatience);
     http::async_read(stream_, buffer_, request_,
                      [self = shared_from_this()](beast::error_code error, size_t) {
                        if (!error) self->answer();

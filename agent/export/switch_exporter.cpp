@@ -230,9 +230,10 @@ bool SwitchExporter::send(Batch batch) {
   isInFlight_ = true;
   ++figures_.transactions;
   sentAt_ = Clock::now();
-  client_.transact(plan.operations, [this](const ovsdb::Json* result, const ovsdb::Json& error) {
-    taken(ovsdb::errorOfTransaction(result, error));
-  });
+  client_.transact(plan.operations,
+                   [this](const ovsdb::JsonElement* result, const ovsdb::JsonElement& error) {
+                     taken(ovsdb::errorOfTransaction(result, error));
+                   });
   plan.operations = {};
   inFlightPlan_ = std::move(plan);
   figures_.planned += secondsSince(begin);

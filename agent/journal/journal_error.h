@@ -26,4 +26,8 @@ class JournalError final : public StorageError {
   Kind kind_;
 };
 
+[[noreturn]] inline void throwDamaged(const std::string& text) {
+  throw JournalError(JournalError::Kind::kDamaged, text);
+}
+
 }  // namespace vnagent

@@ -57,6 +57,15 @@ class JsonWriter {
   bool afterKey_ = false;  // the next value belongs to a key
 };
 
+// What write(json) writes, on one line.
+template <class Write>
+std::string jsonText(Write write) {
+  std::string text;
+  JsonWriter json(text, JsonWriter::Style::kOneLine);
+  write(json);
+  return text;
+}
+
 // Appends a string in quotes; UTF-8 stays as it is.
 void appendJsonString(std::string& out, std::string_view text);
 

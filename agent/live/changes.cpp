@@ -10,9 +10,6 @@
 namespace vnagent {
 namespace {
 
-constexpr std::string_view kMergePatch = "application/merge-patch+json";
-constexpr std::string_view kJson = "application/json";
-
 // The tree of a patch with a longer text is freed before the machines change.
 constexpr size_t kSmallPatch = size_t{1} << 16;
 
@@ -129,7 +126,8 @@ std::optional<Refusal> Changes::checkRole(const Request& request, const Route& r
 std::optional<Refusal> Changes::readBody(const Request& request, const Route& route,
                                          std::optional<JsonTree>& body) {
   if (request.method == "DELETE") return std::nullopt;
-  if (auto fault = checkMediaType(request, request.method == "PATCH" ? kMergePatch : kJson)) {
+  if (auto fault =
+          checkMediaType(request, request.method == "PATCH" ? kMergePatchType : kJsonType)) {
     return fault;
   }
   if (auto fault = vnagent::readBody(request, body)) return fault;

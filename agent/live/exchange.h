@@ -15,6 +15,10 @@
 
 namespace vnagent {
 
+// Media types of bodies.
+inline constexpr std::string_view kJsonType = "application/json";
+inline constexpr std::string_view kMergePatchType = "application/merge-patch+json";
+
 // Names in lower case, in the order in which they stood.
 using Headers = std::vector<std::pair<std::string, std::string>>;
 

@@ -29,14 +29,6 @@ std::optional<std::string> below(std::string text, const Place& place, size_t de
   return at->dump();
 }
 
-template <class Write>
-std::string written(Write write) {
-  std::string text;
-  JsonWriter json(text, JsonWriter::Style::kOneLine);
-  write(json);
-  return text;
-}
-
 // A member of a region: a collection or one of its scalars.
 
 template <class Map, class WriteValue>
@@ -44,10 +36,10 @@ std::optional<std::string> readMembers(const Map& map, const Place& place, Write
   if (place.size() > 3) {
     const auto member = map.find(place[3]);
     if (member == map.end()) return std::nullopt;
-    return below(written([&](JsonWriter& json) { writeValue(member->second, json); }), place, 4);
+    return below(jsonText([&](JsonWriter& json) { writeValue(member->second, json); }), place, 4);
   }
   if (map.empty()) return std::nullopt;
-  return written([&](JsonWriter& json) {
+  return jsonText([&](JsonWriter& json) {
     json.open('{');
     for (const auto& [key, value] : map) {
       json.key(key);
@@ -62,7 +54,7 @@ std::optional<std::string> readScalar(const Region& region, const Place& place) 
   if (row == kRegionScalars.end() || place.size() > 3 || region.values.empty()) return std::nullopt;
   const Scalar& value = region.values[static_cast<size_t>(row - kRegionScalars.begin())];
   if (!isPrinted(value, *row)) return std::nullopt;
-  return written([&](JsonWriter& json) { write(value, row->form, json); });
+  return jsonText([&](JsonWriter& json) { write(value, row->form, json); });
 }
 
 std::optional<std::string> readInRegion(const Region& region, const Place& place) {
@@ -124,14 +116,14 @@ std::string patchAt(const Place& place, std::string_view value) {
 }
 
 std::optional<std::string> readCloud(const CloudState& state, const Place& place) {
-  if (place.empty()) return written([&](JsonWriter& json) { writeCloud(state, json); });
+  if (place.empty()) return jsonText([&](JsonWriter& json) { writeCloud(state, json); });
   if (place[0] == kDocumentMembers[0].name) {
     if (isEmpty(state.config)) return std::nullopt;
-    return below(written([&](JsonWriter& json) { writeConfig(state.config, json); }), place, 1);
+    return below(jsonText([&](JsonWriter& json) { writeConfig(state.config, json); }), place, 1);
   }
   if (place[0] != kDocumentMembers[1].name || state.region.empty()) return std::nullopt;
   if (place.size() == 1) {
-    return written([&](JsonWriter& json) {
+    return jsonText([&](JsonWriter& json) {
       json.open('{');
       for (const auto& [name, region] : state.region) {
         json.key(name);
@@ -143,7 +135,7 @@ std::optional<std::string> readCloud(const CloudState& state, const Place& place
   const auto region = state.region.find(place[1]);
   if (region == state.region.end()) return std::nullopt;
   if (place.size() > 2) return readInRegion(region->second, place);
-  return written([&](JsonWriter& json) { writeRegion(region->second, json); });
+  return jsonText([&](JsonWriter& json) { writeRegion(region->second, json); });
 }
 
 bool hasPlace(const CloudState& state, const Place& place) {
@@ -166,11 +158,11 @@ bool hasPlace(const CloudState& state, const Place& place) {
 
 std::optional<std::string> readOutput(const Session& session, const Place& place) {
   if (place.empty()) {
-    return written([&](JsonWriter& json) { writeOutput(session.output(), json); });
+    return jsonText([&](JsonWriter& json) { writeOutput(session.output(), json); });
   }
   const OutputPart part = session.outputAt(place);
   if (part.depth == 0) return std::nullopt;
-  std::string text = written([&](JsonWriter& json) { writeOutput(part.document, json); });
+  std::string text = jsonText([&](JsonWriter& json) { writeOutput(part.document, json); });
   // Unwraps what is above the part: a large one is not read again.
   const Place above(place.begin(), place.begin() + static_cast<std::ptrdiff_t>(part.depth));
   const std::string opening = openingOf(above);

@@ -11,14 +11,6 @@
 namespace vnagent {
 namespace {
 
-template <class Write>
-std::string written(Write write) {
-  std::string text;
-  JsonWriter json(text, JsonWriter::Style::kOneLine);
-  write(json);
-  return text;
-}
-
 // Writes the members of one collection that differ.
 class MemberWriter {
  public:
@@ -60,7 +52,7 @@ void compare(const Map* now, const Map& wanted, WriteValue writeValue, MemberWri
   auto was = before.begin();
   auto is = wanted.begin();
   const auto text = [&](const auto& value) {
-    return written([&](JsonWriter& json) { writeValue(value, json); });
+    return jsonText([&](JsonWriter& json) { writeValue(value, json); });
   };
   while (was != before.end() || is != wanted.end()) {
     if (is == wanted.end() || (was != before.end() && was->first < is->first)) {
@@ -90,7 +82,7 @@ void compareScalars(const Region* now, const Region& wanted, std::string& out, b
     appendJsonString(out, kRegionScalars[i].name);
     out += ": ";
     out +=
-        written([&](JsonWriter& json) { write(wanted.values[i], kRegionScalars[i].form, json); });
+        jsonText([&](JsonWriter& json) { write(wanted.values[i], kRegionScalars[i].form, json); });
   }
 }
 

@@ -12,14 +12,6 @@
 namespace vnagent {
 namespace {
 
-template <class Write>
-std::string written(Write write) {
-  std::string text;
-  JsonWriter json(text, JsonWriter::Style::kOneLine);
-  write(json);
-  return text;
-}
-
 std::string nameOf(const Record& record) {
   return "record " + std::to_string(record.sequence) + " (revision " +
          std::to_string(record.revision) + ")";
@@ -94,9 +86,9 @@ void Replay::playExpiry(const Record& record) {
 
 void Replay::playRestart() {
   const std::string cloud =
-      written([&](JsonWriter& json) { writeCloud(session_->document(), json); });
+      jsonText([&](JsonWriter& json) { writeCloud(session_->document(), json); });
   const std::string output =
-      written([&](JsonWriter& json) { writeOutput(session_->output(), json); });
+      jsonText([&](JsonWriter& json) { writeOutput(session_->output(), json); });
   const std::string state = session_->state();
   makeSession();
   session_->restore(cloud, output, state);
@@ -104,7 +96,7 @@ void Replay::playRestart() {
 }
 
 void Replay::compare(const Record& record, const StepOutcome& outcome) const {
-  const std::string change = written([&](JsonWriter& json) { writeOutput(outcome.output, json); });
+  const std::string change = jsonText([&](JsonWriter& json) { writeOutput(outcome.output, json); });
   if (change == record.output || (change == "{}" && record.output.empty())) return;
   throw ReplayError(nameOf(record) +
                     " changes the output otherwise than it did; the toggle and the region sync "

@@ -8,8 +8,6 @@
 namespace vnagent {
 namespace {
 
-constexpr double kMaxWait = 300;
-
 Refusal badRequest(std::string detail) {
   return {"bad-request", std::move(detail)};
 }
@@ -117,7 +115,7 @@ std::optional<double> readSeconds(const std::string& text) {
   double value = 0;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
   const bool read = error == std::errc() && end == text.data() + text.size();
-  if (!read || !std::isfinite(value) || value < 0 || value > kMaxWait) return std::nullopt;
+  if (!read || !std::isfinite(value) || value < 0 || value > kMaxWaitSeconds) return std::nullopt;
   return value;
 }
 

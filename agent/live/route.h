@@ -33,6 +33,9 @@ enum class Subject : uint8_t {
   kOpenApi,
 };
 
+// The longest time-out that a request may ask for.
+inline constexpr double kMaxWaitSeconds = 300;
+
 struct Route {
   Subject subject = Subject::kNothing;
   std::string name;    // the path with its variable parts left out, for counting: "/v1/cloud"

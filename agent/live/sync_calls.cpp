@@ -11,8 +11,6 @@
 namespace vnagent {
 namespace {
 
-constexpr double kMaxWait = 300;
-
 std::string quoted(std::string_view text) {
   std::string out;
   appendJsonString(out, text);
@@ -63,7 +61,7 @@ std::optional<Refusal> SyncCalls::readLockRequest(const JsonValue& body, LockReq
     } else if (member->key == "wait") {
       const bool isNumber =
           member->kind == JsonValue::Kind::kInteger || member->kind == JsonValue::Kind::kReal;
-      if (!isNumber || !(member->real >= 0 && member->real <= kMaxWait)) {
+      if (!isNumber || !(member->real >= 0 && member->real <= kMaxWaitSeconds)) {
         return bad("wait is a number of seconds, 0 to 300");
       }
       request.wait = member->real;

@@ -11,7 +11,7 @@ using nlohmann::json;  // of what is sent
 constexpr const char* kMonitor = "vnagent";
 constexpr const char* kNoTransaction = "00000000-0000-0000-0000-000000000000";
 
-std::string textOfError(Json error) {
+std::string textOfError(JsonElement error) {
   std::string_view text, details;
   if (!error.get(text)) return std::string(text);
   if (error["error"].get(text)) return simdjson::minify(error);
@@ -44,9 +44,10 @@ void Client::steal() {
 }
 
 void Client::unlock() {
-  session_.call("unlock", json{settings_.lock}.dump(), [this](const Json* result, Json) {
-    if (result != nullptr) observer_.onLock(false);
-  });
+  session_.call("unlock", json{settings_.lock}.dump(),
+                [this](const JsonElement* result, JsonElement) {
+                  if (result != nullptr) observer_.onLock(false);
+                });
 }
 
 void Client::transact(std::string_view operations, Session::Reply reply) {
@@ -62,13 +63,13 @@ bool Client::hasColumn(const std::string& table, const std::string& column) cons
 
 void Client::onOpen() {
   session_.call("get_schema", json::array({settings_.database}).dump(),
-                [this](const Json* result, Json error) {
+                [this](const JsonElement* result, JsonElement error) {
                   if (result == nullptr) throw ProtocolError(textOfError(error));
                   takeSchema(*result);
                 });
 }
 
-void Client::takeSchema(Json schema) {
+void Client::takeSchema(JsonElement schema) {
   simdjson::dom::object tables;
   if (schema["tables"].get(tables)) throw ProtocolError("the database's schema has no tables");
   std::string text = simdjson::minify(tables);
@@ -110,7 +111,7 @@ void Client::monitor(Method method) {
     name = "monitor_cond_since";
     params.push_back(isFilled_ ? lastTransaction_ : std::string(kNoTransaction));
   }
-  session_.call(name, params.dump(), [this, method](const Json* result, Json error) {
+  session_.call(name, params.dump(), [this, method](const JsonElement* result, JsonElement error) {
     if (result != nullptr) {
       takeInitial(method, *result);
     } else if (method == Method::kSince) {
@@ -123,11 +124,11 @@ void Client::monitor(Method method) {
   });
 }
 
-void Client::takeInitial(Method method, Json result) {
+void Client::takeInitial(Method method, JsonElement result) {
   bool isContinued = false;
-  Json updates = result;
+  JsonElement updates = result;
   if (method == Method::kSince) {
-    Json last;
+    JsonElement last;
     if (result.at(0).get(isContinued) || result.at(1).get(last) || result.at(2).get(updates)) {
       throw ProtocolError("the reply to monitor_cond_since has another form");
     }
@@ -144,13 +145,13 @@ void Client::takeInitial(Method method, Json result) {
   observer_.onReady();
 }
 
-void Client::takeRows(Json updates, UpdateForm form) {
+void Client::takeRows(JsonElement updates, UpdateForm form) {
   forEachRow(updates, form, [this](const RowChange& change) { observer_.onRow(change); });
 }
 
 void Client::askForLock(const char* method) {
   session_.call(method, json::array({settings_.lock}).dump(),
-                [this](const Json* result, Json error) {
+                [this](const JsonElement* result, JsonElement error) {
                   if (result == nullptr) throw ProtocolError(textOfError(error));
                   bool isHeld = false;
                   observer_.onLock(!(*result)["locked"].get(isHeld) && isHeld);
@@ -162,8 +163,8 @@ void Client::onClosed(const std::string& reason) {
   observer_.onLost(reason);
 }
 
-void Client::onNotification(std::string_view method, Json params) {
-  Json name;
+void Client::onNotification(std::string_view method, JsonElement params) {
+  JsonElement name;
   if (params.at(0).get(name)) throw ProtocolError(std::string(method) + " without parameters");
   if (method == "locked" || method == "stolen") {
     if (textOf(name) == settings_.lock) observer_.onLock(method == "locked");
@@ -171,7 +172,7 @@ void Client::onNotification(std::string_view method, Json params) {
   }
   const bool isSince = method == "update3";
   if (!isSince && method != "update2" && method != "update") return;
-  Json last, updates;
+  JsonElement last, updates;
   if (params.at(isSince ? 2 : 1).get(updates) || params.at(1).get(last)) {
     throw ProtocolError(std::string(method) + " has another form");
   }
@@ -183,12 +184,12 @@ void Client::onNotification(std::string_view method, Json params) {
   if (isReady_) observer_.onUpdated();
 }
 
-std::string errorOfTransaction(const Json* result, Json error) {
+std::string errorOfTransaction(const JsonElement* result, JsonElement error) {
   if (result == nullptr) return textOfError(error);
   simdjson::dom::array operations;
   if (result->get(operations)) return "the reply to a transaction has another form";
-  for (const Json one : operations) {
-    Json fault;
+  for (const JsonElement one : operations) {
+    JsonElement fault;
     if (!one["error"].get(fault) && !fault.is_null()) return textOfError(one);
   }
   return {};

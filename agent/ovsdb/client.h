@@ -90,12 +90,12 @@ class Client final : private Session::Observer {
   // Session::Observer.
   void onOpen() override;
   void onClosed(const std::string& reason) override;
-  void onNotification(std::string_view method, Json params) override;
+  void onNotification(std::string_view method, JsonElement params) override;
 
-  void takeSchema(Json schema);
+  void takeSchema(JsonElement schema);
   void monitor(Method method);
-  void takeInitial(Method method, Json result);
-  void takeRows(Json updates, UpdateForm form);
+  void takeInitial(Method method, JsonElement result);
+  void takeRows(JsonElement updates, UpdateForm form);
   void askForLock(const char* method);
 
   const ClientSettings settings_;
@@ -109,6 +109,6 @@ class Client final : private Session::Observer {
 };
 
 // The first error of a reply to a transaction, as text; empty without one. `result` may be null.
-std::string errorOfTransaction(const Json* result, Json error);
+std::string errorOfTransaction(const JsonElement* result, JsonElement error);
 
 }  // namespace vnagent::ovsdb

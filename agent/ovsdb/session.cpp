@@ -163,23 +163,23 @@ class Session::Impl : public std::enable_shared_from_this<Impl> {
 
   void takeMessage(std::string_view text) {
     simdjson::dom::parser parser;
-    Json message;
+    JsonElement message;
     if (const auto fault = parser.parse(text.data(), text.size()).get(message)) {
       throw ProtocolError(std::string("the server sent what is not JSON: ") +
                           simdjson::error_message(fault));
     }
-    Json method;
+    JsonElement method;
     if (message["method"].get(method)) {
       takeReply(message);
       return;
     }
     std::string_view name;
-    Json params;
+    JsonElement params;
     if (method.get(name) || message["params"].get(params)) {
       throw ProtocolError("the server sent a request without method or params");
     }
     if (name == "echo") {
-      Json id;
+      JsonElement id;
       const bool hasId = !message["id"].get(id);
       send(R"({"result":)" + simdjson::minify(params) + R"(,"error":null,"id":)" +
            (hasId ? simdjson::minify(id) : "null") + "}");
@@ -188,8 +188,8 @@ class Session::Impl : public std::enable_shared_from_this<Impl> {
     }
   }
 
-  void takeReply(Json message) {
-    Json id, result, error;
+  void takeReply(JsonElement message) {
+    JsonElement id, result, error;
     if (message["id"].get(id) || message["result"].get(result) || message["error"].get(error)) {
       throw ProtocolError("the server sent what is neither a request nor a reply");
     }

@@ -2,7 +2,7 @@
 //
 //   Session session(context, Address::parse("unix:/run/db.sock"), {}, observer);
 //   session.start();                       // onOpen() follows, or onClosed() with why not
-//   session.call("list_dbs", "[]", [](const Json* result, Json error) { ... });
+//   session.call("list_dbs", "[]", [](const JsonElement* result, JsonElement error) { ... });
 //
 // A server that says nothing is asked with "echo", and given up when it does not answer; while a
 // call is outstanding it has longer, as a server that works on a large transaction answers nothing.
@@ -48,10 +48,10 @@ class Session {
     // are forgotten: their handlers are not called.
     virtual void onClosed(const std::string& reason) = 0;
     // A notification of the server. What throws ends the session, with what() as the reason.
-    virtual void onNotification(std::string_view method, Json params) = 0;
+    virtual void onNotification(std::string_view method, JsonElement params) = 0;
   };
   // `result` is null where the server answered with an error. Both last for the call.
-  using Reply = std::function<void(const Json* result, Json error)>;
+  using Reply = std::function<void(const JsonElement* result, JsonElement error)>;
 
   Session(boost::asio::io_context& context, Address address, TlsFiles tls, Observer& observer,
           SessionTimes times = {});

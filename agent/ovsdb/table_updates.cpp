@@ -6,14 +6,14 @@ namespace {
 using simdjson::dom::object;
 using Take = std::function<void(const RowChange&)>;
 
-object objectOf(Json value) {
+object objectOf(JsonElement value) {
   object members;
   if (value.get(members)) throw ProtocolError("an object is expected in an update");
   return members;
 }
 
-std::optional<Json> memberOf(object members, std::string_view name) {
-  Json value;
+std::optional<JsonElement> memberOf(object members, std::string_view name) {
+  JsonElement value;
   return members[name].get(value) ? std::nullopt : std::optional(value);
 }
 
@@ -47,11 +47,11 @@ void readDifferences(std::string_view table, const Uuid& uuid, object update, co
 
 }  // namespace
 
-std::optional<Json> RowChange::find(std::string_view column) const {
+std::optional<JsonElement> RowChange::find(std::string_view column) const {
   return columns ? memberOf(*columns, column) : std::nullopt;
 }
 
-void forEachRow(Json updates, UpdateForm form, const Take& take) {
+void forEachRow(JsonElement updates, UpdateForm form, const Take& take) {
   for (const auto table : objectOf(updates)) {
     for (const auto row : objectOf(table.value)) {
       const auto uuid = Uuid::parse(row.key);

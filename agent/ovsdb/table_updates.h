@@ -38,7 +38,7 @@ struct RowChange {
 
   bool isNew() const { return kind == Kind::kInsert; }
   // The value of a column, or nothing where it is not named.
-  std::optional<Json> find(std::string_view column) const;
+  std::optional<JsonElement> find(std::string_view column) const;
 };
 
 enum class UpdateForm : uint8_t {
@@ -47,7 +47,8 @@ enum class UpdateForm : uint8_t {
 };
 
 // Calls `take` for each row, table by table. Throws ProtocolError.
-void forEachRow(Json updates, UpdateForm form, const std::function<void(const RowChange&)>& take);
+void forEachRow(JsonElement updates, UpdateForm form,
+                const std::function<void(const RowChange&)>& take);
 
 // Applies a column to a set of atoms, which `read` makes of JSON. Does nothing where the change
 // does not name it. Returns whether it does.
@@ -58,7 +59,7 @@ bool applySet(const RowChange& change, const char* column, std::set<Element>& ta
   if (!value) return false;
   const bool isDifference = change.kind == RowChange::Kind::kModify;
   if (!isDifference) target.clear();
-  forEachElement(*value, [&](Json atom) {
+  forEachElement(*value, [&](JsonElement atom) {
     const Element element(read(atom));
     if (!target.insert(element).second && isDifference) target.erase(element);
   });
@@ -87,7 +88,7 @@ bool applyMap(const RowChange& change, const char* column, Map& target, const Re
     return true;
   };
   if (change.kind == RowChange::Kind::kModify) {
-    forEachPair(*value, [&](Json keyJson, Json valueJson) {
+    forEachPair(*value, [&](JsonElement keyJson, JsonElement valueJson) {
       const Key key(readKey(keyJson));
       const Value now(readValue(valueJson));
       if (set(key, now)) return;
@@ -98,7 +99,7 @@ bool applyMap(const RowChange& change, const char* column, Map& target, const Re
     return true;
   }
   Map whole;
-  forEachPair(*value, [&](Json keyJson, Json valueJson) {
+  forEachPair(*value, [&](JsonElement keyJson, JsonElement valueJson) {
     whole.insert_or_assign(Key(readKey(keyJson)), Value(readValue(valueJson)));
   });
   std::swap(target, whole);

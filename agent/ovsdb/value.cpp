@@ -24,7 +24,7 @@ constexpr auto kDigitOf = [] {
 }();
 
 // X of [tag, X].
-std::optional<Json> tagged(Json value, std::string_view tag) {
+std::optional<JsonElement> tagged(JsonElement value, std::string_view tag) {
   simdjson::dom::array pair;
   std::string_view first;
   if (value.get(pair) || pair.size() != 2) return std::nullopt;
@@ -33,7 +33,7 @@ std::optional<Json> tagged(Json value, std::string_view tag) {
   return *++at;
 }
 
-ProtocolError unexpected(const char* what, Json value) {
+ProtocolError unexpected(const char* what, JsonElement value) {
   return ProtocolError(std::string(what) + " is expected in place of " +
                        simdjson::minify(value).substr(0, 80));
 }
@@ -56,7 +56,7 @@ std::optional<Uuid> Uuid::parse(std::string_view text) {
   return uuid;
 }
 
-Uuid Uuid::of(Json value) {
+Uuid Uuid::of(JsonElement value) {
   std::string_view text;
   if (const auto tail = tagged(value, "uuid"); tail && !tail->get(text)) {
     if (const auto uuid = parse(text)) return *uuid;
@@ -83,7 +83,7 @@ void Uuid::appendTo(std::string& json) const {
   json += "\"]";
 }
 
-void forEachElement(Json set, const std::function<void(Json)>& take) {
+void forEachElement(JsonElement set, const std::function<void(JsonElement)>& take) {
   const auto tail = tagged(set, "set");
   if (!tail) {
     take(set);
@@ -91,29 +91,30 @@ void forEachElement(Json set, const std::function<void(Json)>& take) {
   }
   simdjson::dom::array elements;
   if (tail->get(elements)) throw ProtocolError("a set without its elements");
-  for (const Json element : elements) take(element);
+  for (const JsonElement element : elements) take(element);
 }
 
-void forEachPair(Json map, const std::function<void(Json key, Json value)>& take) {
+void forEachPair(JsonElement map,
+                 const std::function<void(JsonElement key, JsonElement value)>& take) {
   const auto tail = tagged(map, "map");
   simdjson::dom::array pairs;
   if (!tail || tail->get(pairs)) throw unexpected("a map", map);
-  for (const Json one : pairs) {
+  for (const JsonElement one : pairs) {
     simdjson::dom::array pair;
     if (one.get(pair) || pair.size() != 2) throw ProtocolError("a map with an incomplete pair");
     auto at = pair.begin();
-    const Json key = *at;
+    const JsonElement key = *at;
     take(key, *++at);
   }
 }
 
-std::string_view textOf(Json atom) {
+std::string_view textOf(JsonElement atom) {
   std::string_view text;
   if (atom.get(text)) throw unexpected("a string", atom);
   return text;
 }
 
-int64_t integerOf(Json atom) {
+int64_t integerOf(JsonElement atom) {
   int64_t number = 0;
   if (atom.get(number)) throw unexpected("an integer", atom);
   return number;

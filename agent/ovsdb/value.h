@@ -20,7 +20,7 @@
 namespace vnagent::ovsdb {
 
 // A value of a message; lasts as long as the message.
-using Json = simdjson::dom::element;
+using JsonElement = simdjson::dom::element;
 
 // The server sent what the protocol does not know.
 class ProtocolError : public std::runtime_error {
@@ -35,7 +35,7 @@ struct Uuid {
   // Nothing for other text than 8-4-4-4-12 hexadecimal digits.
   static std::optional<Uuid> parse(std::string_view text);
   // Of ["uuid", TEXT].
-  static Uuid of(Json value);
+  static Uuid of(JsonElement value);
 
   std::string text() const;
   // Appends ["uuid", TEXT].
@@ -45,14 +45,15 @@ struct Uuid {
 };
 
 // Calls `take` for each element of a set; an atom is a set of one.
-void forEachElement(Json set, const std::function<void(Json)>& take);
+void forEachElement(JsonElement set, const std::function<void(JsonElement)>& take);
 
 // Calls `take` for each pair of a map.
-void forEachPair(Json map, const std::function<void(Json key, Json value)>& take);
+void forEachPair(JsonElement map,
+                 const std::function<void(JsonElement key, JsonElement value)>& take);
 
 // Atoms.
-std::string_view textOf(Json atom);
-int64_t integerOf(Json atom);
+std::string_view textOf(JsonElement atom);
+int64_t integerOf(JsonElement atom);
 
 }  // namespace vnagent::ovsdb
 

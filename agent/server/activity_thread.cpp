@@ -7,15 +7,12 @@
 
 #include <boost/asio/post.hpp>
 
+#include "agent/server/steady_time.h"
+
 namespace vnagent {
 namespace {
 
 constexpr std::chrono::seconds kBeat{1};
-
-int64_t steadyNanoseconds() {
-  const auto now = std::chrono::steady_clock::now().time_since_epoch();
-  return std::chrono::duration_cast<std::chrono::nanoseconds>(now).count();
-}
 
 }  // namespace
 

@@ -8,6 +8,8 @@
 #include <boost/asio/error.hpp>
 #include <boost/asio/post.hpp>
 
+#include "agent/server/steady_time.h"
+
 namespace vnagent {
 namespace {
 
@@ -18,11 +20,6 @@ constexpr size_t kMaxAhead = 65536;
 // Buffers that are handed to the socket at once.
 constexpr size_t kMaxBuffers = 16;
 constexpr int64_t kNever = std::numeric_limits<int64_t>::max();
-
-int64_t steadyNanoseconds() {
-  const auto now = std::chrono::steady_clock::now().time_since_epoch();
-  return std::chrono::duration_cast<std::chrono::nanoseconds>(now).count();
-}
 
 std::shared_ptr<const std::string> shared(std::string text) {
   return std::make_shared<const std::string>(std::move(text));

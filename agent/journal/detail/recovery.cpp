@@ -11,10 +11,6 @@
 namespace vnagent::detail {
 namespace {
 
-[[noreturn]] void damaged(const std::string& text) {
-  throw JournalError(JournalError::Kind::kDamaged, text);
-}
-
 // Of the history's events and patches, so much of the newest is held in memory.
 constexpr size_t kHistoryBytes = size_t{4} << 20;
 
@@ -69,7 +65,7 @@ class Recovery {
     RecordReader reader(database_, "WHERE sequence > ? ORDER BY sequence");
     reader.bind(snapshot.sequence);
     while (reader.next()) {
-      if (const auto fault = succession.next(reader.record())) damaged(*fault);
+      if (const auto fault = succession.next(reader.record())) throwDamaged(*fault);
       recovered_.records.push_back(reader.take());
     }
   }
@@ -89,7 +85,7 @@ class Recovery {
                         RecordReader::Extent::kSmall);
     reader.bind(historyBegin_, snapshot.sequence);
     while (reader.next()) {
-      if (const auto fault = succession.next(reader.record())) damaged(*fault);
+      if (const auto fault = succession.next(reader.record())) throwDamaged(*fault);
       recovered_.history.push_back(reader.take());
       bytes += bytesOf(recovered_.history.back());
       for (; bytes > kHistoryBytes; ++stripped) {
@@ -101,8 +97,8 @@ class Recovery {
                          recovered_.history.back().sequence == snapshot.sequence &&
                          recovered_.history.back().check == snapshot.check;
     if (!isWhole) {
-      damaged("the snapshot of " + recordName(snapshot.sequence, snapshot.revision) +
-              " does not belong to the records before it");
+      throwDamaged("the snapshot of " + recordName(snapshot.sequence, snapshot.revision) +
+                   " does not belong to the records before it");
     }
   }
 
@@ -144,13 +140,13 @@ class Recovery {
   void checkEnd(uint64_t sequence, const std::string& check) const {
     if (!mark_) return;
     if (mark_->sequence > sequence) {
-      damaged(recordName(mark_->sequence, mark_->revision) +
-              " was acknowledged and is missing; the last one is record " +
-              std::to_string(sequence));
+      throwDamaged(recordName(mark_->sequence, mark_->revision) +
+                   " was acknowledged and is missing; the last one is record " +
+                   std::to_string(sequence));
     }
     if (mark_->sequence == sequence && mark_->check != check) {
-      damaged(recordName(mark_->sequence, mark_->revision) +
-              " is not the one that was acknowledged");
+      throwDamaged(recordName(mark_->sequence, mark_->revision) +
+                   " is not the one that was acknowledged");
     }
   }
 

@@ -43,10 +43,6 @@ constexpr std::array kTables = {
     "CREATE INDEX part_of ON snapshot_part(snapshot)",
 };
 
-[[noreturn]] void damaged(const std::string& text) {
-  throw JournalError(JournalError::Kind::kDamaged, text);
-}
-
 std::string nameOf(uint64_t sequence, uint64_t revision) {
   return "record " + std::to_string(sequence) + " (revision " + std::to_string(revision) + ")";
 }
@@ -149,7 +145,7 @@ void checkFormat(const Database& database) {
   Statement query = database.prepare("SELECT count(*) FROM sqlite_master WHERE sql = ?");
   for (const std::string_view table : kTables) {
     if (!query.bind(table).step() || query.integer(0) != 1) {
-      damaged("the definitions of the tables are malformed");
+      throwDamaged("the definitions of the tables are malformed");
     }
   }
 }
@@ -158,7 +154,7 @@ std::string instanceOf(const Database& database) {
   const std::string_view name = "instance";
   Statement query = database.prepare("SELECT value, checksum FROM meta WHERE name = ?");
   if (!query.bind(name).step() || checksum(name, query.text(0)) != query.unsignedInteger(1)) {
-    damaged("the UUID of the instance is missing or wrong");
+    throwDamaged("the UUID of the instance is missing or wrong");
   }
   return query.string(0);
 }
@@ -202,21 +198,23 @@ bool RecordReader::next() {
   const uint64_t bytes = statement_.unsignedInteger(11);
   const uint64_t large = statement_.unsignedInteger(12);
   if (smallChecksum(r, kind, bytes, large) != statement_.unsignedInteger(13)) {
-    damaged(nameOf(r.sequence, r.revision) + " has a wrong checksum");
+    throwDamaged(nameOf(r.sequence, r.revision) + " has a wrong checksum");
   }
   r.kind = static_cast<Record::Kind>(kind);
   r.onDisk = extent_ == Extent::kSmall && bytes > kLargeBytes;
   if (r.onDisk) return true;
   readLarge();
   if (largeChecksum(r, joined(r.drawn)) != large) {
-    damaged(nameOf(r.sequence, r.revision) + " has a wrong checksum of its event or its patches");
+    throwDamaged(nameOf(r.sequence, r.revision) +
+                 " has a wrong checksum of its event or its patches");
   }
   return true;
 }
 
 void RecordReader::readLarge() {
   Record& r = record_;
-  if (!large_->bind(r.sequence).step()) damaged(nameOf(r.sequence, r.revision) + " is not whole");
+  if (!large_->bind(r.sequence).step())
+    throwDamaged(nameOf(r.sequence, r.revision) + " is not whole");
   r.drawn = split(large_->text(0));
   r.event = large_->string(1);
   r.output = large_->string(2);
@@ -302,7 +300,7 @@ std::vector<Record> readReplies(const Database& database) {
     r.status = static_cast<unsigned>(query.unsignedInteger(6));
     r.reply = query.string(7);
     if (replyChecksum(r) != query.unsignedInteger(8)) {
-      damaged("the reply of " + nameOf(r.sequence, r.revision) + " has a wrong checksum");
+      throwDamaged("the reply of " + nameOf(r.sequence, r.revision) + " has a wrong checksum");
     }
   }
   return replies;
@@ -324,7 +322,7 @@ std::vector<SnapshotHead> readSnapshotHeads(const Database& database) {
     for (int i = 0; i < 3; ++i) h.sizes[i] = query.unsignedInteger(4 + i);
     h.parts = query.unsignedInteger(7);
     if (headChecksum(h) != query.unsignedInteger(8)) {
-      damaged("the snapshot of " + nameOf(h.sequence, h.revision) + " has a wrong checksum");
+      throwDamaged("the snapshot of " + nameOf(h.sequence, h.revision) + " has a wrong checksum");
     }
   }
   return heads;
@@ -343,12 +341,12 @@ Snapshot readSnapshot(const Database& database, const SnapshotHead& head) {
   uint64_t parts = 0;
   while (query.step()) {
     const uint64_t member = query.unsignedInteger(0);
-    if (member >= members.size()) damaged(name + " has a wrong part");
+    if (member >= members.size()) throwDamaged(name + " has a wrong part");
     std::string& text = *members[member];
     if (text.empty()) text.reserve(std::min<uint64_t>(head.sizes[member], uint64_t{1} << 32));
     if (partChecksum(head.sequence, member, text.size(), query.text(1)) !=
         query.unsignedInteger(2)) {
-      damaged(name + " has a part with a wrong checksum");
+      throwDamaged(name + " has a part with a wrong checksum");
     }
     text += query.text(1);
     ++parts;
@@ -356,7 +354,7 @@ Snapshot readSnapshot(const Database& database, const SnapshotHead& head) {
   const bool isWhole = parts == head.parts && snapshot.cloud.size() == head.sizes[0] &&
                        snapshot.output.size() == head.sizes[1] &&
                        snapshot.state.size() == head.sizes[2];
-  if (!isWhole) damaged(name + " is not whole");
+  if (!isWhole) throwDamaged(name + " is not whole");
   return snapshot;
 }
 
