@@ -119,8 +119,9 @@ bench bench-quick:
 	packaging/install-build-dependencies libbenchmark-dev libabsl-dev libsigc++-2.0-dev
 	cmake --preset bench
 	cmake --build --preset bench --target openstacksm_bench vnagent
-	build/bench/bin/openstacksm_bench $(if $(filter bench-quick,$@),--quick) \
-	  --results=build/bench/results.json --vnagent=build/bench/bin/vnagent --filter='$(value FILTER)'
+	mkdir -p build/bench
+	build/release/bin/openstacksm_bench $(if $(filter bench-quick,$@),--quick) \
+	  --results=build/bench/results.json --vnagent=build/release/bin/vnagent --filter='$(value FILTER)'
 	bench/table.py $(if $(filter bench-quick,$@),--quick) $(if $(FILTER),--partial) \
 	  build/bench/results.json
 
@@ -131,7 +132,7 @@ bench-live bench-live-quick:
 	  etcd-server openvswitch-common
 	cmake --preset bench
 	cmake --build --preset bench --target vnagent live_client bare_server
-	bench/live/run.py build/bench/bin $(if $(filter bench-live-quick,$@),--quick) \
+	bench/live/run.py build/release/bin $(if $(filter bench-live-quick,$@),--quick) \
 	  --filter='$(value FILTER)' --results build/bench/live-results.json
 
 # The branches of framework, model and machines that their tests take: a table, and

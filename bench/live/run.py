@@ -405,11 +405,12 @@ def main() -> int:
                         help="only the targets in whose names this is found")
     parser.add_argument("--quick", action="store_true", help="shorter and fewer rounds")
     parser.add_argument("--folder", type=Path,
-                        help="on the disk to measure [beside the programs]")
+                        help="on the disk to measure [build/bench]")
     arguments = parser.parse_args()
     os.environ["PATH"] += os.pathsep + "/usr/sbin"
     programs = arguments.programs.resolve()
-    base = (arguments.folder or programs.parent).resolve()
+    base = (arguments.folder or HERE.parent.parent / "build/bench").resolve()
+    base.mkdir(parents=True, exist_ok=True)
     failed = False
     rows: list[Row] = []
     with tempfile.TemporaryDirectory(prefix="live-", dir=base) as folder, ExitStack() as stack:
