@@ -154,7 +154,7 @@ TEST(OvsdbUpdate, RefusesOtherForms) {
 TEST(OvsdbTransaction, HasTheFirstErrorOfItsOperations) {
   const auto errorOf = [](const char* result, const char* error) {
     simdjson::dom::parser ofResult, ofError;
-    const Json operations = ofResult.parse(std::string(result));
+    const JsonElement operations = ofResult.parse(std::string(result));
     return errorOfTransaction(operations.is_null() ? nullptr : &operations,
                               ofError.parse(std::string(error)));
   };
