@@ -51,11 +51,11 @@ class Database {
     replica_.reset();
   }
 
-  void take(vnagent::ovsdb::Json message) {
+  void take(vnagent::ovsdb::JsonElement message) {
     std::string_view method;
     simdjson::dom::array params;
     if (message["params"].get(params) || params.size() == 0) return;
-    vnagent::ovsdb::Json updates;
+    vnagent::ovsdb::JsonElement updates;
     if (message["method"].get(method) || params.at(params.size() - 1).get(updates)) return;
     using vnagent::ovsdb::UpdateForm;
     const auto form = method == "update" ? UpdateForm::kOldAndNew : UpdateForm::kDifferences;
@@ -96,7 +96,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   Database database;
   for (const std::string& object : whole.objects) {
     simdjson::dom::parser parser;
-    vnagent::ovsdb::Json message;
+    vnagent::ovsdb::JsonElement message;
     if (!parser.parse(object).get(message)) database.take(message);
   }
   return 0;
