@@ -428,6 +428,10 @@ class Client:
             if refused.status != 412:
                 raise
 
+    def sync_status(self) -> Document:
+        """Who holds the region's lock, for how long, and what the agent knows of its sync."""
+        return self.request("GET", self.sync_place).body
+
     def sync_call(self, call: str, request_id: str, body: Document | None = None,
                   timeout: float | None = None) -> Document:
         """One call of the sync protocol: lock, start, heartbeat, complete, unlock."""

@@ -184,13 +184,10 @@ class Publisher:
                 LOG.info("Agent %s takes changes only under the lock", self.agent.name)
                 self._needs_lock = True
         request_id = str(uuid.uuid4())
-        body = {"requester": sync.requester(), "requestId": request_id, "wait": 10}
         try:
-            self._client.sync_call("lock", request_id, body, self._client.timeout + 10)
-        except agent_client.Refused as refused:
-            if refused.status == 409:
-                raise patcher.LostRaces(f"agent {self.agent.name}: locked") from refused
-            raise
+            sync.take_lock(self._client, request_id, 10)
+        except sync.LockHeld as held:
+            raise patcher.LostRaces(f"agent {self.agent.name}: locked by {held}") from held
         try:
             return self._patcher.apply_parts(work, {"Sync-Request-Id": request_id})
         finally:

@@ -87,6 +87,63 @@ def requester() -> str:
     return f"{socket.gethostname()}:{os.getpid()}"
 
 
+def take_lock(client: agent_client.Client, request_id: str, wait: float) -> agent_client.Document:
+    """Takes the lock of the agent's region, which is made where there is none, and returns the
+    region's status. A lock that nobody is going to free is taken over. Raises LockHeld. One thread
+    of a process at a time, for each agent."""
+    body = {"requester": requester(), "requestId": request_id, "wait": wait}
+    timeout = client.timeout + wait
+    try:
+        return client.sync_call("lock", request_id, body, timeout)
+    except agent_client.Refused as refused:
+        if refused.status == 404:
+            client.create_region()
+        elif refused.status != 409:
+            raise
+        elif not _free_left_over(client, refused.problem.get("holder") or {}):
+            raise _held(refused) from refused
+    try:
+        return client.sync_call("lock", request_id, body, timeout)
+    except agent_client.Refused as refused:
+        if refused.status != 409:
+            raise
+        raise _held(refused) from refused
+
+
+def _held(refused: agent_client.Refused) -> LockHeld:
+    holder = refused.problem.get("holder") or {}
+    return LockHeld(str(holder.get("owner", "")))
+
+
+def _free_left_over(client: agent_client.Client, holder: agent_client.Document) -> bool:
+    """Frees a lock whose holder is gone; returns whether it is worth another try.
+
+    The agent frees the lock of a sync that falls silent. One under which no sync was started has no
+    timer: it stays where the answer to the request for it, or to its release, was lost, or where
+    its process was killed in between. A process that asks for the lock holds none that it knows of,
+    and others hold it without a sync only while they send a change.
+    """
+    request_id = holder.get("requestId")
+    if not request_id:
+        return True
+    status = client.sync_status()
+    if status.get("requestId") != request_id:
+        return True
+    if status.get("expiresIn") is not None:
+        return False
+    held_for = float(status.get("heldFor") or 0)
+    if holder.get("owner") != requester() and held_for <= float(status.get("timeout") or 60):
+        return False
+    LOG.warning("The lock of %s is taken over: %s has held it for %.0f seconds without a sync",
+                client.region, holder.get("owner"), held_for)
+    try:
+        client.sync_call("unlock", request_id)
+    except agent_client.Refused as refused:
+        if refused.status != 409:
+            raise
+    return True
+
+
 class _Heart:
     """Heartbeats on a connection of their own while a sync is under way."""
 
@@ -147,19 +204,7 @@ class FullSync:
 
     def lock(self, wait: float) -> float:
         """Takes the region's lock; the sync's timeout in seconds. Raises LockHeld."""
-        body = {"requester": requester(), "requestId": self._request_id, "wait": wait}
-        timeout = self._client.timeout + wait
-        try:
-            status = self._client.sync_call("lock", self._request_id, body, timeout)
-        except agent_client.Refused as refused:
-            if refused.status == 404:
-                self._client.create_region()
-                status = self._client.sync_call("lock", self._request_id, body, timeout)
-            elif refused.status == 409:
-                holder = refused.problem.get("holder") or {}
-                raise LockHeld(str(holder.get("owner", ""))) from refused
-            else:
-                raise
+        status = take_lock(self._client, self._request_id, wait)
         return float(status.get("timeout") or 60)
 
     def unlock(self) -> None:

@@ -228,12 +228,59 @@ class FullSyncTest(PublishingTestCase):
         self.assertEqual([("network", "stranger")], list(self.sync().look().differing))
         self.assertEqual(before, self.agent.revision())
 
-    def test_one_at_a_time(self):
+    def of_another_server(self):
+        return mock.patch.object(sync, "requester", return_value="another:1")
+
+    def test_one_server_at_a_time(self):
+        self.bind("p", "h1")
+        first = self.sync()
+        with self.of_another_server():
+            first.lock(0)
+        with self.assertRaises(sync.LockHeld) as held:
+            self.sync().lock(0)
+        self.assertEqual("another:1", str(held.exception))
+        first.unlock()
+        self.run_one()
+
+    def test_a_lock_whose_answer_was_lost_is_taken_over_by_the_same_process(self):
+        self.bind("p", "h1")
+        real = agent_client.Client.sync_call
+
+        def lose_answer(client, call, *arguments):
+            real(client, call, *arguments)
+            raise agent_client.NoAnswer("cut off")
+
+        with mock.patch.object(agent_client.Client, "sync_call", lose_answer):
+            # The region is made by the first request, which is refused.
+            self.assertRaises(agent_client.NoAnswer, self.sync().lock, 0)
+        with self.assertLogs("networking_vnagent.sync", "WARNING") as logged:
+            self.run_one()
+        self.assertIn("taken over", logged.output[0])
+        self.assertEqual({"p": {"h1"}}, self.bound())
+
+    def test_a_lock_that_a_dead_server_left_is_taken_over_after_the_time_out(self):
+        self.bind("p", "h1")
+        with self.of_another_server():
+            self.sync().lock(0)
+        real = agent_client.Client.sync_status
+
+        def status(after):
+            return mock.patch.object(
+                agent_client.Client, "sync_status",
+                lambda client: (found := real(client)) | {"heldFor": found["timeout"] + after})
+
+        with status(-1):
+            self.assertRaises(sync.LockHeld, self.sync().lock, 0)
+        with status(1):
+            self.run_one()
+        self.assertEqual({"p": {"h1"}}, self.bound())
+
+    def test_the_lock_of_a_sync_under_way_is_left_to_the_agent(self):
         self.bind("p", "h1")
         first = self.sync()
         first.lock(0)
-        with self.assertRaises(sync.LockHeld):
-            self.sync().lock(0)
+        first._client.sync_call("start", first._request_id)
+        self.assertRaises(sync.LockHeld, self.sync().lock, 0)
         first.unlock()
         self.run_one()
 
