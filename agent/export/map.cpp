@@ -96,8 +96,9 @@ class MapReader {
   }
 
   std::vector<SwitchPortName> readPlaces(const JsonValue& array) const {
-    if (array.kind != JsonValue::Kind::kArray)
+    if (array.kind != JsonValue::Kind::kArray) {
       fail(array, "an array of {\"switch\", \"port\"} is expected");
+    }
     std::vector<SwitchPortName> places;
     for (const JsonValue* one : array.all()) {
       if (!one->isObject()) fail(*one, "an object is expected");

@@ -81,22 +81,14 @@ class Recorder {
  private:
   static SessionSettings settings() { return {.changes = true}; }
 
-  template <class Write>
-  static std::string written(Write write) {
-    std::string text;
-    JsonWriter json(text, JsonWriter::Style::kOneLine);
-    write(json);
-    return text;
-  }
-
   Snapshot snapshot() const {
     Snapshot snapshot;
     snapshot.sequence = sequence_;
     snapshot.revision = revision_;
     snapshot.check = check_;
-    snapshot.cloud = written([&](JsonWriter& json) { writeCloud(session_->document(), json); });
-    snapshot.output = written([&](JsonWriter& json) { writeOutput(session_->output(), json); });
-    snapshot.state = written([&](JsonWriter& json) {
+    snapshot.cloud = jsonText([&](JsonWriter& json) { writeCloud(session_->document(), json); });
+    snapshot.output = jsonText([&](JsonWriter& json) { writeOutput(session_->output(), json); });
+    snapshot.state = jsonText([&](JsonWriter& json) {
       json.open('{').key("session").text(session_->state()).close('}');
     });
     return snapshot;
@@ -108,7 +100,7 @@ class Recorder {
     record->kind = kind;
     record->event = event;
     if (kind != Record::Kind::kRestart) {
-      record->output = written([&](JsonWriter& json) { writeOutput(change, json); });
+      record->output = jsonText([&](JsonWriter& json) { writeOutput(change, json); });
       if (record->output == "{}") record->output.clear();
     }
     const bool isChange = kind == Record::Kind::kPatch || !record->output.empty();

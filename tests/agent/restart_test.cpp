@@ -20,15 +20,8 @@ using ::testing::HasSubstr;
 
 constexpr double kNever = std::numeric_limits<double>::infinity();
 
-template <class Write>
-std::string written(Write write) {
-  std::string text;
-  JsonWriter writer(text, JsonWriter::Style::kOneLine);
-  write(writer);
-  return text;
-}
 std::string json(const OutputDocument& output) {
-  return written([&](JsonWriter& writer) { writeOutput(output, writer); });
+  return jsonText([&](JsonWriter& writer) { writeOutput(output, writer); });
 }
 
 class RestartTest : public ::testing::Test {
@@ -50,8 +43,8 @@ class RestartTest : public ::testing::Test {
 
   std::string shown() const { return json(session_->output()); }
   Texts texts() const {
-    return {written([&](JsonWriter& writer) { writeCloud(session_->document(), writer); }), shown(),
-            session_->state()};
+    return {jsonText([&](JsonWriter& writer) { writeCloud(session_->document(), writer); }),
+            shown(), session_->state()};
   }
 
   void begin() {

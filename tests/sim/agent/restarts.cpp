@@ -53,15 +53,8 @@ struct Stream {
   SourceEvent event(size_t step) const { return readers[step](lines[step]); }
 };
 
-template <class Write>
-std::string written(Write write) {
-  std::string text;
-  JsonWriter writer(text, JsonWriter::Style::kOneLine);
-  write(writer);
-  return text;
-}
 std::string written(const OutputDocument& output) {
-  return written([&](JsonWriter& writer) { writeOutput(output, writer); });
+  return jsonText([&](JsonWriter& writer) { writeOutput(output, writer); });
 }
 
 // All that can be seen of a session after a step.
@@ -105,7 +98,7 @@ class Agent {
     seen.outputBack = written(outcome.outputBefore);
     if (outcome.cloud == nullptr) return seen;
     const auto change = [&](Direction direction) {
-      return written([&](JsonWriter& writer) {
+      return jsonText([&](JsonWriter& writer) {
         writeChange(session_->document(), *outcome.cloud, writer, direction);
       });
     };
@@ -118,7 +111,7 @@ class Agent {
   Seen look() const {
     Seen seen;
     seen.time = clock_.now();
-    seen.cloud = written([&](JsonWriter& writer) { writeCloud(session_->document(), writer); });
+    seen.cloud = jsonText([&](JsonWriter& writer) { writeCloud(session_->document(), writer); });
     seen.output = written(session_->output());
     seen.state = session_->state();
     seen.uuids = uuids_;
